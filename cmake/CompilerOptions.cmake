@@ -1,0 +1,16 @@
+# Warnings and sanitizers shared by every target of the project.
+add_library(krtracker_options INTERFACE)
+target_compile_options(krtracker_options INTERFACE -Wall -Wextra -Wpedantic)
+
+if(KRTRACKER_SANITIZE STREQUAL "address")
+  set(_san -fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+elseif(KRTRACKER_SANITIZE STREQUAL "thread")
+  set(_san -fsanitize=thread -fno-omit-frame-pointer)
+elseif(NOT KRTRACKER_SANITIZE STREQUAL "")
+  message(FATAL_ERROR "KRTRACKER_SANITIZE must be empty, 'address' or 'thread'")
+endif()
+if(_san)
+  target_compile_options(krtracker_options INTERFACE ${_san})
+  target_link_options(krtracker_options INTERFACE ${_san})
+endif()
+install(TARGETS krtracker_options EXPORT krtrackerTargets)

@@ -1,0 +1,113 @@
+#pragma once
+// KR::Math functions over the value types of types.h, and conversions to Eigen.
+
+#include <tuple>
+
+#include <Eigen/Geometry>
+
+#include <kr/math/types.h>
+
+namespace KR {
+namespace Math {
+
+constexpr float kPi = 3.1415927f;
+constexpr float kPi2 = 1.5707964f;
+constexpr float k2Pi = 6.2831855f;
+
+// ---- transforms -------------------------------------------------------------------------
+
+/// Translation (x, y, z) and rotation Rz(wz) * Ry(wy) * Rx(wx).
+Transform transformFromPosition6D(const Position6D& p);
+/// Translation (x, y, 0) and rotation Rz(theta).
+Transform transformFromPose2D(const Pose2D& p);
+/// Pure translation.
+Transform transformFromPosition3D(const Position3D& p);
+/// Rotation part only.
+Transform transformFromRotation(const Rotation& r);
+
+/// Translation and roll, pitch, yaw of a transform (pitch in [-pi/2, pi/2]).
+Position6D position6DFromTransform(const Transform& t);
+Position3D position3DFromTransform(const Transform& t);
+/// Translation x, y and the yaw of a transform.
+Pose2D pose2DFromTransform(const Transform& t);
+Rotation rotationFromTransform(const Transform& t);
+Rotation3D rotation3DFromTransform(const Transform& t);
+Position6D position6DFromPose2D(const Pose2D& p);
+
+/// Inverse of a rigid transform (transposed rotation, rotated negated translation).
+Transform pinv(const Transform& t);
+inline Transform transformInverse(const Transform& t) { return pinv(t); }
+
+Rotation rotationFromRotX(float angle);
+Rotation rotationFromRotY(float angle);
+Rotation rotationFromRotZ(float angle);
+/// R = Rz(wz) * Ry(wy) * Rx(wx).
+Rotation rotationFromAngles(float wx, float wy, float wz);
+Rotation rotationFromRotation3D(const Rotation3D& r);
+
+// ---- distances --------------------------------------------------------------------------
+
+/// Euclidean distance of the translations only.
+float distance(const Position6D& a, const Position6D& b);
+float distance(const Position3D& a, const Position3D& b);
+/// sqrt of the sum of the squares of all six components, angles included.
+float norm(const Position6D& p);
+float norm(const Position3D& p);
+
+// ---- angles -----------------------------------------------------------------------------
+
+/// Clamps value into [min, max].
+inline void clipData(float min, float max, float& value) {
+  if (value < min) {
+    value = min;
+  } else if (value > max) {
+    value = max;
+  }
+}
+
+/// Wraps an angle into (-pi, pi].
+float modulo2PI(float angle);
+
+/// (distance, yaw = atan2(y, x), pitch = atan2(-z, hypot(x, y))): a positive pitch looks down.
+std::tuple<float, float, float> polar3DFromPosition3D(const Position3D& p);
+
+/// The angles with Ry(wy) * Rz(wz) turning the x axis onto d:
+/// wz = atan2(dy, hypot(dx, dz)), wy = atan2(-dz, dx).
+void oldComputePointAtAnglesWyWz(const Position3D& d, float& wy, float& wz);
+
+/// Head yaw and pitch that make the effector's x axis pass through the target, the effector's
+/// pose being Translation(headPosition) * Rz(yaw) * Ry(pitch) * neckToEffector. Exact for any
+/// fixed offset and tilt of the effector; the solution looking forward is chosen. Returns
+/// false, leaving yaw and pitch untouched, when no solution exists (target at the head
+/// position or inside the effector's offset).
+bool computeLookAtAngles(const Position3D& target, const Position3D& headPosition,
+                         const Transform& neckToEffector, float& yaw, float& pitch);
+
+namespace DSP {
+/// Dead band: when |value - stored| >= threshold, stored takes value and the result is true;
+/// otherwise stored is kept and the result is false. A threshold of 0 always takes the value.
+inline bool applyThreshold(float threshold, float value, float& stored) {
+  if (std::fabs(value - stored) >= threshold) {
+    stored = value;
+    return true;
+  }
+  return false;
+}
+}  // namespace DSP
+
+namespace Validation {
+/// True when 0 < f <= 1.
+inline bool isFractionStrict(float f) { return f > 0.0f && f <= 1.0f; }
+}  // namespace Validation
+
+// ---- Eigen ------------------------------------------------------------------------------
+
+inline Eigen::Vector3f toEigen(const Position3D& p) { return {p.x, p.y, p.z}; }
+inline Position3D fromEigen(const Eigen::Vector3f& v) { return {v.x(), v.y(), v.z()}; }
+Eigen::Isometry3f toEigen(const Transform& t);
+Transform fromEigen(const Eigen::Isometry3f& t);
+Eigen::Matrix3f toEigen(const Rotation& r);
+Rotation fromEigen(const Eigen::Matrix3f& m);
+
+}  // namespace Math
+}  // namespace KR

@@ -1,0 +1,20 @@
+#pragma once
+#include <memory>
+#include <string>
+
+#include <kr/model/robot.h>
+
+namespace KR {
+namespace Model {
+
+class ModelUtils {
+ public:
+  /// Parses a robot description (XML, see robots/README.md). A malformed description throws
+  /// KRError("ModelUtils", "robotFromXml", text naming what is wrong and where).
+  static std::unique_ptr<Robot> robotFromXml(const std::string& xml);
+  /// Reads and parses a file; errors also name the file.
+  static std::unique_ptr<Robot> robotFromFile(const std::string& path);
+};
+
+}  // namespace Model
+}  // namespace KR
