@@ -1,0 +1,117 @@
+#include "support/fake_module.h"
+
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+#include <kr/error.h>
+
+namespace krtest {
+
+void FakeModule::answer(const std::string& method, KR::KRValue result) {
+  answerWith(method, [result](const std::vector<KR::KRValue>&) { return result; });
+}
+
+void FakeModule::answerWith(const std::string& method,
+                            std::function<KR::KRValue(const std::vector<KR::KRValue>&)> fn) {
+  std::lock_guard<std::mutex> lock(fMutex);
+  fScripts[method] = std::move(fn);
+}
+
+void FakeModule::throwOn(const std::string& method, const std::string& message) {
+  answerWith(method, [message](const std::vector<KR::KRValue>&) -> KR::KRValue {
+    throw std::runtime_error(message);
+  });
+}
+
+void FakeModule::throwKRErrorOn(const std::string& method, const std::string& message) {
+  const std::string module = getName();
+  answerWith(method, [module, method, message](const std::vector<KR::KRValue>&) -> KR::KRValue {
+    throw KR::KRError(module, method, message);
+  });
+}
+
+void FakeModule::reset(const std::string& method) {
+  std::lock_guard<std::mutex> lock(fMutex);
+  if (method.empty()) {
+    fScripts.clear();
+  } else {
+    fScripts.erase(method);
+  }
+}
+
+KR::KRValue FakeModule::invoke(const std::string& method, const std::vector<KR::KRValue>& args) {
+  std::function<KR::KRValue(const std::vector<KR::KRValue>&)> script;
+  {
+    std::lock_guard<std::mutex> lock(fMutex);
+    auto it = fScripts.find(method);
+    if (it != fScripts.end()) script = it->second;
+  }
+  if (script) return script(args);
+  if (hasMethod(method)) return KR::KRModule::invoke(method, args);
+  return KR::KRValue();
+}
+
+std::string formatCall(const KR::KRCallRecord& r) {
+  std::ostringstream os;
+  if (r.posted) os << "post ";
+  os << r.module << "." << r.method << "(";
+  for (std::size_t i = 0; i < r.args.size(); ++i) {
+    if (i > 0) os << ", ";
+    os << r.args[i];
+  }
+  os << ")";
+  return os.str();
+}
+
+CallRecorder::CallRecorder(std::shared_ptr<KR::KRBroker> broker) : fBroker(std::move(broker)) {
+  fBroker->setCallObserver([this](const KR::KRCallRecord& r) {
+    std::lock_guard<std::mutex> lock(fMutex);
+    fRecords.push_back(r);
+  });
+}
+
+CallRecorder::~CallRecorder() { fBroker->setCallObserver(nullptr); }
+
+std::vector<std::string> CallRecorder::calls() const {
+  std::lock_guard<std::mutex> lock(fMutex);
+  std::vector<std::string> out;
+  out.reserve(fRecords.size());
+  for (const auto& r : fRecords) out.push_back(formatCall(r));
+  return out;
+}
+
+std::vector<std::string> CallRecorder::callsTo(const std::vector<std::string>& modules) const {
+  std::lock_guard<std::mutex> lock(fMutex);
+  std::vector<std::string> out;
+  for (const auto& r : fRecords) {
+    for (const auto& m : modules) {
+      if (r.module == m) {
+        out.push_back(formatCall(r));
+        break;
+      }
+    }
+  }
+  return out;
+}
+
+std::vector<KR::KRCallRecord> CallRecorder::records() const {
+  std::lock_guard<std::mutex> lock(fMutex);
+  return fRecords;
+}
+
+void CallRecorder::clear() {
+  std::lock_guard<std::mutex> lock(fMutex);
+  fRecords.clear();
+}
+
+std::string readRobotFile(const std::string& fileName) {
+  const std::string path = std::string(KRTRACKER_ROBOTS_DIR) + "/" + fileName;
+  std::ifstream in(path);
+  if (!in) throw std::runtime_error("cannot read robot file " + path);
+  std::ostringstream os;
+  os << in.rdbuf();
+  return os.str();
+}
+
+}  // namespace krtest
