@@ -1,0 +1,166 @@
+// Arm point-at angles: shoulder angles toward the target, elbow angles from the target seen
+// from the upper arm, and a wrist angle that keeps the hand level.
+//
+// Like the head functions, these run in control loops: no state, no allocation beyond growing
+// the caller's lists, no logging.
+
+#include <cmath>
+#include <mutex>
+#include <shared_mutex>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <kr/math/math.h>
+#include <kr/value/valueutils.h>
+
+#include <krtracker/config/krgenerictrackerconfig.h>
+#include <krtracker/tools/tools.h>
+
+namespace KR {
+namespace Tracker {
+namespace tools {
+
+namespace {
+
+constexpr float kDeadRadius = 0.001f;        // [m] target this close to the shoulder: arm at rest
+constexpr float kNearZero = 0.001f;          // [m] coordinates below this count as zero
+constexpr float kElbowYawWrap = 3.0787609f;  // [rad] 0.98 pi
+
+const std::string kLeftArm = "LArm";
+const std::string kRightArm = "RArm";
+
+// ARMS_THRESHOLD through the common getter. A stored value of the wrong kind is reported under
+// this computation's name rather than the getter's.
+float readArmsThreshold() {
+  try {
+    return getConfigFloatValue(ARMS_THRESHOLD);
+  } catch (const std::exception&) {
+    KRValue stored;
+    {
+      KRGenericTrackerConfig* config = getConfig();
+      std::shared_lock<std::shared_mutex> lock(config->fMutex);
+      const auto it = config->fValueMap.find(ARMS_THRESHOLD);
+      if (it != config->fValueMap.end()) {
+        stored = it->second;
+      }
+    }
+    return extractFloat(stored, "KRTracker.computePointAtAnglesWithThreshold", "KRValue");
+  }
+}
+
+}  // namespace
+
+void xComputePointAtAngles(const Math::Position3D& target, const Model::TrackerArm& arm, float& a1,
+                           float& a2, float& a3, float& a4, float& a5) {
+  const bool isLeft = arm.name == kLeftArm;
+  if (!isLeft && arm.name != kRightArm) {
+    throw std::runtime_error("Invalid effector name: " + arm.name);
+  }
+  a1 = a2 = a3 = a4 = a5 = 0.0f;
+
+  const Math::Position3D shoulderToTarget = target - arm.shoulderPosition;
+  if (shoulderToTarget.norm() < kDeadRadius) {
+    return;
+  }
+
+  // Shoulder: turn the upper arm toward the target.
+  Math::oldComputePointAtAnglesWyWz(shoulderToTarget, a1, a2);
+  Math::clipData(arm.joints[0].min, arm.joints[0].max, a1);
+  Math::clipData(arm.joints[1].min, arm.joints[1].max, a2);
+
+  // Elbow: the target seen from the end of the upper arm.
+  const Math::Transform shoulderToElbow =
+      Math::Transform::fromRotY(a1) * Math::Transform::fromRotZ(a2) * arm.armTransform;
+  Math::Position3D p = Math::position3DFromTransform(
+      Math::pinv(shoulderToElbow) * Math::transformFromPosition3D(shoulderToTarget));
+  if (std::fabs(p.x) < kNearZero) {
+    p.x = 0.0f;
+  }
+  if (std::fabs(p.y) < kNearZero) {
+    p.y = 0.0f;
+  }
+  if (std::fabs(p.z) < kNearZero) {
+    p.z = 0.0f;
+  }
+
+  a4 = std::atan2(p.y, p.x);
+  const float elbowYaw = std::atan2(p.z, p.y);
+  if (isLeft) {
+    // The left elbow yaw is mounted half a turn from the right one.
+    a3 = p.z >= 0.0f ? elbowYaw - Math::kPi : elbowYaw + Math::kPi;
+  } else {
+    a3 = elbowYaw;
+  }
+  if (a3 < -kElbowYawWrap) {
+    a3 += Math::kPi;
+  }
+  if (a3 > kElbowYawWrap) {
+    a3 -= Math::kPi;
+  }
+  Math::clipData(arm.joints[3].min, arm.joints[3].max, a4);
+  Math::clipData(arm.joints[2].min, arm.joints[2].max, a3);
+
+  xComputeWristFromElbowAngles(shoulderToElbow, a4, a3, a5);
+  Math::clipData(arm.joints[4].min, arm.joints[4].max, a5);
+}
+
+void xComputeWristFromElbowAngles(const Math::Transform& M, float a4, float a3, float& a5) {
+  const Math::Transform forearm = M * Math::Transform::fromRotZ(a4) * Math::Transform::fromRotX(a3);
+  const Math::Position3D xAxis(forearm.r1_c1, forearm.r2_c1, forearm.r3_c1);
+  const Math::Position3D zAxis(forearm.r1_c3, forearm.r2_c3, forearm.r3_c3);
+  const Math::Position3D up(0.0f, 0.0f, 1.0f);
+
+  if (xAxis.cross(up).norm() < kNearZero) {
+    a5 = 0.0f;  // forearm vertical: no level to keep
+    return;
+  }
+  // The vertical made perpendicular to the forearm, and the horizontal across it.
+  const Math::Position3D v = (up - xAxis * up.dot(xAxis)).normalize();
+  const Math::Position3D w = xAxis.cross(v);
+  a5 = -std::atan2(zAxis.dot(w), zAxis.dot(v));
+}
+
+void computePointAtAngles(const Math::Position3D& target, const Model::TrackerArm& arm,
+                          std::vector<std::string>& names, std::vector<float>& angles) {
+  float a[5];
+  xComputePointAtAngles(target, arm, a[0], a[1], a[2], a[3], a[4]);
+  for (int i = 0; i < 4; ++i) {
+    names.push_back(arm.joints[i].name);
+    angles.push_back(a[i]);
+  }
+  if (!arm.joints[4].name.empty()) {
+    names.push_back(arm.joints[4].name);
+    angles.push_back(a[4]);
+  }
+}
+
+bool applyThreshold(float threshold, float a1, float a2, float a3, float a4, float a5,
+                    const Model::TrackerArm& arm, Model::TrackerArmAngle& remembered,
+                    std::vector<std::string>& names, std::vector<float>& angles) {
+  const float computed[5] = {a1, a2, a3, a4, a5};
+  const int jointCount = arm.joints[4].name.empty() ? 4 : 5;
+  bool changed = false;
+  for (int i = 0; i < jointCount; ++i) {
+    if (Math::DSP::applyThreshold(threshold, computed[i], remembered.angles[i])) {
+      changed = true;
+    }
+    names.push_back(arm.joints[i].name);
+    angles.push_back(remembered.angles[i]);
+  }
+  return changed;
+}
+
+bool computePointAtAnglesWithThreshold(const Math::Position3D& target, const Model::TrackerArm& arm,
+                                       Model::TrackerArmAngle& remembered,
+                                       std::vector<std::string>& names,
+                                       std::vector<float>& angles) {
+  float a[5];
+  xComputePointAtAngles(target, arm, a[0], a[1], a[2], a[3], a[4]);
+  const float threshold = readArmsThreshold();
+  return applyThreshold(threshold, a[0], a[1], a[2], a[3], a[4], arm, remembered, names, angles);
+}
+
+}  // namespace tools
+}  // namespace Tracker
+}  // namespace KR
