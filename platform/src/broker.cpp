@@ -8,11 +8,11 @@
 namespace KR {
 
 namespace detail {
-void throwArgumentCount(const std::string& module, const std::string& method,
-                        std::size_t expected, std::size_t given) {
-  throw KRError(module, method,
-                "expects " + std::to_string(expected) + " argument(s), got " +
-                    std::to_string(given));
+void throwArgumentCount(const std::string& module, const std::string& method, std::size_t expected,
+                        std::size_t given) {
+  throw KRError(
+      module, method,
+      "expects " + std::to_string(expected) + " argument(s), got " + std::to_string(given));
 }
 }  // namespace detail
 
@@ -34,7 +34,8 @@ std::vector<std::string> KRModule::getMethodList() const {
   {
     std::shared_lock<std::shared_mutex> lock(fMethodsMutex);
     names.reserve(fMethods.size());
-    for (const auto& entry : fMethods) names.push_back(entry.first);
+    for (const auto& entry : fMethods)
+      names.push_back(entry.first);
   }
   std::sort(names.begin(), names.end());
   return names;
@@ -45,9 +46,11 @@ KRValue KRModule::invoke(const std::string& method, const std::vector<KRValue>& 
   {
     std::shared_lock<std::shared_mutex> lock(fMethodsMutex);
     auto it = fMethods.find(method);
-    if (it != fMethods.end()) m = it->second;
+    if (it != fMethods.end())
+      m = it->second;
   }
-  if (!m) throw KRError(fName, method, "unknown method \"" + method + "\" of module " + fName);
+  if (!m)
+    throw KRError(fName, method, "unknown method \"" + method + "\" of module " + fName);
   // The lock is released before the method runs: a method may call back into its module.
   return (*m)(args);
 }
@@ -66,8 +69,10 @@ KRValue KRProxy::callValues(const std::string& method, const std::vector<KRValue
 
 void KRProxy::postValues(const std::string& method, std::vector<KRValue> args) {
   std::shared_ptr<KRBroker> broker = fBroker.lock();
-  if (!broker) throw KRError(fModule->getName(), method, "the broker is gone");
-  if (broker->hasObserver()) broker->notifyCall(fModule->getName(), method, args, true);
+  if (!broker)
+    throw KRError(fModule->getName(), method, "the broker is gone");
+  if (broker->hasObserver())
+    broker->notifyCall(fModule->getName(), method, args, true);
   broker->post(fModule, method, std::move(args));
 }
 
@@ -95,7 +100,8 @@ KRBroker::~KRBroker() {
 }
 
 void KRBroker::addModule(std::shared_ptr<KRModule> module) {
-  if (!module) throw KRError("KRBroker", "addModule", "null module");
+  if (!module)
+    throw KRError("KRBroker", "addModule", "null module");
   std::unique_lock<std::shared_mutex> lock(fModulesMutex);
   const std::string& name = module->getName();
   if (fModules.count(name) != 0) {
@@ -108,7 +114,8 @@ bool KRBroker::removeModule(const std::string& name) {
   std::shared_ptr<KRModule> removed;  // destroyed after the lock is released
   std::unique_lock<std::shared_mutex> lock(fModulesMutex);
   auto it = fModules.find(name);
-  if (it == fModules.end()) return false;
+  if (it == fModules.end())
+    return false;
   removed = std::move(it->second);
   fModules.erase(it);
   return true;
@@ -123,7 +130,8 @@ std::vector<std::string> KRBroker::getModuleNames() const {
   std::vector<std::string> names;
   {
     std::shared_lock<std::shared_mutex> lock(fModulesMutex);
-    for (const auto& entry : fModules) names.push_back(entry.first);
+    for (const auto& entry : fModules)
+      names.push_back(entry.first);
   }
   std::sort(names.begin(), names.end());
   return names;
@@ -160,16 +168,19 @@ void KRBroker::notifyCall(const std::string& module, const std::string& method,
     std::lock_guard<std::mutex> lock(fObserverMutex);
     observer = fObserver;
   }
-  if (observer) (*observer)(KRCallRecord{module, method, args, posted});
+  if (observer)
+    (*observer)(KRCallRecord{module, method, args, posted});
 }
 
 void KRBroker::post(std::shared_ptr<KRModule> module, std::string method,
                     std::vector<KRValue> args) {
   {
     std::lock_guard<std::mutex> lock(fQueueMutex);
-    if (fStopping) throw KRError("KRBroker", "post", "the broker is shutting down");
+    if (fStopping)
+      throw KRError("KRBroker", "post", "the broker is shutting down");
     fQueue.push_back(Posted{std::move(module), std::move(method), std::move(args)});
-    if (!fWorker.joinable()) fWorker = std::thread([this] { workerLoop(); });
+    if (!fWorker.joinable())
+      fWorker = std::thread([this] { workerLoop(); });
   }
   fQueueCv.notify_one();
 }
@@ -178,7 +189,8 @@ void KRBroker::workerLoop() {
   std::unique_lock<std::mutex> lock(fQueueMutex);
   for (;;) {
     fQueueCv.wait(lock, [this] { return fStopping || !fQueue.empty(); });
-    if (fQueue.empty()) return;  // stopping, and everything posted has run
+    if (fQueue.empty())
+      return;  // stopping, and everything posted has run
     Posted p = std::move(fQueue.front());
     fQueue.pop_front();
     ++fRunning;
@@ -193,7 +205,8 @@ void KRBroker::workerLoop() {
     p = Posted{};  // release the module before taking the lock again
     lock.lock();
     --fRunning;
-    if (fQueue.empty() && fRunning == 0) fIdleCv.notify_all();
+    if (fQueue.empty() && fRunning == 0)
+      fIdleCv.notify_all();
   }
 }
 
@@ -208,7 +221,8 @@ void KRBroker::shutdown() {
     fStopping = true;
   }
   fQueueCv.notify_all();
-  if (fWorker.joinable() && fWorker.get_id() != std::this_thread::get_id()) fWorker.join();
+  if (fWorker.joinable() && fWorker.get_id() != std::this_thread::get_id())
+    fWorker.join();
   std::unordered_map<std::string, std::shared_ptr<KRModule>> modules;
   {
     std::unique_lock<std::shared_mutex> lock(fModulesMutex);

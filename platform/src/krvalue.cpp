@@ -12,14 +12,15 @@ template <class T>
 KRValue::Array toArray(const std::vector<T>& v) {
   KRValue::Array a;
   a.reserve(v.size());
-  for (const T& e : v) a.emplace_back(e);
+  for (const T& e : v)
+    a.emplace_back(e);
   return a;
 }
 
 [[noreturn]] void throwKind(const char* accessor, const char* wanted, const KRValue& v) {
-  throw KRError("KRValue", accessor,
-                std::string("value is not ") + wanted + ", it is " + v.typeName() + ": " +
-                    v.toString());
+  throw KRError(
+      "KRValue", accessor,
+      std::string("value is not ") + wanted + ", it is " + v.typeName() + ": " + v.toString());
 }
 }  // namespace
 
@@ -53,9 +54,9 @@ std::size_t KRValue::size() const noexcept {
 const KRValue& KRValue::operator[](std::size_t i) const {
   const Array& a = asArray();
   if (i >= a.size()) {
-    throw KRError("KRValue", "operator[]",
-                  "index " + std::to_string(i) + " out of range for an array of " +
-                      std::to_string(a.size()));
+    throw KRError(
+        "KRValue", "operator[]",
+        "index " + std::to_string(i) + " out of range for an array of " + std::to_string(a.size()));
   }
   return a[i];
 }
@@ -63,41 +64,48 @@ const KRValue& KRValue::operator[](std::size_t i) const {
 KRValue& KRValue::operator[](std::size_t i) {
   Array& a = asArray();
   if (i >= a.size()) {
-    throw KRError("KRValue", "operator[]",
-                  "index " + std::to_string(i) + " out of range for an array of " +
-                      std::to_string(a.size()));
+    throw KRError(
+        "KRValue", "operator[]",
+        "index " + std::to_string(i) + " out of range for an array of " + std::to_string(a.size()));
   }
   return a[i];
 }
 
 bool KRValue::asBool() const {
-  if (const bool* b = std::get_if<bool>(&fData)) return *b;
+  if (const bool* b = std::get_if<bool>(&fData))
+    return *b;
   throwKind("asBool", "a bool", *this);
 }
 
 int KRValue::asInt() const {
-  if (const int* i = std::get_if<int>(&fData)) return *i;
+  if (const int* i = std::get_if<int>(&fData))
+    return *i;
   throwKind("asInt", "an int", *this);
 }
 
 float KRValue::asFloat() const {
-  if (const float* f = std::get_if<float>(&fData)) return *f;
-  if (const int* i = std::get_if<int>(&fData)) return static_cast<float>(*i);
+  if (const float* f = std::get_if<float>(&fData))
+    return *f;
+  if (const int* i = std::get_if<int>(&fData))
+    return static_cast<float>(*i);
   throwKind("asFloat", "a float", *this);
 }
 
 const std::string& KRValue::asString() const {
-  if (const std::string* s = std::get_if<std::string>(&fData)) return *s;
+  if (const std::string* s = std::get_if<std::string>(&fData))
+    return *s;
   throwKind("asString", "a string", *this);
 }
 
 const KRValue::Array& KRValue::asArray() const {
-  if (const Array* a = std::get_if<Array>(&fData)) return *a;
+  if (const Array* a = std::get_if<Array>(&fData))
+    return *a;
   throwKind("asArray", "an array", *this);
 }
 
 KRValue::Array& KRValue::asArray() {
-  if (Array* a = std::get_if<Array>(&fData)) return *a;
+  if (Array* a = std::get_if<Array>(&fData))
+    return *a;
   throwKind("asArray", "an array", *this);
 }
 
@@ -117,7 +125,8 @@ std::ostream& operator<<(std::ostream& os, const KRValue& v) {
       os << '[';
       bool first = true;
       for (const KRValue& e : std::get<KRValue::Array>(v.fData)) {
-        if (!first) os << ", ";
+        if (!first)
+          os << ", ";
         first = false;
         os << e;
       }

@@ -14,8 +14,9 @@ namespace {
 // Writes through spdlog to standard error: "[time] [level] category: location: text".
 class SpdlogSink : public Sink {
  public:
-  SpdlogSink() : fLogger(std::make_shared<spdlog::logger>(
-                     "ko", std::make_shared<spdlog::sinks::stderr_color_sink_mt>())) {
+  SpdlogSink()
+      : fLogger(std::make_shared<spdlog::logger>(
+            "ko", std::make_shared<spdlog::sinks::stderr_color_sink_mt>())) {
     fLogger->set_pattern("[%H:%M:%S.%e] [%^%l%$] %v");
     fLogger->set_level(spdlog::level::trace);
   }
@@ -95,7 +96,8 @@ std::vector<Record> CaptureSink::records(const std::string& category) const {
   std::lock_guard<std::mutex> lock(fMutex);
   std::vector<Record> out;
   for (const Record& r : fRecords) {
-    if (r.category == category) out.push_back(r);
+    if (r.category == category)
+      out.push_back(r);
   }
   return out;
 }
@@ -144,12 +146,14 @@ std::shared_ptr<Sink> setSink(std::shared_ptr<Sink> sink) {
 
 void write(Level level, const std::string& category, const std::string& location,
            const std::string& text) {
-  if (level == Level::silent) return;
+  if (level == Level::silent)
+    return;
   State& s = state();
   std::lock_guard<std::mutex> lock(s.mutex);
   auto it = s.levels.find(category);
   const Level threshold = it == s.levels.end() ? s.defaultLevel : it->second;
-  if (static_cast<int>(level) > static_cast<int>(threshold)) return;
+  if (static_cast<int>(level) > static_cast<int>(threshold))
+    return;
   try {
     s.sink->write(Record{category, level, location, text});
   } catch (...) {
@@ -175,7 +179,8 @@ ScopedCapture::~ScopedCapture() {
   std::lock_guard<std::mutex> lock(s.mutex);
   s.sink = fPrevious;
   s.defaultLevel = fPreviousDefault;
-  for (const auto& entry : fPreviousLevels) s.levels[entry.first] = entry.second;
+  for (const auto& entry : fPreviousLevels)
+    s.levels[entry.first] = entry.second;
 }
 
 }  // namespace log

@@ -10,7 +10,8 @@ namespace ko {
 namespace os {
 
 std::string home() {
-  if (const char* h = std::getenv("HOME"); h != nullptr && *h != '\0') return h;
+  if (const char* h = std::getenv("HOME"); h != nullptr && *h != '\0')
+    return h;
   long size = sysconf(_SC_GETPW_R_SIZE_MAX);
   std::vector<char> buffer(size > 0 ? static_cast<std::size_t>(size) : 16384);
   passwd pw{};

@@ -9,48 +9,56 @@ namespace {
 // "<function>: "<name>" must be <wanted>, got <kind> <text>", raised under the caller's name.
 [[noreturn]] void throwWrongKind(const std::string& caller, const char* function,
                                  const std::string& name, const char* wanted, const KRValue& v) {
-  throw KRError(caller, function,
-                "\"" + name + "\" must be " + wanted + ", got " + v.typeName() + " " +
-                    v.toString());
+  throw KRError(
+      caller, function,
+      "\"" + name + "\" must be " + wanted + ", got " + v.typeName() + " " + v.toString());
 }
 
 float numberAt(const KRValue& v, std::size_t i, const std::string& caller, const char* function,
                const std::string& name) {
   const KRValue& e = v[i];
-  if (const float* f = e.getIf<float>()) return *f;
-  if (const int* n = e.getIf<int>()) return static_cast<float>(*n);
+  if (const float* f = e.getIf<float>())
+    return *f;
+  if (const int* n = e.getIf<int>())
+    return static_cast<float>(*n);
   throwWrongKind(caller, function, name + "[" + std::to_string(i) + "]", "a float or an int", e);
 }
 }  // namespace
 
 namespace detail {
 void throwConversionError(const char* wanted, const KRValue& v, const char* what) {
-  throw KRError("KRValue", "convert",
-                std::string(what) + " must be " + wanted + ", got " + v.typeName() + " " +
-                    v.toString());
+  throw KRError(
+      "KRValue", "convert",
+      std::string(what) + " must be " + wanted + ", got " + v.typeName() + " " + v.toString());
 }
 }  // namespace detail
 
 void checkArrayFromKRValue(const KRValue& v, const std::string& caller, const std::string& name) {
-  if (!v.isArray()) throwWrongKind(caller, "checkArrayFromKRValue", name, "an array", v);
+  if (!v.isArray())
+    throwWrongKind(caller, "checkArrayFromKRValue", name, "an array", v);
 }
 
 float extractFloat(const KRValue& v, const std::string& caller, const std::string& name) {
-  if (const float* f = v.getIf<float>()) return *f;
-  if (const int* n = v.getIf<int>()) return static_cast<float>(*n);
+  if (const float* f = v.getIf<float>())
+    return *f;
+  if (const int* n = v.getIf<int>())
+    return static_cast<float>(*n);
   throwWrongKind(caller, "extractFloat", name, "a float or an int", v);
 }
 
 float extractFloatAndClip(const KRValue& v, float min, float max, const std::string& caller,
                           const std::string& name) {
   float f = extractFloat(v, caller, name);
-  if (f < min) return min;
-  if (f > max) return max;
+  if (f < min)
+    return min;
+  if (f > max)
+    return max;
   return f;
 }
 
 int extractIntFromKRValue(const KRValue& v, const std::string& caller, const std::string& name) {
-  if (const int* n = v.getIf<int>()) return *n;
+  if (const int* n = v.getIf<int>())
+    return *n;
   throwWrongKind(caller, "extractIntFromKRValue", name, "an int", v);
 }
 
@@ -87,7 +95,8 @@ Math::Position6D extractPosition6DFromKRValue(const KRValue& v, const std::strin
 std::chrono::nanoseconds extractDuration(const KRValue& seconds, const KRValue& microseconds,
                                          const std::string& caller, const std::string& name) {
   const int* s = seconds.getIf<int>();
-  if (s == nullptr) throwWrongKind(caller, "extractDuration", name + " seconds", "an int", seconds);
+  if (s == nullptr)
+    throwWrongKind(caller, "extractDuration", name + " seconds", "an int", seconds);
   const int* us = microseconds.getIf<int>();
   if (us == nullptr) {
     throwWrongKind(caller, "extractDuration", name + " microseconds", "an int", microseconds);
@@ -113,7 +122,7 @@ KRValue KRValueTraits<std::chrono::nanoseconds>::toValue(std::chrono::nanosecond
 }
 
 std::chrono::nanoseconds KRValueTraits<std::chrono::nanoseconds>::fromValue(const KRValue& v,
-                                                                          const char* what) {
+                                                                            const char* what) {
   return extractDuration(v, "KRValue", what);
 }
 
@@ -127,8 +136,8 @@ std::map<std::string, KRValue> extractKeyValueMapFromKRValue(const KRValue& v,
   for (std::size_t i = 0; i < v.size(); ++i) {
     const KRValue& pair = v[i];
     if (!pair.isArray() || pair.size() != 2 || !pair[0].isString()) {
-      throwWrongKind(caller, "extractKeyValueMapFromKRValue",
-                     "pair[" + std::to_string(i) + "]", "a [name, value] pair", pair);
+      throwWrongKind(caller, "extractKeyValueMapFromKRValue", "pair[" + std::to_string(i) + "]",
+                     "a [name, value] pair", pair);
     }
     out[pair[0].asString()] = pair[1];
   }

@@ -45,19 +45,24 @@ KR::KRValue FakeModule::invoke(const std::string& method, const std::vector<KR::
   {
     std::lock_guard<std::mutex> lock(fMutex);
     auto it = fScripts.find(method);
-    if (it != fScripts.end()) script = it->second;
+    if (it != fScripts.end())
+      script = it->second;
   }
-  if (script) return script(args);
-  if (hasMethod(method)) return KR::KRModule::invoke(method, args);
+  if (script)
+    return script(args);
+  if (hasMethod(method))
+    return KR::KRModule::invoke(method, args);
   return KR::KRValue();
 }
 
 std::string formatCall(const KR::KRCallRecord& r) {
   std::ostringstream os;
-  if (r.posted) os << "post ";
+  if (r.posted)
+    os << "post ";
   os << r.module << "." << r.method << "(";
   for (std::size_t i = 0; i < r.args.size(); ++i) {
-    if (i > 0) os << ", ";
+    if (i > 0)
+      os << ", ";
     os << r.args[i];
   }
   os << ")";
@@ -71,13 +76,16 @@ CallRecorder::CallRecorder(std::shared_ptr<KR::KRBroker> broker) : fBroker(std::
   });
 }
 
-CallRecorder::~CallRecorder() { fBroker->setCallObserver(nullptr); }
+CallRecorder::~CallRecorder() {
+  fBroker->setCallObserver(nullptr);
+}
 
 std::vector<std::string> CallRecorder::calls() const {
   std::lock_guard<std::mutex> lock(fMutex);
   std::vector<std::string> out;
   out.reserve(fRecords.size());
-  for (const auto& r : fRecords) out.push_back(formatCall(r));
+  for (const auto& r : fRecords)
+    out.push_back(formatCall(r));
   return out;
 }
 
@@ -108,7 +116,8 @@ void CallRecorder::clear() {
 std::string readRobotFile(const std::string& fileName) {
   const std::string path = std::string(KRTRACKER_ROBOTS_DIR) + "/" + fileName;
   std::ifstream in(path);
-  if (!in) throw std::runtime_error("cannot read robot file " + path);
+  if (!in)
+    throw std::runtime_error("cannot read robot file " + path);
   std::ostringstream os;
   os << in.rdbuf();
   return os.str();

@@ -1,0 +1,171 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <sstream>
+
+#include <kr/error.h>
+#include <kr/value/conversions.h>
+#include <kr/value/krvalue.h>
+#include <kr/value/valueutils.h>
+
+using KR::KRError;
+using KR::KRValue;
+
+namespace {
+
+std::string withConfigFlags(const KRValue& v) {
+  std::ostringstream os;
+  os.setf(std::ios::showpos | std::ios::showpoint | std::ios::left);
+  os.unsetf(std::ios::fixed | std::ios::scientific);
+  os.precision(4);
+  os << v;
+  return os.str();
+}
+
+// Runs f and returns the KRError's text; fails the test when nothing or another type is thrown.
+template <class F>
+std::string errorText(F f) {
+  try {
+    f();
+  } catch (const KRError& e) {
+    return e.what();
+  }
+  ADD_FAILURE() << "no KRError thrown";
+  return "";
+}
+
+}  // namespace
+
+TEST(KRValue, KindsEqualityAndNesting) {
+  const KRValue nested{1, 2.5f, "a", true, KRValue{KRValue(), 3}};
+  EXPECT_EQ(nested.type(), KRValue::Type::Array);
+  ASSERT_EQ(nested.size(), 5u);
+  EXPECT_TRUE(nested[0].isInt());
+  EXPECT_TRUE(nested[1].isFloat());
+  EXPECT_TRUE(nested[2].isString());
+  EXPECT_TRUE(nested[3].isBool());
+  EXPECT_FALSE(nested[4][0].isValid());
+  EXPECT_EQ(nested[4][1].asInt(), 3);
+
+  KRValue copy = nested;
+  EXPECT_EQ(copy, nested);
+  copy[4][1] = 4;  // a deep change makes them differ; the original is untouched
+  EXPECT_NE(copy, nested);
+  EXPECT_EQ(nested[4][1].asInt(), 3);
+
+  // Same number, different kind: not equal.
+  EXPECT_NE(KRValue(1), KRValue(1.0f));
+  EXPECT_EQ(KRValue(std::vector<float>{1.0f, 2.0f}), (KRValue{1.0f, 2.0f}));
+  EXPECT_EQ(KRValue(), KRValue());
+  EXPECT_EQ(KRValue(3).asFloat(), 3.0f);  // an int reads as a float
+}
+
+TEST(KRValue, CheckedAccessorsNameTheStoredKind) {
+  EXPECT_NE(errorText([] { KRValue("x").asInt(); }).find("it is string"), std::string::npos);
+  EXPECT_NE(errorText([] { KRValue(1.0f).asBool(); }).find("it is float"), std::string::npos);
+  EXPECT_NE(errorText([] { KRValue{1, 2}[2]; }).find("out of range"), std::string::npos);
+  EXPECT_NE(errorText([] { KRValue(true)[0]; }).find("it is bool"), std::string::npos);
+  EXPECT_EQ(KRValue(7).size(), 0u);
+}
+
+TEST(KRValue, TextFormHonoursStreamFlags) {
+  struct Case {
+    KRValue value;
+    std::string plain;
+    std::string configFlags;  // showpos, showpoint, precision 4
+  };
+  const Case cases[] = {
+      {KRValue(0.05235988f), "0.0523599", "+0.05236"},
+      {KRValue(6.2831855f), "6.28319", "+6.283"},
+      {KRValue(false), "false", "false"},
+      {KRValue(3), "3", "+3"},
+      {KRValue(std::vector<float>{1.1f, 0.0f, 0.0f}), "[1.1, 0, 0]", "[+1.100, +0.000, +0.000]"},
+      {KRValue("name"), "\"name\"", "\"name\""},
+      {KRValue(), "invalid", "invalid"},
+      {KRValue{KRValue{1, "a"}, KRValue::makeArray(0)}, "[[1, \"a\"], []]", "[[+1, \"a\"], []]"},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(c.value.toString(), c.plain);
+    EXPECT_EQ(withConfigFlags(c.value), c.configFlags);
+  }
+}
+
+TEST(ValueUtils, ExtractAcceptsTheRightKinds) {
+  EXPECT_EQ(KR::extractFloat(KRValue(2), "c", "v"), 2.0f);
+  EXPECT_EQ(KR::extractFloat(KRValue(2.5f), "c", "v"), 2.5f);
+  EXPECT_EQ(KR::extractFloatAndClip(KRValue(9.0f), 0.0f, 3.0f, "c", "v"), 3.0f);
+  EXPECT_EQ(KR::extractFloatAndClip(KRValue(-1), 0.0f, 3.0f, "c", "v"), 0.0f);
+  EXPECT_EQ(KR::extractIntFromKRValue(KRValue(-4), "c", "v"), -4);
+  EXPECT_EQ(KR::extractVectorFloatsFromKRValue(KRValue{1, 2.5f}, "c", "v"),
+            (std::vector<float>{1.0f, 2.5f}));
+  EXPECT_EQ(KR::extractPosition6DFromKRValue(KRValue{1, 2, 3, 0.1f, 0.2f, 0.3f}, "c", "v"),
+            KR::Math::Position6D(1, 2, 3, 0.1f, 0.2f, 0.3f));
+  EXPECT_EQ(KR::extractDuration(KRValue{10, 500}, "c", "v"),
+            std::chrono::seconds(10) + std::chrono::microseconds(500));
+
+  const auto map = KR::extractKeyValueMapFromKRValue(
+      KRValue{KRValue{"B", 1}, KRValue{"A", 2.0f}, KRValue{"B", true}}, "c");
+  ASSERT_EQ(map.size(), 2u);
+  EXPECT_EQ(map.at("A"), KRValue(2.0f));
+  EXPECT_EQ(map.at("B"), KRValue(true));  // the later duplicate wins
+}
+
+TEST(ValueUtils, DurationsSplitIntoSecondsAndMicroseconds) {
+  using namespace std::chrono;
+  EXPECT_EQ(KR::convertDurationToKRValue(seconds(1) + microseconds(500000)), (KRValue{1, 500000}));
+  EXPECT_EQ(KR::convertDurationToKRValue(nanoseconds(2999)), (KRValue{0, 2}));
+  const auto t = seconds(12) + microseconds(34);
+  EXPECT_EQ(KR::fromKRValue<nanoseconds>(KR::toKRValue(nanoseconds(t))), t);
+}
+
+TEST(ValueUtils, WrongKindNamesCallerAndValue) {
+  struct Case {
+    const char* what;
+    std::function<void()> call;
+  };
+  const Case cases[] = {
+      {"array", [] { KR::checkArrayFromKRValue(KRValue(1), "Caller", "Value"); }},
+      {"float", [] { KR::extractFloat(KRValue("1"), "Caller", "Value"); }},
+      {"clip", [] { KR::extractFloatAndClip(KRValue(true), 0, 1, "Caller", "Value"); }},
+      {"int", [] { KR::extractIntFromKRValue(KRValue(1.0f), "Caller", "Value"); }},
+      {"vector",
+       [] {
+         KR::extractVectorFloatsFromKRValue(KRValue{1, "x"}, "Caller", "Value");
+       }},
+      {"vector kind", [] { KR::extractVectorFloatsFromKRValue(KRValue(1), "Caller", "Value"); }},
+      {"pose size",
+       [] {
+         KR::extractPosition6DFromKRValue(KRValue{1, 2, 3}, "Caller", "Value");
+       }},
+      {"pose kind",
+       [] {
+         KR::extractPosition6DFromKRValue(KRValue{1, 2, 3, 4, 5, "6"}, "Caller", "Value");
+       }},
+      {"duration",
+       [] {
+         KR::extractDuration(KRValue{1, 2.0f}, "Caller", "Value");
+       }},
+      {"duration size",
+       [] {
+         KR::extractDuration(KRValue{1, 2, 3}, "Caller", "Value");
+       }},
+      {"map",
+       [] {
+         KR::extractKeyValueMapFromKRValue(KRValue{KRValue{1, 2}}, "Caller");
+       }},
+      {"map kind", [] { KR::extractKeyValueMapFromKRValue(KRValue("x"), "Caller"); }},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    try {
+      c.call();
+      ADD_FAILURE() << "accepted";
+    } catch (const KRError& e) {
+      EXPECT_EQ(e.module(), "Caller");
+      const std::string text = e.what();
+      if (std::string(c.what).rfind("map", 0) != 0) {
+        EXPECT_NE(text.find("\"Value"), std::string::npos) << text;
+      }
+    }
+  }
+}
