@@ -1,0 +1,161 @@
+#pragma once
+// The world of the simulated robot: targets moving on scripted paths in the map frame, seen
+// by the head camera (or heard, for a sound source) and published as tracker events in
+// platform memory, the way the robot's detection modules would.
+//
+// A target is seen when it lies in the field of view of the head camera of the configured
+// effector (0: top camera by default) and within range. Its observations are raised on
+// KRMemory under the event name(s) that the target manager gives for its kind, one every
+// period of that kind, in one of the two tracker event layouts:
+//   Layout::World  [[x, y, z, wx, wy, wz] (FRAME_WORLD), [sec, usec], effector(, threshold)]
+//   Layout::Torso  [[torso 6D], [robot 6D], [sec, usec], effector(, threshold)]
+// FRAME_WORLD is the motion service's odometry frame, so a drifting odometry shows in the
+// events as it would on a robot. Noise, when set, is Gaussian on each coordinate, drawn from
+// one std::mt19937 seeded at construction, in a fixed order: the same seed gives the same run.
+//
+// Kinds are the platform's target names ("RedBall", "Face", "People", "Sound", "LandMarks").
+// When several targets of one kind are seen, the nearest is published; "LandMarks" is the
+// exception: its i-th target goes to the i-th event name, so two landmarks need two names.
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <kr/math/math.h>
+#include <kr/value/krvalue.h>
+
+#include <krsim/clock.h>
+#include <krsim/memory.h>
+#include <krsim/motion.h>
+
+namespace KR {
+namespace Sim {
+
+/// A scripted path: keyframes in the map frame, interpolated linearly, held before the first
+/// and after the last.
+struct Keyframe {
+  double time = 0.0;          // [s] since the start of the simulation
+  Math::Position3D position;  // map frame [m]
+};
+
+class Path {
+ public:
+  Path() = default;
+  explicit Path(std::vector<Keyframe> keyframes);
+  static Path fixed(const Math::Position3D& position);
+  /// A circle about `center` (map frame) at height z, from `startAngle` [rad] turning at
+  /// `angularSpeed` [rad/s] from `startTime` to `endTime`, sampled every `sampleStep` seconds.
+  static Path orbit(const Math::Position3D& center, float radius, float z, float startAngle,
+                    float angularSpeed, double startTime, double endTime, double sampleStep = 0.05);
+  /// Appends the keyframes of another path (which must start later).
+  Path& then(const Path& other);
+  Path& add(double time, const Math::Position3D& position);
+
+  Math::Position3D at(double time) const;
+  const std::vector<Keyframe>& keyframes() const { return fKeyframes; }
+
+ private:
+  std::vector<Keyframe> fKeyframes;
+};
+
+struct TimeInterval {
+  double begin = 0.0;  // [s]
+  double end = 0.0;    // [s]
+  bool contains(double t) const { return t >= begin && t < end; }
+};
+
+enum class Layout { World, Torso };
+
+struct TargetSpec {
+  std::string name;  // unique in the world, e.g. "ball"
+  std::string kind;  // "RedBall", "Face", "People", "Sound" or "LandMarks"
+  Path path;
+  std::vector<TimeInterval> hidden;  // occluded: not seen whatever the camera does
+  Layout layout = Layout::Torso;
+  float maxRange = 0.0f;        // [m]; 0: the camera's range
+  bool heard = false;           // perceived in every direction within range (a sound)
+  float headThreshold = -1.0f;  // appended to the events when >= 0 [rad]
+};
+
+/// State of one target at the last update.
+struct TargetState {
+  std::string name;
+  std::string kind;
+  Math::Position3D position;   // map frame
+  bool inFieldOfView = false;  // inside the camera's cone and range
+  bool perceived = false;      // in view (or heard) and not hidden
+};
+
+class World {
+ public:
+  /// Default observation periods [ms] by kind.
+  static int defaultPeriodMs(const std::string& kind);
+
+  World(std::shared_ptr<const SimClock> clock, std::shared_ptr<SimMemory> memory,
+        std::shared_ptr<SimMotion> motion, std::uint32_t seed);
+
+  void addTarget(TargetSpec spec);
+  std::vector<TargetSpec> targets() const;
+  /// Position of a target in the map frame at a time [s]; KRError for an unknown name.
+  Math::Position3D targetPosition(const std::string& name, double time) const;
+  /// States at the last update, in the order of addTarget.
+  std::vector<TargetState> states() const;
+  TargetState state(const std::string& name) const;
+
+  /// Standard deviation of the noise on each published coordinate [m]; 0 by default.
+  void setNoise(float sigma);
+  /// Which head camera (TRACK_EFFECTOR 0, 1, 2) sees, and which effector the events carry.
+  void setCameraEffector(int effector);
+  int getCameraEffector() const;
+
+  // ---- what the target manager drives ------------------------------------------------------
+  /// Publishes the observations of a kind under these event names (one, or two for
+  /// "LandMarks"). Replaces any earlier names of that kind.
+  void startPublishing(const std::string& kind, std::vector<std::string> eventNames);
+  void stopPublishing(const std::string& kind);
+  void stopPublishingAll();
+  std::map<std::string, std::vector<std::string>> publishing() const;
+  void setPeriodMs(const std::string& kind, int periodMs);
+  int getPeriodMs(const std::string& kind) const;
+  /// Kinds that have at least one target in the world.
+  std::vector<std::string> kinds() const;
+
+  /// Whether a map-frame point lies in the camera's field of view and within range.
+  bool isInFieldOfView(const Math::Position3D& mapPoint, float range) const;
+
+  /// Moves the targets to the clock's time, updates their states and raises the observations
+  /// that are due. Events are raised after the world's lock is released.
+  void update();
+
+ private:
+  struct Target {
+    TargetSpec spec;
+    TargetState state;
+  };
+  struct Publication {
+    std::vector<std::string> eventNames;
+    std::int64_t nextDueNs = 0;  // clock elapsed time of the next observation
+  };
+
+  KRValue xMakeEvent(const Target& target, KRTimePoint now);
+  Math::Position3D xNoisy(const Math::Position3D& p);
+
+  std::shared_ptr<const SimClock> fClock;
+  std::shared_ptr<SimMemory> fMemory;
+  std::shared_ptr<SimMotion> fMotion;
+  mutable std::mutex fMutex;
+  std::vector<Target> fTargets;
+  std::map<std::string, Publication> fPublications;
+  std::map<std::string, int> fPeriodsMs;
+  float fNoise = 0.0f;
+  int fEffector = 0;
+  std::mt19937 fRandom;
+};
+
+}  // namespace Sim
+}  // namespace KR
