@@ -58,7 +58,11 @@ class KRGenericTrackerConfig {
 /// Log directory of the diagnostic files under the home directory: home + "/diagnosis/".
 extern const std::string kDiagnosisLogDirectory;
 
-/// The global table.
+/// The global table, built at library load. Code that may run during static initialisation
+/// must go through getConfig() instead.
+extern KRGenericTrackerConfig& gTrackerConfig;
+
+/// The global table (built on first use, so safe during static initialisation).
 KRGenericTrackerConfig* getConfig();
 /// Replaces the global table by a freshly built default table.
 void resetConfig();

@@ -1,0 +1,309 @@
+#include <krtracker/config/krgenerictrackerconfig.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace KR::Tracker;
+using KR::KRValue;
+
+// The default table as text, written out by hand: floats with a forced sign and point and four
+// significant digits, bools as words, gain vectors as arrays.
+const char* const kDefaultText =
+    "HEAD_THRESHOLD: +0.05236\n"
+    "FACE_HEAD_THRESHOLD: +0.04363\n"
+    "REDBALL_HEAD_THRESHOLD: +0.02618\n"
+    "LANDMARK_HEAD_THRESHOLD: +0.03491\n"
+    "PEOPLE_HEAD_THRESHOLD: +0.08727\n"
+    "SOUND_HEAD_THRESHOLD: +0.08727\n"
+    "COMPASS_HEAD_THRESHOLD: +0.08727\n"
+    "ARMS_THRESHOLD: +0.04363\n"
+    "WHOLEBODY_THRESHOLD: +0.08727\n"
+    "LOG_HEAD_COMMAND: false\n"
+    "LOG_ARM_COMMAND: false\n"
+    "LOG_MOVE_COMMAND: false\n"
+    "LOG_INPUT_DATA: false\n"
+    "HEAD_WZ_LIMIT: +6.283\n"
+    "MOVE_X_GAINS: [+1.100, +0.000, +0.000]\n"
+    "MOVE_Y_GAINS: [+0.9000, +0.000, +0.000]\n"
+    "MOVE_THETA_GAINS: [+0.5000, +0.000, +0.000]\n"
+    "MOVE_LOW_PRIORITY: false\n";
+
+const char* const kGainsStderr =
+    "KRTracker.configToMap: unsupported value for MOVE_X_GAINS config\n"
+    "KRTracker.configToMap: unsupported value for MOVE_Y_GAINS config\n"
+    "KRTracker.configToMap: unsupported value for MOVE_THETA_GAINS config\n";
+
+std::uint32_t bitsOf(float f) {
+  std::uint32_t bits;
+  std::memcpy(&bits, &f, sizeof bits);
+  return bits;
+}
+
+class ConfigTest : public ::testing::Test {
+ protected:
+  void SetUp() override { resetConfig(); }
+  void TearDown() override { resetConfig(); }
+};
+
+TEST_F(ConfigTest, FloatDefaultsAreTheNearestSinglePrecisionAngles) {
+  // Nearest floats to 3, 2.5, 1.5, 2 and 5 degrees and to 2 pi, as exact bit patterns.
+  const struct {
+    ConfigKey key;
+    std::uint32_t bits;
+  } cases[] = {
+      {HEAD_THRESHOLD, 0x3d567750u},         {FACE_HEAD_THRESHOLD, 0x3d32b8c2u},
+      {REDBALL_HEAD_THRESHOLD, 0x3cd67750u}, {LANDMARK_HEAD_THRESHOLD, 0x3d0efa35u},
+      {PEOPLE_HEAD_THRESHOLD, 0x3db2b8c2u},  {SOUND_HEAD_THRESHOLD, 0x3db2b8c2u},
+      {COMPASS_HEAD_THRESHOLD, 0x3db2b8c2u}, {ARMS_THRESHOLD, 0x3d32b8c2u},
+      {WHOLEBODY_THRESHOLD, 0x3db2b8c2u},    {HEAD_WZ_LIMIT, 0x40c90fdbu},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(getStrFromConfigKey(c.key));
+    EXPECT_EQ(bitsOf(getConfigFloatValue(c.key)), c.bits);
+    EXPECT_TRUE(getConfig()->fValueMap.at(c.key).isFloat());
+  }
+}
+
+TEST_F(ConfigTest, BoolAndVectorDefaults) {
+  for (ConfigKey key :
+       {LOG_HEAD_COMMAND, LOG_ARM_COMMAND, LOG_MOVE_COMMAND, LOG_INPUT_DATA, MOVE_LOW_PRIORITY}) {
+    SCOPED_TRACE(getStrFromConfigKey(key));
+    EXPECT_FALSE(getConfigBoolValue(key));
+  }
+  EXPECT_EQ(getConfigFloatVectorValue(MOVE_X_GAINS), (std::vector<float>{1.1f, 0.0f, 0.0f}));
+  EXPECT_EQ(getConfigFloatVectorValue(MOVE_Y_GAINS), (std::vector<float>{0.9f, 0.0f, 0.0f}));
+  EXPECT_EQ(getConfigFloatVectorValue(MOVE_THETA_GAINS), (std::vector<float>{0.5f, 0.0f, 0.0f}));
+
+  const KRGenericTrackerConfig& config = *getConfig();
+  EXPECT_EQ(&config, &gTrackerConfig);
+  EXPECT_EQ(config.fLogDirectory, "/tmp/tarvo/");
+  EXPECT_EQ(getLogDirectory(), "/tmp/tarvo/");
+  EXPECT_EQ(config.fMaxSize, 300);
+  EXPECT_EQ(config.fNameMap.size(), 18u);
+  EXPECT_EQ(config.fValueMap.size(), 18u);
+}
+
+TEST_F(ConfigTest, NamesAndKeysCorrespondOneToOne) {
+  const char* const names[] = {
+      "HEAD_THRESHOLD",         "FACE_HEAD_THRESHOLD",
+      "REDBALL_HEAD_THRESHOLD", "LANDMARK_HEAD_THRESHOLD",
+      "PEOPLE_HEAD_THRESHOLD",  "SOUND_HEAD_THRESHOLD",
+      "COMPASS_HEAD_THRESHOLD", "ARMS_THRESHOLD",
+      "WHOLEBODY_THRESHOLD",    "LOG_HEAD_COMMAND",
+      "LOG_ARM_COMMAND",        "LOG_MOVE_COMMAND",
+      "LOG_INPUT_DATA",         "HEAD_WZ_LIMIT",
+      "MOVE_X_GAINS",           "MOVE_Y_GAINS",
+      "MOVE_THETA_GAINS",       "MOVE_LOW_PRIORITY",
+  };
+  for (int i = 0; i < 18; ++i) {
+    EXPECT_EQ(getConfigKeyFromStr(names[i]), static_cast<ConfigKey>(i)) << names[i];
+    EXPECT_EQ(getStrFromConfigKey(static_cast<ConfigKey>(i)), names[i]);
+  }
+  EXPECT_EQ(getStrFromConfigKey(UNKNOWN_CONFIG_KEY), "");
+}
+
+TEST_F(ConfigTest, NameLookupIsExactAndCaseSensitive) {
+  for (const char* name : {"head_threshold", "Head_Threshold", "HEAD_THRESHOLD ", " HEAD_THRESHOLD",
+                           "HEAD", "", "FOO"}) {
+    EXPECT_EQ(getConfigKeyFromStr(name), UNKNOWN_CONFIG_KEY) << '"' << name << '"';
+  }
+}
+
+TEST_F(ConfigTest, ConfigToStringListsTheDefaultsInKeyOrder) {
+  EXPECT_EQ(configToString(), kDefaultText);
+}
+
+TEST_F(ConfigTest, ConfigToMapHasFifteenEntriesAndReportsTheGains) {
+  ::testing::internal::CaptureStderr();
+  const std::map<std::string, float> map = configToMap();
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), kGainsStderr);
+
+  // The same bit patterns as the defaults (2 degrees is 0x1.1df46ap-5f, not the float of the
+  // truncated decimal 0.03490658).
+  const std::map<std::string, float> expected = {
+      {"HEAD_THRESHOLD", 0x1.aceeap-5f},
+      {"FACE_HEAD_THRESHOLD", 0x1.657184p-5f},
+      {"REDBALL_HEAD_THRESHOLD", 0x1.aceeap-6f},
+      {"LANDMARK_HEAD_THRESHOLD", 0x1.1df46ap-5f},
+      {"PEOPLE_HEAD_THRESHOLD", 0x1.657184p-4f},
+      {"SOUND_HEAD_THRESHOLD", 0x1.657184p-4f},
+      {"COMPASS_HEAD_THRESHOLD", 0x1.657184p-4f},
+      {"ARMS_THRESHOLD", 0x1.657184p-5f},
+      {"WHOLEBODY_THRESHOLD", 0x1.657184p-4f},
+      {"LOG_HEAD_COMMAND", 0.0f},
+      {"LOG_ARM_COMMAND", 0.0f},
+      {"LOG_MOVE_COMMAND", 0.0f},
+      {"LOG_INPUT_DATA", 0.0f},
+      {"HEAD_WZ_LIMIT", 0x1.921fb6p+2f},
+      {"MOVE_LOW_PRIORITY", 0.0f},
+  };
+  EXPECT_EQ(map, expected);
+}
+
+TEST_F(ConfigTest, ConfigToMapReportsTrueAsOne) {
+  setConfigValue(MOVE_LOW_PRIORITY, true);
+  ::testing::internal::CaptureStderr();
+  const auto map = configToMap();
+  ::testing::internal::GetCapturedStderr();
+  EXPECT_EQ(map.at("MOVE_LOW_PRIORITY"), 1.0f);
+  EXPECT_TRUE(getConfigBoolValue(MOVE_LOW_PRIORITY));
+}
+
+TEST_F(ConfigTest, UnknownKeyErrorsNameTheGetter) {
+  const auto message = [](auto&& call) -> std::string {
+    try {
+      call();
+    } catch (const std::runtime_error& e) {
+      return e.what();
+    }
+    return "no exception";
+  };
+  EXPECT_EQ(message([] { getConfigFloatValue(UNKNOWN_CONFIG_KEY); }),
+            "KRTracker.getConfigFloatValue: unknown config key.");
+  // The vector getter deliberately reports under the float getter's name.
+  EXPECT_EQ(message([] { getConfigFloatVectorValue(UNKNOWN_CONFIG_KEY); }),
+            "KRTracker.getConfigFloatValue: unknown config key.");
+  EXPECT_EQ(message([] { getConfigBoolValue(UNKNOWN_CONFIG_KEY); }),
+            "KRTracker.getConfigBoolValue: unknown config key.");
+  EXPECT_THROW(setConfigValue(UNKNOWN_CONFIG_KEY, 1.0f), std::runtime_error);
+  EXPECT_EQ(getConfig()->fValueMap.count(UNKNOWN_CONFIG_KEY), 0u);
+}
+
+TEST_F(ConfigTest, AnIntStoredUnderABoolKeyIsKeptButRefusedByTheBoolGetter) {
+  setConfigValue(LOG_HEAD_COMMAND, 1);
+  try {
+    getConfigBoolValue(LOG_HEAD_COMMAND);
+    FAIL() << "expected an exception";
+  } catch (const std::runtime_error& e) {
+    EXPECT_STREQ(e.what(), "KRTracker.getConfigBoolValue: config value is not a bool.");
+  }
+  ::testing::internal::CaptureStderr();
+  const auto map = configToMap();
+  ::testing::internal::GetCapturedStderr();
+  EXPECT_EQ(map.at("LOG_HEAD_COMMAND"), 1.0f);
+  // The other keys are untouched.
+  EXPECT_FALSE(getConfigBoolValue(LOG_ARM_COMMAND));
+}
+
+TEST_F(ConfigTest, AnIntThresholdIsReadAsAFloat) {
+  setConfigValue(HEAD_THRESHOLD, 2);
+  EXPECT_EQ(getConfigFloatValue(HEAD_THRESHOLD), 2.0f);
+  setConfigValue(MOVE_X_GAINS, KRValue{1, 2.5f, -3});
+  EXPECT_EQ(getConfigFloatVectorValue(MOVE_X_GAINS), (std::vector<float>{1.0f, 2.5f, -3.0f}));
+}
+
+TEST_F(ConfigTest, WrongKindsMakeTheExtractionThrowAndConfigToMapSkipThem) {
+  setConfigValue(HEAD_THRESHOLD, "high");
+  setConfigValue(ARMS_THRESHOLD, KRValue{0.1f});
+  try {
+    getConfigFloatValue(HEAD_THRESHOLD);
+    FAIL() << "expected an exception";
+  } catch (const std::runtime_error& e) {
+    const std::string what = e.what();
+    EXPECT_NE(what.find("KRTracker.getConfigFloatValue"), std::string::npos) << what;
+    EXPECT_NE(what.find("KRValue"), std::string::npos) << what;
+  }
+  EXPECT_THROW(getConfigFloatValue(ARMS_THRESHOLD), std::runtime_error);
+  EXPECT_THROW(getConfigFloatVectorValue(HEAD_WZ_LIMIT), std::runtime_error);
+  EXPECT_THROW(getConfigFloatValue(LOG_INPUT_DATA), std::runtime_error);
+
+  ::testing::internal::CaptureStderr();
+  const auto map = configToMap();
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+            std::string("KRTracker.configToMap: unsupported value for HEAD_THRESHOLD config\n"
+                        "KRTracker.configToMap: unsupported value for ARMS_THRESHOLD config\n") +
+                kGainsStderr);
+  EXPECT_EQ(map.size(), 13u);
+}
+
+TEST_F(ConfigTest, ResetConfigRestoresEveryDefault) {
+  setConfigValue(HEAD_THRESHOLD, 0.5f);
+  setConfigValue(LOG_INPUT_DATA, true);
+  setConfigValue(MOVE_Y_GAINS, KRValue{0.1f, 0.2f, 0.3f});
+  setConfigValue(HEAD_WZ_LIMIT, "x");
+  setLogDirectory("/somewhere/else/");
+  ASSERT_NE(configToString(), kDefaultText);
+
+  resetConfig();
+  EXPECT_EQ(configToString(), kDefaultText);
+  EXPECT_EQ(getLogDirectory(), "/tmp/tarvo/");
+  EXPECT_EQ(bitsOf(getConfigFloatValue(HEAD_THRESHOLD)), 0x3d567750u);
+}
+
+TEST_F(ConfigTest, ACopiedTableIsIndependent) {
+  setConfigValue(ARMS_THRESHOLD, 0.25f);
+  KRGenericTrackerConfig copy(*getConfig());
+  EXPECT_EQ(copy.fValueMap.at(ARMS_THRESHOLD), KRValue(0.25f));
+
+  resetConfig();
+  EXPECT_EQ(copy.fValueMap.at(ARMS_THRESHOLD), KRValue(0.25f));
+  copy = *getConfig();
+  EXPECT_EQ(copy.fValueMap, getConfig()->fValueMap);
+  EXPECT_EQ(copy.fNameMap, getConfig()->fNameMap);
+}
+
+// Writers and readers of the global table at once; run under ThreadSanitizer in CI.
+TEST(ConfigConcurrency, ReadersSeeWholeValuesWhileWritersChangeThem) {
+  resetConfig();
+  const float defaultThreshold = getConfigFloatValue(HEAD_THRESHOLD);
+  constexpr int kReaders = 3;
+  std::atomic<int> started{0};
+  std::atomic<int> reads{0};
+  std::atomic<bool> stop{false};
+  std::atomic<int> unexpected{0};
+  const auto waitForAll = [&] {
+    ++started;
+    while (started.load() < kReaders + 1) {
+      std::this_thread::yield();
+    }
+  };
+
+  std::vector<std::thread> threads;
+  threads.emplace_back([&] {
+    waitForAll();
+    // Keep writing until the readers have read a good number of times alongside.
+    for (int i = 0; i < 200 || reads.load() < 200; ++i) {
+      setConfigValue(HEAD_THRESHOLD, 0.25f);
+      setLogDirectory("/tmp/krtracker-concurrency/");
+      if (i % 10 == 0) {
+        resetConfig();
+      }
+    }
+    stop = true;
+  });
+  for (int r = 0; r < kReaders; ++r) {
+    threads.emplace_back([&] {
+      waitForAll();
+      while (!stop) {
+        const float value = getConfigFloatValue(HEAD_THRESHOLD);
+        if (value != 0.25f && value != defaultThreshold) {
+          ++unexpected;
+        }
+        const std::string dir = getLogDirectory();
+        if (dir != "/tmp/tarvo/" && dir != "/tmp/krtracker-concurrency/") {
+          ++unexpected;
+        }
+        if (configToString().empty() || getConfigKeyFromStr("ARMS_THRESHOLD") != ARMS_THRESHOLD) {
+          ++unexpected;
+        }
+        ++reads;
+      }
+    });
+  }
+  for (auto& t : threads) {
+    t.join();
+  }
+  EXPECT_EQ(unexpected.load(), 0);
+  resetConfig();
+}
+
+}  // namespace
