@@ -1,0 +1,458 @@
+// KR::Math: conversions there and back, the look-at solver checked by forward kinematics,
+// and the small helpers' edges.
+
+#include <cmath>
+#include <limits>
+#include <random>
+#include <sstream>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <kr/error.h>
+#include <kr/math/math.h>
+
+namespace {
+
+using namespace KR::Math;
+
+constexpr unsigned kSeed = 20260511u;
+
+// Angles and transforms that stress the conversions: identity, gimbal lock, the +-pi wrap,
+// tiny angles, then random ones.
+std::vector<Position6D> poseCases() {
+  std::vector<Position6D> cases = {
+      {0, 0, 0, 0, 0, 0},
+      {1, -2, 3, 0, 0, 0},
+      {0, 0, 0, 1e-7f, -1e-7f, 1e-7f},
+      {0.1f, 0.2f, 0.3f, 0.3f, kPi2 - 1e-3f, -0.4f},
+      {0.1f, 0.2f, 0.3f, 0.3f, -kPi2 + 1e-3f, 2.5f},
+      {0, 0, 0, kPi, 0, 0},
+      {0, 0, 0, 0, 0, kPi},
+      {-5, 4, -3, 3.1f, -1.2f, -3.1f},
+  };
+  std::mt19937 rng(kSeed);
+  std::uniform_real_distribution<float> pos(-3.0f, 3.0f);
+  std::uniform_real_distribution<float> ang(-kPi + 1e-3f, kPi - 1e-3f);
+  std::uniform_real_distribution<float> pitch(-kPi2 + 1e-2f, kPi2 - 1e-2f);
+  for (int i = 0; i < 200; ++i) {
+    cases.push_back({pos(rng), pos(rng), pos(rng), ang(rng), pitch(rng), ang(rng)});
+  }
+  return cases;
+}
+
+Transform eigenTransform(const Position6D& p) {
+  Eigen::Isometry3f e = Eigen::Isometry3f::Identity();
+  e.translate(Eigen::Vector3f(p.x, p.y, p.z));
+  e.rotate(Eigen::AngleAxisf(p.wz, Eigen::Vector3f::UnitZ()) *
+           Eigen::AngleAxisf(p.wy, Eigen::Vector3f::UnitY()) *
+           Eigen::AngleAxisf(p.wx, Eigen::Vector3f::UnitX()));
+  return fromEigen(e);
+}
+
+Position3D xAxis(const Transform& t) {
+  return {t.r1_c1, t.r2_c1, t.r3_c1};
+}
+
+template <typename T>
+std::string text(const T& v) {
+  std::ostringstream os;
+  os << v;
+  return os.str();
+}
+
+TEST(MathTypes, VectorConstructorsPadWithZeros) {
+  EXPECT_EQ(Position3D(std::vector<float>{1, 2}), Position3D(1, 2, 0));
+  EXPECT_EQ(Position6D(std::vector<float>{1, 2, 3, 4, 5, 6, 7}), Position6D(1, 2, 3, 4, 5, 6));
+  EXPECT_EQ(Position6D(std::vector<float>{}), Position6D());
+  EXPECT_EQ(Pose2D(std::vector<float>{4, 5}), Pose2D(4, 5, 0));
+
+  std::vector<float> twelve(12);
+  for (int i = 0; i < 12; ++i) {
+    twelve[i] = float(i + 1);
+  }
+  EXPECT_EQ(Transform(twelve).toVector(), twelve);
+  std::vector<float> sixteen = twelve;
+  sixteen.insert(sixteen.end(), {0, 0, 0, 1});
+  EXPECT_EQ(Transform(sixteen).toVector(), twelve);
+}
+
+TEST(MathTypes, TransformFromWrongLengthThrows) {
+  for (std::size_t n : {0u, 3u, 11u, 13u, 15u, 17u}) {
+    try {
+      Transform t(std::vector<float>(n, 1.0f));
+      ADD_FAILURE() << "no error for " << n << " floats";
+    } catch (const KR::KRError& e) {
+      EXPECT_EQ(e.module(), "Math");
+      EXPECT_EQ(e.method(), "Transform");
+      EXPECT_NE(e.message().find(std::to_string(n)), std::string::npos) << e.what();
+    }
+  }
+}
+
+TEST(MathTypes, TextFormsAreSpaceSeparated) {
+  EXPECT_EQ(text(Position6D(1, 2, 3, 0, 0, 0.5f)), "1 2 3 0 0 0.5");
+  EXPECT_EQ(text(Position3D(-1.25f, 0, 7)), "-1.25 0 7");
+  EXPECT_EQ(text(Pose2D(0.1f, 2, -3)), "0.1 2 -3");
+  EXPECT_EQ(text(Rotation3D(0, 1, 0)), "0 1 0");
+  EXPECT_EQ(text(Transform::fromPosition(1, 2, 3)), "1 0 0 1 0 1 0 2 0 0 1 3");
+}
+
+TEST(MathTypes, IsNearComparesEveryElement) {
+  const Transform a = transformFromPosition6D({1, 2, 3, 0.1f, 0.2f, 0.3f});
+  std::vector<float> v = a.toVector();
+  for (std::size_t i = 0; i < v.size(); ++i) {
+    std::vector<float> w = v;
+    w[i] += 2e-4f;
+    EXPECT_FALSE(a.isNear(Transform(w))) << "element " << i;
+    EXPECT_TRUE(a.isNear(Transform(w), 3e-4f)) << "element " << i;
+    w[i] = std::numeric_limits<float>::quiet_NaN();
+    EXPECT_FALSE(a.isNear(Transform(w), 1e9f)) << "element " << i;
+  }
+  EXPECT_TRUE(a.isNear(a, 0.0f));
+}
+
+// ---- transforms -------------------------------------------------------------------------
+
+TEST(MathTransforms, ElementaryRotationsMatchEigen) {
+  for (float a : {0.0f, 0.3f, -1.2f, kPi2, kPi, -2.9f}) {
+    EXPECT_TRUE(Transform::fromRotX(a).isNear(eigenTransform({0, 0, 0, a, 0, 0}), 1e-6f)) << a;
+    EXPECT_TRUE(Transform::fromRotY(a).isNear(eigenTransform({0, 0, 0, 0, a, 0}), 1e-6f)) << a;
+    EXPECT_TRUE(Transform::fromRotZ(a).isNear(eigenTransform({0, 0, 0, 0, 0, a}), 1e-6f)) << a;
+    EXPECT_TRUE(transformFromRotation(Rotation::fromRotX(a)).isNear(Transform::fromRotX(a)));
+    EXPECT_TRUE(transformFromRotation(rotationFromRotY(a)).isNear(Transform::fromRotY(a)));
+    EXPECT_TRUE(transformFromRotation(rotationFromRotZ(a)).isNear(Transform::fromRotZ(a)));
+  }
+  // A positive pitch turns the x axis downwards.
+  EXPECT_LT((Rotation::fromRotY(0.5f) * Position3D(1, 0, 0)).z, 0.0f);
+}
+
+TEST(MathTransforms, Position6DMatchesEigenAndProducts) {
+  for (const Position6D& p : poseCases()) {
+    const Transform t = transformFromPosition6D(p);
+    EXPECT_TRUE(t.isNear(eigenTransform(p), 2e-6f)) << p;
+    const Transform chain = Transform::fromPosition(p.x, p.y, p.z) * Transform::fromRotZ(p.wz) *
+                            Transform::fromRotY(p.wy) * Transform::fromRotX(p.wx);
+    EXPECT_TRUE(t.isNear(chain, 2e-6f)) << p;
+    EXPECT_TRUE(
+        transformFromRotation(rotationFromAngles(p.wx, p.wy, p.wz) * Rotation::fromRotZ(0.0f))
+            .isNear(transformFromRotation(rotationFromTransform(t)), 2e-6f));
+    // Products and points agree with Eigen.
+    const Transform u = transformFromPosition6D({p.wz, p.x, p.wy, p.y, p.wx, p.z});
+    EXPECT_TRUE((t * u).isNear(fromEigen(toEigen(t) * toEigen(u)), 1e-5f)) << p;
+    const Position3D q(0.3f, -1.1f, 2.0f);
+    const Position3D tq = t * q;
+    const Eigen::Vector3f eq = toEigen(t) * toEigen(q);
+    EXPECT_NEAR(tq.x, eq.x(), 1e-5f);
+    EXPECT_NEAR(tq.y, eq.y(), 1e-5f);
+    EXPECT_NEAR(tq.z, eq.z(), 1e-5f);
+  }
+}
+
+TEST(MathTransforms, InverseGivesIdentityBothWays) {
+  const Transform identity;
+  for (const Position6D& p : poseCases()) {
+    const Transform t = transformFromPosition6D(p);
+    EXPECT_TRUE((t * pinv(t)).isNear(identity, 1e-5f)) << p;
+    EXPECT_TRUE((pinv(t) * t).isNear(identity, 1e-5f)) << p;
+    EXPECT_TRUE(pinv(pinv(t)).isNear(t, 1e-5f)) << p;
+    EXPECT_TRUE(transformInverse(t).isNear(fromEigen(toEigen(t).inverse()), 1e-5f)) << p;
+    const Position3D q(1, 2, -3);
+    const Position3D back = pinv(t) * (t * q);
+    EXPECT_NEAR(distance(back, q), 0.0f, 1e-5f) << p;
+  }
+  EXPECT_EQ(pinv(identity), identity);
+}
+
+TEST(MathTransforms, Position6DRoundTrip) {
+  for (const Position6D& p : poseCases()) {
+    const Transform t = transformFromPosition6D(p);
+    const Position6D back = position6DFromTransform(t);
+    // Angles can differ at the +-pi wrap and at the gimbal lock; the pose cannot.
+    EXPECT_TRUE(transformFromPosition6D(back).isNear(t, 2e-5f)) << p << " -> " << back;
+    EXPECT_GE(back.wy, -kPi2);
+    EXPECT_LE(back.wy, kPi2);
+    if (std::fabs(p.wy) < kPi2 - 0.05f && std::fabs(p.wx) < kPi - 1e-3f &&
+        std::fabs(p.wz) < kPi - 1e-3f) {
+      EXPECT_NEAR(back.wx, p.wx, 1e-4f) << p;
+      EXPECT_NEAR(back.wy, p.wy, 1e-4f) << p;
+      EXPECT_NEAR(back.wz, p.wz, 1e-4f) << p;
+    }
+    EXPECT_EQ(position3DFromTransform(t), Position3D(p.x, p.y, p.z));
+    const Rotation3D r = rotation3DFromTransform(t);
+    EXPECT_EQ(r, Rotation3D(back.wx, back.wy, back.wz));
+    EXPECT_TRUE(transformFromRotation(rotationFromRotation3D(r))
+                    .isNear(transformFromRotation(rotationFromTransform(t)), 2e-5f));
+  }
+}
+
+TEST(MathTransforms, GimbalLockKeepsThePose) {
+  for (float wy : {kPi2, -kPi2}) {
+    const Transform t = transformFromPosition6D({0, 0, 0, 0.4f, wy, -0.7f});
+    const Position6D back = position6DFromTransform(t);
+    EXPECT_FLOAT_EQ(back.wx, 0.0f);
+    EXPECT_TRUE(transformFromPosition6D(back).isNear(t, 1e-5f)) << back;
+  }
+}
+
+TEST(MathTransforms, Pose2DIsAPlanarPosition6D) {
+  for (const Pose2D& p : {Pose2D(0, 0, 0), Pose2D(1.5f, -2, 0.7f), Pose2D(-3, 0.2f, -3.1f)}) {
+    const Transform t = transformFromPose2D(p);
+    EXPECT_EQ(position6DFromPose2D(p), Position6D(p.x, p.y, 0, 0, 0, p.theta));
+    EXPECT_TRUE(t.isNear(transformFromPosition6D(position6DFromPose2D(p)), 1e-6f));
+    const Pose2D back = pose2DFromTransform(t);
+    EXPECT_FLOAT_EQ(back.x, p.x);
+    EXPECT_FLOAT_EQ(back.y, p.y);
+    EXPECT_NEAR(back.theta, p.theta, 1e-6f);
+  }
+  // The yaw of a tilted transform is its Position6D yaw.
+  const Transform tilted = transformFromPosition6D({1, 2, 3, 0.3f, -0.4f, 1.1f});
+  EXPECT_NEAR(pose2DFromTransform(tilted).theta, 1.1f, 1e-5f);
+}
+
+TEST(MathTransforms, EigenConversionsRoundTrip) {
+  const Transform t = transformFromPosition6D({1, -2, 0.5f, 0.2f, 0.3f, -1.0f});
+  EXPECT_EQ(fromEigen(toEigen(t)), t);
+  const Rotation r = rotationFromAngles(0.2f, 0.3f, -1.0f);
+  EXPECT_EQ(fromEigen(toEigen(r)), r);
+  EXPECT_EQ(fromEigen(toEigen(Position3D(1, 2, 3))), Position3D(1, 2, 3));
+  EXPECT_TRUE(toEigen(r).isApprox(toEigen(t).rotation(), 1e-6f));
+  EXPECT_EQ(r.transpose().transpose(), r);
+  EXPECT_TRUE((toEigen(r.transpose()) * toEigen(r)).isIdentity(1e-6f));
+}
+
+// ---- distances and angles ---------------------------------------------------------------
+
+TEST(MathDistances, DistanceIgnoresAnglesNormIncludesThem) {
+  const Position6D a(1, 2, 3, 0.5f, -0.5f, 3.0f);
+  const Position6D b(4, 6, 3, -2.0f, 1.0f, 0.0f);
+  EXPECT_FLOAT_EQ(distance(a, b), 5.0f);
+  EXPECT_FLOAT_EQ(distance(a, Position6D(1, 2, 3, 0, 0, 0)), 0.0f);
+  EXPECT_FLOAT_EQ(norm(Position6D(1, 2, 3, 4, 5, 6)), std::sqrt(91.0f));
+  EXPECT_FLOAT_EQ(Position6D(0, 0, 0, 3, 4, 0).norm(), 5.0f);
+  EXPECT_FLOAT_EQ(distance(Position3D(1, 1, 1), Position3D(1, 4, 5)), 5.0f);
+  EXPECT_FLOAT_EQ(norm(Position3D(2, 3, 6)), 7.0f);
+}
+
+TEST(MathAngles, Modulo2PIWrapsIntoHalfOpenRange) {
+  struct Case {
+    float in;
+    float out;
+  };
+  const Case cases[] = {
+      {0.0f, 0.0f},
+      {1.0f, 1.0f},
+      {-1.0f, -1.0f},
+      {kPi, kPi},
+      {-kPi, kPi},
+      {k2Pi, 0.0f},
+      {3 * kPi, kPi},
+      {-3 * kPi + 0.25f, 0.25f - kPi},
+      {7.0f, 7.0f - k2Pi},
+      {-7.0f, k2Pi - 7.0f},
+      {kPi + 0.5f, 0.5f - kPi},
+      {100.0f, 100.0f - 32 * kPi},
+  };
+  for (const Case& c : cases) {
+    const float out = modulo2PI(c.in);
+    EXPECT_NEAR(out, c.out, 2e-5f) << c.in;
+    EXPECT_GT(out, -kPi) << c.in;
+    EXPECT_LE(out, kPi) << c.in;
+  }
+  EXPECT_TRUE(std::isnan(modulo2PI(std::numeric_limits<float>::quiet_NaN())));
+}
+
+TEST(MathAngles, Polar3DTurnsTheXAxisOntoThePoint) {
+  std::mt19937 rng(kSeed);
+  std::uniform_real_distribution<float> c(-4.0f, 4.0f);
+  for (int i = 0; i < 500; ++i) {
+    const Position3D p(c(rng), c(rng), c(rng));
+    float dist, yaw, pitch;
+    std::tie(dist, yaw, pitch) = polar3DFromPosition3D(p);
+    EXPECT_FLOAT_EQ(dist, p.norm());
+    const Position3D dir =
+        Rotation::fromRotZ(yaw) * (Rotation::fromRotY(pitch) * Position3D(1, 0, 0));
+    EXPECT_LT(distance(dir * dist, p), 1e-5f * (1 + dist)) << p;
+  }
+  // A point below the head gives a positive pitch (looking down).
+  EXPECT_GT(std::get<2>(polar3DFromPosition3D({1, 0, -1})), 0.0f);
+  EXPECT_FLOAT_EQ(std::get<1>(polar3DFromPosition3D({-1, 0, 0})), kPi);
+}
+
+TEST(MathAngles, PointAtAnglesTurnTheXAxisOntoTheDirection) {
+  std::mt19937 rng(kSeed + 1);
+  std::uniform_real_distribution<float> c(-2.0f, 2.0f);
+  std::vector<Position3D> dirs = {{1, 0, 0}, {0, 1, 0}, {0, 0, -1}, {-1, 0, 0}, {0, 0, 1}};
+  for (int i = 0; i < 500; ++i) {
+    dirs.emplace_back(c(rng), c(rng), c(rng));
+  }
+  for (const Position3D& d : dirs) {
+    float wy = 9.0f, wz = 9.0f;
+    oldComputePointAtAnglesWyWz(d, wy, wz);
+    const Position3D dir = Rotation::fromRotY(wy) * (Rotation::fromRotZ(wz) * Position3D(1, 0, 0));
+    EXPECT_LT(distance(dir, d.normalize()), 1e-5f) << d;
+    EXPECT_LE(std::fabs(wz), kPi2) << d;
+  }
+}
+
+// ---- look-at solver ---------------------------------------------------------------------
+
+struct LookAtCase {
+  Position3D target;
+  Position3D head;
+  Transform neckToEffector;
+};
+
+// Angle between the effector's line of sight and the direction to the target; negative
+// when the target lies behind the effector.
+double sightError(const LookAtCase& c, float yaw, float pitch) {
+  const Transform effector = transformFromPosition3D(c.head) * Transform::fromRotZ(yaw) *
+                             Transform::fromRotY(pitch) * c.neckToEffector;
+  const Eigen::Vector3d axis = toEigen(xAxis(effector)).cast<double>().normalized();
+  const Eigen::Vector3d toTarget =
+      (toEigen(c.target) - toEigen(position3DFromTransform(effector))).cast<double>();
+  if (axis.dot(toTarget) <= 0.0) {
+    return -1.0;
+  }
+  return std::atan2(axis.cross(toTarget).norm(), axis.dot(toTarget));
+}
+
+TEST(MathLookAt, LineOfSightPassesThroughTheTarget) {
+  std::mt19937 rng(kSeed + 2);
+  std::uniform_real_distribution<float> offset(-0.15f, 0.15f);
+  std::uniform_real_distribution<float> tilt(-0.8f, 0.8f);
+  std::uniform_real_distribution<float> unit(-1.0f, 1.0f);
+  std::uniform_real_distribution<float> range(0.5f, 6.0f);
+  std::uniform_real_distribution<float> yawDist(-kPi, kPi);
+  std::uniform_real_distribution<float> elevation(-0.9f, 0.9f);
+  int solved = 0;
+  const int kCases = 20000;
+  for (int i = 0; i < kCases; ++i) {
+    LookAtCase c;
+    c.head = Position3D(unit(rng), unit(rng), unit(rng));
+    // Offsets and tilts of any kind, but a sensor that still looks roughly forward.
+    c.neckToEffector = transformFromPosition6D(
+        {offset(rng), offset(rng), offset(rng), tilt(rng), tilt(rng), 0.2f * tilt(rng)});
+    const float az = yawDist(rng), el = elevation(rng), r = range(rng);
+    c.target = c.head + Position3D(r * std::cos(el) * std::cos(az), r * std::cos(el) * std::sin(az),
+                                   r * std::sin(el));
+    float yaw = 0.0f, pitch = 0.0f;
+    ASSERT_TRUE(computeLookAtAngles(c.target, c.head, c.neckToEffector, yaw, pitch))
+        << "target " << c.target << " head " << c.head << " effector " << c.neckToEffector;
+    ++solved;
+    const double err = sightError(c, yaw, pitch);
+    ASSERT_GE(err, 0.0) << "target behind the sensor: " << c.target << " head " << c.head
+                        << " effector " << c.neckToEffector;
+    ASSERT_LT(err, 1e-4) << "target " << c.target << " head " << c.head << " effector "
+                         << c.neckToEffector << " yaw " << yaw << " pitch " << pitch;
+    ASSERT_GT(yaw, -kPi);
+    ASSERT_LE(yaw, kPi);
+  }
+  EXPECT_EQ(solved, kCases);
+}
+
+TEST(MathLookAt, ExactAtCloseRangeAndSteepAngles) {
+  // Targets just outside the sensor's offset and nearly overhead still solve exactly.
+  const Transform sensor = transformFromPosition6D({0.06f, 0.0f, 0.07f, 0, 0.6f, 0});
+  const Position3D head(0, 0, 0.4f);
+  const Position3D targets[] = {{0.2f, 0, 0.4f},   {0.1f, 0.05f, 0.45f}, {0.01f, 0, 3.0f},
+                                {0, 0.01f, -2.0f}, {-0.5f, 0.0f, 0.4f},  {0, 0.3f, 0.4f}};
+  for (const Position3D& t : targets) {
+    float yaw = 0.0f, pitch = 0.0f;
+    ASSERT_TRUE(computeLookAtAngles(t, head, sensor, yaw, pitch)) << t;
+    EXPECT_GE(sightError({t, head, sensor}, yaw, pitch), 0.0) << t;
+    EXPECT_LT(sightError({t, head, sensor}, yaw, pitch), 1e-4) << t;
+  }
+}
+
+TEST(MathLookAt, WithoutOffsetItIsThePolarDirection) {
+  std::mt19937 rng(kSeed + 3);
+  std::uniform_real_distribution<float> c(-3.0f, 3.0f);
+  for (int i = 0; i < 200; ++i) {
+    const Position3D t(c(rng), c(rng), c(rng));
+    float yaw = 0.0f, pitch = 0.0f;
+    ASSERT_TRUE(computeLookAtAngles(t, Position3D(), Transform(), yaw, pitch));
+    EXPECT_NEAR(yaw, std::get<1>(polar3DFromPosition3D(t)), 1e-5f) << t;
+    EXPECT_NEAR(pitch, std::get<2>(polar3DFromPosition3D(t)), 1e-5f) << t;
+  }
+  // Directly behind: yaw at the wrap, pitch level.
+  float yaw = 0.0f, pitch = 1.0f;
+  ASSERT_TRUE(computeLookAtAngles({-2, 0, 0}, Position3D(), Transform(), yaw, pitch));
+  EXPECT_NEAR(std::fabs(yaw), kPi, 1e-6f);
+  EXPECT_NEAR(pitch, 0.0f, 1e-6f);
+}
+
+TEST(MathLookAt, NoSolutionLeavesOutputsUntouched) {
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  const struct {
+    const char* what;
+    LookAtCase c;
+  } cases[] = {
+      {"target at the head position", {{0.1f, 0.2f, 0.3f}, {0.1f, 0.2f, 0.3f}, Transform()}},
+      {"target at the head, offset sensor",
+       {{0, 0, 0.5f}, {0, 0, 0.5f}, Transform::fromPosition(0.05f, 0, 0.07f)}},
+      {"target inside the sideways offset",
+       {{0.05f, 0, 0}, {0, 0, 0}, Transform::fromPosition(0, 0.2f, 0)}},
+      {"target between the head and the sensor",
+       {{0.1f, 0, 0}, {0, 0, 0}, Transform::fromPosition(0.2f, 0, 0)}},
+      {"overhead target out of reach of a side-shifted sensor",
+       {{0, 0, 0.5f}, {0, 0, 0}, Transform::fromPosition(0, 0.3f, 0)}},
+      {"NaN target", {{nan, 0, 1}, {0, 0, 0}, Transform()}},
+  };
+  for (const auto& k : cases) {
+    float yaw = 0.25f, pitch = -0.5f;
+    EXPECT_FALSE(computeLookAtAngles(k.c.target, k.c.head, k.c.neckToEffector, yaw, pitch))
+        << k.what;
+    EXPECT_EQ(yaw, 0.25f) << k.what;
+    EXPECT_EQ(pitch, -0.5f) << k.what;
+  }
+}
+
+// ---- small helpers ----------------------------------------------------------------------
+
+TEST(MathHelpers, ApplyThresholdIsADeadBand) {
+  struct Case {
+    float threshold, value, stored;
+    bool taken;
+  };
+  const Case cases[] = {
+      {0.0f, 1.0f, 1.0f, true},    // zero threshold takes even an equal value
+      {0.0f, -3.0f, 2.0f, true},   //
+      {0.5f, 1.5f, 1.0f, true},    // exactly at the threshold
+      {0.5f, 0.5f, 1.0f, true},    // exactly at the threshold, below
+      {0.5f, 1.49f, 1.0f, false},  // just inside
+      {0.5f, 0.51f, 1.0f, false},  //
+      {0.1f, -0.2f, 0.0f, true},   // negative moves count by their size
+      {10.0f, 9.0f, 0.0f, false},  // large band
+  };
+  for (const Case& c : cases) {
+    float stored = c.stored;
+    EXPECT_EQ(DSP::applyThreshold(c.threshold, c.value, stored), c.taken)
+        << c.threshold << " " << c.value << " " << c.stored;
+    EXPECT_EQ(stored, c.taken ? c.value : c.stored);
+  }
+}
+
+TEST(MathHelpers, IsFractionStrictAcceptsZeroExclusiveToOneInclusive) {
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  for (float f : {1.0f, 0.5f, 1e-30f, std::numeric_limits<float>::denorm_min()}) {
+    EXPECT_TRUE(Validation::isFractionStrict(f)) << f;
+  }
+  for (float f : {0.0f, -0.0f, -0.1f, std::nextafter(1.0f, 2.0f), 2.0f, nan}) {
+    EXPECT_FALSE(Validation::isFractionStrict(f)) << f;
+  }
+}
+
+TEST(MathHelpers, ClipDataClamps) {
+  float v = 3.0f;
+  clipData(-1.0f, 2.0f, v);
+  EXPECT_EQ(v, 2.0f);
+  v = -3.0f;
+  clipData(-1.0f, 2.0f, v);
+  EXPECT_EQ(v, -1.0f);
+  v = 0.5f;
+  clipData(-1.0f, 2.0f, v);
+  EXPECT_EQ(v, 0.5f);
+}
+
+}  // namespace
