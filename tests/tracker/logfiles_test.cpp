@@ -61,15 +61,6 @@ TEST_F(LogFilesTest, TheFirstCallTruncatesALeftoverFile) {
   EXPECT_EQ(readFile(fDir / "head.log"), "#Time HeadYaw#\n12.5 0.1\n");
 }
 
-TEST_F(LogFilesTest, ALaterCallOnlyAppends) {
-  writeFile(fDir / "arm.log", "kept\n");
-  bool firstCall = false;
-  tools::logAnglesToFile({1.5f, -2.0f}, {"LShoulderPitch", "LElbowYaw"}, "arm.log", 3.0f,
-                         firstCall);
-  EXPECT_FALSE(firstCall);
-  EXPECT_EQ(readFile(fDir / "arm.log"), "kept\n3 1.5 -2\n");
-}
-
 TEST_F(LogFilesTest, EmptyOrMismatchedListsWriteNothing) {
   const struct {
     std::vector<float> angles;
