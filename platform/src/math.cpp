@@ -413,23 +413,20 @@ bool computeLookAtAngles(const Position3D& target, const Position3D& headPositio
   }
 
   const double ox = neckToEffector.r1_c4, oy = neckToEffector.r2_c4, oz = neckToEffector.r3_c4;
-  double dx = neckToEffector.r1_c1, dy = neckToEffector.r2_c1, dz = neckToEffector.r3_c1;
-  const double dn = std::sqrt(dx * dx + dy * dy + dz * dz);
-  if (!(dn > 1e-9)) {
+  const double dx = neckToEffector.r1_c1, dy = neckToEffector.r2_c1, dz = neckToEffector.r3_c1;
+  const double dd = dx * dx + dy * dy + dz * dz;  // 1 for a rotation; kept for robustness
+  if (!(dd > 1e-12)) {
     return false;
   }
-  dx /= dn;
-  dy /= dn;
-  dz /= dn;
 
-  // |o + s d|^2 = |t|^2  ->  s^2 + 2 (o.d) s + |o|^2 - |t|^2 = 0, larger root.
+  // |o + s d|^2 = |t|^2  ->  dd s^2 + 2 (o.d) s + |o|^2 - |t|^2 = 0, larger root.
   const double od = ox * dx + oy * dy + oz * dz;
   const double oo = ox * ox + oy * oy + oz * oz;
-  const double disc = od * od - oo + tt;
+  const double disc = od * od - dd * (oo - tt);
   if (!(disc >= 0.0)) {
     return false;
   }
-  const double s = -od + std::sqrt(disc);
+  const double s = (std::sqrt(disc) - od) / dd;
   if (!(s > 0.0)) {
     return false;
   }
@@ -443,9 +440,10 @@ bool computeLookAtAngles(const Position3D& target, const Position3D& headPositio
   }
   const double u = std::sqrt(std::max(0.0, u2));
   // pitch = angle(qx, qz) - angle(u, tz); yaw = angle(tx, ty) - angle(u, qy); written as
-  // one atan2 each so that both land in (-pi, pi].
-  pitch = float(std::atan2(u * qz - tz * qx, u * qx + tz * qz));
-  yaw = float(std::atan2(u * ty - qy * tx, u * tx + qy * ty));
+  // one atan2 each so that both land in (-pi, pi]. The float atan2 is accurate enough here
+  // (about 1e-7 rad) and cheaper than the double one.
+  pitch = std::atan2(float(u * qz - tz * qx), float(u * qx + tz * qz));
+  yaw = std::atan2(float(u * ty - qy * tx), float(u * tx + qy * ty));
   return true;
 }
 

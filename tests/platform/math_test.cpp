@@ -347,6 +347,10 @@ TEST(MathLookAt, LineOfSightPassesThroughTheTarget) {
                          << c.neckToEffector << " yaw " << yaw << " pitch " << pitch;
     ASSERT_GT(yaw, -kPi);
     ASSERT_LE(yaw, kPi);
+    // Forward-looking: the head turns towards the target rather than away from it and
+    // over its back.
+    ASSERT_GE((Rotation::fromRotZ(-yaw) * (c.target - c.head)).x, -1e-5f)
+        << "target " << c.target << " yaw " << yaw << " pitch " << pitch;
   }
   EXPECT_EQ(solved, kCases);
 }
