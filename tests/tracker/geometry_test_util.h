@@ -1,0 +1,68 @@
+#pragma once
+// Helpers shared by the look-at and point-at tests: robot models from the shipped descriptions
+// and the forward-kinematics measures the tests check the angles with.
+
+#include <cmath>
+#include <memory>
+#include <string>
+
+#include <Eigen/Core>
+#include <Eigen/Geometry>
+
+#include <kr/math/math.h>
+#include <kr/model/modelutils.h>
+#include <kr/model/robot.h>
+#include <kr/model/trackermodel.h>
+#include <support/fake_module.h>
+
+namespace geomtest {
+
+/// Fixed seed of every random sweep; change it here to explore other inputs.
+constexpr unsigned kSeed = 20261121u;
+
+inline KR::Model::KRTrackerModel loadModel(const std::string& robotFile) {
+  const std::unique_ptr<KR::Model::Robot> robot =
+      KR::Model::ModelUtils::robotFromXml(krtest::readRobotFile(robotFile));
+  KR::Model::KRTrackerModel model;
+  robot->fillTrackerModel(model);
+  return model;
+}
+
+/// Angle between two vectors [rad], accurate for tiny angles too.
+inline double angleBetween(const KR::Math::Position3D& a, const KR::Math::Position3D& b) {
+  const Eigen::Vector3d u(a.x, a.y, a.z);
+  const Eigen::Vector3d v(b.x, b.y, b.z);
+  return std::atan2(u.cross(v).norm(), u.dot(v));
+}
+
+inline KR::Math::Position3D originOf(const KR::Math::Transform& t) {
+  return {t.r1_c4, t.r2_c4, t.r3_c4};
+}
+inline KR::Math::Position3D xAxisOf(const KR::Math::Transform& t) {
+  return {t.r1_c1, t.r2_c1, t.r3_c1};
+}
+inline KR::Math::Position3D yAxisOf(const KR::Math::Transform& t) {
+  return {t.r1_c2, t.r2_c2, t.r3_c2};
+}
+inline KR::Math::Position3D zAxisOf(const KR::Math::Transform& t) {
+  return {t.r1_c3, t.r2_c3, t.r3_c3};
+}
+
+inline KR::Math::Transform translation(const KR::Math::Position3D& p) {
+  return KR::Math::Transform::fromPosition(p.x, p.y, p.z);
+}
+
+/// A point at `distance` from `origin` in the direction Rz(yaw) * Ry(pitch) * x.
+inline KR::Math::Position3D pointInDirection(const KR::Math::Position3D& origin, float yaw,
+                                             float pitch, float distance) {
+  const KR::Math::Transform ray = translation(origin) * KR::Math::Transform::fromRotZ(yaw) *
+                                  KR::Math::Transform::fromRotY(pitch);
+  return ray * KR::Math::Position3D(distance, 0.0f, 0.0f);
+}
+
+/// True when the angle sits on one of the joint's limits, i.e. the clip may have acted.
+inline bool atLimit(float angle, const KR::Model::TrackerJoint& joint) {
+  return angle == joint.min || angle == joint.max;
+}
+
+}  // namespace geomtest

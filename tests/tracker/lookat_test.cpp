@@ -1,0 +1,474 @@
+// Head look-at angles, checked by forward kinematics on the shipped robots: the computed head
+// pose must actually look at the target.
+
+#include <algorithm>
+#include <cmath>
+#include <iostream>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <ko/log.h>
+#include <kr/math/math.h>
+#include <krtracker/config/krgenerictrackerconfig.h>
+#include <krtracker/tools/tools.h>
+#include <support/fake_module.h>
+
+#include "geometry_test_util.h"
+
+namespace {
+
+using KR::KRValue;
+using KR::Math::Position3D;
+using KR::Math::Transform;
+using KR::Model::KRTrackerModel;
+using KR::Model::TRACK_EFFECTOR;
+using KR::Model::TrackerHeadAngle;
+namespace tools = KR::Tracker::tools;
+using geomtest::angleBetween;
+using geomtest::atLimit;
+
+const char* const kRobotFiles[] = {"kibo.xml", "rover.xml"};
+
+// ---- head only -------------------------------------------------------------------------------
+
+TEST(HeadLookAt, HeadPoseLooksAtReachableTargets) {
+  std::mt19937 rng(geomtest::kSeed);
+  double largestError = 0.0;
+  for (const char* file : kRobotFiles) {
+    const KRTrackerModel model = geomtest::loadModel(file);
+    const KR::Model::TrackerHead& head = model.head;
+    for (int effector = 0; effector < 3; ++effector) {
+      const auto e = static_cast<TRACK_EFFECTOR>(effector);
+      std::uniform_real_distribution<float> yawDist(head.yaw.min, head.yaw.max);
+      std::uniform_real_distribution<float> pitchDist(head.pitch.min, head.pitch.max);
+      std::uniform_real_distribution<float> distanceDist(0.4f, 5.0f);
+      int checked = 0;
+      const int samples = 400;
+      for (int i = 0; i < samples; ++i) {
+        const Position3D target = geomtest::pointInDirection(head.headPosition, yawDist(rng),
+                                                             pitchDist(rng), distanceDist(rng));
+        std::vector<std::string> names;
+        std::vector<float> angles;
+        ASSERT_TRUE(tools::computeLookAtAngles(target, model, e, false, names, angles))
+            << file << " effector " << effector << " target " << target;
+        ASSERT_EQ(angles.size(), 2u);
+        const float yaw = angles[0];
+        const float pitch = angles[1];
+        ASSERT_GE(yaw, head.yaw.min);
+        ASSERT_LE(yaw, head.yaw.max);
+        ASSERT_GE(pitch, head.pitch.min);
+        ASSERT_LE(pitch, head.pitch.max);
+        if (atLimit(yaw, head.yaw) || atLimit(pitch, head.pitch)) {
+          continue;  // the target needs more than the joints allow
+        }
+        const Transform sensor = geomtest::translation(head.headPosition) *
+                                 Transform::fromRotZ(yaw) * Transform::fromRotY(pitch) *
+                                 head.getNeckToEffectorTransform(effector);
+        const double error =
+            angleBetween(geomtest::xAxisOf(sensor), target - geomtest::originOf(sensor));
+        largestError = std::max(largestError, error);
+        EXPECT_LT(error, 1e-3) << file << " effector " << effector << " target " << target
+                               << " yaw " << yaw << " pitch " << pitch;
+        ++checked;
+      }
+      // Enough of the sweep must lie inside the joint limits for the check to mean anything
+      // (the tilted sensors reach less of it).
+      EXPECT_GT(checked, samples / 3) << file << " effector " << effector;
+    }
+  }
+  std::cout << "[ geometry ] largest head line-of-sight error: " << largestError << " rad\n";
+}
+
+TEST(HeadLookAt, AppendsYawThenPitchAndFailsAtTheHeadPosition) {
+  const KRTrackerModel model = geomtest::loadModel("kibo.xml");
+  std::vector<std::string> names{"Other"};
+  std::vector<float> angles{7.0f};
+
+  ASSERT_TRUE(tools::computeLookAtAngles(
+      {1.0f, 0.3f, 0.6f}, model, KR::Model::TRACK_EFFECTOR_CAMERA_TOP, false, names, angles));
+  EXPECT_EQ(names, (std::vector<std::string>{"Other", "HeadYaw", "HeadPitch"}));
+  ASSERT_EQ(angles.size(), 3u);
+  EXPECT_EQ(angles[0], 7.0f);
+  EXPECT_GT(angles[1], 0.0f);  // target on the left
+  EXPECT_LT(angles[2], 0.0f);  // and above: the head looks up
+
+  const std::vector<std::string> namesBefore = names;
+  const std::vector<float> anglesBefore = angles;
+  EXPECT_FALSE(tools::computeLookAtAngles(
+      model.head.headPosition, model, KR::Model::TRACK_EFFECTOR_CAMERA_TOP, false, names, angles));
+  EXPECT_EQ(names, namesBefore);
+  EXPECT_EQ(angles, anglesBefore);
+
+  float yaw = 0.5f;
+  float pitch = 0.5f;
+  EXPECT_FALSE(tools::xComputeLookAtArticular(model.head.headPosition, model.head,
+                                              KR::Model::TRACK_EFFECTOR_CAMERA_TOP, yaw, pitch));
+}
+
+TEST(HeadLookAt, AnUnfilledModelNeverClips) {
+  // The default limits of +-2 pi leave even a target straight behind unclipped.
+  const KRTrackerModel model;
+  std::vector<std::string> names;
+  std::vector<float> angles;
+  ASSERT_TRUE(tools::computeLookAtAngles(
+      {-2.0f, -0.1f, -1.5f}, model, KR::Model::TRACK_EFFECTOR_CAMERA_TOP, false, names, angles));
+  const Transform head = Transform::fromRotZ(angles[0]) * Transform::fromRotY(angles[1]);
+  EXPECT_LT(angleBetween(geomtest::xAxisOf(head), {-2.0f, -0.1f, -1.5f}), 1e-3);
+  EXPECT_EQ(names, (std::vector<std::string>{"", ""}));
+}
+
+TEST(HeadLookAt, ClipsToTheJointLimits) {
+  const KRTrackerModel model = geomtest::loadModel("kibo.xml");
+  struct Case {
+    Position3D target;
+    float yaw;
+    float pitch;
+  };
+  const KR::Model::TrackerHead& h = model.head;
+  // Far left and far below; far right and far above.
+  const Case cases[] = {{{-1.0f, 0.2f, -5.0f}, h.yaw.max, h.pitch.max},
+                        {{-1.0f, -0.2f, 5.0f}, h.yaw.min, h.pitch.min}};
+  for (const Case& c : cases) {
+    float yaw = 0.0f;
+    float pitch = 0.0f;
+    ASSERT_TRUE(tools::xComputeLookAtArticular(c.target, h, KR::Model::TRACK_EFFECTOR_CAMERA_TOP,
+                                               yaw, pitch));
+    EXPECT_EQ(yaw, c.yaw) << c.target;
+    EXPECT_EQ(pitch, c.pitch) << c.target;
+  }
+}
+
+// ---- whole body ------------------------------------------------------------------------------
+
+TEST(WholeBodyLookAt, LooksAtTargetsWithinTheBounds) {
+  std::mt19937 rng(geomtest::kSeed + 1);
+  double largestError = 0.0;
+  for (const char* file : kRobotFiles) {
+    const KRTrackerModel model = geomtest::loadModel(file);
+    const Position3D lookAtOrigin(0.0f, 0.0f, model.wbLookAtHeight);
+    const float margin = 0.01f;
+    std::uniform_real_distribution<float> yawDist(model.wbYawMin + margin, model.wbYawMax - margin);
+    std::uniform_real_distribution<float> pitchDist(model.wbPitchMin + margin,
+                                                    model.wbPitchMax - margin);
+    std::uniform_real_distribution<float> distanceDist(0.3f, 6.0f);
+    for (int i = 0; i < 300; ++i) {
+      const Position3D target =
+          geomtest::pointInDirection(lookAtOrigin, yawDist(rng), pitchDist(rng), distanceDist(rng));
+      for (int effector = 0; effector < 3; ++effector) {
+        std::vector<std::string> names;
+        std::vector<float> angles;
+        ASSERT_TRUE(tools::computeLookAtAngles(target, model, static_cast<TRACK_EFFECTOR>(effector),
+                                               true, names, angles));
+        ASSERT_EQ(angles.size(), 2u);
+        Transform sight = Transform::fromRotZ(angles[0]) * Transform::fromRotY(angles[1]);
+        if (effector == 2) {
+          // The tilted sensor, not the head, is the one aimed at the target.
+          sight = sight * KR::Math::transformFromRotation(KR::Math::rotationFromTransform(
+                              model.head.getNeckToEffectorTransform(2)));
+        }
+        const double error = angleBetween(geomtest::xAxisOf(sight), target - lookAtOrigin);
+        largestError = std::max(largestError, error);
+        EXPECT_LT(error, 1e-4) << file << " effector " << effector << " target " << target;
+      }
+    }
+  }
+  std::cout << "[ geometry ] largest whole-body line-of-sight error: " << largestError << " rad\n";
+}
+
+TEST(WholeBodyLookAt, ReplacesTheListsByExactlyTwoEntries) {
+  const KRTrackerModel model = geomtest::loadModel("rover.xml");
+  std::vector<std::string> names{"a", "b", "c", "d"};
+  std::vector<float> angles{1.0f, 2.0f, 3.0f};
+  // Even the degenerate target at the look-at origin reports success.
+  EXPECT_TRUE(tools::computeLookAtAngles({0.0f, 0.0f, model.wbLookAtHeight}, model,
+                                         KR::Model::TRACK_EFFECTOR_CAMERA_TOP, true, names,
+                                         angles));
+  EXPECT_EQ(names, (std::vector<std::string>{"HeadYaw", "HeadPitch"}));
+  EXPECT_EQ(angles.size(), 2u);
+}
+
+TEST(WholeBodyLookAt, ClampsToTheBoundsAndTiltCorrectsAfterwards) {
+  KRTrackerModel model;
+  model.wbYawMin = -1.0f;
+  model.wbYawMax = 1.0f;
+  model.wbPitchMin = -0.3f;
+  model.wbPitchMax = 0.4f;
+  model.wbLookAtHeight = 1.0f;
+  const float tilt = 0.25f;  // the sensor looks this much below the head's axis
+  model.head.effectorTransforms[2] = Transform::fromRotY(tilt);
+
+  std::vector<std::string> names;
+  std::vector<float> angles;
+  // Behind on the left, far above the look-at origin.
+  const Position3D highBehind(-1.0f, 1.0f, 10.0f);
+  tools::computeLookAtAngles(highBehind, model, KR::Model::TRACK_EFFECTOR_CAMERA_TOP, true, names,
+                             angles);
+  EXPECT_EQ(angles[0], model.wbYawMax);
+  EXPECT_EQ(angles[1], model.wbPitchMin);
+
+  // The tilted sensor: the head pitch leaves the bounds so that the sensor sits on them.
+  tools::computeLookAtAngles(highBehind, model, KR::Model::TRACK_EFFECTOR_DEPTH_CAMERA, true, names,
+                             angles);
+  EXPECT_EQ(angles[0], model.wbYawMax);
+  EXPECT_LT(angles[1], model.wbPitchMin);
+  EXPECT_NEAR(angles[1] + tilt, model.wbPitchMin, 1e-6f);
+
+  // Far below on the right.
+  tools::computeLookAtAngles({0.1f, -5.0f, -20.0f}, model, KR::Model::TRACK_EFFECTOR_CAMERA_TOP,
+                             true, names, angles);
+  EXPECT_EQ(angles[0], model.wbYawMin);
+  EXPECT_EQ(angles[1], model.wbPitchMax);
+
+  // Inverted bounds: the minimum wins.
+  model.wbYawMin = 0.3f;
+  model.wbYawMax = -0.3f;
+  for (const Position3D& target : {Position3D(1, 2, 1), Position3D(1, -2, 1)}) {
+    tools::computeLookAtAngles(target, model, KR::Model::TRACK_EFFECTOR_CAMERA_TOP, true, names,
+                               angles);
+    EXPECT_EQ(angles[0], 0.3f) << target;
+  }
+}
+
+// ---- dead bands and the configured yaw limit ---------------------------------------------------
+
+class HeadThresholdTest : public ::testing::Test {
+ protected:
+  void TearDown() override { KR::Tracker::resetConfig(); }
+
+  bool look(const Position3D& target, float threshold) {
+    return tools::computeLookAtAnglesWithThreshold(target, model_.head,
+                                                   KR::Model::TRACK_EFFECTOR_CAMERA_TOP, threshold,
+                                                   remembered_, names_, angles_);
+  }
+  std::pair<float, float> solve(const Position3D& target) {
+    float yaw = 0.0f;
+    float pitch = 0.0f;
+    EXPECT_TRUE(tools::xComputeLookAtArticular(target, model_.head,
+                                               KR::Model::TRACK_EFFECTOR_CAMERA_TOP, yaw, pitch));
+    return {yaw, pitch};
+  }
+
+  const KRTrackerModel model_ = geomtest::loadModel("kibo.xml");
+  TrackerHeadAngle remembered_;
+  std::vector<std::string> names_{"", ""};
+  std::vector<float> angles_{0.0f, 0.0f};
+};
+
+TEST_F(HeadThresholdTest, ZeroThresholdAlwaysTakesTheNewAngles) {
+  const Position3D a(1.0f, 0.4f, 0.1f);
+  const Position3D b(1.0f, 0.4001f, 0.1f);
+  EXPECT_TRUE(look(a, 0.0f));
+  EXPECT_EQ(remembered_.yaw, solve(a).first);
+  EXPECT_EQ(remembered_.pitch, solve(a).second);
+  // Even an unchanged target counts as a change at threshold 0.
+  EXPECT_TRUE(look(a, 0.0f));
+  EXPECT_TRUE(look(b, 0.0f));
+  EXPECT_EQ(remembered_.yaw, solve(b).first);
+  EXPECT_EQ(names_, (std::vector<std::string>{"HeadYaw", "HeadPitch"}));
+  EXPECT_EQ(angles_, (std::vector<float>{remembered_.yaw, remembered_.pitch}));
+}
+
+TEST_F(HeadThresholdTest, LargeThresholdKeepsTheRememberedAngles) {
+  ASSERT_TRUE(look({1.0f, 0.4f, 0.1f}, 0.0f));
+  const TrackerHeadAngle before = remembered_;
+
+  EXPECT_FALSE(look({1.0f, 0.42f, 0.12f}, 0.2f));
+  EXPECT_EQ(remembered_.yaw, before.yaw);
+  EXPECT_EQ(remembered_.pitch, before.pitch);
+  // The lists carry the remembered command, written in place.
+  EXPECT_EQ(angles_, (std::vector<float>{before.yaw, before.pitch}));
+  EXPECT_EQ(names_.size(), 2u);
+
+  // A move beyond the band on one axis only updates that axis.
+  const Position3D left(0.2f, 1.0f, 0.12f);
+  EXPECT_TRUE(look(left, 0.2f));
+  EXPECT_EQ(remembered_.yaw, solve(left).first);
+  EXPECT_EQ(remembered_.pitch, before.pitch);
+}
+
+TEST_F(HeadThresholdTest, UnsolvableTargetLeavesEverythingUntouched) {
+  ASSERT_TRUE(look({1.0f, 0.4f, 0.1f}, 0.0f));
+  const TrackerHeadAngle before = remembered_;
+  const std::vector<float> anglesBefore = angles_;
+  EXPECT_FALSE(look(model_.head.headPosition, 0.0f));
+  EXPECT_EQ(remembered_.yaw, before.yaw);
+  EXPECT_EQ(remembered_.pitch, before.pitch);
+  EXPECT_EQ(angles_, anglesBefore);
+}
+
+TEST_F(HeadThresholdTest, ConfiguredYawLimitBoundsOnlyTheYawAndIsReadEveryCall) {
+  const Position3D farLeft(0.1f, 2.0f, -0.3f);
+  const Position3D farRight(0.1f, -2.0f, -0.3f);
+
+  // The default (2 pi) leaves the joint limits alone.
+  ASSERT_TRUE(look(farLeft, 0.0f));
+  EXPECT_EQ(remembered_.yaw, solve(farLeft).first);
+
+  KR::Tracker::setConfigValue(KR::Tracker::HEAD_WZ_LIMIT, KRValue(0.5f));
+  ASSERT_TRUE(look(farLeft, 0.0f));
+  EXPECT_EQ(remembered_.yaw, 0.5f);
+  EXPECT_EQ(remembered_.pitch, solve(farLeft).second);
+  ASSERT_TRUE(look(farRight, 0.0f));
+  EXPECT_EQ(remembered_.yaw, -0.5f);
+
+  // A limit wider than the joint: the joint limit stays in force.
+  KR::Tracker::setConfigValue(KR::Tracker::HEAD_WZ_LIMIT, KRValue(3.0f));
+  ASSERT_TRUE(look({-1.0f, -0.1f, 0.0f}, 0.0f));
+  EXPECT_EQ(remembered_.yaw, model_.head.yaw.min);
+
+  // An int is accepted for the limit.
+  KR::Tracker::setConfigValue(KR::Tracker::HEAD_WZ_LIMIT, KRValue(1));
+  ASSERT_TRUE(look(farLeft, 0.0f));
+  EXPECT_EQ(remembered_.yaw, 1.0f);
+}
+
+TEST(HeadApplyThreshold, WritesTheFirstTwoEntriesInPlace) {
+  const KRTrackerModel model = geomtest::loadModel("rover.xml");
+  TrackerHeadAngle remembered;
+  remembered.yaw = 0.1f;
+  remembered.pitch = 0.2f;
+  std::vector<std::string> names{"x", "y", "z"};
+  std::vector<float> angles{9.0f, 9.0f, 9.0f};
+
+  EXPECT_FALSE(tools::applyThreshold(0.05f, 0.12f, 0.17f, model.head, remembered, names, angles));
+  EXPECT_EQ(names, (std::vector<std::string>{"HeadYaw", "HeadPitch", "z"}));
+  EXPECT_EQ(angles, (std::vector<float>{0.1f, 0.2f, 9.0f}));
+
+  EXPECT_TRUE(tools::applyThreshold(0.05f, 0.1f, 0.3f, model.head, remembered, names, angles));
+  EXPECT_EQ(angles, (std::vector<float>{0.1f, 0.3f, 9.0f}));
+}
+
+// ---- look behind -------------------------------------------------------------------------------
+
+TEST(LookBehind, TurnsTheBodySoThatTheHeadReachesTheTarget) {
+  const float pi = KR::Math::kPi;
+  struct Case {
+    Position3D target;
+    float yawMin;
+    float yawMax;
+    float bodyAngle;
+  };
+  const Case cases[] = {
+      // Straight behind: half a turn, less what the head takes (at most a quarter turn).
+      {{-1.0f, 0.0f, 0.3f}, -2.0f, 2.0f, pi - KR::Math::kPi2},
+      {{-1.0f, 0.0f, 0.3f}, -1.0f, 1.0f, pi - 1.0f},
+      // Behind on the left uses the yaw minimum, behind on the right the yaw maximum.
+      {{-1.0f, 1.0f, 0.0f}, -0.5f, 1.2f, 0.75f * pi - 0.5f},
+      {{-1.0f, -1.0f, 0.0f}, -0.5f, 1.2f, -0.75f * pi + 1.2f},
+      {{-2.0f, -0.5f, -1.0f}, -2.0f, 2.0f, std::atan2(-0.5f, -2.0f) + KR::Math::kPi2},
+  };
+  for (const Case& c : cases) {
+    Position3D target = c.target;
+    float bodyAngle = -9.0f;
+    ASSERT_TRUE(tools::computeAngleLookBehind(c.yawMin, c.yawMax, target, bodyAngle)) << c.target;
+    EXPECT_NEAR(bodyAngle, c.bodyAngle, 1e-6f) << c.target;
+    // Turning the body by bodyAngle brings the rotated target back onto the original.
+    const Position3D back = KR::Math::rotationFromRotZ(bodyAngle) * target;
+    EXPECT_NEAR(back.x, c.target.x, 1e-5f);
+    EXPECT_NEAR(back.y, c.target.y, 1e-5f);
+    EXPECT_EQ(target.z, c.target.z);
+    // Seen from the turned body, the target is at most a quarter turn to the side.
+    EXPECT_LE(std::fabs(std::atan2(target.y, target.x)), KR::Math::kPi2 + 1e-5f) << c.target;
+  }
+}
+
+TEST(LookBehind, TargetsInFrontOrAbeamAreNotBehind) {
+  for (const Position3D& original : {Position3D(0.0f, 1.0f, 0.0f), Position3D(0.0f, -1.0f, 0.5f),
+                                     Position3D(1.0f, 0.0f, 0.0f), Position3D(0.0f, 0.0f, 0.0f)}) {
+    Position3D target = original;
+    float bodyAngle = 5.0f;
+    EXPECT_FALSE(tools::computeAngleLookBehind(-2.0f, 2.0f, target, bodyAngle)) << original;
+    EXPECT_EQ(bodyAngle, 0.0f);
+    EXPECT_EQ(target, original);
+  }
+}
+
+// ---- one-shot look ----------------------------------------------------------------------------
+
+class ToolsLookAtTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    broker_->addModule(motionModule_);
+    motion_ = broker_->getProxy("KRMotion", 0);
+    // The torso at the robot frame's origin raised by 0.3 m; identity elsewhere.
+    motionModule_->answerWith("getTransform", [](const std::vector<KRValue>& args) {
+      const bool robotFrame = args.size() > 1 && args[1] == KRValue(2);
+      return KRValue(std::vector<float>{1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, robotFrame ? 0.3f : 0});
+    });
+  }
+  void TearDown() override { broker_->shutdown(); }
+
+  std::vector<std::string> methods() const {
+    std::vector<std::string> out;
+    for (const KR::KRCallRecord& r : recorder_.records()) {
+      out.push_back(r.method);
+    }
+    return out;
+  }
+
+  std::shared_ptr<KR::KRBroker> broker_ = KR::KRBroker::create();
+  std::shared_ptr<krtest::FakeModule> motionModule_ =
+      std::make_shared<krtest::FakeModule>("KRMotion");
+  std::shared_ptr<KR::KRProxy> motion_;
+  krtest::CallRecorder recorder_{broker_};
+  const KRTrackerModel model_ = geomtest::loadModel("kibo.xml");
+};
+
+TEST_F(ToolsLookAtTest, SendsTheComputedAnglesAtTheGivenSpeed) {
+  for (const bool wholeBody : {false, true}) {
+    recorder_.clear();
+    const Position3D target(1.0f, -0.3f, 0.2f);
+    tools::lookAt(motion_, model_, target, KR::Math::FRAME_TORSO,
+                  KR::Model::TRACK_EFFECTOR_CAMERA_TOP, 0.4f, wholeBody);
+    const std::vector<KR::KRCallRecord> records = recorder_.records();
+    ASSERT_EQ(methods(), (std::vector<std::string>{"getTransform", "_trackerWithSpeed"}));
+
+    std::vector<std::string> names;
+    std::vector<float> angles;
+    const Position3D converted = wholeBody ? target + Position3D(0, 0, 0.3f) : target;
+    ASSERT_TRUE(tools::computeLookAtAngles(converted, model_, KR::Model::TRACK_EFFECTOR_CAMERA_TOP,
+                                           wholeBody, names, angles));
+    const std::vector<KRValue> expected{KRValue(names), KRValue(angles),
+                                        KRValue(std::vector<float>{0.4f}), KRValue(wholeBody),
+                                        KRValue(false)};
+    EXPECT_EQ(records[1].args, expected) << "whole body " << wholeBody;
+    EXPECT_FALSE(records[1].posted);
+  }
+}
+
+TEST_F(ToolsLookAtTest, RefusesAFractionOutsideZeroToOneBeforeAnyCall) {
+  for (const float fraction : {0.0f, -0.5f, 1.01f}) {
+    try {
+      tools::lookAt(motion_, model_, {1, 0, 0}, KR::Math::FRAME_TORSO,
+                    KR::Model::TRACK_EFFECTOR_CAMERA_TOP, fraction, false);
+      ADD_FAILURE() << "no error for fraction " << fraction;
+    } catch (const std::runtime_error& e) {
+      EXPECT_STREQ(e.what(), "Expected a fraction for pFractionMaxSpeed.");
+    }
+  }
+  EXPECT_TRUE(recorder_.calls().empty());
+}
+
+TEST_F(ToolsLookAtTest, LogsUnsolvableTargetsAndRemoteFailures) {
+  ko::log::ScopedCapture capture;
+  tools::lookAt(motion_, model_, model_.head.headPosition, KR::Math::FRAME_TORSO,
+                KR::Model::TRACK_EFFECTOR_CAMERA_TOP, 1.0f, false);
+  EXPECT_EQ(methods(), (std::vector<std::string>{"getTransform"}));
+  EXPECT_EQ(capture.records("KRTracker.tools"),
+            (std::vector<ko::log::Record>{{"KRTracker.tools", ko::log::Level::verbose, "lookAt",
+                                           "computeLookAtAngles fail."}}));
+
+  capture.clear();
+  motionModule_->throwOn("_trackerWithSpeed", "motion refused");
+  EXPECT_NO_THROW(tools::lookAt(motion_, model_, {1, 0, 0}, KR::Math::FRAME_TORSO,
+                                KR::Model::TRACK_EFFECTOR_CAMERA_TOP, 1.0f, false));
+  EXPECT_EQ(capture.records("KRTracker.tools"),
+            (std::vector<ko::log::Record>{
+                {"KRTracker.tools", ko::log::Level::error, "lookAt", "motion refused"}}));
+}
+
+}  // namespace

@@ -1,0 +1,305 @@
+// Arm point-at angles, checked by forward kinematics on the shipped robots: the computed
+// forearm must point at the target, and the hand must be level.
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <iostream>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <kr/math/math.h>
+#include <krtracker/config/krgenerictrackerconfig.h>
+#include <krtracker/tools/tools.h>
+
+#include "geometry_test_util.h"
+
+namespace {
+
+using KR::KRValue;
+using KR::Math::Position3D;
+using KR::Math::Transform;
+using KR::Model::KRTrackerModel;
+using KR::Model::TrackerArm;
+using KR::Model::TrackerArmAngle;
+namespace tools = KR::Tracker::tools;
+using geomtest::angleBetween;
+using geomtest::atLimit;
+
+constexpr double kOneDegree = 3.14159265358979 / 180.0;
+
+struct Angles {
+  float a[5] = {0, 0, 0, 0, 0};
+};
+
+Angles solve(const Position3D& target, const TrackerArm& arm) {
+  Angles out;
+  tools::xComputePointAtAngles(target, arm, out.a[0], out.a[1], out.a[2], out.a[3], out.a[4]);
+  return out;
+}
+
+/// The forearm frame for the given angles, in the torso frame.
+Transform forearm(const TrackerArm& arm, const Angles& q) {
+  return geomtest::translation(arm.shoulderPosition) * Transform::fromRotY(q.a[0]) *
+         Transform::fromRotZ(q.a[1]) * arm.armTransform * Transform::fromRotZ(q.a[3]) *
+         Transform::fromRotX(q.a[2]);
+}
+
+TEST(ArmPointAt, ForearmPointsAtTargetsWithinTheJointLimits) {
+  std::mt19937 rng(geomtest::kSeed + 2);
+  double largestPointingError = 0.0;
+  double largestLevelError = 0.0;
+  for (const char* file : {"kibo.xml", "rover.xml"}) {
+    const KRTrackerModel model = geomtest::loadModel(file);
+    for (const TrackerArm* arm : {&model.leftArm, &model.rightArm}) {
+      std::uniform_real_distribution<float> pitchDist(arm->joints[0].min, arm->joints[0].max);
+      std::uniform_real_distribution<float> rollDist(arm->joints[1].min, arm->joints[1].max);
+      std::uniform_real_distribution<float> distanceDist(0.35f, 2.5f);
+      const int samples = 400;
+      int checked = 0;
+      int wristChecked = 0;
+      for (int i = 0; i < samples; ++i) {
+        // Ry(pitch) * Rz(roll) * x: the direction the shoulder joints reach.
+        const float pitch = pitchDist(rng);
+        const float roll = rollDist(rng);
+        const Position3D target = geomtest::translation(arm->shoulderPosition) *
+                                  Transform::fromRotY(pitch) * Transform::fromRotZ(roll) *
+                                  Position3D(distanceDist(rng), 0.0f, 0.0f);
+        const Angles q = solve(target, *arm);
+        if (atLimit(q.a[0], arm->joints[0]) || atLimit(q.a[1], arm->joints[1]) ||
+            atLimit(q.a[3], arm->joints[3])) {
+          continue;  // the arm cannot reach that direction
+        }
+        const Transform h = forearm(*arm, q);
+        const double error = angleBetween(geomtest::xAxisOf(h), target - geomtest::originOf(h));
+        largestPointingError = std::max(largestPointingError, error);
+        EXPECT_LT(error, kOneDegree) << file << " " << arm->name << " target " << target;
+        ++checked;
+
+        // The wrist turns the hand about the forearm so that its z axis is the vertical made
+        // perpendicular to the forearm.
+        if (!arm->joints[4].name.empty() && !atLimit(q.a[4], arm->joints[4])) {
+          const Transform hand = h * Transform::fromRotX(q.a[4]);
+          const Position3D x = geomtest::xAxisOf(hand);
+          const Position3D up(0.0f, 0.0f, 1.0f);
+          const Position3D level = up - x * up.dot(x);
+          if (level.norm() > 0.01f) {
+            const double levelError = angleBetween(geomtest::zAxisOf(hand), level);
+            largestLevelError = std::max(largestLevelError, levelError);
+            EXPECT_LT(levelError, 1e-3) << file << " " << arm->name << " target " << target;
+            ++wristChecked;
+          }
+        }
+      }
+      EXPECT_GT(checked, samples / 2) << file << " " << arm->name;
+      if (!arm->joints[4].name.empty()) {
+        EXPECT_GT(wristChecked, samples / 4) << file << " " << arm->name;
+      }
+    }
+  }
+  std::cout << "[ geometry ] largest pointing error: " << largestPointingError
+            << " rad; largest hand level error: " << largestLevelError << " rad\n";
+}
+
+TEST(ArmPointAt, ListsHoldTheWristOnlyWhenTheArmHasOne) {
+  struct Case {
+    const char* file;
+    std::vector<std::string> names;
+  };
+  const Case cases[] = {
+      {"kibo.xml",
+       {"Head", "LShoulderPitch", "LShoulderRoll", "LElbowYaw", "LElbowRoll", "LWristYaw",
+        "RShoulderPitch", "RShoulderRoll", "RElbowYaw", "RElbowRoll", "RWristYaw"}},
+      {"rover.xml",
+       {"Head", "LShoulderPitch", "LShoulderRoll", "LElbowYaw", "LElbowRoll", "RShoulderPitch",
+        "RShoulderRoll", "RElbowYaw", "RElbowRoll"}},
+  };
+  for (const Case& c : cases) {
+    const KRTrackerModel model = geomtest::loadModel(c.file);
+    const Position3D target(0.8f, 0.1f, 0.3f);
+    std::vector<std::string> names{"Head"};
+    std::vector<float> angles{0.5f};
+    tools::computePointAtAngles(target, model.leftArm, names, angles);
+    tools::computePointAtAngles(target, model.rightArm, names, angles);
+    EXPECT_EQ(names, c.names) << c.file;
+    ASSERT_EQ(angles.size(), c.names.size()) << c.file;
+    EXPECT_EQ(angles[0], 0.5f);
+    const Angles left = solve(target, model.leftArm);
+    const std::size_t perArm = (c.names.size() - 1) / 2;
+    for (std::size_t i = 0; i < perArm; ++i) {
+      EXPECT_EQ(angles[1 + i], left.a[i]) << c.file << " joint " << i;
+    }
+  }
+}
+
+TEST(ArmPointAt, TargetAtTheShoulderGivesTheRestPose) {
+  const KRTrackerModel model = geomtest::loadModel("kibo.xml");
+  for (const TrackerArm* arm : {&model.leftArm, &model.rightArm}) {
+    float a[5] = {9, 9, 9, 9, 9};
+    tools::xComputePointAtAngles(arm->shoulderPosition + Position3D(0.0005f, 0, 0), *arm, a[0],
+                                 a[1], a[2], a[3], a[4]);
+    for (float v : a) {
+      EXPECT_EQ(v, 0.0f) << arm->name;
+    }
+    std::vector<std::string> names;
+    std::vector<float> angles;
+    tools::computePointAtAngles(arm->shoulderPosition, *arm, names, angles);
+    EXPECT_EQ(angles, std::vector<float>(5, 0.0f)) << arm->name;
+    EXPECT_EQ(names.size(), 5u);
+  }
+}
+
+TEST(ArmPointAt, RefusesAnArmThatIsNotLeftOrRight) {
+  const TrackerArm head("Head");
+  float a[5] = {9, 9, 9, 9, 9};
+  try {
+    tools::xComputePointAtAngles({1, 0, 0}, head, a[0], a[1], a[2], a[3], a[4]);
+    ADD_FAILURE() << "no error";
+  } catch (const std::runtime_error& e) {
+    EXPECT_STREQ(e.what(), "Invalid effector name: Head");
+  }
+  for (float v : a) {
+    EXPECT_EQ(v, 9.0f);
+  }
+  std::vector<std::string> names;
+  std::vector<float> angles;
+  EXPECT_THROW(tools::computePointAtAngles({1, 0, 0}, TrackerArm("larm"), names, angles),
+               std::runtime_error);
+  EXPECT_TRUE(names.empty());
+}
+
+TEST(ArmPointAt, ElbowYawTurnsHalfATurnOnTheLeftAndWrapsNearPi) {
+  // Shoulder joints locked at zero and an identity upper arm: the target is seen unchanged from
+  // the elbow, so its bearing t = atan2(z, y) in the elbow frame is chosen directly.
+  const float pi = KR::Math::kPi;
+  struct Case {
+    const char* arm;
+    float t;
+    float elbowYaw;
+  };
+  const Case cases[] = {
+      {"RArm", 1.0f, 1.0f},      {"RArm", -3.0f, -3.0f},    {"RArm", -3.1f, -3.1f + pi},
+      {"RArm", 3.1f, 3.1f - pi}, {"LArm", 1.0f, 1.0f - pi}, {"LArm", -1.0f, -1.0f + pi},
+      {"LArm", 0.02f, 0.02f},    {"LArm", -0.02f, -0.02f},
+  };
+  for (const Case& c : cases) {
+    TrackerArm arm(c.arm);
+    arm.joints[0].min = arm.joints[0].max = 0.0f;
+    arm.joints[1].min = arm.joints[1].max = 0.0f;
+    const Position3D target(1.0f, std::cos(c.t), std::sin(c.t));
+    const Angles q = solve(target, arm);
+    EXPECT_NEAR(q.a[2], c.elbowYaw, 1e-5f) << c.arm << " t " << c.t;
+    EXPECT_NEAR(q.a[3], std::atan2(target.y, target.x), 1e-5f) << c.arm << " t " << c.t;
+  }
+}
+
+TEST(ArmPointAt, ElbowAnglesAreClippedToTheirJoints) {
+  TrackerArm arm("RArm");
+  arm.joints[0].min = arm.joints[0].max = 0.0f;
+  arm.joints[1].min = arm.joints[1].max = 0.0f;
+  arm.joints[2].min = -0.5f;
+  arm.joints[2].max = 0.5f;
+  arm.joints[3].min = 0.0f;
+  arm.joints[3].max = 0.3f;
+  arm.joints[4].min = -0.1f;
+  arm.joints[4].max = 0.1f;
+  const Angles q = solve({0.2f, 1.0f, 0.8f}, arm);
+  EXPECT_EQ(q.a[2], 0.5f);
+  EXPECT_EQ(q.a[3], 0.3f);
+  EXPECT_GE(q.a[4], -0.1f);
+  EXPECT_LE(q.a[4], 0.1f);
+}
+
+// ---- dead band -------------------------------------------------------------------------------
+
+class ArmThresholdTest : public ::testing::Test {
+ protected:
+  void TearDown() override { KR::Tracker::resetConfig(); }
+
+  bool point(const Position3D& target, const TrackerArm& arm) {
+    return tools::computePointAtAnglesWithThreshold(target, arm, remembered_, names_, angles_);
+  }
+  static void setThreshold(const KRValue& v) {
+    KR::Tracker::setConfigValue(KR::Tracker::ARMS_THRESHOLD, v);
+  }
+
+  const KRTrackerModel kibo_ = geomtest::loadModel("kibo.xml");
+  TrackerArmAngle remembered_;
+  std::vector<std::string> names_;
+  std::vector<float> angles_;
+};
+
+TEST_F(ArmThresholdTest, ZeroThresholdTakesEveryAngleAndAppends) {
+  setThreshold(KRValue(0.0f));
+  names_ = {"Head"};
+  angles_ = {0.0f};
+  const Position3D target(0.7f, 0.3f, 0.2f);
+  EXPECT_TRUE(point(target, kibo_.leftArm));
+  const Angles q = solve(target, kibo_.leftArm);
+  for (int i = 0; i < 5; ++i) {
+    EXPECT_EQ(remembered_.angles[i], q.a[i]) << i;
+  }
+  EXPECT_EQ(names_, (std::vector<std::string>{"Head", "LShoulderPitch", "LShoulderRoll",
+                                              "LElbowYaw", "LElbowRoll", "LWristYaw"}));
+  EXPECT_EQ(angles_, (std::vector<float>{0.0f, q.a[0], q.a[1], q.a[2], q.a[3], q.a[4]}));
+  EXPECT_TRUE(point(target, kibo_.leftArm));  // an unchanged target still counts at 0
+}
+
+TEST_F(ArmThresholdTest, ThresholdIsReadOnEveryCall) {
+  setThreshold(KRValue(0.0f));
+  ASSERT_TRUE(point({0.7f, 0.3f, 0.2f}, kibo_.rightArm));
+  const TrackerArmAngle before = remembered_;
+
+  // Well inside a wide band: nothing changes, and the remembered angles are sent again.
+  setThreshold(KRValue(0.5f));
+  names_.clear();
+  angles_.clear();
+  EXPECT_FALSE(point({0.7f, 0.32f, 0.22f}, kibo_.rightArm));
+  EXPECT_EQ(remembered_.angles, before.angles);
+  EXPECT_EQ(angles_, std::vector<float>(before.angles.begin(), before.angles.end()));
+
+  // The same target again once the band is closed.
+  setThreshold(KRValue(0));
+  EXPECT_TRUE(point({0.7f, 0.32f, 0.22f}, kibo_.rightArm));
+  EXPECT_NE(remembered_.angles, before.angles);
+}
+
+TEST_F(ArmThresholdTest, AThresholdOfTheWrongKindIsReportedUnderThisComputation) {
+  setThreshold(KRValue("wide"));
+  try {
+    point({0.7f, 0.3f, 0.2f}, kibo_.leftArm);
+    ADD_FAILURE() << "no error";
+  } catch (const std::runtime_error& e) {
+    const std::string what = e.what();
+    EXPECT_NE(what.find("KRTracker.computePointAtAnglesWithThreshold"), std::string::npos) << what;
+    EXPECT_NE(what.find("KRValue"), std::string::npos) << what;
+    EXPECT_EQ(what.find("getConfigFloatValue"), std::string::npos) << what;
+  }
+  EXPECT_TRUE(angles_.empty());
+}
+
+TEST(ArmApplyThreshold, AnArmWithoutWristAppendsFourAndIgnoresTheFifthAngle) {
+  const KRTrackerModel rover = geomtest::loadModel("rover.xml");
+  TrackerArmAngle remembered;
+  remembered.angles = {0.1f, 0.2f, 0.3f, 0.4f, 0.5f};
+  std::vector<std::string> names;
+  std::vector<float> angles;
+  // Only the absent wrist moves beyond the band.
+  EXPECT_FALSE(tools::applyThreshold(0.1f, 0.11f, 0.21f, 0.31f, 0.41f, 2.0f, rover.leftArm,
+                                     remembered, names, angles));
+  EXPECT_EQ(remembered.angles[4], 0.5f);
+  EXPECT_EQ(names, (std::vector<std::string>{"LShoulderPitch", "LShoulderRoll", "LElbowYaw",
+                                             "LElbowRoll"}));
+  EXPECT_EQ(angles, (std::vector<float>{0.1f, 0.2f, 0.3f, 0.4f}));
+
+  // One joint beyond the band is enough; the others keep their remembered value.
+  EXPECT_TRUE(tools::applyThreshold(0.1f, 0.11f, 0.21f, 0.9f, 0.41f, 0.5f, rover.leftArm,
+                                    remembered, names, angles));
+  EXPECT_EQ(remembered.angles, (std::array<float, 5>{0.1f, 0.2f, 0.9f, 0.4f, 0.5f}));
+  EXPECT_EQ(angles.size(), 8u);
+}
+
+}  // namespace
