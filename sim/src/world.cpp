@@ -170,7 +170,7 @@ void World::startPublishing(const std::string& kind, std::vector<std::string> ev
   std::lock_guard<std::mutex> lock(fMutex);
   Publication& p = fPublications[kind];
   p.eventNames = std::move(eventNames);
-  p.nextDueNs = fClock->elapsed().count();
+  p.nextDueNs = -1;  // at the next update, then every period from there
 }
 
 void World::stopPublishing(const std::string& kind) {
@@ -294,7 +294,7 @@ void World::update() {
           static_cast<std::int64_t>(
               (fPeriodsMs.count(kind) != 0 ? fPeriodsMs.at(kind) : defaultPeriodMs(kind))) *
           1000000;
-      pub.nextDueNs += period;
+      pub.nextDueNs = pub.nextDueNs < 0 ? elapsed + period : pub.nextDueNs + period;
       if (pub.nextDueNs <= elapsed)
         pub.nextDueNs = elapsed + period;
       if (kind == "LandMarks") {

@@ -139,7 +139,7 @@ class World {
   };
   struct Publication {
     std::vector<std::string> eventNames;
-    std::int64_t nextDueNs = 0;  // clock elapsed time of the next observation
+    std::int64_t nextDueNs = -1;  // clock elapsed time of the next observation [ns]
   };
 
   KRValue xMakeEvent(const Target& target, KRTimePoint now);

@@ -1,0 +1,249 @@
+#include <cmath>
+#include <map>
+
+#include <gtest/gtest.h>
+
+#include <kr/error.h>
+#include <kr/model/modelutils.h>
+#include <krsim/world.h>
+#include <krtracker/tools/tools.h>
+#include <krtracker/types/types/trackinfos.h>
+
+#include "support/fake_module.h"
+
+namespace {
+
+using KR::KRValue;
+using KR::Math::Pose2D;
+using KR::Math::Position3D;
+using KR::Sim::Keyframe;
+using KR::Sim::Layout;
+using KR::Sim::Path;
+using KR::Sim::SimClock;
+using KR::Sim::SimMemory;
+using KR::Sim::SimMotion;
+using KR::Sim::TargetSpec;
+using KR::Sim::World;
+
+TEST(PathTest, InterpolatesBetweenKeyframesAndHoldsOutside) {
+  Path path({{1.0, {0, 0, 0}}, {3.0, {2, -4, 1}}});
+  path.add(4.0, {2, -4, 3});
+  EXPECT_EQ(path.at(0.0), Position3D(0, 0, 0));
+  EXPECT_EQ(path.at(2.0), Position3D(1, -2, 0.5f));
+  EXPECT_EQ(path.at(3.5), Position3D(2, -4, 2));
+  EXPECT_EQ(path.at(9.0), Position3D(2, -4, 3));
+  EXPECT_THROW(path.add(3.9, {}), KR::KRError);
+  EXPECT_THROW(Path({{2.0, {}}, {1.0, {}}}), KR::KRError);
+}
+
+TEST(PathTest, OrbitsStayOnTheirCircleAndEndOnTime) {
+  const Path orbit = Path::orbit({1, 1, 0}, 2.0f, 0.3f, 0.0f, 0.5f, 10.0, 13.02, 0.05);
+  EXPECT_DOUBLE_EQ(orbit.keyframes().back().time, 13.02);
+  for (double t = 10.0; t <= 13.0; t += 0.37) {
+    const Position3D p = orbit.at(t);
+    EXPECT_NEAR(std::hypot(p.x - 1, p.y - 1), 2.0, 2e-3) << t;  // chords sag < 1 mm
+    EXPECT_FLOAT_EQ(p.z, 0.3f);
+  }
+  const Position3D end = orbit.at(13.02);
+  EXPECT_NEAR(std::atan2(end.y - 1, end.x - 1), 0.5 * 3.02, 1e-5);
+}
+
+class WorldTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    robot = KR::Model::ModelUtils::robotFromXml(krtest::readRobotFile("kibo.xml"));
+    memory = std::make_shared<SimMemory>(clock);
+    motion = std::make_shared<SimMotion>(*robot, clock);
+    world = std::make_shared<World>(clock, memory, motion, 7);
+    broker->addModule(motion);
+  }
+  void TearDown() override { broker->shutdown(); }
+  /// Advances time in 10 ms steps, updating the world; returns the observations raised.
+  std::vector<std::pair<std::string, KRValue>> run(double seconds) {
+    std::vector<std::pair<std::string, KRValue>> out;
+    std::vector<int> ids;
+    for (const auto& p : world->publishing()) {
+      for (const auto& name : p.second) {
+        ids.push_back(memory->subscribe(
+            name, [&out](const std::string& n, const KRValue& v) { out.emplace_back(n, v); }));
+      }
+    }
+    for (long i = std::lround(seconds / 0.01); i > 0; --i) {
+      clock->advance(std::chrono::milliseconds(10));
+      motion->step(0.01);
+      world->update();
+    }
+    for (int id : ids)
+      memory->unsubscribe(id);
+    return out;
+  }
+  /// A point straight ahead of the top camera at distance d, in the map frame.
+  Position3D ahead(float d) {
+    const auto camera = motion->getMapToHeadEffector(0);
+    return camera * Position3D(d, 0, 0);
+  }
+  TargetSpec ball(const Path& path, Layout layout = Layout::Torso) {
+    TargetSpec spec;
+    spec.name = "ball";
+    spec.kind = "RedBall";
+    spec.path = path;
+    spec.layout = layout;
+    return spec;
+  }
+
+  std::shared_ptr<SimClock> clock = std::make_shared<SimClock>();
+  std::unique_ptr<KR::Model::Robot> robot;
+  std::shared_ptr<SimMemory> memory;
+  std::shared_ptr<SimMotion> motion;
+  std::shared_ptr<World> world;
+  std::shared_ptr<KR::KRBroker> broker = KR::KRBroker::create("t");
+};
+
+TEST_F(WorldTest, ATargetIsPerceivedInsideTheCameraConeAndRangeUnlessHidden) {
+  // kibo: horizontal field of view 1.02 rad, vertical 0.79 rad, range 3.2 m.
+  const auto camera = motion->getMapToHeadEffector(0);
+  struct Case {
+    const char* what;
+    Position3D local;  // in the camera frame
+    bool inView;
+  };
+  const Case cases[] = {
+      {"straight ahead", {1.5f, 0, 0}, true},
+      {"just inside the side edge", {1.0f, std::tan(0.5f), 0}, true},
+      {"just outside the side edge", {1.0f, std::tan(0.52f), 0}, false},
+      {"just outside the top edge", {1.0f, 0, std::tan(0.40f)}, false},
+      {"beyond range", {3.3f, 0, 0}, false},
+      {"behind", {-1.0f, 0, 0}, false},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(world->isInFieldOfView(camera * c.local, robot->getCameraRange()), c.inView)
+        << c.what;
+  }
+  TargetSpec spec = ball(Path::fixed(camera * Position3D(1.5f, 0, 0)));
+  spec.hidden = {{1.0, 2.0}};
+  world->addTarget(spec);
+  run(0.5);
+  EXPECT_TRUE(world->state("ball").perceived);
+  run(1.0);
+  EXPECT_TRUE(world->state("ball").inFieldOfView);
+  EXPECT_FALSE(world->state("ball").perceived);
+  run(1.0);
+  EXPECT_TRUE(world->state("ball").perceived);
+}
+
+TEST_F(WorldTest, ObservationsArePublishedOncePerPeriodOnlyWhilePublishing) {
+  world->addTarget(ball(Path::fixed(ahead(1.0f))));
+  EXPECT_TRUE(run(0.5).empty());
+  world->startPublishing("RedBall", {"KRTracker/ObjectConverter3"});
+  EXPECT_EQ(world->getPeriodMs("RedBall"), 50);
+  EXPECT_EQ(run(1.0).size(), 20u);
+  world->setPeriodMs("RedBall", 200);
+  EXPECT_EQ(run(1.0).size(), 5u);
+  EXPECT_THROW(world->setPeriodMs("RedBall", 0), KR::KRError);
+  world->stopPublishing("RedBall");
+  EXPECT_TRUE(run(0.5).empty());
+}
+
+TEST_F(WorldTest, BothLayoutsConvertBackToTheTargetInTheOdometryFrame) {
+  motion->resetPose({0.7f, -0.3f, 0.4f});
+  motion->setOdometryDrift(0.05f, 0.1f);
+  motion->move(0.1f, 0.0f, 0.3f);
+  run(1.0);
+  motion->stopMove();
+  motion->setAngleNow("HeadYaw", 0.3f);
+  motion->setAngleNow("HeadPitch", 0.1f);
+  const Position3D target = ahead(1.2f);
+  const Position3D expected = KR::Math::pinv(motion->getMapToOdometry()) * target;
+  ASSERT_GT(KR::Math::distance(expected, target), 0.01f) << "the odometry must have drifted";
+
+  for (Layout layout : {Layout::World, Layout::Torso}) {
+    world->stopPublishingAll();
+    World fresh(clock, memory, motion, 7);
+    TargetSpec spec = ball(Path::fixed(target), layout);
+    spec.headThreshold = 0.25f;
+    fresh.addTarget(spec);
+    fresh.startPublishing("RedBall", {"Obs"});
+    KRValue event;
+    const int id =
+        memory->subscribe("Obs", [&](const std::string&, const KRValue& v) { event = v; });
+    fresh.update();
+    memory->unsubscribe(id);
+    ASSERT_EQ(event.size(), layout == Layout::World ? 4u : 5u);
+
+    KR::Tracker::types::TrackInfos info;
+    ASSERT_TRUE(KR::Tracker::tools::convertTrackerEventToTrackInfo(
+        event, "test", "Obs", broker->getProxy("KRMotion", 0), info));
+    const Position3D seen = info.getWorldToObject3D();
+    EXPECT_NEAR(seen.x, expected.x, 1e-4);
+    EXPECT_NEAR(seen.y, expected.y, 1e-4);
+    EXPECT_NEAR(seen.z, expected.z, 1e-4);
+    EXPECT_FLOAT_EQ(info.getHeadThreshold(), 0.25f);
+    EXPECT_EQ(info.getTimestamp(),
+              std::chrono::duration_cast<std::chrono::microseconds>(clock->now().time_since_epoch())
+                      .count() *
+                  1000);
+  }
+}
+
+TEST_F(WorldTest, TheNearestTargetOfAKindIsPublishedAndLandmarksGoToTheirOwnEvents) {
+  TargetSpec near = ball(Path::fixed(ahead(0.8f)), Layout::World);
+  near.name = "near face";
+  near.kind = "Face";
+  TargetSpec far = near;
+  far.name = "far face";
+  far.path = Path::fixed(ahead(1.6f));
+  world->addTarget(far);
+  world->addTarget(near);
+  for (int i = 0; i < 2; ++i) {
+    TargetSpec mark = far;
+    mark.kind = "LandMarks";
+    mark.name = "landmark " + std::to_string(i);
+    mark.path = Path::fixed(ahead(1.0f + static_cast<float>(i)));
+    world->addTarget(mark);
+  }
+  world->startPublishing("Face", {"FaceEvent"});
+  world->startPublishing("LandMarks", {"First", "Second"});
+  const auto events = run(0.01);
+  ASSERT_EQ(events.size(), 3u);
+  const auto odometryOf = [&](float d) {
+    return KR::Math::pinv(motion->getMapToOdometry()) * ahead(d);
+  };
+  std::map<std::string, float> expectedX{{"FaceEvent", odometryOf(0.8f).x},
+                                         {"First", odometryOf(1.0f).x},
+                                         {"Second", odometryOf(2.0f).x}};
+  for (const auto& e : events) {
+    ASSERT_EQ(expectedX.count(e.first), 1u) << e.first;
+    EXPECT_NEAR(e.second[0][0].asFloat(), expectedX[e.first], 1e-5) << e.first;
+  }
+  EXPECT_EQ(world->kinds(), (std::vector<std::string>{"Face", "LandMarks"}));
+}
+
+TEST_F(WorldTest, NoiseDependsOnlyOnTheSeed) {
+  auto observe = [&](std::uint32_t seed, float noise) {
+    World w(clock, memory, motion, seed);
+    w.addTarget(ball(Path::fixed(ahead(1.0f)), Layout::World));
+    w.setNoise(noise);
+    w.setPeriodMs("RedBall", 10);
+    w.startPublishing("RedBall", {"Obs"});
+    std::vector<float> xs;
+    const int id = memory->subscribe(
+        "Obs", [&](const std::string&, const KRValue& v) { xs.push_back(v[0][0].asFloat()); });
+    for (int i = 0; i < 50; ++i) {
+      clock->advance(std::chrono::milliseconds(10));
+      w.update();
+    }
+    memory->unsubscribe(id);
+    return xs;
+  };
+  EXPECT_EQ(observe(3, 0.01f), observe(3, 0.01f));
+  EXPECT_NE(observe(3, 0.01f), observe(4, 0.01f));
+  const auto exact = observe(3, 0.0f);
+  ASSERT_EQ(exact.size(), 50u);
+  const auto noisy = observe(3, 0.01f);
+  double sum = 0.0;
+  for (std::size_t i = 0; i < exact.size(); ++i)
+    sum += std::pow(noisy[i] - exact[i], 2);
+  EXPECT_NEAR(std::sqrt(sum / 50.0), 0.01, 0.004);
+}
+
+}  // namespace
