@@ -1,0 +1,84 @@
+#pragma once
+// Scenarios of the simulated robot, as data: the robot and where it starts, the targets and
+// their paths, the scripted calls to the tracker with their times, and the phases over which
+// the run is measured.
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <kr/math/types.h>
+
+#include <krsim/world.h>
+
+namespace KR {
+namespace Sim {
+
+class Simulation;
+
+/// A scripted call at a time of the run.
+struct Action {
+  double time = 0.0;        // [s]
+  std::string description;  // shown while running, e.g. setMode("WholeBody")
+  std::function<void(Simulation&)> run;
+};
+
+/// A stretch of the run measured against one target of the world.
+struct Phase {
+  std::string name;
+  double begin = 0.0;  // [s]
+  double end = 0.0;    // [s]
+  std::string target;  // name of a world target
+  /// The camera counts as on target below this line-of-sight error [deg].
+  double acquireDegrees = 3.0;
+  /// Arms whose pointing error is measured ("LArm", "RArm").
+  std::vector<std::string> arms;
+  /// Relative position the robot is asked to keep from the target, as given to the tracker:
+  /// [coordX, coordY, coordWz, thresholdX, thresholdY, thresholdWz].
+  std::optional<std::array<float, 6>> relativePosition;
+  /// Compare the tracker's landmark-based robot position with the true pose.
+  bool measureLocalisation = false;
+  /// A one-shot command rather than tracking: errors are measured from begin + settleSeconds
+  /// on, whether or not the camera is on target.
+  bool oneShot = false;
+  double settleSeconds = 0.0;
+};
+
+struct Scenario {
+  std::string name;
+  std::string description;
+  std::string robotFile;   // path of the robot description
+  Math::Pose2D startPose;  // map frame
+  float odometryDriftLinear = 0.0f;
+  float odometryDriftAngular = 0.0f;
+  double duration = 60.0;  // [s]
+  std::vector<TargetSpec> targets;
+  std::vector<Action> actions;  // in time order
+  std::vector<Phase> phases;    // in time order
+};
+
+/// What the command line may change in a scenario.
+struct ScenarioOptions {
+  std::string robotFile;  // empty: the scenario's own robot
+  std::string mode;       // empty: the scenario's own mode(s)
+  std::string effector;   // empty: the scenario's own effector(s)
+  double duration = 0.0;  // 0: the scenario's own duration
+};
+
+struct ScenarioInfo {
+  std::string name;
+  std::string description;
+};
+
+/// The built-in scenarios, the default ("ball") first.
+std::vector<ScenarioInfo> listScenarios();
+/// Builds a scenario; KRError("krsim", "makeScenario", ...) for an unknown name.
+Scenario makeScenario(const std::string& name, const ScenarioOptions& options);
+/// Path of a robot file given as a path or as a name of the robots directory ("kibo").
+std::string resolveRobotFile(const std::string& nameOrPath);
+
+}  // namespace Sim
+}  // namespace KR

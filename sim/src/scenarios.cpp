@@ -1,0 +1,395 @@
+#include <krsim/scenario.h>
+
+#include <cmath>
+#include <fstream>
+#include <sstream>
+
+#include <kr/error.h>
+#include <kr/math/math.h>
+#include <kr/model/modelutils.h>
+#include <kr/target/targets.h>
+#include <krsim/simulation.h>
+#include <krtracker/tools/tools.h>
+
+#ifndef KRTRACKER_ROBOTS_DIR
+#define KRTRACKER_ROBOTS_DIR "robots"
+#endif
+
+namespace KR {
+namespace Sim {
+
+namespace {
+
+using Math::Position3D;
+namespace Target = KR::Tracker::Target;
+
+constexpr float kPi = Math::kPi;
+
+/// A target that moves in polar coordinates about the map origin: keyframes of (time,
+/// bearing, distance, height), interpolated linearly in those coordinates and sampled.
+struct Polar {
+  double time;
+  float bearing;   // [rad]
+  float distance;  // [m]
+  float z;         // [m]
+};
+
+Path polarPath(const std::vector<Polar>& keys, double step = 0.05) {
+  Path path;
+  for (std::size_t i = 0; i + 1 < keys.size(); ++i) {
+    const Polar& a = keys[i];
+    const Polar& b = keys[i + 1];
+    const double span = b.time - a.time;
+    const long n = span > 0.0 ? static_cast<long>(std::ceil(span / step - 1e-9)) : 0;
+    for (long k = (i == 0 ? 0 : 1); k <= n; ++k) {
+      const double t = n > 0 ? std::min(b.time, a.time + static_cast<double>(k) * step) : a.time;
+      const float u = span > 0.0 ? static_cast<float>((t - a.time) / span) : 1.0f;
+      const float bearing = a.bearing + (b.bearing - a.bearing) * u;
+      const float distance = a.distance + (b.distance - a.distance) * u;
+      const float z = a.z + (b.z - a.z) * u;
+      path.add(t, {distance * std::cos(bearing), distance * std::sin(bearing), z});
+    }
+  }
+  return path;
+}
+
+std::string quoted(const std::string& s) {
+  return "\"" + s + "\"";
+}
+
+std::string listText(const std::vector<float>& v) {
+  std::ostringstream os;
+  os << "[";
+  for (std::size_t i = 0; i < v.size(); ++i)
+    os << (i ? ", " : "") << v[i];
+  os << "]";
+  return os.str();
+}
+
+Action call(double time, const std::string& method, const std::string& argument) {
+  return {time, method + "(" + quoted(argument) + ")",
+          [method, argument](Simulation& s) { s.callTracker(method, argument); }};
+}
+
+Action registerTarget(double time, const std::string& name, const KRValue& params) {
+  return {time, "registerTarget(" + quoted(name) + ", " + params.toString() + ")",
+          [name, params](Simulation& s) { s.callTracker("registerTarget", name, params); }};
+}
+
+Action setRelativePosition(double time, const std::array<float, 6>& p) {
+  const std::vector<float> v(p.begin(), p.end());
+  return {time, "setRelativePosition(" + listText(v) + ")",
+          [v](Simulation& s) { s.callTracker("setRelativePosition", KRValue(v)); }};
+}
+
+Action toggleSearch(double time, bool on) {
+  return {time, std::string("toggleSearch(") + (on ? "true" : "false") + ")",
+          [on](Simulation& s) { s.callTracker("toggleSearch", on); }};
+}
+
+Action motionMoveTo(double time, float x, float y, float theta) {
+  std::ostringstream os;
+  os << "KRMotion.moveTo(" << x << ", " << y << ", " << theta << ")";
+  return {time, os.str(), [x, y, theta](Simulation& s) {
+            s.broker().getProxy("KRMotion", 0)->call<void>("moveTo", x, y, theta);
+          }};
+}
+
+Phase phase(const std::string& name, double begin, double end, const std::string& targetName,
+            double acquireDegrees = 3.0) {
+  Phase p;
+  p.name = name;
+  p.begin = begin;
+  p.end = end;
+  p.target = targetName;
+  p.acquireDegrees = acquireDegrees;
+  return p;
+}
+
+std::string pick(const std::string& option, const std::string& fallback) {
+  return option.empty() ? fallback : option;
+}
+
+TargetSpec target(const std::string& name, const std::string& kind, Path path, Layout layout) {
+  TargetSpec spec;
+  spec.name = name;
+  spec.kind = kind;
+  spec.path = std::move(path);
+  spec.layout = layout;
+  return spec;
+}
+
+// ---- the scenarios ---------------------------------------------------------------------
+
+/// The small humanoid follows a red ball with its head, then with its whole body pointing both
+/// arms at it; the ball then rolls out of sight behind the robot, which searches and finds it.
+Scenario ballScenario(const ScenarioOptions& o) {
+  Scenario s;
+  s.name = "ball";
+  s.robotFile = resolveRobotFile("kibo");
+  s.duration = 60.0;
+  // At most 0.45 rad/s seen from the robot: under half the head's default velocity limit.
+  s.targets.push_back(target("ball", Target::TargetRedBall,
+                             polarPath({{0.0, 1.3f, 1.5f, 0.3f},
+                                        {2.0, 1.3f, 1.5f, 0.3f},
+                                        {6.0, -0.3f, 1.5f, 0.3f},
+                                        {10.0, -1.5f, 1.5f, 0.3f},
+                                        {16.0, 0.9f, 1.3f, 0.3f},
+                                        {20.0, 0.2f, 1.0f, 0.25f},
+                                        {24.0, -0.6f, 0.9f, 0.35f},
+                                        {29.0, 1.4f, 1.0f, 0.3f},
+                                        {33.0, -0.4f, 0.9f, 0.4f},
+                                        {36.0, 0.0f, 1.0f, 0.3f},
+                                        {39.0, 0.0f, 1.0f, 0.3f},
+                                        {42.0, kPi, 1.3f, 0.3f},
+                                        {60.0, kPi - 0.4f, 1.3f, 0.3f}}),
+                             Layout::Torso));
+  s.targets.back().hidden = {{39.0, 44.5}};
+  const std::string firstMode = pick(o.mode, "Head");
+  const std::string secondMode = pick(o.mode, "WholeBody");
+  s.actions = {registerTarget(0.0, Target::TargetRedBall, KRValue(0.06f)),
+               call(0.0, "setMode", firstMode),
+               call(0.0, "setEffector", pick(o.effector, "None")),
+               toggleSearch(0.0, true),
+               call(0.0, "track", Target::TargetRedBall),
+               call(20.0, "setMode", secondMode),
+               call(20.0, "setEffector", pick(o.effector, "Arms"))};
+  s.description = "ball followed in " + firstMode + " mode, then " + secondMode +
+                  " mode with the " + pick(o.effector, "Arms") +
+                  " effector; lost behind the robot, searched for and found again";
+  Phase head = phase("head tracking", 0.0, 20.0, "ball");
+  Phase body = phase("whole body + arms", 20.0, 38.0, "ball", 6.0);
+  body.arms = {"LArm", "RArm"};
+  Phase lost = phase("lost and found", 38.0, 60.0, "ball", 6.0);
+  s.phases = {head, body, lost};
+  return s;
+}
+
+/// Two seated people; the nearer leaves and the robot turns to the other one.
+Scenario faceScenario(const ScenarioOptions& o) {
+  Scenario s;
+  s.name = "face";
+  s.robotFile = resolveRobotFile("kibo");
+  s.duration = 30.0;
+  TargetSpec ann = target("Ann", Target::TargetFace,
+                          polarPath({{0.0, 0.3f, 1.4f, 1.1f},
+                                     {8.0, -0.2f, 1.3f, 1.1f},
+                                     {12.0, 0.4f, 1.5f, 1.1f},
+                                     {16.0, 1.2f, 3.5f, 1.1f},
+                                     {30.0, 1.2f, 4.0f, 1.1f}}),
+                          Layout::Torso);
+  TargetSpec bob = target(
+      "Bob", Target::TargetFace,
+      polarPath(
+          {{0.0, -0.6f, 2.2f, 1.15f}, {20.0, -0.9f, 2.0f, 1.15f}, {30.0, -0.3f, 2.1f, 1.15f}}),
+      Layout::Torso);
+  ann.maxRange = bob.maxRange = 2.5f;  // a face is too small to detect farther
+  s.targets = {ann, bob};
+  const std::string mode = pick(o.mode, "Head");
+  s.actions = {registerTarget(0.0, Target::TargetFace, KRValue(0.1f)), call(0.0, "setMode", mode),
+               call(0.0, "setEffector", pick(o.effector, "None")),
+               call(0.0, "track", Target::TargetFace)};
+  s.description = "faces followed in " + mode + " mode; the nearer person leaves";
+  s.phases = {phase("Ann", 0.0, 13.0, "Ann"), phase("Bob", 13.0, 30.0, "Bob")};
+  return s;
+}
+
+/// A person walks away and turns; the robot walks after them keeping its distance.
+Scenario peopleScenario(const ScenarioOptions& o) {
+  Scenario s;
+  s.name = "people";
+  s.robotFile = resolveRobotFile("kibo");
+  s.duration = 40.0;
+  Path walk;
+  walk.add(0.0, {1.4f, 0.0f, 0.9f})
+      .add(3.0, {1.4f, 0.0f, 0.9f})
+      .add(13.0, {2.4f, 0.0f, 0.9f})
+      .add(25.0, {2.4f, 1.2f, 0.9f})
+      .add(40.0, {2.4f, 1.2f, 0.9f});
+  s.targets = {target("person", Target::TargetPeople, walk, Layout::World)};
+  const std::array<float, 6> relative{0.9f, 0.0f, 0.0f, 0.15f, 0.15f, 0.3f};
+  const std::string mode = pick(o.mode, "Move");
+  s.actions = {registerTarget(0.0, Target::TargetPeople, KRValue(1)), call(0.0, "setMode", mode),
+               call(0.0, "setEffector", pick(o.effector, "None")),
+               setRelativePosition(0.0, relative), call(0.0, "track", Target::TargetPeople)};
+  s.description = "a walking person followed in " + mode + " mode at 0.9 m";
+  Phase follow = phase("follow", 0.0, 40.0, "person", 5.0);
+  follow.relativePosition = relative;
+  s.phases = {follow};
+  return s;
+}
+
+/// The wheeled robot follows a person across the room by navigating.
+Scenario navigateScenario(const ScenarioOptions& o) {
+  Scenario s;
+  s.name = "navigate";
+  s.robotFile = resolveRobotFile("rover");
+  s.duration = 40.0;
+  Path walk;
+  walk.add(0.0, {2.0f, 0.0f, 1.1f})
+      .add(4.0, {2.0f, 0.0f, 1.1f})
+      .add(14.0, {4.5f, 0.5f, 1.1f})
+      .add(24.0, {4.5f, 3.0f, 1.1f})
+      .add(40.0, {4.5f, 3.0f, 1.1f});
+  s.targets = {target("person", Target::TargetPeople, walk, Layout::World)};
+  const std::array<float, 6> relative{1.2f, 0.0f, 0.0f, 0.2f, 0.2f, 0.3f};
+  const std::string mode = pick(o.mode, "Navigate");
+  s.actions = {registerTarget(0.0, Target::TargetPeople, KRValue(1)), call(0.0, "setMode", mode),
+               call(0.0, "setEffector", pick(o.effector, "None")),
+               setRelativePosition(0.0, relative), call(0.0, "track", Target::TargetPeople)};
+  s.description = "the wheeled robot follows a person in " + mode + " mode at 1.2 m";
+  Phase follow = phase("navigate", 0.0, 40.0, "person", 5.0);
+  follow.relativePosition = relative;
+  s.phases = {follow};
+  return s;
+}
+
+/// Two landmarks at known places relocate a robot whose odometry drifts.
+Scenario landmarksScenario(const ScenarioOptions& o) {
+  Scenario s;
+  s.name = "landmarks";
+  s.robotFile = resolveRobotFile("kibo");
+  s.duration = 30.0;
+  s.startPose = {0.4f, -0.3f, 0.15f};
+  s.odometryDriftLinear = 0.03f;
+  s.odometryDriftAngular = 0.05f;
+  const Position3D a(2.2f, 0.35f, 0.45f);
+  const Position3D b(2.2f, -0.35f, 0.45f);
+  s.targets = {target("landmark A", Target::TargetLandMarks, Path::fixed(a), Layout::Torso),
+               target("landmark B", Target::TargetLandMarks, Path::fixed(b), Layout::Torso)};
+  const KRValue coordinates{KRValue(a.toVector()), KRValue(b.toVector())};
+  const std::string mode = pick(o.mode, "Head");
+  s.actions = {
+      registerTarget(0.0, Target::TargetLandMarks, KRValue{KRValue(0.09f), KRValue{80, 81}}),
+      call(0.0, "setMode", mode),
+      call(0.0, "setEffector", pick(o.effector, "None")),
+      {0.0, "setTargetCoordinates(" + coordinates.toString() + ")",
+       [coordinates](Simulation& sim) { sim.callTracker("setTargetCoordinates", coordinates); }},
+      call(0.0, "track", Target::TargetLandMarks),
+      motionMoveTo(8.0, 0.3f, 0.25f, -0.2f),
+      motionMoveTo(18.0, -0.2f, 0.0f, 0.3f)};
+  s.description = "landmarks at known places relocate the robot (" + mode + " mode)";
+  Phase localise = phase("localisation", 0.0, 30.0, "landmark A", 6.0);
+  localise.measureLocalisation = true;
+  s.phases = {localise};
+  return s;
+}
+
+/// One-shot commands: look at a point behind (the robot turns), then point with each effector.
+Scenario oneShotScenario(const ScenarioOptions& o) {
+  Scenario s;
+  s.name = "oneshot";
+  s.robotFile = pick(o.robotFile, resolveRobotFile("kibo"));
+  s.duration = 20.0;
+  auto robot = Model::ModelUtils::robotFromFile(s.robotFile);
+  const float h = robot->getTorsoHeight();
+  // The look: a torso-frame point behind and to the left.
+  Position3D behind(-1.0f, 0.6f, 0.2f);
+  Position3D rotated = behind;
+  float turn = 0.0f;
+  const auto& head = robot->trackerModel().head;
+  if (robot->canLookBehind()) {
+    KR::Tracker::tools::computeAngleLookBehind(head.yaw.min, head.yaw.max, rotated, turn);
+  }
+  // Points for the arms, in front of the robot once it has turned, in the world frame.
+  const auto ahead = [&](float x, float y, float z) {
+    return Math::transformFromPose2D({0.0f, 0.0f, turn}) * Position3D(x, y, z + h);
+  };
+  const Position3D left = ahead(0.7f, 0.5f, 0.2f);
+  const Position3D right = ahead(0.8f, -0.4f, -0.1f);
+  const Position3D both = ahead(1.2f, 0.0f, 0.1f);
+  s.targets = {target("point behind", "Point", Path::fixed({behind.x, behind.y, behind.z + h}),
+                      Layout::World),
+               target("left point", "Point", Path::fixed(left), Layout::World),
+               target("right point", "Point", Path::fixed(right), Layout::World),
+               target("both point", "Point", Path::fixed(both), Layout::World)};
+  const auto pointAt = [](double time, const std::string& effector, const Position3D& p) {
+    return Action{
+        time, "pointAt(" + quoted(effector) + ", " + listText(p.toVector()) + ", FRAME_WORLD, 0.5)",
+        [effector, p](Simulation& sim) {
+          sim.callTracker("pointAt", effector, p.toVector(), 1, 0.5f);
+        }};
+  };
+  s.actions = {{1.0, "lookAtAndMove(" + listText(behind.toVector()) + ", 0.5, false, true)",
+                [behind](Simulation& sim) {
+                  sim.callTracker("lookAtAndMove", behind.toVector(), 0.5f, false, true);
+                }},
+               pointAt(6.0, pick(o.effector, "LArm"), left),
+               pointAt(10.0, pick(o.effector, "RArm"), right),
+               pointAt(14.0, pick(o.effector, "Arms"), both)};
+  s.description = "one-shot commands: look at a point behind, point with each effector";
+  Phase look = phase("look behind", 1.0, 6.0, "point behind");
+  look.oneShot = true;
+  look.settleSeconds = 3.0;
+  Phase pointLeft = phase("point LArm", 6.0, 10.0, "left point");
+  pointLeft.arms = {"LArm"};
+  Phase pointRight = phase("point RArm", 10.0, 14.0, "right point");
+  pointRight.arms = {"RArm"};
+  Phase pointBoth = phase("point Arms", 14.0, 20.0, "both point");
+  pointBoth.arms = {"LArm", "RArm"};
+  for (Phase* p : {&pointLeft, &pointRight, &pointBoth}) {
+    p->oneShot = true;
+    p->settleSeconds = 1.5;
+  }
+  s.phases = {look, pointLeft, pointRight, pointBoth};
+  return s;
+}
+
+struct Entry {
+  const char* name;
+  const char* description;
+  Scenario (*make)(const ScenarioOptions&);
+};
+
+const Entry kScenarios[] = {
+    {"ball", "red ball: head, then whole body with both arms; lost behind, searched, found",
+     ballScenario},
+    {"face", "faces of two seated people; the nearer leaves", faceScenario},
+    {"people", "a walking person followed in Move mode", peopleScenario},
+    {"navigate", "a person followed across the room by the wheeled robot (Navigate)",
+     navigateScenario},
+    {"landmarks", "two landmarks at known places relocate a drifting robot", landmarksScenario},
+    {"oneshot", "lookAtAndMove to a point behind, then pointAt with each effector",
+     oneShotScenario},
+};
+
+}  // namespace
+
+std::vector<ScenarioInfo> listScenarios() {
+  std::vector<ScenarioInfo> out;
+  for (const auto& e : kScenarios)
+    out.push_back({e.name, e.description});
+  return out;
+}
+
+Scenario makeScenario(const std::string& name, const ScenarioOptions& options) {
+  for (const auto& e : kScenarios) {
+    if (name != e.name)
+      continue;
+    Scenario s = e.make(options);
+    if (!options.robotFile.empty())
+      s.robotFile = options.robotFile;
+    if (options.duration > 0.0)
+      s.duration = options.duration;
+    return s;
+  }
+  std::string names;
+  for (const auto& e : kScenarios)
+    names += (names.empty() ? "" : ", ") + std::string(e.name);
+  throw KRError("krsim", "makeScenario",
+                "unknown scenario '" + name + "' (scenarios: " + names + ")");
+}
+
+std::string resolveRobotFile(const std::string& nameOrPath) {
+  if (std::ifstream(nameOrPath).good())
+    return nameOrPath;
+  const std::string dir = KRTRACKER_ROBOTS_DIR;
+  for (const std::string& candidate : {dir + "/" + nameOrPath, dir + "/" + nameOrPath + ".xml"}) {
+    if (std::ifstream(candidate).good())
+      return candidate;
+  }
+  return nameOrPath;
+}
+
+}  // namespace Sim
+}  // namespace KR
