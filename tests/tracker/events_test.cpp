@@ -72,13 +72,10 @@ TEST_F(EventsTest, TorsoLayoutIsMovedIntoTheWorld) {
                               KRValue{7, 250000}, 2, 0.05f},
                       out));
   // Torso yaw pi/2 maps (1, 0.5, 0.2) to (-0.5, 1, 0.2), then its position is added.
-  const Math::Position6D p = out.getWorldToObject6D();
-  EXPECT_NEAR(p.x, 0.5f, 1e-6f);
-  EXPECT_NEAR(p.y, 3.0f, 1e-6f);
-  EXPECT_NEAR(p.z, 0.5f, 1e-6f);
-  EXPECT_NEAR(p.wx, 0.0f, 1e-6f);
-  EXPECT_NEAR(p.wy, 0.0f, 1e-6f);
-  EXPECT_NEAR(p.wz, Math::kPi2 + 0.1f, 1e-6f);
+  const std::vector<float> p = out.getWorldToObject6D().toVector();
+  const std::vector<float> expected{0.5f, 3.0f, 0.5f, 0.0f, 0.0f, Math::kPi2 + 0.1f};
+  for (std::size_t i = 0; i < 6; ++i)
+    EXPECT_NEAR(p[i], expected[i], 1e-6f) << i;
   EXPECT_NEAR(out.getDistance(), std::sqrt(1.3f), 1e-6f);  // all six components of the torso pose
   EXPECT_EQ(out.getTimestamp(), 7'250'000'000);
   EXPECT_EQ(out.getTrackEffector(), 2);
@@ -116,6 +113,7 @@ TEST_F(EventsTest, MalformedEventsAreDroppedWithOneRecord) {
       {"element 1 not an array", KRValue{six, 10, 0}, Level::warning, format},
       {"pose and three-element time, no fourth", KRValue{six, KRValue{1, 2, 3}, 0}, Level::warning,
        format},
+      {"torso layout without effector", KRValue{six, six, time}, Level::warning, format},
       {"torso layout, element 2 not an array", KRValue{six, six, 5, 0}, Level::warning, format},
       {"torso layout, pose of five", KRValue{KRValue{1, 2, 3, 4, 5}, six, time, 0}, Level::warning,
        format},

@@ -11,7 +11,9 @@
 #include <ko/log.h>
 #include <krtracker/tools/tools.h>
 #include <support/fake_module.h>
+
 #include <Eigen/Geometry>
+#include "pose_util.h"
 
 namespace {
 
@@ -20,23 +22,8 @@ namespace tools = KR::Tracker::tools;
 using KR::Math::FRAME;
 using KR::Math::Position3D;
 
-Eigen::Isometry3f isometry(float x, float y, float z, float wx, float wy, float wz) {
-  Eigen::Isometry3f t = Eigen::Isometry3f::Identity();
-  t.translate(Eigen::Vector3f(x, y, z));
-  t.rotate(Eigen::AngleAxisf(wz, Eigen::Vector3f::UnitZ()) *
-           Eigen::AngleAxisf(wy, Eigen::Vector3f::UnitY()) *
-           Eigen::AngleAxisf(wx, Eigen::Vector3f::UnitX()));
-  return t;
-}
-
-std::vector<float> rows(const Eigen::Isometry3f& t) {
-  std::vector<float> out;
-  for (int r = 0; r < 3; ++r) {
-    for (int c = 0; c < 4; ++c)
-      out.push_back(t.matrix()(r, c));
-  }
-  return out;
-}
+using posetest::isometry;
+using posetest::rows;
 
 void expectNear(const Position3D& actual, const Eigen::Vector3f& expected) {
   EXPECT_NEAR(actual.x, expected.x(), 1e-5f);

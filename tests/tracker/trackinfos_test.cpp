@@ -8,7 +8,9 @@
 #include <kr/error.h>
 #include <kr/math/math.h>
 #include <krtracker/types/types/trackinfos.h>
+
 #include <Eigen/Geometry>
+#include "pose_util.h"
 
 namespace {
 
@@ -98,21 +100,7 @@ TEST(TrackInfosTest, ToStringWritesATableLine) {
 
 // Frame getters against Eigen: translations and rotation matrices of the expected poses.
 Eigen::Isometry3f isometry(const Math::Position6D& p) {
-  Eigen::Isometry3f t = Eigen::Isometry3f::Identity();
-  t.translate(Eigen::Vector3f(p.x, p.y, p.z));
-  t.rotate(Eigen::AngleAxisf(p.wz, Eigen::Vector3f::UnitZ()) *
-           Eigen::AngleAxisf(p.wy, Eigen::Vector3f::UnitY()) *
-           Eigen::AngleAxisf(p.wx, Eigen::Vector3f::UnitX()));
-  return t;
-}
-
-Math::Transform toTransform(const Eigen::Isometry3f& t) {
-  std::vector<float> v;
-  for (int r = 0; r < 3; ++r) {
-    for (int c = 0; c < 4; ++c)
-      v.push_back(t.matrix()(r, c));
-  }
-  return Math::Transform(v);
+  return posetest::isometry(p.x, p.y, p.z, p.wx, p.wy, p.wz);
 }
 
 void expectPose(const Math::Position6D& actual, const Eigen::Isometry3f& expected) {
@@ -127,7 +115,7 @@ TEST(TrackInfosTest, FrameGettersApplyOrInvertTheTransform) {
   const TrackInfos infos(object, 0, 0, 0, 1.0f, 0.1f);
   const Eigen::Isometry3f torsoToObject = T * isometry(object);
   const Eigen::Isometry3f robotToObject = T.inverse() * isometry(object);
-  const Math::Transform t = toTransform(T);
+  const Math::Transform t(posetest::rows(T));
 
   expectPose(infos.getTorsoToObject6D(t), torsoToObject);
   expectPose(infos.getRobotToObject6D(t), robotToObject);

@@ -23,6 +23,18 @@ const std::string kToolsCategory = "KRTracker.tools";
 const std::string kConvertName = "convertTrackerEventToTrackInfo";
 const std::string kInvalidFormat = "Invalid data format from event: ";
 
+// Names handed to the value checks and the proxy, built once rather than on every event.
+const std::string kGetRobotPosition = "getRobotPosition";
+const std::string kAreResourcesAvailable = "areResourcesAvailable";
+const std::string kEventValue = "event";
+const std::string kWorldPose = "TargetPositionInFrameWorld";
+const std::string kTorsoPose = "TargetPositionInFrameTorso";
+const std::string kRobotPose = "TargetPositionInFrameRobot";
+const std::string kSeconds = "TimeStamp seconds";
+const std::string kMicroseconds = "TimeStamp microseconds";
+const std::string kEffector = "End effector";
+const std::string kThreshold = "Head threshold";
+
 // What was being read when an error arose; it picks the log text.
 enum class Step {
   Format,
@@ -70,14 +82,14 @@ bool convertTrackerEventToTrackInfo(const KRValue& event, const std::string& cal
                                     types::TrackInfos& out) {
   Step step = Step::Format;
   try {
-    checkArrayFromKRValue(event, callerName, "event");
+    checkArrayFromKRValue(event, callerName, kEventValue);
     if (event.size() < 3) {
       return invalidFormat(eventName);
     }
     const KRValue& first = event[0];
     const KRValue& second = event[1];
-    checkArrayFromKRValue(first, callerName, "event[0]");
-    checkArrayFromKRValue(second, callerName, "event[1]");
+    checkArrayFromKRValue(first, callerName, kEventValue);
+    checkArrayFromKRValue(second, callerName, kEventValue);
 
     Math::Position6D worldToObject;
     float distance = 0.0f;
@@ -85,9 +97,9 @@ bool convertTrackerEventToTrackInfo(const KRValue& event, const std::string& cal
     if (first.size() == 6 && second.size() == 2) {
       // Target in the world frame; the distance is taken from the robot's base.
       step = Step::WorldPose;
-      worldToObject = extractPosition6DFromKRValue(first, callerName, "TargetPositionInFrameWorld");
+      worldToObject = extractPosition6DFromKRValue(first, callerName, kWorldPose);
       step = Step::MotionQuery;
-      const Math::Pose2D worldToRobot(motion->call<std::vector<float>>("getRobotPosition", true));
+      const Math::Pose2D worldToRobot(motion->call<std::vector<float>>(kGetRobotPosition, true));
       distance = Math::distance(worldToObject, Math::position6DFromPose2D(worldToRobot));
       timeIndex = 1;
     } else {
@@ -95,15 +107,15 @@ bool convertTrackerEventToTrackInfo(const KRValue& event, const std::string& cal
       if (event.size() < 4) {
         return invalidFormat(eventName);
       }
-      checkArrayFromKRValue(event[2], callerName, "event[2]");
+      checkArrayFromKRValue(event[2], callerName, kEventValue);
       if (first.size() != 6 || second.size() != 6) {
         return invalidFormat(eventName);
       }
       step = Step::TorsoPose;
       const Math::Position6D torsoToObject =
-          extractPosition6DFromKRValue(first, callerName, "TargetPositionInFrameTorso");
+          extractPosition6DFromKRValue(first, callerName, kTorsoPose);
       step = Step::RobotPose;
-      extractPosition6DFromKRValue(second, callerName, "TargetPositionInFrameRobot");
+      extractPosition6DFromKRValue(second, callerName, kRobotPose);
       step = Step::MotionQuery;
       const Math::Transform worldToTorso = getWorldToTorsoTransform(motion);
       worldToObject = Math::position6DFromTransform(worldToTorso *
@@ -117,16 +129,16 @@ bool convertTrackerEventToTrackInfo(const KRValue& event, const std::string& cal
       return invalidFormat(eventName);
     }
     step = Step::TimeStamp;
-    const int seconds = extractIntFromKRValue(time[0], callerName, "TimeStamp seconds");
-    const int microseconds = extractIntFromKRValue(time[1], callerName, "TimeStamp microseconds");
+    const int seconds = extractIntFromKRValue(time[0], callerName, kSeconds);
+    const int microseconds = extractIntFromKRValue(time[1], callerName, kMicroseconds);
     step = Step::Effector;
-    const int effector = extractIntFromKRValue(event[timeIndex + 1], callerName, "End effector");
+    const int effector = extractIntFromKRValue(event[timeIndex + 1], callerName, kEffector);
     step = Step::Threshold;
     const std::size_t thresholdIndex = timeIndex + 2;
-    const float headThreshold = event.size() > thresholdIndex
-                                    ? extractFloatAndClip(event[thresholdIndex], 0.0f, Math::kPi,
-                                                          callerName, "Head threshold")
-                                    : getConfigFloatValue(HEAD_THRESHOLD);
+    const float headThreshold =
+        event.size() > thresholdIndex
+            ? extractFloatAndClip(event[thresholdIndex], 0.0f, Math::kPi, callerName, kThreshold)
+            : getConfigFloatValue(HEAD_THRESHOLD);
 
     out =
         types::TrackInfos(worldToObject, seconds, microseconds, effector, distance, headThreshold);
@@ -146,7 +158,7 @@ bool convertTrackerEventToTrackInfo(const KRValue& event, const std::string& cal
 bool areAllResourcesTaken(const std::shared_ptr<KRProxy>& motion,
                           const std::vector<std::string>& resourceNames) {
   try {
-    if (motion->call<bool>("areResourcesAvailable", resourceNames)) {
+    if (motion->call<bool>(kAreResourcesAvailable, resourceNames)) {
       return false;
     }
     if (resourceNames.empty()) {
@@ -156,7 +168,7 @@ bool areAllResourcesTaken(const std::shared_ptr<KRProxy>& motion,
     std::vector<std::string> one(1);
     for (const std::string& name : resourceNames) {
       one[0] = name;
-      if (motion->call<bool>("areResourcesAvailable", one)) {
+      if (motion->call<bool>(kAreResourcesAvailable, one)) {
         return false;
       }
     }

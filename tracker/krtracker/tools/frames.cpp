@@ -21,13 +21,17 @@ const bool kCategoryRegistered = [] {
   ko::log::registerCategory(kToolsCategory);
   return true;
 }();
+const std::string kGetTransform = "getTransform";
+const std::string kGetPosition = "getPosition";
+const std::string kGetRobotPosition = "getRobotPosition";
+const std::string kTorso = "Torso";
 const char* const kUnexpectedFrame =
     "Unexpected frame could be {FRAME_TORSO = 0, FRAME_WORLD = 1, FRAME_ROBOT = 2}.";
 
 /// The torso's transform expressed in `frame`, read from the sensors.
 Math::Transform getTorsoTransformIn(const std::shared_ptr<KRProxy>& motion, Math::FRAME frame) {
-  return Math::Transform(motion->call<std::vector<float>>("getTransform", std::string("Torso"),
-                                                          static_cast<int>(frame), true));
+  return Math::Transform(
+      motion->call<std::vector<float>>(kGetTransform, kTorso, static_cast<int>(frame), true));
 }
 
 Math::Position3D unexpectedFrame(const std::string& location) {
@@ -38,12 +42,12 @@ Math::Position3D unexpectedFrame(const std::string& location) {
 
 Math::Transform getWorldToTorsoTransform(const std::shared_ptr<KRProxy>& motion) {
   const Math::Position6D worldToTorso(motion->call<std::vector<float>>(
-      "getPosition", std::string("Torso"), static_cast<int>(Math::FRAME_WORLD), true));
+      kGetPosition, kTorso, static_cast<int>(Math::FRAME_WORLD), true));
   return Math::transformFromPosition6D(worldToTorso);
 }
 
 Math::Transform getWorldToRobotTransform(const std::shared_ptr<KRProxy>& motion) {
-  const Math::Pose2D worldToRobot(motion->call<std::vector<float>>("getRobotPosition", true));
+  const Math::Pose2D worldToRobot(motion->call<std::vector<float>>(kGetRobotPosition, true));
   return Math::transformFromPose2D(worldToRobot);
 }
 
