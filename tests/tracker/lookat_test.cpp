@@ -314,6 +314,8 @@ TEST_F(HeadThresholdTest, ConfiguredYawLimitBoundsOnlyTheYawAndIsReadEveryCall) 
   EXPECT_EQ(remembered_.pitch, solve(farLeft).second);
   ASSERT_TRUE(look(farRight, 0.0f));
   EXPECT_EQ(remembered_.yaw, -0.5f);
+  ASSERT_TRUE(look({1.0f, -0.85f, -0.3f}, 0.0f));  // just beyond the limit
+  EXPECT_EQ(remembered_.yaw, -0.5f);
 
   // A limit wider than the joint: the joint limit stays in force.
   KR::Tracker::setConfigValue(KR::Tracker::HEAD_WZ_LIMIT, KRValue(3.0f));
