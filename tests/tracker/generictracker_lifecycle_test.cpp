@@ -1,0 +1,317 @@
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <krtracker/config/krgenerictrackerconfig.h>
+
+#include "tracker/tracker_fixture.h"
+
+namespace {
+
+using ko::log::Level;
+using krtest::TrackerHarness;
+using krtest::TrackerTest;
+using Calls = std::vector<std::string>;
+
+// What track("Face") sends from idle in "Head" mode with no effector and no searching.
+const Calls kStartFace = {
+    "_KRTargetManager.isTargetManaged(\"Face\")",
+    "_KRTargetManager.setActiveTarget(\"Face\")",
+    "_MotionMove.stopMove()",
+    "_NavigationMove.stopMove()",
+    "_WholeBodyLooker.stopLooker()",
+    "_HeadLooker.setImplParam([1, 10])",
+    "_HeadLooker.start()",
+    "_KRTargetManager.start()",
+    "_KRTargetManager.getEventName()",
+    "_Smoother.stopSmoother()",
+    "_Smoother.setTarget([0, 0, 0, 0, 0, 0])",
+    "_Smoother.startEvent(\"evt\")",
+};
+
+const Calls kStopAll = {
+    "_RoundSearcher.stopSearcher()", "_Smoother.stopSmoother()",   "_KRTargetManager.stopManager()",
+    "_HeadLooker.stopLooker()",      "_ArmsLooker.stopLooker()",   "_WholeBodyLooker.stopLooker()",
+    "_MotionMove.stopMove()",        "_NavigationMove.stopMove()",
+};
+
+std::string missingModule(const std::string& name) {
+  return "KRBroker::getProxy: no module named \"" + name + "\" in broker KRBroker";
+}
+
+TEST(GenericTrackerConstruction, OpensTheNineSubModuleProxiesInOrder) {
+  // With modules k..8 all missing, the error names module k: k is asked for before the rest.
+  const std::vector<std::string>& names = krtest::trackerModuleNames();
+  for (std::size_t k = 0; k < 9; ++k) {
+    TrackerHarness harness("kibo.xml", std::vector<std::string>(names.begin() + k, names.end()));
+    try {
+      harness.build();
+      ADD_FAILURE() << "built without " << names[k];
+    } catch (const std::exception& e) {
+      EXPECT_EQ(missingModule(names[k]), e.what());
+    }
+  }
+}
+
+TEST(GenericTrackerConstruction, WithoutMemoryLogsAndStillWorks) {
+  ko::log::ScopedCapture log;
+  TrackerHarness harness("kibo.xml", {"KRMemory"});
+  krtest::TrackerProbe& tracker = harness.build();
+  EXPECT_EQ(log.records("KRTracker.GenericTracker"),
+            (std::vector<ko::log::Record>{
+                {"KRTracker.GenericTracker", Level::error, "xInitProxies",
+                 "Could not get proxy to KRMemory: " + missingModule("KRMemory")}}));
+  tracker.setEffector("LArm");
+  tracker.track("Face");
+  harness.take();
+  tracker.pause();  // no stop events without the memory service
+  EXPECT_EQ(harness.take(), (Calls{"_RoundSearcher.stopSearcher()", "_HeadLooker.stopLooker()",
+                                   "_WholeBodyLooker.stopLooker()", "_ArmsLooker.stopLooker()"}));
+}
+
+TEST(GenericTrackerConstruction, RobotModelFailuresWarnAndThrow) {
+  struct Case {
+    const char* name;
+    std::vector<std::string> omit;
+    const char* script;  // "throw" or a description to serve
+    std::string cause;
+  };
+  const std::vector<Case> cases = {
+      {"missing service", {"KRRobotModel"}, "", missingModule("KRRobotModel")},
+      {"failing getConfig", {}, "throw", "no description"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ko::log::ScopedCapture log;
+    TrackerHarness harness("kibo.xml", c.omit);
+    if (std::string(c.script) == "throw") {
+      harness.module("KRRobotModel").throwOn("getConfig", "no description");
+    }
+    EXPECT_THROW(harness.build(), std::exception);
+    EXPECT_EQ(
+        log.records("KRTracker.GenericTracker"),
+        (std::vector<ko::log::Record>{{"KRTracker.GenericTracker", Level::warning, "GenericTracker",
+                                       "KRRobotModel is not found: " + c.cause}}));
+  }
+  // A malformed description is refused the same way.
+  ko::log::ScopedCapture log;
+  TrackerHarness harness("kibo.xml");
+  harness.module("KRRobotModel").answer("getConfig", "<robot");
+  EXPECT_THROW(harness.build(), std::exception);
+  ASSERT_EQ(log.records("KRTracker.GenericTracker").size(), 1u);
+  EXPECT_EQ(log.records("KRTracker.GenericTracker")[0].text.rfind("KRRobotModel is not found: ", 0),
+            0u);
+}
+
+TEST(GenericTrackerConstruction, RobotDescriptionSetsCapabilitiesAndModes) {
+  struct Case {
+    const char* robot;
+    std::vector<std::string> modes;
+    bool canNavigate, canLookBehind;
+  };
+  for (const Case& c :
+       {Case{"kibo.xml", {"Head", "WholeBody", "Move"}, false, true},
+        Case{"rover.xml", {"Head", "WholeBody", "Move", "Navigate"}, true, false}}) {
+    SCOPED_TRACE(c.robot);
+    TrackerHarness harness(c.robot);
+    krtest::TrackerProbe& tracker = harness.build();
+    EXPECT_EQ(tracker.getAvailableModes(), c.modes);
+    EXPECT_EQ(tracker.fCanNavigate, c.canNavigate);
+    EXPECT_EQ(tracker.fCanLookBehind, c.canLookBehind);
+    EXPECT_TRUE(tracker.fCanPointAt);
+    EXPECT_EQ(tracker.fModel.head.yaw.name, "HeadYaw");
+    // Defaults of a new tracker.
+    EXPECT_FALSE(tracker.isActive());
+    EXPECT_EQ(tracker.getMode(), "Head");
+    EXPECT_EQ(tracker.getEffector(), "None");
+    EXPECT_EQ(tracker.getActiveTarget(), "");
+    EXPECT_EQ(tracker.getRelativePosition(), KR::KRValue(std::vector<float>(6, 0.0f)));
+    EXPECT_FALSE(tracker.getTargetCoordinates().isValid());
+    EXPECT_FALSE(tracker.getMoveConfig().isValid());
+    EXPECT_EQ(tracker.getMaximumVelocity(), 1.0f);
+    EXPECT_EQ(tracker.getMaximumAcceleration(), 10.0f);
+    EXPECT_EQ(tracker.getMaximumDistanceDetection(), std::numeric_limits<float>::max());
+    EXPECT_FALSE(tracker.isSearchEnabled());
+  }
+}
+
+TEST_F(TrackerTest, StartWithoutTargetWarnsAndStaysActiveUntilStop) {
+  tracker->start();
+  tracker->start();
+  EXPECT_TRUE(tracker->isActive());
+  EXPECT_EQ(take(), Calls{});
+  EXPECT_EQ(
+      records(),
+      (std::vector<ko::log::Record>{rec(
+          Level::warning, "start", "Tracker is not initialized. Register a target name please.")}));
+  tracker->stop();
+  EXPECT_FALSE(tracker->isActive());
+  EXPECT_EQ(take(), kStopAll);
+}
+
+TEST_F(TrackerTest, TrackFromIdleStartsEverySubModuleInOrder) {
+  tracker->track("Face");
+  EXPECT_EQ(take(), kStartFace);
+  EXPECT_TRUE(tracker->isActive());
+  EXPECT_EQ(tracker->getActiveTarget(), "Face");
+  tracker->start();  // already active
+  EXPECT_EQ(take(), Calls{});
+}
+
+TEST_F(TrackerTest, PauseStopsHeadAndArmsAndKeepsTheTarget) {
+  tracker->setEffector("RArm");
+  startTracking();
+  tracker->pause();
+  EXPECT_EQ(take(), (Calls{"_RoundSearcher.stopSearcher()", "_HeadLooker.stopLooker()",
+                           "_WholeBodyLooker.stopLooker()",
+                           "KRMemory.raiseEvent(\"KRTracker/HeadTracking/Stopped\", true)",
+                           "_ArmsLooker.stopLooker()",
+                           "KRMemory.raiseEvent(\"KRTracker/ArmTracking/Stopped\", true)"}));
+  EXPECT_TRUE(tracker->isActive());
+  EXPECT_EQ(tracker->getActiveTarget(), "Face");
+
+  // restart resumes: the arms looker before the mode, no target manager start, no smoother.
+  tracker->restart();
+  EXPECT_EQ(take(), (Calls{"_KRTargetManager.setActiveTarget(\"Face\")",
+                           "_ArmsLooker.setImplParam([\"RArm\", false])", "_ArmsLooker.start()",
+                           "_MotionMove.stopMove()", "_NavigationMove.stopMove()",
+                           "_WholeBodyLooker.stopLooker()", "_HeadLooker.setImplParam([1, 10])",
+                           "_HeadLooker.start()"}));
+  EXPECT_TRUE(tracker->isActive());
+}
+
+TEST_F(TrackerTest, RestartReactivatesByTheWayTheTargetWasChosen) {
+  tracker->trackEvent("SoundEvent");
+  take();
+  tracker->restart();
+  EXPECT_EQ(take().at(0), "_KRTargetManager.setActiveEvent(\"SoundEvent\")");
+  tracker->stop();
+  startTracking("Face");
+  module("_KRTargetManager").throwOn("setActiveTarget");
+  tracker->restart();
+  const Calls calls = take();
+  EXPECT_EQ(calls.at(0), "_KRTargetManager.setActiveTarget(\"Face\")");
+  EXPECT_EQ(calls.back(), "_HeadLooker.start()");  // the sequence went on
+  EXPECT_EQ(records(), (std::vector<ko::log::Record>{rec(Level::error, "restart", "boom")}));
+}
+
+TEST_F(TrackerTest, RestartNeedsAnActiveTrackerWithATarget) {
+  tracker->restart();
+  EXPECT_EQ(take(), Calls{});
+  startTracking();
+  tracker->unregisterAllTargets();
+  EXPECT_EQ(take(), Calls{"_KRTargetManager.removeAllTargets()"});
+  EXPECT_TRUE(tracker->isActive());
+  tracker->restart();
+  EXPECT_EQ(take(), Calls{});
+  EXPECT_EQ(records(), (std::vector<ko::log::Record>{
+                           rec(Level::warning, "restart",
+                               "Do not restart tracking because target name is not valid.")}));
+}
+
+TEST_F(TrackerTest, StopSequenceIsAllOrNothingAndStopStillForgets) {
+  // Each stop after the searcher, failing, ends the sequence there without a word.
+  for (std::size_t failing = 1; failing < kStopAll.size(); ++failing) {
+    const std::string call = kStopAll[failing];
+    SCOPED_TRACE(call);
+    const std::string module = call.substr(0, call.find('.'));
+    const std::string method = call.substr(call.find('.') + 1, call.find('(') - call.find('.') - 1);
+    startTracking();
+    harness.module(module).throwOn(method);
+    tracker->stop();
+    EXPECT_EQ(take(), Calls(kStopAll.begin(), kStopAll.begin() + failing + 1));
+    EXPECT_FALSE(tracker->isActive());
+    EXPECT_EQ(tracker->getActiveTarget(), "");
+    EXPECT_EQ(records(), std::vector<ko::log::Record>{});
+    harness.module(module).reset(method);
+  }
+  // A searcher that cannot stop does not end the sequence.
+  startTracking();
+  module("_RoundSearcher").throwOn("stopSearcher");
+  tracker->stop();
+  EXPECT_EQ(take(), kStopAll);
+}
+
+TEST_F(TrackerTest, ExitStopsThenExitsEachSubModuleAndLetsFailuresThrough) {
+  const Calls exits = {"_Smoother.exit()",      "_MotionMove.exit()",     "_NavigationMove.exit()",
+                       "_RoundSearcher.exit()", "_HeadLooker.exit()",     "_WholeBodyLooker.exit()",
+                       "_ArmsLooker.exit()",    "_KRTargetManager.exit()"};
+  startTracking();
+  tracker->exit();
+  Calls expected = kStopAll;
+  expected.insert(expected.end(), exits.begin(), exits.end());
+  EXPECT_EQ(take(), expected);
+  EXPECT_FALSE(tracker->isActive());
+
+  module("_RoundSearcher").throwOn("exit", "cannot exit");
+  try {
+    tracker->exit();
+    ADD_FAILURE() << "exit did not throw";
+  } catch (const std::runtime_error& e) {
+    EXPECT_STREQ(e.what(), "cannot exit");
+  }
+  expected = kStopAll;
+  expected.insert(expected.end(), exits.begin(), exits.begin() + 4);
+  EXPECT_EQ(take(), expected);
+}
+
+TEST_F(TrackerTest, DestructorStopsEverything) {
+  startTracking();
+  module("_Smoother").throwOn("stopSmoother");
+  harness.tracker.reset();
+  EXPECT_EQ(take(), (Calls{"_RoundSearcher.stopSearcher()", "_Smoother.stopSmoother()"}));
+}
+
+TEST_F(TrackerTest, InitializeRestoresEveryDefaultButKeepsTrackingAndTheTarget) {
+  module("_KRTargetManager")
+      .answer("getRegisteredTargets", std::vector<std::string>{"Ball", "Face"});
+  tracker->setMode("WholeBody");
+  tracker->setEffector("LArm");
+  tracker->setMaximumVelocity(2.0f);
+  tracker->setMaximumAcceleration(3.0f);
+  tracker->setTargetCoordinates(KR::KRValue{1, 2});
+  tracker->toggleSearch(true);
+  startTracking();
+  ASSERT_TRUE(tracker->fSearcherRunning);
+  KR::Tracker::setConfigValue(KR::Tracker::HEAD_THRESHOLD, KR::KRValue(1.0f));
+  module("_RoundSearcher").throwOn("initialize");
+  module("_Smoother").throwOn("_setMoveHysteresis", "no hysteresis");
+
+  tracker->initialize();
+  EXPECT_EQ(take(), (Calls{
+                        "_Smoother.setTarget([0, 0, 0, 0, 0, 0])",
+                        "_KRTargetManager.getRegisteredTargets()",
+                        "_KRTargetManager.removeTarget(\"Ball\")",
+                        "_ArmsLooker.stopLooker()",
+                        "_Smoother.setMaxDistance(3.40282e+38)",
+                        // Head mode with the limits already reset.
+                        "_MotionMove.stopMove()",
+                        "_NavigationMove.stopMove()",
+                        "_WholeBodyLooker.stopLooker()",
+                        "_HeadLooker.setImplParam([1, 10])",
+                        "_HeadLooker.start()",
+                        "_MotionMove.setParam(invalid)",
+                        "_RoundSearcher.initialize()",
+                        "_RoundSearcher.stopSearcher()",
+                        "_Smoother._setMoveEvent(\"\")",
+                        "_Smoother.setTimeOut(3000)",
+                        "_Smoother._setMoveHysteresis([0.1, 0.1, 0.02])",
+                    }));
+  EXPECT_EQ(records(),
+            (std::vector<ko::log::Record>{rec(Level::error, "initialize", "boom"),
+                                          rec(Level::error, "initialize", "no hysteresis")}));
+  EXPECT_TRUE(tracker->isActive());
+  EXPECT_EQ(tracker->getActiveTarget(), "Face");
+  EXPECT_EQ(tracker->getMode(), "Head");
+  EXPECT_EQ(tracker->getEffector(), "None");
+  EXPECT_EQ(tracker->getMaximumVelocity(), 1.0f);
+  EXPECT_EQ(tracker->getMaximumAcceleration(), 10.0f);
+  EXPECT_FALSE(tracker->getTargetCoordinates().isValid());
+  EXPECT_FALSE(tracker->isSearchEnabled());
+  EXPECT_FALSE(tracker->fSearcherRunning);
+  EXPECT_FLOAT_EQ(KR::Tracker::getConfigFloatValue(KR::Tracker::HEAD_THRESHOLD), 0.05235988f);
+}
+
+}  // namespace

@@ -1,0 +1,231 @@
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tracker/tracker_fixture.h"
+
+namespace {
+
+using ko::log::Level;
+using KR::KRValue;
+using krtest::TrackerTest;
+using Calls = std::vector<std::string>;
+using Records = std::vector<ko::log::Record>;
+
+TEST_F(TrackerTest, TrackOfTheTrackedTargetOnlySaysSo) {
+  startTracking("Face");
+  tracker->track("Face");
+  tracker->trackEvent("Face");
+  EXPECT_EQ(take(), Calls{});
+  EXPECT_EQ(records(),
+            (Records{rec(Level::verbose, "track", "Target name: Face is already tracked."),
+                     rec(Level::verbose, "trackEvent", "Event name: Face is already tracked.")}));
+}
+
+TEST_F(TrackerTest, TrackOfAnUnregisteredTargetIsRefusedAfterSettingTheLandmarksFlag) {
+  startTracking("Face");
+  module("_KRTargetManager").answer("isTargetManaged", false);
+  tracker->track(KR::Tracker::Target::TargetLandMarks);
+  EXPECT_EQ(take(), Calls{"_KRTargetManager.isTargetManaged(\"LandMarks\")"});
+  EXPECT_EQ(records(), (Records{rec(Level::warning, "track",
+                                    "Target name: LandMarks is not registered. Register the "
+                                    "target before track.")}));
+  EXPECT_EQ(tracker->getActiveTarget(), "Face");
+  EXPECT_FALSE(tracker->fNotLandMarks);
+}
+
+TEST_F(TrackerTest, TrackStopsAtAFailingTargetManager) {
+  for (const char* failing : {"isTargetManaged", "setActiveTarget"}) {
+    SCOPED_TRACE(failing);
+    module("_KRTargetManager").throwOn(failing);
+    tracker->track("Ball");
+    EXPECT_EQ(take().back(), std::string("_KRTargetManager.") + failing + "(\"Ball\")");
+    EXPECT_EQ(records(), (Records{rec(Level::error, "track", "boom")}));
+    EXPECT_EQ(tracker->getActiveTarget(), "");
+    EXPECT_FALSE(tracker->isActive());
+    module("_KRTargetManager").reset(failing);
+    module("_KRTargetManager").answer("isTargetManaged", true);
+    log.clear();
+  }
+}
+
+TEST_F(TrackerTest, TrackWhileActiveSwitchesTheSmootherWithoutStoppingIt) {
+  startTracking("Face");
+  tracker->track("Ball");
+  EXPECT_EQ(take(),
+            (Calls{"_KRTargetManager.isTargetManaged(\"Ball\")",
+                   "_KRTargetManager.setActiveTarget(\"Ball\")", "_KRTargetManager.getEventName()",
+                   "_Smoother.setTarget([0, 0, 0, 0, 0, 0])", "_Smoother.restart(\"evt\")"}));
+  EXPECT_EQ(tracker->getActiveTarget(), "Ball");
+}
+
+TEST_F(TrackerTest, TrackEventGoesOnWhenTheTargetManagerFails) {
+  module("_KRTargetManager").throwOn("setActiveEvent");
+  tracker->trackEvent("SoundEvent");
+  const Calls calls = take();
+  ASSERT_GE(calls.size(), 2u);
+  EXPECT_EQ(calls[0], "_KRTargetManager.setActiveEvent(\"SoundEvent\")");
+  EXPECT_EQ(calls.back(), "_Smoother.startEvent(\"evt\")");
+  EXPECT_EQ(records(), (Records{rec(Level::error, "trackEvent", "boom")}));
+  EXPECT_TRUE(tracker->isActive());
+  EXPECT_EQ(tracker->getActiveTarget(), "SoundEvent");
+  tracker->trackEvent("OtherEvent");
+  EXPECT_EQ(take().back(), "_Smoother.restart(\"evt\")");
+}
+
+TEST_F(TrackerTest, LandmarksFeedTheSmootherTwoEventsAndTheIds) {
+  const KRValue coordinates{KRValue{1.0f, 2.0f, 0.5f}, KRValue{1.0f, -2.0f, 0.5f}};
+  const Calls head = {
+      "_KRTargetManager.isTargetManaged(\"LandMarks\")",
+      "_KRTargetManager.setActiveTarget(\"LandMarks\")",
+      "_MotionMove.stopMove()",
+      "_NavigationMove.stopMove()",
+      "_WholeBodyLooker.stopLooker()",
+      "_HeadLooker.setImplParam([1, 10])",
+      "_HeadLooker.start()",
+      "_KRTargetManager.start()",
+      "_KRTargetManager.getEventName()",
+      "_KRTargetManager.getSecondEventName()",
+      "_KRTargetManager.getTargetIds(\"LandMarks\")",
+      "_KRTargetManager.getTargetIds(\"LandMarks\")",  // recomputing the coordinates
+  };
+  const std::string badIds = "setTargetCoordinates -> coordinates not set not get valid ids.";
+  struct Case {
+    std::vector<int> ids;
+    Calls tail;
+    Records logs;
+  };
+  const std::vector<Case> cases = {
+      {{3},
+       {"_Smoother.stopSmoother()", "_Smoother.setTarget([0, 0, 0, 0, 0, 0])",
+        "_Smoother.startEvent(\"evt\", \"evt2\")"},
+       {rec(Level::warning, "xSetCoordinates", badIds)}},
+      {{3, 9},
+       {"_Smoother.setTargetIds(3, 9)", "_Smoother.setMap([[3, [1, 2, 0.5]], [9, [1, -2, 0.5]]])",
+        "_Smoother.stopSmoother()", "_Smoother.setTarget([0, 0, 0, 0, 0, 0])",
+        "_Smoother.setTargetIds(3, 9)", "_Smoother.startEvent(\"evt\", \"evt2\")"},
+       {}},
+      {{3, 9, 12},
+       {"_Smoother.stopSmoother()", "_Smoother.setTarget([0, 0, 0, 0, 0, 0])",
+        "_Smoother.setTargetIds(3, 9)", "_Smoother.startEvent(\"evt\", \"evt2\")"},
+       {rec(Level::warning, "xSetCoordinates", badIds)}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.ids.size());
+    module("_KRTargetManager").answer("getTargetIds", c.ids);
+    tracker->setTargetCoordinates(coordinates);
+    tracker->track(KR::Tracker::Target::TargetLandMarks);
+    Calls expected = head;
+    expected.insert(expected.end(), c.tail.begin(), c.tail.end());
+    EXPECT_EQ(take(), expected);
+    EXPECT_EQ(records(), c.logs);
+    tracker->stop();
+    take();
+    log.clear();
+  }
+}
+
+TEST_F(TrackerTest, LandmarksRestartAndTheInvalidSmootherMode) {
+  startTracking("Face");
+  tracker->track(KR::Tracker::Target::TargetLandMarks);
+  const Calls calls = take();
+  EXPECT_EQ(Calls(calls.begin() + 2, calls.end()),
+            (Calls{"_KRTargetManager.getEventName()", "_KRTargetManager.getSecondEventName()",
+                   "_KRTargetManager.getTargetIds(\"LandMarks\")",
+                   "_Smoother.setTarget([0, 0, 0, 0, 0, 0])", "_Smoother.setTargetIds(4, 7)",
+                   "_Smoother.restart(\"evt\", \"evt2\")"}));
+
+  // The landmarks flag without the landmarks target: start throws, restart only logs.
+  startTracking("Face");
+  tracker->fNotLandMarks = false;
+  try {
+    tracker->xStartSmoother();
+    ADD_FAILURE() << "no throw";
+  } catch (const std::runtime_error& e) {
+    EXPECT_STREQ(e.what(),
+                 "KRTracker.GenericTracker::start: Tracker is not initialized correctly.");
+  }
+  tracker->xRestartSmoother();
+  EXPECT_EQ(take(), Calls{});
+  EXPECT_EQ(records(), (Records{rec(Level::error, "xRestartSmoother", "Invalid Smoother mode.")}));
+}
+
+TEST_F(TrackerTest, TargetCoordinatesMustBeAPair) {
+  const std::string refused =
+      "setTargetCoordinates -> coordinates are not valid. The format is: [[x, y, z], [x, y, z]].";
+  const KRValue pair{KRValue{1, 2, 3}, "anything"};
+  for (const KRValue& bad : {KRValue(), KRValue(2.0f), KRValue{1, 2, 3}, KRValue{1}}) {
+    SCOPED_TRACE(bad.toString());
+    tracker->setTargetCoordinates(pair);
+    tracker->setTargetCoordinates(bad);
+    EXPECT_EQ(tracker->getTargetCoordinates(), pair);
+    EXPECT_EQ(records(), (Records{rec(Level::warning, "setTargetCoordinates", refused)}));
+    log.clear();
+  }
+  // While active the coordinates reach the smoother only for the landmarks target.
+  startTracking("Face");
+  tracker->setTargetCoordinates(pair);
+  EXPECT_EQ(take(), Calls{});
+  startTracking(KR::Tracker::Target::TargetLandMarks);
+  tracker->setTargetCoordinates(pair);
+  EXPECT_EQ(take(),
+            (Calls{"_KRTargetManager.getTargetIds(\"LandMarks\")", "_Smoother.setTargetIds(4, 7)",
+                   "_Smoother.setMap([[4, [1, 2, 3]], [7, \"anything\"]])"}));
+}
+
+TEST_F(TrackerTest, TargetPositionIsConvertedFromTheTorsoFrame) {
+  module("_KRTargetManager").answer("getActiveTargetPosition", std::vector<float>{});
+  EXPECT_EQ(tracker->getTargetPosition(KR::Math::FRAME_WORLD), std::vector<float>{});
+  EXPECT_EQ(take(), Calls{"_KRTargetManager.getActiveTargetPosition()"});
+
+  // The torso stands 0.5 m above the world origin.
+  module("KRMotion")
+      .answer("getTransform", std::vector<float>{1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0.5f});
+  module("_KRTargetManager").answer("getActiveTargetPosition", std::vector<float>{1, 2, 3});
+  EXPECT_EQ(tracker->getTargetPosition(KR::Math::FRAME_WORLD), (std::vector<float>{1, 2, 3.5f}));
+  EXPECT_EQ(take(), (Calls{"_KRTargetManager.getActiveTargetPosition()",
+                           "KRMotion.getTransform(\"Torso\", 1, true)"}));
+
+  module("_KRTargetManager").throwOn("getActiveTargetPosition");
+  EXPECT_EQ(tracker->getTargetPosition(KR::Math::FRAME_TORSO), std::vector<float>{});
+  EXPECT_EQ(records(), (Records{rec(Level::error, "getTargetPosition", "boom")}));
+}
+
+TEST_F(TrackerTest, RegistryOperationsForwardAndSwallowFailures) {
+  tracker->registerTarget("Face", KRValue{0.1f});
+  tracker->unregisterTarget("Face");
+  tracker->unregisterTargets({"Face", "Ball"});
+  module("_KRTargetManager").answer("getSupportedTargets", std::vector<std::string>{"Face"});
+  EXPECT_EQ(tracker->getSupportedTargets(), std::vector<std::string>{"Face"});
+  EXPECT_EQ(tracker->getEventName(), "evt");
+  EXPECT_EQ(tracker->getSecondEventName(), "evt2");
+  EXPECT_EQ(take(),
+            (Calls{"_KRTargetManager.addTarget(\"Face\", [0.1])",
+                   "_KRTargetManager.removeTarget(\"Face\")",
+                   "_KRTargetManager.removeTargets([\"Face\", \"Ball\"])",
+                   "_KRTargetManager.getSupportedTargets()", "_KRTargetManager.getEventName()",
+                   "_KRTargetManager.getSecondEventName()"}));
+
+  for (const char* m : {"addTarget", "removeTarget", "removeTargets", "getSupportedTargets",
+                        "getRegisteredTargets", "getEventName", "getSecondEventName"}) {
+    module("_KRTargetManager").throwOn(m);
+  }
+  tracker->registerTarget("Face", KRValue());
+  tracker->unregisterTarget("Face");
+  tracker->unregisterTargets({"Face"});
+  EXPECT_EQ(tracker->getSupportedTargets(), std::vector<std::string>{});
+  EXPECT_EQ(tracker->getRegisteredTargets(), std::vector<std::string>{});
+  EXPECT_EQ(tracker->getEventName(), "");
+  EXPECT_EQ(tracker->getSecondEventName(), "");
+  EXPECT_EQ(records(), (Records{rec(Level::error, "registerTarget", "boom"),
+                                rec(Level::error, "unregisterTarget", "boom"),
+                                rec(Level::error, "unregisterTargets", "boom"),
+                                rec(Level::error, "getSupportedTargets", "boom"),
+                                rec(Level::error, "getRegisteredTargets", "boom"),
+                                rec(Level::error, "xGetEventName", "boom"),
+                                rec(Level::error, "xGetEventName", "boom")}));
+}
+
+}  // namespace

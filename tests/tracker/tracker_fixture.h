@@ -1,0 +1,146 @@
+#pragma once
+// A GenericTracker on a real broker whose ten modules and robot-model service are scripted
+// fakes. Every call the tracker makes is recorded as "Module.method(args)".
+
+#include <algorithm>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <ko/log.h>
+#include <kr/broker/broker.h>
+#include <kr/target/targets.h>
+#include <krtracker/generictracker/generictracker.h>
+
+#include "support/fake_module.h"
+
+namespace krtest {
+
+/// Modules the tracker opens, in the order it opens them.
+inline const std::vector<std::string>& trackerModuleNames() {
+  static const std::vector<std::string> kNames = {
+      "KRMotion",    "_Smoother",        "_MotionMove", "_NavigationMove",  "_RoundSearcher",
+      "_HeadLooker", "_WholeBodyLooker", "_ArmsLooker", "_KRTargetManager", "KRMemory"};
+  return kNames;
+}
+
+/// Opens the internal operations and state to the tests.
+class TrackerProbe : public KR::Tracker::GenericTracker {
+ public:
+  using GenericTracker::fActive;
+  using GenericTracker::fCanLookBehind;
+  using GenericTracker::fCanNavigate;
+  using GenericTracker::fCanPointAt;
+  using GenericTracker::fModel;
+  using GenericTracker::fNotLandMarks;
+  using GenericTracker::fSearcherRunning;
+  using GenericTracker::GenericTracker;
+  using GenericTracker::xRestartSmoother;
+  using GenericTracker::xStartSmoother;
+  using GenericTracker::xStopArmLooker;
+  using GenericTracker::xStopHeadTracking;
+  using GenericTracker::xUpdateMode;
+
+  /// Stores a mode without validation, as only internal code can.
+  void forceMode(const std::string& mode) {
+    std::lock_guard<std::mutex> lock(fModeMutex);
+    fMode = mode;
+  }
+  void updateModeLocked() {
+    std::lock_guard<std::mutex> lock(fModeMutex);
+    xUpdateMode();
+  }
+  std::string storedEffector() const {
+    std::lock_guard<std::mutex> lock(fEffectorMutex);
+    return fEffector;
+  }
+};
+
+/// Builds the broker and its fakes; the tracker itself is built by build().
+class TrackerHarness {
+ public:
+  /// robotFile: "kibo.xml" (type 0) or "rover.xml" (type 1). Modules listed in `omit` are not
+  /// added to the broker ("KRRobotModel" may be one of them).
+  explicit TrackerHarness(const std::string& robotFile = "kibo.xml",
+                          const std::vector<std::string>& omit = {})
+      : broker(KR::KRBroker::create()) {
+    std::vector<std::string> names = trackerModuleNames();
+    names.push_back("KRRobotModel");
+    for (const std::string& name : names) {
+      if (std::find(omit.begin(), omit.end(), name) != omit.end())
+        continue;
+      auto module = std::make_shared<FakeModule>(name);
+      modules[name] = module;
+      broker->addModule(module);
+    }
+    if (modules.count("KRRobotModel")) {
+      modules["KRRobotModel"]->answer("getConfig", readRobotFile(robotFile));
+    }
+    if (modules.count("_KRTargetManager")) {
+      FakeModule& tm = *modules["_KRTargetManager"];
+      tm.answer("isTargetManaged", true);
+      tm.answer("getEventName", "evt");
+      tm.answer("getSecondEventName", "evt2");
+      tm.answer("getTargetIds", std::vector<int>{4, 7});
+      tm.answer("getRegisteredTargets", std::vector<std::string>{});
+    }
+    recorder = std::make_unique<CallRecorder>(broker);
+  }
+
+  ~TrackerHarness() {
+    tracker.reset();
+    recorder.reset();
+    broker->shutdown();
+  }
+
+  TrackerProbe& build() {
+    tracker = std::make_unique<TrackerProbe>(broker);
+    if (recorder)
+      recorder->clear();
+    return *tracker;
+  }
+
+  FakeModule& module(const std::string& name) { return *modules.at(name); }
+  std::vector<std::string> calls() const { return recorder->calls(); }
+  /// Calls so far, and forget them.
+  std::vector<std::string> take() {
+    std::vector<std::string> out = recorder->calls();
+    recorder->clear();
+    return out;
+  }
+
+  std::shared_ptr<KR::KRBroker> broker;
+  std::map<std::string, std::shared_ptr<FakeModule>> modules;
+  std::unique_ptr<CallRecorder> recorder;
+  std::unique_ptr<TrackerProbe> tracker;
+};
+
+/// A fixture with a Kibo tracker built and the log captured.
+class TrackerTest : public ::testing::Test {
+ protected:
+  void SetUp() override { tracker = &harness.build(); }
+
+  /// Tracks "Face" from idle and forgets the calls that made.
+  void startTracking(const std::string& target = "Face") {
+    tracker->track(target);
+    harness.recorder->clear();
+    log.clear();
+  }
+  std::vector<std::string> take() { return harness.take(); }
+  FakeModule& module(const std::string& name) { return harness.module(name); }
+  std::vector<ko::log::Record> records() const { return log.records("KRTracker.GenericTracker"); }
+  static ko::log::Record rec(ko::log::Level level, const std::string& location,
+                             const std::string& text) {
+    return ko::log::Record{"KRTracker.GenericTracker", level, location, text};
+  }
+
+  ko::log::ScopedCapture log;
+  TrackerHarness harness;
+  TrackerProbe* tracker = nullptr;
+};
+
+}  // namespace krtest
