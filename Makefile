@@ -44,7 +44,8 @@ test-tsan:
 	  CTEST_ARGS="$(TSAN_CTEST_ARGS)"
 
 bench:
-	$(MAKE) build BUILD=build-bench CMAKE_ARGS="-DKRTRACKER_BUILD_BENCH=ON -DCMAKE_BUILD_TYPE=Release"
+	$(MAKE) build BUILD=build-bench EXTRA_PACKAGES=liborocos-kdl-dev \
+	  CMAKE_ARGS="-DKRTRACKER_BUILD_BENCH=ON -DCMAKE_BUILD_TYPE=Release"
 	for b in build-bench/bench/bench_*; do \
 	  $$b --benchmark_repetitions=5 --benchmark_report_aggregates_only=true \
 	      --benchmark_display_aggregates_only=true | grep -E 'median|^Run|^---|^Benchmark'; done

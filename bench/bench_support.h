@@ -1,0 +1,60 @@
+#pragma once
+// Shared pieces of the benchmarks: the small humanoid's model, a moving target, an in-process
+// motion module on the real broker, the heap counter and the one-time checks run before the
+// timings.
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+
+#include <kr/broker/broker.h>
+#include <kr/math/types.h>
+#include <kr/model/trackermodel.h>
+
+namespace krbench {
+
+/// Heap allocations made by this thread since it started (see alloc_counter.cpp).
+std::uint64_t heapAllocations();
+
+/// Heap allocations made by f on this thread.
+template <class F>
+std::uint64_t allocationsOf(F&& f) {
+  const std::uint64_t before = heapAllocations();
+  f();
+  return heapAllocations() - before;
+}
+
+/// Reports the allocations made since `before`, per iteration, as the counter "allocs".
+void reportAllocations(benchmark::State& state, std::uint64_t before);
+
+/// The tracker model of robots/kibo.xml, the small humanoid.
+KR::Model::KRTrackerModel loadKibo();
+
+/// A target moving on a closed path in front of the robot, sampled finely enough (about 1 cm
+/// between samples) that each sample starts close to the previous one's answer, as in a
+/// tracking loop. Torso frame [m]; every point is within the head's and the arms' joint limits.
+const std::vector<KR::Math::Position3D>& targetPath();
+
+/// The poses the motion module reports.
+KR::Math::Position6D torsoInWorld();
+KR::Math::Position6D torsoInRobot();
+KR::Math::Pose2D robotInWorld();
+
+/// A broker holding a module "KRMotion" with bound methods "getRobotPosition"(bool),
+/// "getPosition"(name, frame, useSensors), "getTransform"(name, frame, useSensors) and
+/// "_getSensorTransformAtTime"(name, time), answering the fixed poses above, and a module
+/// "Bench" with "ping"() (no result) and "getSixFloats"() (six floats).
+std::shared_ptr<KR::KRBroker> makeBroker();
+
+/// Stops the program with a message on standard error unless ok.
+void require(bool ok, const std::string& what);
+
+/// Runs the one-time checks, then (unless --check-only is given) the benchmarks selected on
+/// the command line. The return value of main.
+int runMain(int argc, char** argv, const std::function<void()>& checks);
+
+}  // namespace krbench
