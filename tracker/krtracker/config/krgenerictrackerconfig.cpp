@@ -153,6 +153,18 @@ float getConfigFloatValue(ConfigKey key) {
   if (key == UNKNOWN_CONFIG_KEY) {
     throw std::runtime_error(std::string(kFloatGetter) + ": unknown config key.");
   }
+  // Read in every control cycle: a stored float is returned under the lock, with no copy of the
+  // value and no text built; ints, missing entries and wrong kinds take the general path.
+  {
+    const KRGenericTrackerConfig& config = *getConfig();
+    std::shared_lock<std::shared_mutex> lock(config.fMutex);
+    const auto it = config.fValueMap.find(key);
+    if (it != config.fValueMap.end()) {
+      if (const float* value = it->second.getIf<float>()) {
+        return *value;
+      }
+    }
+  }
   return extractFloat(readValue(key), kFloatGetter, kValueName);
 }
 
