@@ -109,6 +109,14 @@ std::vector<SimMemory::EventRecord> SimMemory::eventHistory(const std::string& e
   return out;
 }
 
+std::vector<SimMemory::EventRecord> SimMemory::eventHistorySince(std::size_t first) const {
+  std::lock_guard<std::mutex> lock(fMutex);
+  if (first >= fHistory.size())
+    return {};
+  return std::vector<EventRecord>(fHistory.begin() + static_cast<std::ptrdiff_t>(first),
+                                  fHistory.end());
+}
+
 std::size_t SimMemory::eventCount(const std::string& eventName) const {
   std::lock_guard<std::mutex> lock(fMutex);
   return static_cast<std::size_t>(std::count_if(

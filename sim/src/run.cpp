@@ -33,13 +33,17 @@ std::string timeTag(double t) {
   return buf;
 }
 
-bool isObservation(const std::string& name) {
+/// Observations and the smoother's per-step streams to the lookers and movers: too frequent
+/// to report one by one.
+bool isStream(const std::string& name) {
   static const std::string base = [] {
     std::string n = KR::Tracker::Namer::getInstance().getName(0);
     n.pop_back();
     return n;
   }();
-  return name.compare(0, base.size(), base) == 0;
+  static const std::string looker = KR::Tracker::Namer::getNameLooker();
+  static const std::string move = KR::Tracker::Namer::getNameMove();
+  return name.compare(0, base.size(), base) == 0 || name == looker || name == move;
 }
 
 }  // namespace
@@ -125,7 +129,8 @@ void ScenarioRun::xRecord() {
   s.time = sim.time();
   for (std::size_t i = 0; i < fScenario.phases.size(); ++i) {
     const Phase& p = fScenario.phases[i];
-    if (s.time >= p.begin - 1e-9 && s.time < p.end - 1e-9)
+    // A sample shows the state at the end of its step: (begin, end].
+    if (s.time > p.begin + 1e-9 && s.time <= p.end + 1e-9)
       s.phase = static_cast<int>(i);
   }
   if (s.phase != fPhase) {
@@ -174,7 +179,8 @@ void ScenarioRun::xRecord() {
   const bool settled = phase.oneShot && s.time >= phase.begin + phase.settleSeconds - 1e-9;
   const bool measuring = s.tracked || settled;
 
-  if (measuring) {
+  const bool armsReady = s.time >= phase.begin + phase.settleSeconds - 1e-9;
+  if (measuring && armsReady) {
     for (const auto& arm : phase.arms) {
       if (!xInReach(arm, inTorso))
         continue;
@@ -208,10 +214,10 @@ void ScenarioRun::xRecord() {
 
 void ScenarioRun::xReport() {
   const double t = fSim->time();
-  const auto history = fSim->memory().eventHistory();
-  for (; fHistorySeen < history.size(); ++fHistorySeen) {
-    const auto& e = history[fHistorySeen];
-    if (isObservation(e.name))
+  const auto fresh = fSim->memory().eventHistorySince(fHistorySeen);
+  fHistorySeen += fresh.size();
+  for (const auto& e : fresh) {
+    if (isStream(e.name))
       continue;
     const double at = std::chrono::duration<double>(e.time - fSim->clock().start()).count();
     fProgress(timeTag(at) + "event " + e.name);
@@ -253,7 +259,7 @@ std::vector<PhaseSummary> ScenarioRun::summaries() const {
       if (s.phase != static_cast<int>(i))
         continue;
       const bool settled = settledOnly && s.time >= p.begin + p.settleSeconds - 1e-9;
-      if (s.tracked || settled)
+      if (p.lineOfSight && (s.tracked || settled))
         sum.lineOfSightDeg.add(s.lineOfSightDeg);
       if (s.leftArmDeg >= 0.0f)
         sum.armDeg.add(s.leftArmDeg);
@@ -269,7 +275,10 @@ std::vector<PhaseSummary> ScenarioRun::summaries() const {
     sum.localisationMissing = fLocalisationMissing[i];
     for (const auto& e : history) {
       const double at = std::chrono::duration<double>(e.time - fSim->clock().start()).count();
-      if (at < p.begin - 1e-9 || at >= p.end - 1e-9 || isObservation(e.name))
+      // Calls made at a phase's start belong to it; the run's last instant to the last phase.
+      const bool inside =
+          at >= p.begin - 1e-9 && (at < p.end - 1e-9 || p.end >= fScenario.duration);
+      if (!inside || isStream(e.name))
         continue;
       auto it = std::find_if(sum.events.begin(), sum.events.end(),
                              [&](const auto& c) { return c.first == e.name; });

@@ -160,6 +160,7 @@ Scenario ballScenario(const ScenarioOptions& o) {
   Phase head = phase("head tracking", 0.0, 20.0, "ball");
   Phase body = phase("whole body + arms", 20.0, 38.0, "ball", 6.0);
   body.arms = {"LArm", "RArm"};
+  body.settleSeconds = 1.0;
   Phase lost = phase("lost and found", 38.0, 60.0, "ball", 6.0);
   s.phases = {head, body, lost};
   return s;
@@ -187,9 +188,10 @@ Scenario faceScenario(const ScenarioOptions& o) {
   s.targets = {ann, bob};
   const std::string mode = pick(o.mode, "Head");
   s.actions = {registerTarget(0.0, Target::TargetFace, KRValue(0.1f)), call(0.0, "setMode", mode),
-               call(0.0, "setEffector", pick(o.effector, "None")),
+               call(0.0, "setEffector", pick(o.effector, "None")), toggleSearch(0.0, true),
                call(0.0, "track", Target::TargetFace)};
-  s.description = "faces followed in " + mode + " mode; the nearer person leaves";
+  s.description =
+      "faces followed in " + mode + " mode; the nearer person leaves, the other is found";
   s.phases = {phase("Ann", 0.0, 13.0, "Ann"), phase("Bob", 13.0, 30.0, "Bob")};
   return s;
 }
@@ -329,6 +331,7 @@ Scenario oneShotScenario(const ScenarioOptions& o) {
   pointBoth.arms = {"LArm", "RArm"};
   for (Phase* p : {&pointLeft, &pointRight, &pointBoth}) {
     p->oneShot = true;
+    p->lineOfSight = false;
     p->settleSeconds = 1.5;
   }
   s.phases = {look, pointLeft, pointRight, pointBoth};

@@ -58,6 +58,8 @@ class SimMemory : public KR::KRModule {
 
   std::vector<EventRecord> eventHistory() const;
   std::vector<EventRecord> eventHistory(const std::string& eventName) const;
+  /// The records from position `first` of the history on (for readers that follow it).
+  std::vector<EventRecord> eventHistorySince(std::size_t first) const;
   std::size_t eventCount(const std::string& eventName) const;
   void clearEventHistory();
 

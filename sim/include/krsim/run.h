@@ -10,8 +10,9 @@
 //   acquireDegrees; "time to acquire" runs from the moment the target was last perceived
 //   anew to the first acquisition of the phase. It is "tracked" from then on while perceived;
 // - pointing: angle between a forearm's x axis and the direction from the elbow to the
-//   target, counted while the target is tracked (or, for one-shot phases, after they settle)
-//   and lies within the arm's reach (its shoulder angles toward the target within limits);
+//   target, counted once the phase has settled, while the target is tracked (or, in one-shot
+//   phases, at any time) and lies within the arm's reach (its shoulder angles toward the
+//   target within limits);
 // - relative position: the target in the robot frame against the requested offset;
 // - localisation: the tracker's landmark-based robot position against the true pose, asked
 //   once per second.
@@ -70,7 +71,8 @@ struct PhaseSummary {
   ErrorStats localisationM;
   ErrorStats localisationDeg;
   std::size_t localisationMissing = 0;  // answers without a position
-  /// Events raised during the phase (observations excepted), in order of first appearance.
+  /// Events raised during the phase, in order of first appearance; observations and the
+  /// smoother's per-step streams (Namer::getNameLooker(), getNameMove()) are left out.
   std::vector<std::pair<std::string, std::size_t>> events;
 };
 

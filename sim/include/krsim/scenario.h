@@ -34,6 +34,8 @@ struct Phase {
   std::string target;  // name of a world target
   /// The camera counts as on target below this line-of-sight error [deg].
   double acquireDegrees = 3.0;
+  /// Whether the head's line of sight is measured (not in phases where only arms point).
+  bool lineOfSight = true;
   /// Arms whose pointing error is measured ("LArm", "RArm").
   std::vector<std::string> arms;
   /// Relative position the robot is asked to keep from the target, as given to the tracker:
@@ -41,10 +43,11 @@ struct Phase {
   std::optional<std::array<float, 6>> relativePosition;
   /// Compare the tracker's landmark-based robot position with the true pose.
   bool measureLocalisation = false;
-  /// A one-shot command rather than tracking: errors are measured from begin + settleSeconds
-  /// on, whether or not the camera is on target.
-  bool oneShot = false;
+  /// Pointing errors are measured from begin + settleSeconds on (the arms rise from rest).
   double settleSeconds = 0.0;
+  /// A one-shot command rather than tracking: the line of sight too is measured from
+  /// begin + settleSeconds on, whether or not the camera is on target.
+  bool oneShot = false;
 };
 
 struct Scenario {
