@@ -166,23 +166,24 @@ Scenario ballScenario(const ScenarioOptions& o) {
   return s;
 }
 
-/// Two seated people; the nearer leaves and the robot turns to the other one.
+/// Two people sitting on the floor, faces at the small robot's eye level; the nearer leaves
+/// and the robot searches for the other one.
 Scenario faceScenario(const ScenarioOptions& o) {
   Scenario s;
   s.name = "face";
   s.robotFile = resolveRobotFile("kibo");
   s.duration = 30.0;
   TargetSpec ann = target("Ann", Target::TargetFace,
-                          polarPath({{0.0, 0.3f, 1.4f, 1.1f},
-                                     {8.0, -0.2f, 1.3f, 1.1f},
-                                     {12.0, 0.4f, 1.5f, 1.1f},
-                                     {16.0, 1.2f, 3.5f, 1.1f},
-                                     {30.0, 1.2f, 4.0f, 1.1f}}),
+                          polarPath({{0.0, 0.3f, 1.4f, 0.8f},
+                                     {8.0, -0.2f, 1.3f, 0.8f},
+                                     {12.0, 0.4f, 1.5f, 0.8f},
+                                     {16.0, 1.2f, 3.5f, 0.8f},
+                                     {30.0, 1.2f, 4.0f, 0.8f}}),
                           Layout::Torso);
   TargetSpec bob = target(
       "Bob", Target::TargetFace,
       polarPath(
-          {{0.0, -0.6f, 2.2f, 1.15f}, {20.0, -0.9f, 2.0f, 1.15f}, {30.0, -0.3f, 2.1f, 1.15f}}),
+          {{0.0, -0.6f, 2.2f, 0.85f}, {20.0, -0.9f, 2.0f, 0.85f}, {30.0, -0.3f, 2.1f, 0.85f}}),
       Layout::Torso);
   ann.maxRange = bob.maxRange = 2.5f;  // a face is too small to detect farther
   s.targets = {ann, bob};
