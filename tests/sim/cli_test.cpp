@@ -1,0 +1,142 @@
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include <kr/model/modelutils.h>
+#include <krsim/cli.h>
+#include <krsim/scenario.h>
+#include <krtracker/tools/tools.h>
+
+#include "support/fake_module.h"
+
+namespace {
+
+using KR::Sim::runCommandLine;
+
+struct Result {
+  int code;
+  std::string out;
+  std::string err;
+};
+
+Result run(const std::vector<std::string>& args) {
+  std::ostringstream out;
+  std::ostringstream err;
+  const int code = runCommandLine(args, out, err, KR::Sim::SubModuleFactory());
+  return {code, out.str(), err.str()};
+}
+
+std::string robotPath(const std::string& file) {
+  return std::string(KRTRACKER_ROBOTS_DIR) + "/" + file;
+}
+
+TEST(CommandLineTest, BadInputGivesOneClearLineAndExitCodeTwo) {
+  const std::string broken = ::testing::TempDir() + "/broken_robot.xml";
+  std::ofstream(broken) << "<robot name=\"X\" type=\"0\"><torso height=\"abc\"/></robot>\n";
+  struct Case {
+    std::vector<std::string> args;
+    std::string error;  // the whole line after "krtracker-sim: "
+  };
+  const Case cases[] = {
+      {{"--bogus"}, "unknown option '--bogus' (see --help)"},
+      {{"--seed"}, "option --seed needs a value"},
+      {{"--seed", "-3"}, "--seed expects an integer from 0 to 4294967295, not '-3'"},
+      {{"--duration", "0"}, "--duration expects a positive number of seconds"},
+      {{"--duration", "1s"}, "--duration expects a number, not '1s'"},
+      {{"--mode", "Walk"}, "--mode expects one of Head, WholeBody, Move, Navigate, not 'Walk'"},
+      {{"--effector", "Leg"}, "--effector expects one of Arms, LArm, RArm, None, not 'Leg'"},
+      {{"--scenario", "dance"},
+       "unknown scenario 'dance' (scenarios: ball, face, people, navigate, landmarks, oneshot)"},
+      {{"--mode", "Navigate"}, "mode Navigate needs a robot of type 1; Kibo is of type 0"},
+      {{"angles", "--look-at", "1", "0", "0"}, "angles needs --robot FILE"},
+      {{"angles", "--robot", "kibo"}, "angles needs either --look-at X Y Z or --point-at"},
+      {{"angles", "--robot", "kibo", "--point-at", "None", "1", "0", "0"},
+       "--point-at expects one of Arms, LArm, RArm, not 'None'"},
+      {{"angles", "--robot", "kibo", "--look-at", "1", "0"}, "option --look-at needs a value"},
+  };
+  for (const auto& c : cases) {
+    const Result r = run(c.args);
+    EXPECT_EQ(r.code, 2) << c.error;
+    EXPECT_EQ(r.err, "krtracker-sim: " + c.error + "\n");
+    EXPECT_EQ(r.out, "") << c.error;
+  }
+  // Robot files: the line names the file given and the parser's reason.
+  for (const std::string& robot : {std::string("/nonexistent/robot.xml"), broken}) {
+    const Result r = run({"--robot", robot, "--csv", ::testing::TempDir() + "/unused.csv"});
+    EXPECT_EQ(r.code, 2);
+    EXPECT_EQ(r.err.rfind("krtracker-sim: cannot load robot '" + robot + "': ", 0), 0u) << r.err;
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+  }
+}
+
+TEST(CommandLineTest, ListsTheScenariosAndHelps) {
+  const Result list = run({"--list"});
+  EXPECT_EQ(list.code, 0);
+  std::istringstream lines(list.out);
+  for (const auto& s : KR::Sim::listScenarios()) {
+    std::string line;
+    ASSERT_TRUE(std::getline(lines, line)) << s.name;
+    EXPECT_EQ(line.rfind(s.name + " ", 0), 0u) << line;
+    EXPECT_EQ(line.substr(line.size() - s.description.size()), s.description) << line;
+  }
+  std::string extra;
+  EXPECT_FALSE(std::getline(lines, extra)) << extra;
+  const Result help = run({"--help"});
+  EXPECT_EQ(help.code, 0);
+  EXPECT_EQ(help.out, KR::Sim::usage());
+}
+
+TEST(CommandLineTest, AnglesPrintsTheLibraryAnglesOneJointPerLine) {
+  const auto kibo = KR::Model::ModelUtils::robotFromFile(robotPath("kibo.xml"));
+  const auto rover = KR::Model::ModelUtils::robotFromFile(robotPath("rover.xml"));
+  auto expected = [](const std::vector<std::string>& names, const std::vector<float>& angles) {
+    std::ostringstream os;
+    os << std::fixed;
+    os.precision(6);
+    for (std::size_t i = 0; i < names.size(); ++i)
+      os << names[i] << " " << angles[i] << "\n";
+    return os.str();
+  };
+  const KR::Math::Position3D p(1.0f, 0.3f, -0.2f);
+  {
+    std::vector<std::string> names;
+    std::vector<float> angles;
+    ASSERT_TRUE(KR::Tracker::tools::computeLookAtAngles(
+        p, kibo->trackerModel(), KR::Model::TRACK_EFFECTOR_DEPTH_CAMERA, true, names, angles));
+    const Result r = run({"angles", "--robot", robotPath("kibo.xml"), "--look-at", "1", "0.3",
+                          "-0.2", "--whole-body", "--effector-id", "2"});
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(r.out, expected(names, angles));
+  }
+  {
+    std::vector<std::string> names;
+    std::vector<float> angles;
+    KR::Tracker::tools::computePointAtAngles(p, rover->trackerModel().leftArm, names, angles);
+    KR::Tracker::tools::computePointAtAngles(p, rover->trackerModel().rightArm, names, angles);
+    ASSERT_EQ(names.size(), 8u);  // no wrists on the rover
+    const Result r = run({"angles", "--robot", "rover", "--point-at", "Arms", "1", "0.3", "-0.2"});
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(r.out, expected(names, angles));
+  }
+  const Result right = run({"angles", "--robot", "kibo", "--point-at", "RArm", "1", "0.3", "-0.2"});
+  EXPECT_EQ(std::count(right.out.begin(), right.out.end(), '\n'), 5);
+  EXPECT_EQ(right.out.rfind("RShoulderPitch ", 0), 0u);
+  // The head pivot itself: no look-at solution.
+  const auto& head = kibo->trackerModel().head.headPosition;
+  const Result none = run({"angles", "--robot", "kibo", "--look-at", std::to_string(head.x),
+                           std::to_string(head.y), std::to_string(head.z)});
+  EXPECT_EQ(none.code, 1);
+  EXPECT_EQ(none.err.rfind("krtracker-sim: no head angles look at (", 0), 0u) << none.err;
+}
+
+TEST(CommandLineTest, ARunWithoutTrackingServiceFailsWithOneLine) {
+  const Result r = run({"--quiet", "--csv", ::testing::TempDir() + "/no_service.csv"});
+  EXPECT_EQ(r.code, 1);
+  EXPECT_EQ(r.err.rfind("krtracker-sim: ", 0), 0u);
+  EXPECT_NE(r.err.find("KRTracker"), std::string::npos) << r.err;
+  EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+}
+
+}  // namespace
