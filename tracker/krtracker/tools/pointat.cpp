@@ -49,6 +49,12 @@ float readArmsThreshold() {
   }
 }
 
+// Rotation part of t applied to the direction (x, y, z).
+Math::Position3D rotate(const Math::Transform& t, float x, float y, float z) {
+  return {t.r1_c1 * x + t.r1_c2 * y + t.r1_c3 * z, t.r2_c1 * x + t.r2_c2 * y + t.r2_c3 * z,
+          t.r3_c1 * x + t.r3_c2 * y + t.r3_c3 * z};
+}
+
 }  // namespace
 
 void xComputePointAtAngles(const Math::Position3D& target, const Model::TrackerArm& arm, float& a1,
@@ -69,11 +75,33 @@ void xComputePointAtAngles(const Math::Position3D& target, const Model::TrackerA
   Math::clipData(arm.joints[0].min, arm.joints[0].max, a1);
   Math::clipData(arm.joints[1].min, arm.joints[1].max, a2);
 
-  // Elbow: the target seen from the end of the upper arm.
-  const Math::Transform shoulderToElbow =
-      Math::Transform::fromRotY(a1) * Math::Transform::fromRotZ(a2) * arm.armTransform;
-  Math::Position3D p = Math::position3DFromTransform(
-      Math::pinv(shoulderToElbow) * Math::transformFromPosition3D(shoulderToTarget));
+  // Elbow: the target seen from the end of the upper arm. Ry(a1) · Rz(a2) is written out, and
+  // the target goes through the inverse as a point, R^T (d - t): no transform products beyond
+  // the one with the arm transform, as this runs in every control cycle.
+  const float c1 = std::cos(a1);
+  const float s1 = std::sin(a1);
+  const float c2 = std::cos(a2);
+  const float s2 = std::sin(a2);
+  Math::Transform shoulder;
+  shoulder.r1_c1 = c1 * c2;
+  shoulder.r1_c2 = -c1 * s2;
+  shoulder.r1_c3 = s1;
+  shoulder.r2_c1 = s2;
+  shoulder.r2_c2 = c2;
+  shoulder.r2_c3 = 0.0f;
+  shoulder.r3_c1 = -s1 * c2;
+  shoulder.r3_c2 = s1 * s2;
+  shoulder.r3_c3 = c1;
+  const Math::Transform shoulderToElbow = shoulder * arm.armTransform;
+  const Math::Position3D fromElbow =
+      shoulderToTarget -
+      Math::Position3D(shoulderToElbow.r1_c4, shoulderToElbow.r2_c4, shoulderToElbow.r3_c4);
+  Math::Position3D p(shoulderToElbow.r1_c1 * fromElbow.x + shoulderToElbow.r2_c1 * fromElbow.y +
+                         shoulderToElbow.r3_c1 * fromElbow.z,
+                     shoulderToElbow.r1_c2 * fromElbow.x + shoulderToElbow.r2_c2 * fromElbow.y +
+                         shoulderToElbow.r3_c2 * fromElbow.z,
+                     shoulderToElbow.r1_c3 * fromElbow.x + shoulderToElbow.r2_c3 * fromElbow.y +
+                         shoulderToElbow.r3_c3 * fromElbow.z);
   if (std::fabs(p.x) < kNearZero) {
     p.x = 0.0f;
   }
@@ -106,9 +134,14 @@ void xComputePointAtAngles(const Math::Position3D& target, const Model::TrackerA
 }
 
 void xComputeWristFromElbowAngles(const Math::Transform& M, float a4, float a3, float& a5) {
-  const Math::Transform forearm = M * Math::Transform::fromRotZ(a4) * Math::Transform::fromRotX(a3);
-  const Math::Position3D xAxis(forearm.r1_c1, forearm.r2_c1, forearm.r3_c1);
-  const Math::Position3D zAxis(forearm.r1_c3, forearm.r2_c3, forearm.r3_c3);
+  // The forearm frame is M · Rz(a4) · Rx(a3); only two of its axes are needed: the x axis,
+  // M's rotation of (c4, s4, 0), and the z axis, M's rotation of (s4 s3, -c4 s3, c3).
+  const float c4 = std::cos(a4);
+  const float s4 = std::sin(a4);
+  const float c3 = std::cos(a3);
+  const float s3 = std::sin(a3);
+  const Math::Position3D xAxis = rotate(M, c4, s4, 0.0f);
+  const Math::Position3D zAxis = rotate(M, s4 * s3, -c4 * s3, c3);
   const Math::Position3D up(0.0f, 0.0f, 1.0f);
 
   if (xAxis.cross(up).norm() < kNearZero) {
