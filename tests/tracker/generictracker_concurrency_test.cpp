@@ -128,6 +128,8 @@ TEST(TrackerConcurrency, RandomCallsFromSeveralThreadsKeepTheTrackerConsistent) 
     for (std::thread& t : threads)
       t.join();
 
+    RecordProperty("operations", std::to_string(done.load()));
+    RecordProperty("refused", std::to_string(refused.load()));
     EXPECT_GT(done.load(), 1000);
     EXPECT_LT(refused.load(), done.load() / 10);
     const std::vector<std::string> modes = tracker.getAvailableModes();
