@@ -1,0 +1,95 @@
+#pragma once
+// ArmsLooker: the sub-module "_ArmsLooker". While started, every step it takes the smoothed
+// target from the smoother and, for each arm of the effector ("LArm", "RArm" or both for
+// "Arms"), points the arm at it with computePointAtAnglesWithThreshold (dead band
+// ARMS_THRESHOLD) when the target lies within the arm's reach (isWithinReach). Out of reach,
+// the arm goes back to rest, except in whole-body mode, where the arm holds its pose while
+// the body turns toward the target. Commands go to KRMotion with "_trackerWithSpeed".
+// With LOG_ARM_COMMAND on, each command goes to the angle log "ArmsLooker.txt".
+//
+// Remote methods: "setImplParam"([effector, wholeBody]), "start"(), "stopLooker"(), "exit"().
+// Errors are KRError("_ArmsLooker", method, text). Starting raises
+// "KRTracker/ArmTracking/Restarted".
+
+#include <array>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <kr/broker/broker.h>
+#include <kr/math/types.h>
+#include <kr/model/trackermodel.h>
+#include <kr/value/krvalue.h>
+
+#include <krsim/module.h>
+#include <krsim/modules/common.h>
+
+namespace KR {
+namespace Sim {
+
+class ArmsLooker : public SimModule {
+ public:
+  static constexpr const char* kLogFile = "ArmsLooker.txt";
+  /// Farthest target an arm points at, from its shoulder [m].
+  static constexpr float kMaxReach = 2.0f;
+  /// Nearest target an arm points at, from its shoulder [m].
+  static constexpr float kMinReach = 0.15f;
+  /// Largest pointing error, within the joint limits, of a target within reach [rad].
+  static constexpr float kReachTolerance = 0.02f;
+  /// Speed of the arm joints, as a fraction of their limits.
+  static constexpr float kSpeedFraction = 0.8f;
+
+  /// Whether the arm can point at a target (torso frame): within kMinReach..kMaxReach of the
+  /// shoulder, and the point-at angles, once clipped to the joint limits, aim the forearm
+  /// within kReachTolerance of it. `error` receives that aiming error [rad].
+  static bool isWithinReach(const Model::TrackerArm& arm, const Math::Position3D& target,
+                            float* error = nullptr);
+  /// The forearm's pose in the torso frame for arm angles a1..a4 (x axis: pointing direction).
+  static Math::Transform forearmTransform(const Model::TrackerArm& arm, float a1, float a2,
+                                          float a3, float a4);
+
+  explicit ArmsLooker(const SimContext& context);
+
+  void update(KRTimePoint now) override;
+
+  void setImplParam(const KRValue& params);
+  void start();
+  void stopLooker();
+  void exit();
+
+  bool isRunning() const;
+  std::string getEffector() const;
+  bool isWholeBody() const;
+
+ private:
+  struct ArmState {
+    const Model::TrackerArm* arm = nullptr;
+    Model::TrackerArmAngle remembered;
+    bool atRest = false;
+  };
+
+  std::vector<ArmState*> xArms();
+  /// Appends the arm's joints and rest angles.
+  void xAppendRest(ArmState& state, std::vector<std::string>& names, std::vector<float>& angles);
+
+  std::shared_ptr<SimMemory> fMemory;
+  std::shared_ptr<KR::KRProxy> fMotion;
+  Model::KRTrackerModel fModel;
+  TargetInput fInput;
+
+  mutable std::mutex fMutex;
+  bool fRunning = false;
+  bool fResync = true;
+  std::string fEffector = "None";
+  bool fWholeBody = false;
+  std::array<ArmState, 2> fArms;  // left, right
+  std::vector<std::string> fNames;
+  std::vector<float> fAngles;
+  std::vector<std::string> fArmNames;
+  std::vector<float> fArmAngles;
+  bool fLogFirst = true;
+};
+
+}  // namespace Sim
+}  // namespace KR

@@ -1,0 +1,46 @@
+// The tracking service of the simulated robot: its eight sub-modules and the "KRTracker" host,
+// registered on the broker in that order (the tracker opens the sub-modules when it is built).
+
+#include <krsim/module.h>
+
+#include <krsim/modules/armslooker.h>
+#include <krsim/modules/headlooker.h>
+#include <krsim/modules/motionmove.h>
+#include <krsim/modules/navigationmove.h>
+#include <krsim/modules/roundsearcher.h>
+#include <krsim/modules/smoother.h>
+#include <krsim/modules/targetmanager.h>
+#include <krsim/modules/trackerservice.h>
+#include <krsim/modules/wholebodylooker.h>
+
+namespace KR {
+namespace Sim {
+
+std::vector<std::shared_ptr<SimModule>> createTrackerModules(const SimContext& context) {
+  auto targetManager = std::make_shared<TargetManager>(context);
+  auto smoother = std::make_shared<Smoother>(context, targetManager);
+  auto searcher = std::make_shared<RoundSearcher>(context);
+  auto headLooker = std::make_shared<HeadLooker>(context);
+  auto wholeBodyLooker = std::make_shared<WholeBodyLooker>(context);
+  auto armsLooker = std::make_shared<ArmsLooker>(context);
+  auto motionMove = std::make_shared<MotionMove>(context);
+  auto navigationMove = std::make_shared<NavigationMove>(context);
+
+  auto& broker = *context.broker;
+  broker.addModule(targetManager);
+  broker.addModule(smoother);
+  broker.addModule(searcher);
+  broker.addModule(headLooker);
+  broker.addModule(wholeBodyLooker);
+  broker.addModule(armsLooker);
+  broker.addModule(motionMove);
+  broker.addModule(navigationMove);
+  broker.addModule(std::make_shared<TrackerService>(context.broker));
+
+  // Update order: the smoother publishes the step's target before the searcher and the
+  // lookers act on it, and the movers come last. The target manager has no periodic work.
+  return {smoother, searcher, headLooker, wholeBodyLooker, armsLooker, motionMove, navigationMove};
+}
+
+}  // namespace Sim
+}  // namespace KR

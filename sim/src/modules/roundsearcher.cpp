@@ -1,0 +1,251 @@
+#include <krsim/modules/roundsearcher.h>
+
+#include <algorithm>
+#include <cmath>
+
+#include <kr/error.h>
+#include <kr/math/math.h>
+
+#include <krtracker/tools/namer/namer.h>
+
+#include <krsim/modules/common.h>
+
+namespace KR {
+namespace Sim {
+
+using Tracker::Namer;
+
+const std::vector<float>& RoundSearcher::pitchRows() {
+  static const std::vector<float> kRows{0.15f, 0.4f, -0.15f};
+  return kRows;
+}
+
+RoundSearcher::RoundSearcher(const SimContext& context)
+    : SimModule(kRoundSearcherModule),
+      fMemory(context.memory),
+      fMotionService(context.motion),
+      fMotion(context.broker->getProxy("KRMotion", 0)) {
+  context.robot->fillTrackerModel(fModel);
+  fSubscriptions.push_back(fMemory->subscribe(
+      Namer::getNameLost(), [this](const std::string&, const KRValue&) { xOnLost(); }));
+  for (const std::string& found : {Namer::getNameDetected(), Namer::getNameStopSearch()}) {
+    fSubscriptions.push_back(
+        fMemory->subscribe(found, [this](const std::string&, const KRValue&) { xOnFound(); }));
+  }
+  bind("initialize", &RoundSearcher::initialize, this);
+  bind("startEvent", &RoundSearcher::startEvent, this);
+  bind("stopSearcher", &RoundSearcher::stopSearcher, this);
+  bind("setFractionMaxSpeed", &RoundSearcher::setFractionMaxSpeed, this);
+  bind("getFractionMaxSpeed", &RoundSearcher::getFractionMaxSpeed, this);
+  bind("setUseWholeBodyLookAt", &RoundSearcher::setUseWholeBodyLookAt, this);
+  bind("exit", &RoundSearcher::exit, this);
+}
+
+RoundSearcher::~RoundSearcher() {
+  for (int id : fSubscriptions) {
+    fMemory->unsubscribe(id);
+  }
+}
+
+// ---- events --------------------------------------------------------------------------------
+
+void RoundSearcher::xOnLost() {
+  std::lock_guard<std::mutex> lock(fMutex);
+  if (!fEnabled || fSearching) {
+    return;
+  }
+  fSearching = true;
+  fHaltPending = false;
+  fPhase = Phase::Start;
+  fStep = 0;
+}
+
+void RoundSearcher::xOnFound() {
+  // Motion requests wait for the next update: this runs inside whoever raised the event.
+  std::lock_guard<std::mutex> lock(fMutex);
+  if (!fSearching) {
+    return;
+  }
+  fSearching = false;
+  fHaltPending = true;
+}
+
+void RoundSearcher::xHalt() {
+  if (fTurnSent) {
+    fTurnSent = false;
+    fMotion->call<void>("stopMove");
+  }
+  fGazeSent = false;  // the lookers' next command replaces a search gaze
+}
+
+// ---- remote methods ------------------------------------------------------------------------
+
+void RoundSearcher::initialize() {
+  std::lock_guard<std::mutex> lock(fMutex);
+  fFraction = kDefaultFraction;
+  fUseWholeBody = false;
+  if (fSearching) {
+    fSearching = false;
+    xHalt();
+  }
+  fRound = 0;
+}
+
+void RoundSearcher::startEvent() {
+  std::lock_guard<std::mutex> lock(fMutex);
+  fEnabled = true;
+}
+
+void RoundSearcher::stopSearcher() {
+  std::lock_guard<std::mutex> lock(fMutex);
+  fEnabled = false;
+  fHaltPending = false;
+  if (fSearching) {
+    fSearching = false;
+    xHalt();
+  }
+}
+
+void RoundSearcher::exit() {
+  stopSearcher();
+}
+
+void RoundSearcher::setFractionMaxSpeed(float fraction) {
+  if (!Math::Validation::isFractionStrict(fraction)) {
+    throw KRError(kRoundSearcherModule, "setFractionMaxSpeed",
+                  "Expected a fraction in ]0, 1], not " + std::to_string(fraction) + ".");
+  }
+  std::lock_guard<std::mutex> lock(fMutex);
+  fFraction = fraction;
+}
+
+float RoundSearcher::getFractionMaxSpeed() const {
+  std::lock_guard<std::mutex> lock(fMutex);
+  return fFraction;
+}
+
+void RoundSearcher::setUseWholeBodyLookAt(bool useWholeBody) {
+  std::lock_guard<std::mutex> lock(fMutex);
+  fUseWholeBody = useWholeBody;
+}
+
+bool RoundSearcher::getUseWholeBodyLookAt() const {
+  std::lock_guard<std::mutex> lock(fMutex);
+  return fUseWholeBody;
+}
+
+bool RoundSearcher::isEnabled() const {
+  std::lock_guard<std::mutex> lock(fMutex);
+  return fEnabled;
+}
+
+bool RoundSearcher::isSearching() const {
+  std::lock_guard<std::mutex> lock(fMutex);
+  return fSearching;
+}
+
+// ---- the search ----------------------------------------------------------------------------
+
+float RoundSearcher::xPitch() const {
+  const auto& rows = pitchRows();
+  float pitch = rows[static_cast<std::size_t>(fRound / 2) % rows.size()];
+  Math::clipData(fModel.head.pitch.min, fModel.head.pitch.max, pitch);
+  return pitch;
+}
+
+void RoundSearcher::xNextHead(KRTimePoint now) {
+  const Model::TrackerJoint& yawJoint = fModel.head.yaw;
+  const float reach = std::min(1.5f, 0.75f * std::min(-yawJoint.min, yawJoint.max));
+  // From the right to the left: the half turn that follows goes on to the left.
+  const float u = -1.0f + 2.0f * static_cast<float>(fStep) / (kSweepPositions - 1);
+  const float yaw = u * reach;
+  const float pitch = xPitch();
+  fMotion->call<void>("setAngles", std::vector<std::string>{yawJoint.name, fModel.head.pitch.name},
+                      std::vector<float>{yaw, pitch}, fFraction);
+  const float speed = fFraction * std::max(yawJoint.maxVelocity, 0.1f);
+  const double travel = std::fabs(yaw - fHeadYaw) / speed;
+  fHeadYaw = yaw;
+  ++fStep;
+  fPhaseEnd =
+      now +
+      std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(travel)) +
+      kDwell;
+}
+
+void RoundSearcher::xStartTurn(KRTimePoint now) {
+  fMotion->call<void>("setAngles",
+                      std::vector<std::string>{fModel.head.yaw.name, fModel.head.pitch.name},
+                      std::vector<float>{0.0f, xPitch()}, fFraction);
+  fHeadYaw = 0.0f;
+  fMotion->call<void>("moveTo", 0.0f, 0.0f, Math::kPi);
+  fTurnSent = true;
+  const float omega = std::max(fMotionService->getBaseLimits().maxAngularSpeed, 0.1f);
+  // Safety bound on the wait: the turn reports its end through "moveIsActive".
+  fPhaseEnd = now + std::chrono::duration_cast<std::chrono::nanoseconds>(
+                        std::chrono::duration<double>(Math::kPi / omega + 2.0));
+  fPhase = Phase::Turn;
+}
+
+void RoundSearcher::xNextGaze(KRTimePoint now) {
+  const int stepsPerRound = static_cast<int>(std::ceil(2.0f * Math::kPi / kWholeBodyStep));
+  fRound = 2 * (fStep / stepsPerRound);
+  fMotion->call<void>("_lookAtWb", xPitch(), kWholeBodyStep);
+  fGazeSent = true;
+  ++fStep;
+  const float omega = std::max(fMotionService->getBaseLimits().maxAngularSpeed, 0.1f);
+  fPhaseEnd = now +
+              std::chrono::duration_cast<std::chrono::nanoseconds>(
+                  std::chrono::duration<double>(kWholeBodyStep / omega)) +
+              kDwell;
+}
+
+void RoundSearcher::update(KRTimePoint now) {
+  std::lock_guard<std::mutex> lock(fMutex);
+  if (fHaltPending) {
+    fHaltPending = false;
+    xHalt();
+  }
+  if (!fEnabled || !fSearching) {
+    return;
+  }
+  switch (fPhase) {
+    case Phase::Start:
+      fStep = 0;
+      if (fUseWholeBody) {
+        fPhase = Phase::Gaze;
+        xNextGaze(now);
+      } else {
+        fPhase = Phase::Head;
+        xNextHead(now);
+      }
+      break;
+    case Phase::Head:
+      if (now < fPhaseEnd) {
+        break;
+      }
+      if (fStep < kSweepPositions) {
+        xNextHead(now);
+      } else {
+        xStartTurn(now);
+      }
+      break;
+    case Phase::Turn:
+      if (now < fPhaseEnd && fMotion->call<bool>("moveIsActive")) {
+        break;
+      }
+      fTurnSent = false;
+      ++fRound;
+      fStep = 0;
+      fPhase = Phase::Head;
+      xNextHead(now);
+      break;
+    case Phase::Gaze:
+      if (now >= fPhaseEnd) {
+        xNextGaze(now);
+      }
+      break;
+  }
+}
+
+}  // namespace Sim
+}  // namespace KR
