@@ -56,6 +56,17 @@ struct CallableTraits<R (*)(A...)> {
 
 [[noreturn]] void throwArgumentCount(const std::string& module, const std::string& method,
                                      std::size_t expected, std::size_t given);
+
+/// An argument as a bound callable receives it: a KRValue parameter gets the caller's value
+/// itself rather than a copy; any other type is converted.
+template <class T>
+decltype(auto) argumentAs(const KRValue& v) {
+  if constexpr (std::is_same<T, KRValue>::value) {
+    return (v);
+  } else {
+    return fromKRValue<T>(v, "argument");
+  }
+}
 }  // namespace detail
 
 /// A module: a name and a table of named methods taking and returning KRValues.
@@ -109,10 +120,10 @@ class KRModule {
         detail::throwArgumentCount(fName, method, sizeof...(I), args.size());
       }
       if constexpr (std::is_void<R>::value) {
-        f(fromKRValue<std::tuple_element_t<I, Args>>(args[I], "argument")...);
+        f(detail::argumentAs<std::tuple_element_t<I, Args>>(args[I])...);
         return KRValue();
       } else {
-        return toKRValue(f(fromKRValue<std::tuple_element_t<I, Args>>(args[I], "argument")...));
+        return toKRValue(f(detail::argumentAs<std::tuple_element_t<I, Args>>(args[I])...));
       }
     };
   }
@@ -142,7 +153,9 @@ class KRProxy {
       (values.emplace_back(toKRValue(std::forward<A>(args))), ...);
     }
     KRValue result = callValues(method, values);
-    if constexpr (!std::is_void<R>::value) {
+    if constexpr (std::is_same<std::decay_t<R>, KRValue>::value) {
+      return result;  // moved out, not copied
+    } else if constexpr (!std::is_void<R>::value) {
       return fromKRValue<R>(result, "result");
     }
   }

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include <kr/error.h>
@@ -22,6 +23,8 @@ namespace detail {
 template <>
 struct KRValueTraits<KRValue> {
   static const KRValue& toValue(const KRValue& v) { return v; }
+  /// A temporary (a method's result, an argument built in place) is moved, not copied.
+  static KRValue toValue(KRValue&& v) { return std::move(v); }
   static KRValue fromValue(const KRValue& v, const char*) { return v; }
 };
 
