@@ -47,6 +47,10 @@ const std::vector<KR::Math::Position3D>& targetPath() {
   return path;
 }
 
+KR::KRValue trackerEvent() {
+  return KR::KRValue{KR::KRValue{1.0f, 2.0f, 0.5f, 0.0f, 0.0f, 0.1f}, KR::KRValue{10, 500}, 0};
+}
+
 KR::Math::Position6D torsoInWorld() {
   return {0.3f, -0.2f, 0.318f, 0.01f, 0.02f, 0.4f};
 }
@@ -83,6 +87,8 @@ std::shared_ptr<KR::KRBroker> makeBroker() {
   auto bench = std::make_shared<KR::KRModule>("Bench");
   bench->bind("ping", [] {});
   bench->bind("getSixFloats", [] { return std::vector<float>{1, 2, 3, 4, 5, 6}; });
+  bench->bind("getEvent", [] { return trackerEvent(); });
+  bench->bind("putEvent", [](const KR::KRValue& event) { benchmark::DoNotOptimize(&event); });
   broker->addModule(bench);
   return broker;
 }

@@ -39,6 +39,9 @@ KR::Model::KRTrackerModel loadKibo();
 /// tracking loop. Torso frame [m]; every point is within the head's and the arms' joint limits.
 const std::vector<KR::Math::Position3D>& targetPath();
 
+/// A tracker event in the world-frame layout: [[x, y, z, wx, wy, wz], [s, us], effector].
+KR::KRValue trackerEvent();
+
 /// The poses the motion module reports.
 KR::Math::Position6D torsoInWorld();
 KR::Math::Position6D torsoInRobot();
@@ -47,7 +50,8 @@ KR::Math::Pose2D robotInWorld();
 /// A broker holding a module "KRMotion" with bound methods "getRobotPosition"(bool),
 /// "getPosition"(name, frame, useSensors), "getTransform"(name, frame, useSensors) and
 /// "_getSensorTransformAtTime"(name, time), answering the fixed poses above, and a module
-/// "Bench" with "ping"() (no result) and "getSixFloats"() (six floats).
+/// "Bench" with "ping"() (no result), "getSixFloats"() (six floats), "getEvent"() (a tracker
+/// event) and "putEvent"(event) (no result).
 std::shared_ptr<KR::KRBroker> makeBroker();
 
 /// Stops the program with a message on standard error unless ok.
