@@ -66,7 +66,7 @@ void xComputePointAtAngles(const Math::Position3D& target, const Model::TrackerA
   a1 = a2 = a3 = a4 = a5 = 0.0f;
 
   const Math::Position3D shoulderToTarget = target - arm.shoulderPosition;
-  if (shoulderToTarget.norm() < kDeadRadius) {
+  if (shoulderToTarget.dot(shoulderToTarget) < kDeadRadius * kDeadRadius) {
     return;
   }
 
@@ -144,12 +144,14 @@ void xComputeWristFromElbowAngles(const Math::Transform& M, float a4, float a3, 
   const Math::Position3D zAxis = rotate(M, s4 * s3, -c4 * s3, c3);
   const Math::Position3D up(0.0f, 0.0f, 1.0f);
 
-  if (xAxis.cross(up).norm() < kNearZero) {
+  // |xAxis × up|, compared squared.
+  if (xAxis.x * xAxis.x + xAxis.y * xAxis.y < kNearZero * kNearZero) {
     a5 = 0.0f;  // forearm vertical: no level to keep
     return;
   }
-  // The vertical made perpendicular to the forearm, and the horizontal across it.
-  const Math::Position3D v = (up - xAxis * up.dot(xAxis)).normalize();
+  // The vertical made perpendicular to the forearm, and the horizontal across it. Both are left
+  // at the same length rather than normalised: the angle between them does not depend on it.
+  const Math::Position3D v = up - xAxis * xAxis.z;
   const Math::Position3D w = xAxis.cross(v);
   a5 = -std::atan2(zAxis.dot(w), zAxis.dot(v));
 }
