@@ -1,30 +1,13 @@
-// krtracker-sim: runs the tracker on a simulated robot. Until the simulated robot is in place
-// it shows the platform at work: a broker with an in-process module, a typed remote call, and
-// the tracker's configuration table.
+// krtracker-sim: the tracker on a simulated robot. See `krtracker-sim --help`.
 
 #include <iostream>
-#include <map>
 #include <string>
+#include <vector>
 
-#include <kr/broker/broker.h>
-#include <krtracker/config/krgenerictrackerconfig.h>
+#include <krsim/cli.h>
+#include <krsim/module.h>
 
-int main() {
-  auto broker = KR::KRBroker::create("demo");
-  auto memory = std::make_shared<KR::KRModule>("KRMemory");
-  auto data = std::make_shared<std::map<std::string, KR::KRValue>>();
-  memory->bind("insertData", [data](const std::string& key, const KR::KRValue& value) {
-    (*data)[key] = value;
-  });
-  memory->bind("getData", [data](const std::string& key) { return data->at(key); });
-  broker->addModule(memory);
-
-  auto proxy = broker->getProxy("KRMemory", 0);
-  proxy->call<void>("insertData", std::string("KRTracker/Demo"), KR::KRValue{1.5f, "ball", true});
-  std::cout << "KRMemory.getData(\"KRTracker/Demo\") -> "
-            << proxy->call<KR::KRValue>("getData", std::string("KRTracker/Demo")) << "\n\n";
-
-  std::cout << "Tracker configuration:\n" << KR::Tracker::configToString();
-  broker->shutdown();
-  return 0;
+int main(int argc, char** argv) {
+  const std::vector<std::string> args(argv + 1, argv + argc);
+  return KR::Sim::runCommandLine(args, std::cout, std::cerr, &KR::Sim::createTrackerModules);
 }
