@@ -393,8 +393,8 @@ std::tuple<float, float, float> polar3DFromPosition3D(const Position3D& p) {
 }
 
 void oldComputePointAtAnglesWyWz(const Position3D& d, float& wy, float& wz) {
-  wz = std::atan2(d.y, std::hypot(d.x, d.z));
-  wy = std::atan2(-d.z, d.x);
+  wz = fastAtan2(d.y, std::hypot(d.x, d.z));
+  wy = fastAtan2(-d.z, d.x);
 }
 
 bool computeLookAtAngles(const Position3D& target, const Position3D& headPosition,
@@ -442,8 +442,8 @@ bool computeLookAtAngles(const Position3D& target, const Position3D& headPositio
   // pitch = angle(qx, qz) - angle(u, tz); yaw = angle(tx, ty) - angle(u, qy); written as
   // one atan2 each so that both land in (-pi, pi]. The float atan2 is accurate enough here
   // (about 1e-7 rad) and cheaper than the double one.
-  pitch = std::atan2(float(u * qz - tz * qx), float(u * qx + tz * qz));
-  yaw = std::atan2(float(u * ty - qy * tx), float(u * tx + qy * ty));
+  pitch = fastAtan2(float(u * qz - tz * qx), float(u * qx + tz * qz));
+  yaw = fastAtan2(float(u * ty - qy * tx), float(u * tx + qy * ty));
   return true;
 }
 

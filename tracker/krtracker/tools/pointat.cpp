@@ -112,8 +112,8 @@ void xComputePointAtAngles(const Math::Position3D& target, const Model::TrackerA
     p.z = 0.0f;
   }
 
-  a4 = std::atan2(p.y, p.x);
-  const float elbowYaw = std::atan2(p.z, p.y);
+  a4 = Math::fastAtan2(p.y, p.x);
+  const float elbowYaw = Math::fastAtan2(p.z, p.y);
   if (isLeft) {
     // The left elbow yaw is mounted half a turn from the right one.
     a3 = p.z >= 0.0f ? elbowYaw - Math::kPi : elbowYaw + Math::kPi;
@@ -153,7 +153,7 @@ void xComputeWristFromElbowAngles(const Math::Transform& M, float a4, float a3, 
   // at the same length rather than normalised: the angle between them does not depend on it.
   const Math::Position3D v = up - xAxis * xAxis.z;
   const Math::Position3D w = xAxis.cross(v);
-  a5 = -std::atan2(zAxis.dot(w), zAxis.dot(v));
+  a5 = -Math::fastAtan2(zAxis.dot(w), zAxis.dot(v));
 }
 
 void computePointAtAngles(const Math::Position3D& target, const Model::TrackerArm& arm,
