@@ -215,26 +215,17 @@ BENCHMARK(BM_EigenIsometryFloor);
 
 // ---- KDL -----------------------------------------------------------------------------------
 
-/// Solver iterations per benchmark iteration, as the counter "iters".
-void reportIterations(benchmark::State& state, std::uint64_t iterations) {
-  state.counters["iters"] =
-      benchmark::Counter(static_cast<double>(iterations), benchmark::Counter::kAvgIterations);
-}
-
 void BM_KdlLookAt(benchmark::State& state) {
   krbench::KdlHeadPeer peer(kibo().head, TRACK_EFFECTOR_CAMERA_TOP);
   PathWalker walker;
   float yaw = 0.0f;
   float pitch = 0.0f;
-  std::uint64_t iterations = 0;
   const std::uint64_t before = krbench::heapAllocations();
   for (auto _ : state) {
     benchmark::DoNotOptimize(peer.solve(walker.next(), yaw, pitch));
     benchmark::ClobberMemory();
-    iterations += peer.lastIterations();
   }
   krbench::reportAllocations(state, before);
-  reportIterations(state, iterations);
 }
 BENCHMARK(BM_KdlLookAt);
 
@@ -242,15 +233,12 @@ void BM_KdlPointAt_OneArm(benchmark::State& state) {
   krbench::KdlArmPeer peer(kibo().leftArm);
   PathWalker walker;
   float a[3];
-  std::uint64_t iterations = 0;
   const std::uint64_t before = krbench::heapAllocations();
   for (auto _ : state) {
     benchmark::DoNotOptimize(peer.solve(walker.next(), a[0], a[1], a[2]));
     benchmark::ClobberMemory();
-    iterations += peer.lastIterations();
   }
   krbench::reportAllocations(state, before);
-  reportIterations(state, iterations);
 }
 BENCHMARK(BM_KdlPointAt_OneArm);
 
@@ -259,17 +247,14 @@ void BM_KdlPointAt_BothArms(benchmark::State& state) {
   krbench::KdlArmPeer right(kibo().rightArm);
   PathWalker walker;
   float a[3];
-  std::uint64_t iterations = 0;
   const std::uint64_t before = krbench::heapAllocations();
   for (auto _ : state) {
     const Position3D& target = walker.next();
     benchmark::DoNotOptimize(left.solve(target, a[0], a[1], a[2]));
     benchmark::DoNotOptimize(right.solve(target, a[0], a[1], a[2]));
     benchmark::ClobberMemory();
-    iterations += left.lastIterations() + right.lastIterations();
   }
   krbench::reportAllocations(state, before);
-  reportIterations(state, iterations);
 }
 BENCHMARK(BM_KdlPointAt_BothArms);
 

@@ -7,10 +7,15 @@
 namespace krbench {
 
 namespace {
-// Position of the tip only; the orientation of the line of sight is left free.
+// Tuning. Only the tip's position is weighted; the orientation of the line of sight is left
+// free. The solver's initial damping is fixed, so the weight sets how close its first step is
+// to a Gauss-Newton step: at 100 a warm-started solve of a target that moved about 1 cm
+// converges in its first iteration, about four times faster than with the default weight of 1.
+constexpr double kWeight = 100.0;
 const Eigen::Matrix<double, 6, 1> kPositionOnly =
-    (Eigen::Matrix<double, 6, 1>() << 1, 1, 1, 0, 0, 0).finished();
-constexpr double kEps = 1e-4;  // [m] tip error at which the solver stops
+    (Eigen::Matrix<double, 6, 1>() << kWeight, kWeight, kWeight, 0, 0, 0).finished();
+// The stopping threshold applies to the weighted error: the tip within 0.1 mm of the target.
+constexpr double kEps = 1e-4 * kWeight;
 constexpr int kMaxIterations = 100;
 
 KDL::Frame toKdl(const KR::Math::Transform& t) {

@@ -26,8 +26,6 @@ class KdlHeadPeer {
   /// Yaw and pitch aiming the effector at a torso-frame target; false when the solver does
   /// not converge.
   bool solve(const KR::Math::Position3D& target, float& yaw, float& pitch);
-  /// Solver iterations of the last solve.
-  int lastIterations() const { return fSolver->lastNrOfIter; }
 
  private:
   KDL::Chain fChain;
@@ -52,8 +50,6 @@ class KdlArmPeer {
   /// target; false when a solver does not converge.
   bool solve(const KR::Math::Position3D& target, float& shoulderPitch, float& shoulderRoll,
              float& elbowRoll);
-  /// Solver iterations of the last solve, both steps.
-  int lastIterations() const { return fShoulderSolver->lastNrOfIter + fElbowSolver->lastNrOfIter; }
 
  private:
   KDL::Vector fShoulder;
