@@ -24,17 +24,23 @@ Math::Transform ArmsLooker::forearmTransform(const Model::TrackerArm& arm, float
          Math::Transform::fromRotX(a3);
 }
 
-bool ArmsLooker::isWithinReach(const Model::TrackerArm& arm, const Math::Position3D& target,
-                               float* error) {
-  const float distance = (target - arm.shoulderPosition).norm();
-  float a[5] = {0, 0, 0, 0, 0};
-  Tracker::tools::xComputePointAtAngles(target, arm, a[0], a[1], a[2], a[3], a[4]);
+float ArmsLooker::aimError(const Model::TrackerArm& arm, const Model::TrackerArmAngle& angles,
+                           const Math::Position3D& target) {
+  const auto& a = angles.angles;
   const Math::Transform forearm = forearmTransform(arm, a[0], a[1], a[2], a[3]);
   const Math::Position3D direction(forearm.r1_c1, forearm.r2_c1, forearm.r3_c1);
   const Math::Position3D toTarget = target - Math::position3DFromTransform(forearm);
   const float n = toTarget.norm();
-  const float aim =
-      n > 0.0f ? std::acos(std::clamp(direction.dot(toTarget) / n, -1.0f, 1.0f)) : Math::kPi;
+  return n > 0.0f ? std::acos(std::clamp(direction.dot(toTarget) / n, -1.0f, 1.0f)) : Math::kPi;
+}
+
+bool ArmsLooker::isWithinReach(const Model::TrackerArm& arm, const Math::Position3D& target,
+                               float* error) {
+  const float distance = (target - arm.shoulderPosition).norm();
+  Model::TrackerArmAngle angles;
+  auto& a = angles.angles;
+  Tracker::tools::xComputePointAtAngles(target, arm, a[0], a[1], a[2], a[3], a[4]);
+  const float aim = aimError(arm, angles, target);
   if (error != nullptr) {
     *error = aim;
   }
@@ -125,6 +131,8 @@ void ArmsLooker::update(KRTimePoint now) {
   const std::vector<ArmState*> arms = xArms();
   if (!sample || arms.empty()) {
     fResync = true;
+    fHasLast = false;
+    fTorsoVelocity = Math::Position3D();
     return;
   }
   if (fResync) {
@@ -142,7 +150,21 @@ void ArmsLooker::update(KRTimePoint now) {
   }
 
   const Math::Transform worldToTorso = Tracker::tools::getWorldToTorsoTransform(fMotion);
-  const Math::Position3D target = sample->info.getTorsoToObject3D(Math::pinv(worldToTorso));
+  const Math::Position3D seen = sample->info.getTorsoToObject3D(Math::pinv(worldToTorso));
+  // The command acts during the next step, while the target and the torso go on moving: aim
+  // where the target will be then, from its motion in the torso frame.
+  if (fHasLast) {
+    const float dt = static_cast<float>(secondsBetween(fLastTime, now));
+    if (dt > 0.0f && dt < 0.1f) {
+      fTorsoVelocity = fTorsoVelocity * (1.0f - kVelocitySmoothing) +
+                       (seen - fLastSeen) * (kVelocitySmoothing / dt);
+    }
+  }
+  fHasLast = true;
+  fLastSeen = seen;
+  fLastTime = now;
+  const Math::Position3D target =
+      seen + fTorsoVelocity * static_cast<float>(std::chrono::duration<double>(kLead).count());
   fNames.clear();
   fAngles.clear();
   const std::array<ArmState, 2> previous = fArms;
@@ -151,8 +173,20 @@ void ArmsLooker::update(KRTimePoint now) {
       state->atRest = false;
       fArmNames.clear();
       fArmAngles.clear();
-      if (Tracker::tools::computePointAtAnglesWithThreshold(target, *state->arm, state->remembered,
-                                                            fArmNames, fArmAngles)) {
+      // The dead band decides when to move; each move then aims exactly, with every joint,
+      // so that joints left inside their own band do not keep the forearm off the target.
+      bool send = Tracker::tools::computePointAtAnglesWithThreshold(
+          target, *state->arm, state->remembered, fArmNames, fArmAngles);
+      send = send || aimError(*state->arm, state->remembered, target) > kMaxAimError;
+      if (send) {
+        fArmNames.clear();
+        fArmAngles.clear();
+        Tracker::tools::computePointAtAngles(target, *state->arm, fArmNames, fArmAngles);
+        for (std::size_t i = 0; i < fArmAngles.size() && i < state->remembered.angles.size(); ++i) {
+          state->remembered.angles[i] = fArmAngles[i];
+        }
+      }
+      if (send) {
         fNames.insert(fNames.end(), fArmNames.begin(), fArmNames.end());
         fAngles.insert(fAngles.end(), fArmAngles.begin(), fArmAngles.end());
       }

@@ -127,6 +127,9 @@ std::optional<MoverBase::Situation> MoverBase::xSituation(KRTimePoint now) {
   }
   const KRTimePoint seen{std::chrono::nanoseconds(fGoal->info.getTimestamp())};
   const auto age = std::clamp<std::chrono::nanoseconds>(now - seen, {}, kMaxExtrapolation);
+  // Past the extrapolation horizon the target's velocity is no longer trusted.
+  const Math::Position3D velocity =
+      now - seen < kMaxExtrapolation ? fGoal->velocity : Math::Position3D();
   const Math::Position3D world =
       fGoal->info.getWorldToObject3D() +
       fGoal->velocity * static_cast<float>(std::chrono::duration<double>(age).count());
@@ -135,7 +138,7 @@ std::optional<MoverBase::Situation> MoverBase::xSituation(KRTimePoint now) {
 
   Situation s;
   s.target = robotToWorld * world;
-  s.velocity = Math::rotationFromTransform(robotToWorld) * fGoal->velocity;
+  s.velocity = Math::rotationFromTransform(robotToWorld) * velocity;
   s.bearing = std::atan2(s.target.y, s.target.x);
   s.relative = fGoal->relative;
   s.errorX = s.target.x - s.relative[0];

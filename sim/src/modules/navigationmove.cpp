@@ -84,7 +84,15 @@ void NavigationMove::update(KRTimePoint now) {
       const bool goalMoved = !fGoal || Math::distance(*fGoal, placeInWorld) > kReplanDistance;
       if ((goalMoved || !walking || fTurning) && xBaseAvailable()) {
         try {
-          fMotion->call<bool>("navigateTo", place.x, place.y);
+          if (std::hypot(place.x, place.y) > kNavigateDistance) {
+            fMotion->call<bool>("navigateTo", place.x, place.y);
+          } else {
+            // A short step: walking "facing the goal" would turn the robot round for a few
+            // centimetres; step there facing the target instead.
+            const float facing = std::atan2(s->target.y - place.y, s->target.x - place.x);
+            fMotion->call<void>("moveTo", place.x, place.y,
+                                Math::modulo2PI(facing - s->relative[2]));
+          }
           fMoving = true;
           fTurning = false;
           fReached = false;

@@ -109,6 +109,7 @@ void Smoother::xSubscribe(const std::vector<std::string>& events) {
   fStartTime = fClock->now();
   fEverSeen = false;
   fLastMove.reset();
+  fMoveAtRest = false;
   fRunning = true;
 }
 
@@ -256,12 +257,21 @@ void Smoother::update(KRTimePoint now) {
       const KRValue sampleValue = sample.toKRValue();
       events.emplace_back(Namer::getNameLooker(), sampleValue);
 
+      // A moving target is published in steps of the hysteresis; where it comes to rest is
+      // published once more, so that the movers do not stop short of it.
+      const Math::Position3D v = predicting ? latest->velocity : Math::Position3D();
+      const bool resting = std::hypot(v.x, v.y) < kRestSpeed;
       const bool moved = !fLastMove || std::fabs(pose.x - fLastMove->x) > fMoveHysteresis[0] ||
                          std::fabs(pose.y - fLastMove->y) > fMoveHysteresis[1] ||
                          std::fabs(Math::modulo2PI(pose.wz - fLastMove->wz)) > fMoveHysteresis[2];
-      if (moved) {
+      bool settled = false;  // has just come to rest: its velocity is news to the movers
+      if (!moved) {
+        settled = resting && !fMoveAtRest;
+        fMoveAtRest = resting;
+      }
+      if (moved || settled) {
+        fMoveAtRest = resting;
         fLastMove = pose;
-        const Math::Position3D v = predicting ? latest->velocity : Math::Position3D();
         const KRValue move{
             sampleValue,
             KRValue(std::vector<float>(fRelativePosition.begin(), fRelativePosition.end())),

@@ -54,16 +54,24 @@ void WholeBodyLooker::update(KRTimePoint now) {
     fResync = true;
     return;
   }
+  const Math::Transform worldToRobot = Tracker::tools::getWorldToRobotTransform(fMotion);
+  const Math::Position3D target = sample->info.getRobotToObject3D(worldToRobot);
+  const float baseYaw = Math::pose2DFromTransform(worldToRobot).theta;
   if (fResync) {
+    // Others may have moved the head meanwhile: start from where it is.
     const auto measured = fMotion->call<std::vector<float>>("getAngles", std::string("Head"), true);
     if (measured.size() >= 2) {
       fAngle.yaw = measured[0];
       fAngle.pitch = measured[1];
+      fGazeYaw = Math::modulo2PI(baseYaw + measured[0]);
     }
     fResync = false;
   }
-  const Math::Transform worldToRobot = Tracker::tools::getWorldToRobotTransform(fMotion);
-  const Math::Position3D target = sample->info.getRobotToObject3D(worldToRobot);
+  if (fGazeSent) {
+    // The gaze is held in the world while the base turns under it: the dead band compares
+    // the target with where the gaze points from the base now.
+    fAngle.yaw = Math::modulo2PI(fGazeYaw - baseYaw);
+  }
   const int effector =
       std::clamp(sample->info.getTrackEffector(), 0, Model::kTrackEffectorCount - 1);
   const float threshold = configFloat(Tracker::WHOLEBODY_THRESHOLD, 0.0f);
@@ -78,6 +86,7 @@ void WholeBodyLooker::update(KRTimePoint now) {
   }
   fMotion->call<void>("_lookAtWb", fAngles[1], fAngles[0]);
   fGazeSent = true;
+  fGazeYaw = Math::modulo2PI(baseYaw + fAngles[0]);
   if (configSwitch(Tracker::LOG_HEAD_COMMAND)) {
     Tracker::tools::logAnglesToFile(fAngles, fNames, kLogFile, logTime(now), fLogFirst);
   }

@@ -2,7 +2,9 @@
 // ArmsLooker: the sub-module "_ArmsLooker". While started, every step it takes the smoothed
 // target from the smoother and, for each arm of the effector ("LArm", "RArm" or both for
 // "Arms"), points the arm at it with computePointAtAnglesWithThreshold (dead band
-// ARMS_THRESHOLD) when the target lies within the arm's reach (isWithinReach). Out of reach,
+// ARMS_THRESHOLD) when the target lies within the arm's reach (isWithinReach). The dead band,
+// or a forearm drifted more than kMaxAimError off the target while every joint stayed within
+// its band, decides when the arm moves; it is then aimed exactly. Out of reach,
 // the arm goes back to rest, except in whole-body mode, where the arm holds its pose while
 // the body turns toward the target. Commands go to KRMotion with "_trackerWithSpeed".
 // With LOG_ARM_COMMAND on, each command goes to the angle log "ArmsLooker.txt".
@@ -12,6 +14,7 @@
 // "KRTracker/ArmTracking/Restarted".
 
 #include <array>
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -37,6 +40,13 @@ class ArmsLooker : public SimModule {
   static constexpr float kMinReach = 0.15f;
   /// Largest pointing error, within the joint limits, of a target within reach [rad].
   static constexpr float kReachTolerance = 0.02f;
+  /// Pointing error beyond which an arm is aimed again although no joint has left its dead
+  /// band [rad].
+  static constexpr float kMaxAimError = 0.016f;
+  /// How far ahead the arms aim, along the target's motion in the torso frame.
+  static constexpr std::chrono::milliseconds kLead{20};
+  /// Weight of the newest step in the smoothed torso-frame velocity of the target.
+  static constexpr float kVelocitySmoothing = 0.3f;
   /// Speed of the arm joints, as a fraction of their limits.
   static constexpr float kSpeedFraction = 0.8f;
 
@@ -45,6 +55,10 @@ class ArmsLooker : public SimModule {
   /// within kReachTolerance of it. `error` receives that aiming error [rad].
   static bool isWithinReach(const Model::TrackerArm& arm, const Math::Position3D& target,
                             float* error = nullptr);
+  /// Angle between the forearm, at the given arm angles, and the direction from the elbow to
+  /// the target (torso frame) [rad].
+  static float aimError(const Model::TrackerArm& arm, const Model::TrackerArmAngle& angles,
+                        const Math::Position3D& target);
   /// The forearm's pose in the torso frame for arm angles a1..a4 (x axis: pointing direction).
   static Math::Transform forearmTransform(const Model::TrackerArm& arm, float a1, float a2,
                                           float a3, float a4);
@@ -88,6 +102,10 @@ class ArmsLooker : public SimModule {
   std::vector<float> fAngles;
   std::vector<std::string> fArmNames;
   std::vector<float> fArmAngles;
+  bool fHasLast = false;
+  Math::Position3D fLastSeen;  // target in the torso frame at the last update [m]
+  KRTimePoint fLastTime{};
+  Math::Position3D fTorsoVelocity;  // of the target in the torso frame [m/s]
   bool fLogFirst = true;
 };
 

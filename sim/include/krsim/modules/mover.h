@@ -31,8 +31,9 @@ namespace Sim {
 
 class MoverBase : public SimModule {
  public:
-  /// A move target is extrapolated with its velocity at most this long.
-  static constexpr std::chrono::milliseconds kMaxExtrapolation{500};
+  /// A move target is extrapolated with its velocity at most this long (the smoother
+  /// publishes it again when it has moved by the hysteresis or comes to rest).
+  static constexpr std::chrono::milliseconds kMaxExtrapolation{1500};
 
   /// Where the target is, seen from the robot now, and where it should be.
   struct Situation {

@@ -4,8 +4,9 @@
 // TrackInfos record in FRAME_WORLD, drops those beyond the maximum distance, and filters the
 // position with an alpha-beta filter (position and velocity). Every step while the target is
 // followed it publishes the filtered target, predicted to the current time, for the lookers
-// (Namer::getNameLooker()), and, when it has moved by more than the move hysteresis, for the
-// movers (Namer::getNameMove(), and the move event when one is set). Payloads: see common.h.
+// (Namer::getNameLooker()), and, when it has moved by more than the move hysteresis or has
+// come to rest, for the movers (Namer::getNameMove(), and the move event when one is set).
+// Payloads: see common.h.
 //
 // Lost and found: when no observation has arrived for the time-out (counted from the start
 // when the target was never seen) it raises "KRTracker/TargetLost" once; the next
@@ -54,6 +55,8 @@ class Smoother : public SimModule {
   /// Alpha-beta gains of the position filter.
   static constexpr float kAlpha = 0.7f;
   static constexpr float kBeta = 0.25f;
+  /// Below this speed the target is at rest [m/s].
+  static constexpr float kRestSpeed = 0.05f;
 
   /// `targets` names the kind of target behind each event, for its head threshold.
   Smoother(const SimContext& context, std::shared_ptr<const TargetManager> targets);
@@ -124,6 +127,7 @@ class Smoother : public SimModule {
   std::string fMoveEvent;
   std::vector<float> fMoveHysteresis{0.1f, 0.1f, 0.02f};
   std::optional<Math::Position6D> fLastMove;  // last target published for the movers
+  bool fMoveAtRest = false;                   // ... and it was then at rest
   std::array<int, 2> fLandmarkIds{{-1, -1}};
   std::map<int, Math::Position3D> fMap;
   bool fLogInputFirst = true;

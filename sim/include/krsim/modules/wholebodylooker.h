@@ -45,6 +45,7 @@ class WholeBodyLooker : public SimModule {
   bool fRunning = false;
   bool fResync = true;
   bool fGazeSent = false;  // a gaze of ours may still hold the head
+  float fGazeYaw = 0.0f;   // its yaw in FRAME_WORLD [rad]
   Model::TrackerHeadAngle fAngle;
   std::vector<std::string> fNames;
   std::vector<float> fAngles;
