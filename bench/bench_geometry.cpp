@@ -213,6 +213,36 @@ void BM_EigenIsometryFloor(benchmark::State& state) {
 }
 BENCHMARK(BM_EigenIsometryFloor);
 
+// The transcendental calls alone, chained as in the solvers: two square roots (double) and two
+// atan2 for the head; one hypot, five atan2 and four sine-cosine pairs for an arm.
+void BM_TrigFloor_LookAt(benchmark::State& state) {
+  PathWalker walker;
+  for (auto _ : state) {
+    const Position3D& p = walker.next();
+    const double r = std::sqrt(double(p.x) * p.x + double(p.y) * p.y + double(p.z) * p.z);
+    const double u = std::sqrt(r * r - double(p.z) * p.z);
+    const float pitch = KR::Math::fastAtan2(float(p.z * u), float(p.x * r));
+    benchmark::DoNotOptimize(KR::Math::fastAtan2(p.y + pitch, float(u)));
+  }
+}
+BENCHMARK(BM_TrigFloor_LookAt);
+
+void BM_TrigFloor_PointAt(benchmark::State& state) {
+  PathWalker walker;
+  for (auto _ : state) {
+    const Position3D& p = walker.next();
+    const float a2 = KR::Math::fastAtan2(p.y, std::hypot(p.x, p.z));
+    const float a1 = KR::Math::fastAtan2(-p.z, p.x);
+    const float x = std::cos(a1) * std::cos(a2) * p.x + std::sin(a1) * std::sin(a2);
+    const float y = std::cos(a2) * p.y - std::sin(a2) * std::sin(a1);
+    const float a4 = KR::Math::fastAtan2(y, x);
+    const float a3 = KR::Math::fastAtan2(p.z * a4, y);
+    const float z = std::cos(a4) * std::sin(a3) + std::sin(a4) * std::cos(a3);
+    benchmark::DoNotOptimize(KR::Math::fastAtan2(z, x + a3));
+  }
+}
+BENCHMARK(BM_TrigFloor_PointAt);
+
 // ---- KDL -----------------------------------------------------------------------------------
 
 void BM_KdlLookAt(benchmark::State& state) {
