@@ -235,6 +235,16 @@ void drawPlot(const ScenarioRun& run, const std::string& png) {
     throw RunError("gnuplot failed to draw " + png);
 }
 
+/// The full path of a file just written, so that the user can open it from anywhere.
+std::string absolutePath(const std::string& path) {
+  char* full = ::realpath(path.c_str(), nullptr);
+  if (full == nullptr)
+    return path;
+  std::string result(full);
+  std::free(full);
+  return result;
+}
+
 int listScenariosTo(std::ostream& out) {
   for (const auto& s : listScenarios()) {
     out << std::left << std::setw(10) << s.name << "  " << s.description << "\n";
@@ -307,11 +317,11 @@ int runScenario(const std::vector<std::string>& args, std::ostream& out,
       << formatSummary(run.summaries());
   if (!o.csv.empty()) {
     writeCsvFile(run, o.csv);
-    out << "CSV:  " << o.csv << "\n";
+    out << "CSV:  " << absolutePath(o.csv) << "\n";
   }
   if (!o.plot.empty()) {
     drawPlot(run, o.plot);
-    out << "Plot: " << o.plot << "\n";
+    out << "Plot: " << absolutePath(o.plot) << "\n";
   }
   return 0;
 }
