@@ -1,0 +1,211 @@
+#include "support/fault_injection.h"
+
+#include <iomanip>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include <kr/error.h>
+
+#include "support/fake_module.h"
+
+namespace krtest {
+
+const std::vector<Fault>& allFaults() {
+  static const std::vector<Fault> kFaults = {Fault::RuntimeError, Fault::KRError, Fault::WrongType,
+                                             Fault::EmptyAnswer, Fault::Slow};
+  return kFaults;
+}
+
+const char* faultName(Fault fault) {
+  switch (fault) {
+    case Fault::RuntimeError:
+      return "runtime_error";
+    case Fault::KRError:
+      return "KRError";
+    case Fault::WrongType:
+      return "wrong type";
+    case Fault::EmptyAnswer:
+      return "empty answer";
+    case Fault::Slow:
+      return "slow";
+  }
+  return "?";
+}
+
+// ---- FaultPlan ------------------------------------------------------------------------------
+
+FaultPlan::FaultPlan(const std::shared_ptr<KR::KRBroker>& broker) : fBroker(broker) {
+  broker->setCallObserver([this](const KR::KRCallRecord& r) { observe(r); });
+}
+
+FaultPlan::~FaultPlan() {
+  if (std::shared_ptr<KR::KRBroker> broker = fBroker.lock()) {
+    broker->setCallObserver(nullptr);
+  }
+}
+
+void FaultPlan::arm(std::size_t k, Fault fault) {
+  std::lock_guard<std::mutex> lock(fMutex);
+  fCalls.clear();
+  fArmedAt = k;
+  fFault = fault;
+  fTarget.clear();
+  fPending = false;
+  fDelivered = false;
+}
+
+void FaultPlan::disarm() {
+  arm(0, Fault::RuntimeError);
+}
+
+std::vector<std::string> FaultPlan::calls() const {
+  std::lock_guard<std::mutex> lock(fMutex);
+  return fCalls;
+}
+
+std::string FaultPlan::target() const {
+  std::lock_guard<std::mutex> lock(fMutex);
+  return fTarget;
+}
+
+bool FaultPlan::delivered() const {
+  std::lock_guard<std::mutex> lock(fMutex);
+  return fDelivered;
+}
+
+std::set<std::string> FaultPlan::typedMethods() const {
+  std::lock_guard<std::mutex> lock(fMutex);
+  return fTypedMethods;
+}
+
+void FaultPlan::observe(const KR::KRCallRecord& record) {
+  std::lock_guard<std::mutex> lock(fMutex);
+  fCalls.push_back(formatCall(record));
+  if (fArmedAt != 0 && fCalls.size() == fArmedAt) {
+    // The module consumes the fault when it runs this call: at once for a synchronous call,
+    // on the broker's worker for a posted one.
+    fTarget = record.module + "." + record.method;
+    fPending = true;
+  }
+}
+
+bool FaultPlan::take(const std::string& module, const std::string& method, Fault& fault) {
+  std::lock_guard<std::mutex> lock(fMutex);
+  if (!fPending || fTarget != module + "." + method) {
+    return false;
+  }
+  fPending = false;
+  fDelivered = true;
+  fault = fFault;
+  return true;
+}
+
+void FaultPlan::noteAnswer(const std::string& module, const std::string& method,
+                           const KR::KRValue& result) {
+  if (!result.isValid()) {
+    return;
+  }
+  std::lock_guard<std::mutex> lock(fMutex);
+  fTypedMethods.insert(module + "." + method);
+}
+
+// ---- FaultyModule ---------------------------------------------------------------------------
+
+FaultyModule::FaultyModule(std::shared_ptr<KR::KRModule> inner, std::shared_ptr<FaultPlan> plan)
+    : KR::KRModule(inner->getName()), fInner(std::move(inner)), fPlan(std::move(plan)) {}
+
+KR::KRValue FaultyModule::invoke(const std::string& method, const std::vector<KR::KRValue>& args) {
+  Fault fault = Fault::RuntimeError;
+  if (fPlan->take(getName(), method, fault)) {
+    switch (fault) {
+      case Fault::RuntimeError:
+        throw std::runtime_error(std::string(kInjectedText) + " in " + getName() + "." + method);
+      case Fault::KRError:
+        throw KR::KRError(getName(), method, kInjectedText);
+      case Fault::WrongType:
+        // No typed result of the platform converts from this: not a bool, an int, a float, a
+        // string, nor a list of any one of them.
+        return KR::KRValue{KR::KRValue("wrong"), KR::KRValue(0.5f)};
+      case Fault::EmptyAnswer:
+        return KR::KRValue(KR::KRValue::Array{});
+      case Fault::Slow:
+        std::this_thread::sleep_for(FaultPlan::kSlowDelay);
+        break;
+    }
+  }
+  KR::KRValue result = fInner->invoke(method, args);
+  fPlan->noteAnswer(getName(), method, result);
+  return result;
+}
+
+// ---- FaultTally -----------------------------------------------------------------------------
+
+void FaultTally::add(const std::string& method, Fault fault) {
+  std::lock_guard<std::mutex> lock(fMutex);
+  ++fCounts[method][fault];
+}
+
+std::size_t FaultTally::count(const std::string& method, Fault fault) const {
+  std::lock_guard<std::mutex> lock(fMutex);
+  auto m = fCounts.find(method);
+  if (m == fCounts.end()) {
+    return 0;
+  }
+  auto f = m->second.find(fault);
+  return f == m->second.end() ? 0 : f->second;
+}
+
+std::size_t FaultTally::total() const {
+  std::lock_guard<std::mutex> lock(fMutex);
+  std::size_t n = 0;
+  for (const auto& m : fCounts) {
+    for (const auto& f : m.second) {
+      n += f.second;
+    }
+  }
+  return n;
+}
+
+std::vector<std::string> FaultTally::methods() const {
+  std::lock_guard<std::mutex> lock(fMutex);
+  std::vector<std::string> names;
+  for (const auto& m : fCounts) {
+    names.push_back(m.first);
+  }
+  return names;
+}
+
+std::string FaultTally::table() const {
+  std::lock_guard<std::mutex> lock(fMutex);
+  std::ostringstream os;
+  os << std::left << std::setw(44) << "remote method";
+  for (Fault f : allFaults()) {
+    os << std::right << std::setw(14) << faultName(f);
+  }
+  os << std::setw(8) << "total"
+     << "\n";
+  std::map<Fault, std::size_t> columns;
+  std::size_t all = 0;
+  for (const auto& m : fCounts) {
+    os << std::left << std::setw(44) << m.first;
+    std::size_t row = 0;
+    for (Fault f : allFaults()) {
+      auto it = m.second.find(f);
+      const std::size_t n = it == m.second.end() ? 0 : it->second;
+      os << std::right << std::setw(14) << n;
+      row += n;
+      columns[f] += n;
+    }
+    all += row;
+    os << std::setw(8) << row << "\n";
+  }
+  os << std::left << std::setw(44) << ("all " + std::to_string(fCounts.size()) + " methods");
+  for (Fault f : allFaults()) {
+    os << std::right << std::setw(14) << columns[f];
+  }
+  os << std::setw(8) << all << "\n";
+  return os.str();
+}
+
+}  // namespace krtest

@@ -1,0 +1,889 @@
+// Every public operation of the tracker, and every function offered to the sub-modules, run
+// once cleanly and then once per remote call it makes with that call failing (a standard
+// exception, a KRError, a wrong result, an empty result, a late result). The operation must not
+// crash, must not throw unless the failing call is one whose failure it passes on, must make
+// no remote call that the clean run did not make, and must leave the tracker in the state the
+// failure tables give.
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <kr/error.h>
+#include <kr/target/targets.h>
+#include <krtracker/tools/tools.h>
+#include <krtracker/types/types/trackinfos.h>
+
+#include "support/fault_injection.h"
+#include "tracker/tracker_fixture.h"
+
+namespace {
+
+using KR::KRValue;
+using krtest::FakeModule;
+using krtest::Fault;
+using krtest::TrackerProbe;
+using Calls = std::vector<std::string>;
+namespace tools = KR::Tracker::tools;
+
+// ---- the rig: fakes behind faulty modules, one plan, one tracker ---------------------------
+
+// The torso in any frame: turned 0.2 rad about z, 5 cm forward and 30 cm up.
+const std::vector<float> kTorsoTransform = {
+    0.980067f, -0.198669f, 0.0f, 0.05f, 0.198669f, 0.980067f, 0.0f, 0.0f, 0.0f, 0.0f, 1.0f, 0.3f};
+
+struct Rig {
+  explicit Rig(const std::string& robot)
+      : broker(KR::KRBroker::create()), plan(std::make_shared<krtest::FaultPlan>(broker)) {
+    std::vector<std::string> names = krtest::trackerModuleNames();
+    names.push_back("KRRobotModel");
+    for (const std::string& name : names) {
+      auto fake = std::make_shared<FakeModule>(name);
+      fakes[name] = fake;
+      broker->addModule(std::make_shared<krtest::FaultyModule>(fake, plan));
+    }
+    fakes["KRRobotModel"]->answer("getConfig", krtest::readRobotFile(robot));
+    FakeModule& tm = *fakes["_KRTargetManager"];
+    tm.answer("isTargetManaged", true);
+    tm.answer("getEventName", "evt");
+    tm.answer("getSecondEventName", "evt2");
+    tm.answer("getTargetIds", std::vector<int>{4, 7});
+    tm.answer("getRegisteredTargets", std::vector<std::string>{"Face", "Ball", "Cup"});
+    tm.answer("getSupportedTargets", std::vector<std::string>{"Face", "RedBall", "LandMarks"});
+    tm.answer("getActiveTargetPosition", std::vector<float>{1.0f, 0.2f, 0.3f});
+    tm.answer("getExtractorPeriod", 500);
+    FakeModule& smoother = *fakes["_Smoother"];
+    smoother.answer("getTimeOut", 3000);
+    smoother.answer("_getMoveHysteresis", std::vector<float>{0.1f, 0.1f, 0.02f});
+    smoother.answer("getPosition", std::vector<float>{0.5f, 0.1f, 0.0f, 0.0f, 0.0f, 0.2f});
+    fakes["_RoundSearcher"]->answer("getFractionMaxSpeed", 0.5f);
+    FakeModule& motion = *fakes["KRMotion"];
+    motion.answer("getTransform", kTorsoTransform);
+    motion.answer("_getSensorTransformAtTime", kTorsoTransform);
+    motion.answer("getRobotPosition", std::vector<float>{0.2f, -0.1f, 0.3f});
+    motion.answer("getPosition", std::vector<float>{0.1f, 0.0f, 0.4f, 0.0f, 0.0f, 0.2f});
+    motion.answer("robotIsWakeUp", true);
+    motion.answer("areResourcesAvailable", false);
+  }
+
+  ~Rig() {
+    plan->disarm();
+    tracker.reset();
+    broker->shutdown();
+  }
+
+  TrackerProbe& build() {
+    tracker = std::make_unique<TrackerProbe>(broker);
+    return *tracker;
+  }
+  TrackerProbe& t() { return *tracker; }
+  std::shared_ptr<KR::KRProxy> motion() { return broker->getProxy("KRMotion"); }
+
+  std::shared_ptr<KR::KRBroker> broker;
+  std::shared_ptr<krtest::FaultPlan> plan;
+  std::map<std::string, std::shared_ptr<FakeModule>> fakes;
+  std::unique_ptr<TrackerProbe> tracker;
+};
+
+// ---- what is compared: the tracker's own state ---------------------------------------------
+
+struct State {
+  bool exists = false;
+  bool active = false;
+  std::string target, mode, effector;
+  KRValue relativePosition, coordinates, moveConfig;
+  float velocity = 0, acceleration = 0, distance = 0;
+  bool searchEnabled = false, searcherRunning = false, notLandMarks = false;
+  std::vector<std::string> availableModes;
+  std::string config;
+
+  bool operator==(const State& o) const {
+    return exists == o.exists && active == o.active && target == o.target && mode == o.mode &&
+           effector == o.effector && relativePosition == o.relativePosition &&
+           coordinates == o.coordinates && moveConfig == o.moveConfig && velocity == o.velocity &&
+           acceleration == o.acceleration && distance == o.distance &&
+           searchEnabled == o.searchEnabled && searcherRunning == o.searcherRunning &&
+           notLandMarks == o.notLandMarks && config == o.config;
+  }
+};
+
+std::ostream& operator<<(std::ostream& os, const State& s) {
+  if (!s.exists) {
+    return os << "{no tracker}";
+  }
+  return os << "{active " << s.active << ", target \"" << s.target << "\", mode " << s.mode
+            << ", effector " << s.effector << ", relative " << s.relativePosition
+            << ", coordinates " << s.coordinates << ", move config " << s.moveConfig << ", limits "
+            << s.velocity << "/" << s.acceleration << ", distance " << s.distance << ", search "
+            << s.searchEnabled << "/" << s.searcherRunning << ", not landmarks " << s.notLandMarks
+            << "}";
+}
+
+// Read through operations that make no remote call, so that reading counts no call.
+State snapshot(Rig& rig) {
+  State s;
+  if (!rig.tracker) {
+    return s;
+  }
+  TrackerProbe& t = rig.t();
+  s.exists = true;
+  s.active = t.isActive();
+  s.target = t.getActiveTarget();
+  s.mode = t.getMode();
+  s.effector = t.getEffector();
+  s.relativePosition = t.getRelativePosition();
+  s.coordinates = t.getTargetCoordinates();
+  s.moveConfig = t.getMoveConfig();
+  s.velocity = t.getMaximumVelocity();
+  s.acceleration = t.getMaximumAcceleration();
+  s.distance = t.getMaximumDistanceDetection();
+  s.searchEnabled = t.isSearchEnabled();
+  s.searcherRunning = t.fSearcherRunning;
+  s.notLandMarks = t.fNotLandMarks;
+  s.availableModes = t.getAvailableModes();
+  s.config = t.getTrackerConfigStr();
+  return s;
+}
+
+// ---- one run of one operation ---------------------------------------------------------------
+
+struct Run {
+  std::size_t k = 0;  // 0 for the clean run
+  Fault fault = Fault::RuntimeError;
+  Calls calls;
+  std::string target;  // "Module.method" of the failing call
+  bool delivered = false;
+  State before, after;
+  KRValue result;
+  bool threw = false;
+  std::string what;
+  std::vector<ko::log::Record> records;
+};
+
+using StateFn = std::function<State(const Run& clean, const Run& faulted)>;
+using CheckFn = std::function<void(const Run& clean, const Run& faulted)>;
+
+struct Scenario {
+  std::string name;
+  std::function<void(Rig&)> setup;
+  /// The operation; its result as a KRValue (invalid for none).
+  std::function<KRValue(Rig&)> op;
+  std::string robot = "kibo.xml";
+  /// Calls whose failure the operation passes on to its caller.
+  std::set<std::string> mayThrowOn;
+  /// The result the operation gives when a call fails (besides the clean result).
+  std::optional<KRValue> failureResult;
+  /// Any result is acceptable when an empty list answers one of these calls: the platform's
+  /// value types read a short list as zeros.
+  std::set<std::string> emptyReadsAsZeros;
+  /// The state after a failure; the clean run's state when absent.
+  StateFn expectedState;
+  /// Further checks of a failing run.
+  CheckFn check;
+
+  Scenario& on(const std::string& robotFile) {
+    robot = robotFile;
+    return *this;
+  }
+  Scenario& passesOn(std::set<std::string> methods) {
+    mayThrowOn = std::move(methods);
+    return *this;
+  }
+  Scenario& givesOnFailure(KRValue value) {
+    failureResult = std::move(value);
+    return *this;
+  }
+  Scenario& readsEmptyAsZeros(std::set<std::string> methods) {
+    emptyReadsAsZeros = std::move(methods);
+    return *this;
+  }
+  Scenario& leaves(StateFn fn) {
+    expectedState = std::move(fn);
+    return *this;
+  }
+  Scenario& also(CheckFn fn) {
+    check = std::move(fn);
+    return *this;
+  }
+};
+
+Scenario scenario(std::string name, std::function<void(Rig&)> setup,
+                  std::function<KRValue(Rig&)> op) {
+  Scenario s;
+  s.name = std::move(name);
+  s.setup = std::move(setup);
+  s.op = std::move(op);
+  return s;
+}
+
+Run execute(const Scenario& s, std::size_t k, Fault fault) {
+  Run run;
+  run.k = k;
+  run.fault = fault;
+  ko::log::ScopedCapture log;
+  Rig rig(s.robot);
+  if (s.setup) {
+    s.setup(rig);
+  }
+  run.before = snapshot(rig);
+  log.clear();
+  if (k == 0) {
+    rig.plan->disarm();
+  } else {
+    rig.plan->arm(k, fault);
+  }
+  try {
+    run.result = s.op(rig);
+  } catch (const std::exception& e) {
+    run.threw = true;
+    run.what = e.what();
+  } catch (...) {
+    run.threw = true;
+    run.what = "an exception that is not a standard exception";
+  }
+  rig.broker->waitForPostedCalls();
+  run.calls = rig.plan->calls();
+  run.target = rig.plan->target();
+  run.delivered = rig.plan->delivered();
+  run.after = snapshot(rig);
+  run.records = log.records();
+  rig.plan->disarm();
+  return run;
+}
+
+bool isSubsequence(const Calls& part, const Calls& whole) {
+  std::size_t i = 0;
+  for (const std::string& c : whole) {
+    if (i < part.size() && part[i] == c) {
+      ++i;
+    }
+  }
+  return i == part.size();
+}
+
+// "Module.method(args)" without the arguments.
+Calls methodsOf(const Calls& calls) {
+  Calls out;
+  for (const std::string& c : calls) {
+    out.push_back(c.substr(0, c.find('(')));
+  }
+  return out;
+}
+
+Calls prefix(const Calls& calls, std::size_t n) {
+  return Calls(calls.begin(), calls.begin() + std::min(n, calls.size()));
+}
+
+std::string join(const Calls& calls) {
+  std::string out;
+  for (const std::string& c : calls) {
+    out += "\n    " + c;
+  }
+  return out;
+}
+
+// The tracker's invariants, whatever failed.
+void checkInvariants(const State& s) {
+  if (!s.exists) {
+    return;
+  }
+  EXPECT_NE(std::find(s.availableModes.begin(), s.availableModes.end(), s.mode),
+            s.availableModes.end())
+      << "mode " << s.mode;
+  const std::set<std::string> effectors = {"Arms", "LArm", "RArm", "None"};
+  EXPECT_EQ(effectors.count(s.effector), 1u) << "effector " << s.effector;
+}
+
+/// Runs the sweep of one scenario; returns the number of faulted runs.
+std::size_t sweep(const Scenario& s, const std::set<std::string>& typedMethods,
+                  krtest::FaultTally& tally) {
+  SCOPED_TRACE("scenario " + s.name);
+  const Run clean = execute(s, 0, Fault::RuntimeError);
+  EXPECT_FALSE(clean.threw) << "clean run threw: " << clean.what;
+  EXPECT_FALSE(clean.calls.empty()) << "the operation makes no remote call";
+  checkInvariants(clean.after);
+
+  std::size_t runs = 0;
+  for (std::size_t k = 1; k <= clean.calls.size(); ++k) {
+    for (Fault fault : krtest::allFaults()) {
+      SCOPED_TRACE("call " + std::to_string(k) + " (" + clean.calls[k - 1] + ") fails with " +
+                   krtest::faultName(fault));
+      const Run run = execute(s, k, fault);
+      ++runs;
+      EXPECT_TRUE(run.delivered) << "the fault did not reach " << run.target;
+      if (!run.delivered) {
+        continue;
+      }
+      tally.add(run.target, fault);
+      // Before the failing call, the run is the clean run.
+      EXPECT_EQ(prefix(clean.calls, k), prefix(run.calls, k));
+
+      const bool typed = typedMethods.count(run.target) != 0;
+      const bool harmless = fault == Fault::Slow ||
+                            (!typed && (fault == Fault::WrongType || fault == Fault::EmptyAnswer));
+      if (harmless) {
+        // A late answer, or a result nobody reads, changes nothing.
+        EXPECT_EQ(clean.calls, run.calls);
+        EXPECT_EQ(clean.after, run.after);
+        EXPECT_EQ(clean.result, run.result);
+        EXPECT_EQ(clean.threw, run.threw) << run.what;
+        continue;
+      }
+
+      // An empty pose read as zeros is a different pose, not a failure: what follows is
+      // computed from it, so only the methods called are compared, not their arguments.
+      const bool readAsZeros =
+          fault == Fault::EmptyAnswer && s.emptyReadsAsZeros.count(run.target) != 0;
+      if (run.threw) {
+        EXPECT_EQ(s.mayThrowOn.count(run.target), 1u)
+            << "threw although the failure of " << run.target
+            << " must not reach the caller: " << run.what;
+      } else {
+        EXPECT_TRUE(readAsZeros || run.result == clean.result ||
+                    (s.failureResult && run.result == *s.failureResult))
+            << "result " << run.result << ", clean result " << clean.result;
+      }
+      const Calls& cleanCalls = readAsZeros ? methodsOf(clean.calls) : clean.calls;
+      const Calls& runCalls = readAsZeros ? methodsOf(run.calls) : run.calls;
+      EXPECT_TRUE(isSubsequence(runCalls, cleanCalls))
+          << "calls that the clean run did not make:" << join(run.calls)
+          << "\n  clean:" << join(clean.calls);
+      checkInvariants(run.after);
+      State expected = clean.after;
+      if (s.expectedState) {
+        expected = s.expectedState(clean, run);
+      } else if (run.target == "_RoundSearcher.startEvent") {
+        expected.searcherRunning = false;  // a searcher that did not start is not running
+      }
+      EXPECT_EQ(expected, run.after);
+      if (s.check) {
+        s.check(clean, run);
+      }
+    }
+  }
+  return runs;
+}
+
+// ---- set-ups --------------------------------------------------------------------------------
+
+struct Tracking {
+  std::string target = "Face";
+  std::string mode = "Head";
+  std::string effector = "None";
+  bool search = false;
+  bool event = false;
+  KRValue coordinates = KRValue();
+};
+
+std::function<void(Rig&)> idle() {
+  return [](Rig& rig) { rig.build(); };
+}
+
+std::function<void(Rig&)> tracking(Tracking how) {
+  return [how](Rig& rig) {
+    TrackerProbe& t = rig.build();
+    t.setMode(how.mode);
+    t.setEffector(how.effector);
+    t.toggleSearch(how.search);
+    if (how.coordinates.isValid()) {
+      t.setTargetCoordinates(how.coordinates);
+    }
+    if (how.event) {
+      t.trackEvent(how.target);
+    } else {
+      t.track(how.target);
+    }
+  };
+}
+
+std::function<void(Rig&)> paused(Tracking how) {
+  return [how](Rig& rig) {
+    tracking(how)(rig);
+    rig.t().pause();
+  };
+}
+
+std::function<KRValue(Rig&)> call(std::function<void(TrackerProbe&)> f) {
+  return [f](Rig& rig) {
+    f(rig.t());
+    return KRValue();
+  };
+}
+
+const KRValue kLandmarks{KRValue{1.0f, 2.0f, 0.5f}, KRValue{1.0f, -2.0f, 0.5f}};
+const KRValue kNoStrings = KRValue(std::vector<std::string>{});
+const KRValue kNoFloats = KRValue(std::vector<float>{});
+
+// State after a failure that refuses the request: as before, except what the operation sets
+// before its first remote call.
+State refused(const Run& clean, const Run& run) {
+  State s = run.before;
+  s.notLandMarks = clean.after.notLandMarks;
+  return s;
+}
+
+bool failsIn(const Run& run, std::initializer_list<const char*> methods) {
+  return std::any_of(methods.begin(), methods.end(),
+                     [&](const char* m) { return run.target == m; });
+}
+
+// start goes on after a failing sub-module: the smoother is started last whatever failed before.
+void startGoesOn(const Run& clean, const Run& run) {
+  if (failsIn(run,
+              {"_KRTargetManager.isTargetManaged", "_KRTargetManager.setActiveTarget",
+               "_KRTargetManager.getEventName", "_KRTargetManager.getSecondEventName",
+               "_KRTargetManager.getTargetIds", "_Smoother.stopSmoother", "_Smoother.setTarget",
+               "_Smoother.setTargetIds", "_Smoother.setMap", "_Smoother.startEvent"})) {
+    return;
+  }
+  EXPECT_EQ(clean.calls.back(), run.calls.back());
+  EXPECT_NE(std::find(run.calls.begin(), run.calls.end(), "_KRTargetManager.start()"),
+            run.calls.end());
+}
+
+// The track request is refused when the target manager cannot confirm or activate the target.
+void trackRefusedOnTargetManagerFailure(const Run& clean, const Run& run) {
+  if (failsIn(run, {"_KRTargetManager.isTargetManaged", "_KRTargetManager.setActiveTarget"})) {
+    EXPECT_EQ(prefix(clean.calls, run.k), run.calls);
+  }
+}
+
+State trackExpected(const Run& clean, const Run& run) {
+  if (failsIn(run, {"_KRTargetManager.isTargetManaged", "_KRTargetManager.setActiveTarget"})) {
+    return refused(clean, run);
+  }
+  State s = clean.after;
+  if (run.target == "_RoundSearcher.startEvent") {
+    s.searcherRunning = false;
+  }
+  return s;
+}
+
+// ---- the scenarios --------------------------------------------------------------------------
+
+std::vector<Scenario> trackerScenarios() {
+  const char* const landmarks = KR::Tracker::Target::TargetLandMarks;
+  std::vector<Scenario> all;
+  auto add = [&all](Scenario s) { all.push_back(std::move(s)); };
+
+  // Lifecycle.
+  add(scenario("construction", nullptr,
+               [](Rig& rig) {
+                 rig.build();
+                 return KRValue();
+               })
+          .passesOn({"KRRobotModel.getConfig"})
+          .leaves(
+              [](const Run& clean, const Run& run) { return run.threw ? run.before : clean.after; })
+          .also([](const Run&, const Run& run) {
+            ASSERT_TRUE(run.threw);
+            // One warning naming the cause, then the error leaves the constructor.
+            ASSERT_EQ(1u, run.records.size());
+            EXPECT_EQ(ko::log::Level::warning, run.records[0].level);
+            EXPECT_EQ("KRRobotModel is not found: " + run.what, run.records[0].text);
+          }));
+  add(scenario("destruction while tracking", tracking({"Face", "WholeBody", "Arms", true}),
+               [](Rig& rig) {
+                 rig.tracker.reset();
+                 return KRValue();
+               }));
+  for (const char* mode : {"Head", "WholeBody", "Move"}) {
+    add(scenario(
+            std::string("track from idle in ") + mode,
+            [mode](Rig& rig) {
+              TrackerProbe& t = rig.build();
+              t.setMode(mode);
+              t.setEffector("Arms");
+              t.toggleSearch(true);
+            },
+            call([](TrackerProbe& t) { t.track("Face"); }))
+            .leaves(trackExpected)
+            .also([](const Run& clean, const Run& run) {
+              trackRefusedOnTargetManagerFailure(clean, run);
+              startGoesOn(clean, run);
+            }));
+  }
+  add(scenario(
+          "track from idle in Navigate", [](Rig& rig) { rig.build().setMode("Navigate"); },
+          call([](TrackerProbe& t) { t.track("Face"); }))
+          .on("rover.xml")
+          .leaves(trackExpected)
+          .also([](const Run& clean, const Run& run) {
+            trackRefusedOnTargetManagerFailure(clean, run);
+            startGoesOn(clean, run);
+          }));
+  add(scenario(
+          "track landmarks from idle",
+          [](Rig& rig) { rig.build().setTargetCoordinates(kLandmarks); },
+          call([landmarks](TrackerProbe& t) { t.track(landmarks); }))
+          .leaves(trackExpected)
+          .also(trackRefusedOnTargetManagerFailure));
+  add(scenario("track another target while tracking", tracking({}),
+               call([](TrackerProbe& t) { t.track("Ball"); }))
+          .leaves(trackExpected)
+          .also(trackRefusedOnTargetManagerFailure));
+  add(scenario("track landmarks while tracking",
+               tracking({"Face", "Head", "None", false, false, kLandmarks}),
+               call([landmarks](TrackerProbe& t) { t.track(landmarks); }))
+          .leaves(trackExpected)
+          .also(trackRefusedOnTargetManagerFailure));
+  add(scenario("trackEvent from idle", idle(),
+               call([](TrackerProbe& t) { t.trackEvent("SoundEvent"); }))
+          .also([](const Run& clean, const Run& run) {
+            // Unlike track, a failing activation does not stop the request.
+            if (run.target == "_KRTargetManager.setActiveEvent") {
+              EXPECT_EQ(clean.calls, run.calls);
+            }
+          }));
+  add(scenario("trackEvent while tracking", tracking({}),
+               call([](TrackerProbe& t) { t.trackEvent("SoundEvent"); })));
+  add(scenario("stop while tracking", tracking({"Face", "Head", "Arms", true}),
+               call([](TrackerProbe& t) { t.stop(); }))
+          .also([](const Run& clean, const Run& run) {
+            // A searcher that cannot be stopped counts as stopped; any other failure silently
+            // ends the stop sequence: the sub-modules after it are not stopped.
+            if (run.target == "_RoundSearcher.stopSearcher") {
+              EXPECT_EQ(clean.calls, run.calls);
+            } else {
+              EXPECT_EQ(prefix(clean.calls, run.k), run.calls);
+            }
+            EXPECT_TRUE(run.records.empty());
+          }));
+  add(scenario("exit while tracking", tracking({"Face", "Head", "Arms", true}),
+               call([](TrackerProbe& t) { t.exit(); }))
+          .passesOn({"_Smoother.exit", "_MotionMove.exit", "_NavigationMove.exit",
+                     "_RoundSearcher.exit", "_HeadLooker.exit", "_WholeBodyLooker.exit",
+                     "_ArmsLooker.exit", "_KRTargetManager.exit"})
+          .also([](const Run& clean, const Run& run) {
+            const std::string suffix = ".exit";
+            if (run.target.size() > suffix.size() &&
+                run.target.compare(run.target.size() - suffix.size(), suffix.size(), suffix) == 0) {
+              // The failure reaches the caller and the remaining sub-modules get no exit.
+              EXPECT_TRUE(run.threw);
+              EXPECT_EQ(prefix(clean.calls, run.k), run.calls);
+            }
+          }));
+  add(scenario("pause while tracking", tracking({"Face", "Head", "Arms", true}),
+               call([](TrackerProbe& t) { t.pause(); }))
+          .leaves([](const Run& clean, const Run& run) {
+            State s = clean.after;
+            if (run.target == "_RoundSearcher.stopSearcher") {
+              s.searcherRunning = run.before.searcherRunning;  // not stopped, still marked running
+            }
+            return s;
+          })
+          .also([](const Run& clean, const Run& run) {
+            // Each step is guarded on its own: a failure does not prevent the next.
+            EXPECT_EQ(clean.calls, run.calls);
+          }));
+  add(scenario("restart after pause", paused({"Face", "WholeBody", "Arms", true}),
+               call([](TrackerProbe& t) { t.restart(); })));
+  add(scenario("restart after pausing an event",
+               paused({"SoundEvent", "Move", "LArm", false, true}),
+               call([](TrackerProbe& t) { t.restart(); })));
+  add(scenario("initialize while tracking", tracking({"Face", "WholeBody", "LArm", true}),
+               call([](TrackerProbe& t) { t.initialize(); })));
+
+  // Targets.
+  add(scenario("registerTarget", idle(), call([](TrackerProbe& t) {
+                 t.registerTarget("Face", KRValue{"Alice", 0.2f});
+               })));
+  add(scenario("unregisterTarget", idle(),
+               call([](TrackerProbe& t) { t.unregisterTarget("Face"); })));
+  add(scenario("unregisterTargets", idle(), call([](TrackerProbe& t) {
+                 t.unregisterTargets({"Face", "Ball"});
+               })));
+  add(scenario("unregisterAllTargets while tracking", tracking({}),
+               call([](TrackerProbe& t) { t.unregisterAllTargets(); })));
+  add(scenario("getSupportedTargets", idle(), [](Rig& rig) {
+        return KRValue(rig.t().getSupportedTargets());
+      }).givesOnFailure(kNoStrings));
+  add(scenario("getRegisteredTargets", idle(), [](Rig& rig) {
+        return KRValue(rig.t().getRegisteredTargets());
+      }).givesOnFailure(kNoStrings));
+  add(scenario("setTargetCoordinates while tracking landmarks", tracking({landmarks}),
+               call([](TrackerProbe& t) { t.setTargetCoordinates(kLandmarks); })));
+  for (KR::Math::FRAME frame : {KR::Math::FRAME_WORLD, KR::Math::FRAME_ROBOT}) {
+    add(scenario("getTargetPosition in frame " + std::to_string(frame), tracking({}),
+                 [frame](Rig& rig) { return KRValue(rig.t().getTargetPosition(frame)); })
+            .passesOn({"KRMotion.getTransform"})
+            .givesOnFailure(kNoFloats));
+  }
+  add(scenario("getEventName", tracking({}), [](Rig& rig) {
+        return KRValue(rig.t().getEventName());
+      }).givesOnFailure(KRValue("")));
+  add(scenario("getSecondEventName", tracking({}), [](Rig& rig) {
+        return KRValue(rig.t().getSecondEventName());
+      }).givesOnFailure(KRValue("")));
+
+  // Modes and move configuration.
+  add(scenario("setMode WholeBody while tracking", tracking({}),
+               call([](TrackerProbe& t) { t.setMode("WholeBody"); })));
+  add(scenario("setMode Head while tracking in WholeBody", tracking({"Face", "WholeBody"}),
+               call([](TrackerProbe& t) { t.setMode("Head"); })));
+  add(scenario("setMode MoveSafely while tracking", tracking({}),
+               call([](TrackerProbe& t) { t.setMode("MoveSafely"); })));
+  add(scenario("setMode Navigate while tracking", tracking({}),
+               call([](TrackerProbe& t) { t.setMode("Navigate"); }))
+          .on("rover.xml"));
+  add(scenario("setMoveConfig in Navigate", tracking({"Face", "Navigate"}),
+               call([](TrackerProbe& t) {
+                 t.setMoveConfig(KRValue{KRValue{"MaxStepX", 0.04f}});
+               }))
+          .on("rover.xml"));
+  add(scenario("setRelativePosition while tracking", tracking({}), call([](TrackerProbe& t) {
+                 t.setRelativePosition(KRValue{0.5f, 0.0f, 0.0f, 0.1f, 0.1f, 0.2f});
+               })));
+  add(scenario("setMoveHysteresis", idle(), call([](TrackerProbe& t) {
+                 t.setMoveHysteresis({0.2f, 0.2f, 0.05f});
+               }))
+          .passesOn({"_Smoother._setMoveHysteresis"}));
+  add(scenario("getMoveHysteresis", idle(),
+               [](Rig& rig) { return KRValue(rig.t().getMoveHysteresis()); })
+          .passesOn({"_Smoother._getMoveHysteresis"})
+          .givesOnFailure(kNoFloats));
+  add(scenario("setMoveEvent", idle(), call([](TrackerProbe& t) { t.setMoveEvent("MoveEvent"); })));
+  add(scenario("getRobotPosition tracking landmarks", tracking({landmarks}),
+               [](Rig& rig) { return KRValue(rig.t().getRobotPosition()); })
+          .passesOn({"_Smoother.getPosition"})
+          .givesOnFailure(kNoFloats));
+
+  // Effectors.
+  add(scenario("setEffector LArm while tracking", tracking({"Face", "WholeBody"}),
+               call([](TrackerProbe& t) { t.setEffector("LArm"); })));
+  add(scenario("setEffector None while tracking", tracking({"Face", "Head", "Arms"}),
+               call([](TrackerProbe& t) { t.setEffector("None"); })));
+  add(scenario("addEffector RArm to LArm while tracking", tracking({"Face", "Head", "LArm"}),
+               call([](TrackerProbe& t) { t.addEffector("RArm"); })));
+  add(scenario("removeEffector LArm from Arms", tracking({"Face", "Head", "Arms"}),
+               call([](TrackerProbe& t) { t.removeEffector("LArm"); })));
+  add(scenario("removeEffector Arms from LArm", tracking({"Face", "Head", "LArm"}),
+               call([](TrackerProbe& t) { t.removeEffector("Arms"); })));
+
+  // Speed limits, smoother and searcher settings.
+  add(scenario("setTimeOut", idle(), call([](TrackerProbe& t) { t.setTimeOut(2000); })));
+  add(scenario("getTimeOut", idle(), [](Rig& rig) {
+        return KRValue(rig.t().getTimeOut());
+      }).givesOnFailure(KRValue(0)));
+  add(scenario("setExtractorPeriod", idle(),
+               call([](TrackerProbe& t) { t.setExtractorPeriod("Face", 200); })));
+  add(scenario("getExtractorPeriod", idle(), [](Rig& rig) {
+        return KRValue(rig.t().getExtractorPeriod("Face"));
+      }).givesOnFailure(KRValue(-1)));
+  add(scenario("setMaximumDistanceDetection", idle(),
+               call([](TrackerProbe& t) { t.setMaximumDistanceDetection(2.5f); })));
+  add(scenario("setSearcherFractionMaxSpeed", idle(),
+               call([](TrackerProbe& t) { t.setSearcherFractionMaxSpeed(0.3f); })));
+  add(scenario("getSearcherFractionMaxSpeed", idle(), [](Rig& rig) {
+        return KRValue(rig.t().getSearcherFractionMaxSpeed());
+      }).givesOnFailure(KRValue(0.0f)));
+  add(scenario("searcherSetUseWholeBodyLookAt", idle(),
+               call([](TrackerProbe& t) { t.searcherSetUseWholeBodyLookAt(true); })));
+  add(scenario("toggleSearch on while tracking", tracking({}),
+               call([](TrackerProbe& t) { t.toggleSearch(true); })));
+  add(scenario("toggleSearch off while searching", tracking({"Face", "Head", "None", true}),
+               call([](TrackerProbe& t) { t.toggleSearch(false); })));
+
+  // One-shot commands. The frame conversion before the command passes its failure on.
+  add(scenario("lookAt head while tracking", tracking({"Face", "Head", "Arms", true}),
+               call([](TrackerProbe& t) {
+                 t.lookAt({1.0f, 0.3f, 0.2f}, KR::Math::FRAME_WORLD, 0.5f, false);
+               }))
+          .passesOn({"KRMotion.getTransform"}));
+  add(scenario("lookAt whole body while tracking", tracking({"Face", "Head", "None", true}),
+               call([](TrackerProbe& t) {
+                 t.lookAt({1.0f, 0.3f, 0.2f}, KR::Math::FRAME_WORLD, 2, 0.5f, true);
+               }))
+          .on("rover.xml")
+          .passesOn({"KRMotion.getRobotPosition"})
+          .readsEmptyAsZeros({"KRMotion.getRobotPosition"}));
+  add(scenario("lookAtAndMove behind, whole body", tracking({}), call([](TrackerProbe& t) {
+                 t.lookAtAndMove({-1.0f, 0.5f, 0.2f}, 0.5f, true, true);
+               }))
+          .passesOn({"KRMotion.getTransform"}));
+  add(scenario("lookAtAndMove behind, head only", tracking({}), call([](TrackerProbe& t) {
+                 t.lookAtAndMove({-1.0f, -0.5f, 0.2f}, 0.5f, false, true);
+               }))
+          .passesOn({"KRMotion.getTransform"}));
+  add(scenario("pointAt both arms while tracking", tracking({"Face", "Head", "Arms"}),
+               call([](TrackerProbe& t) {
+                 t.pointAt("Arms", {1.0f, 0.2f, 0.1f}, KR::Math::FRAME_ROBOT, 0.5f);
+               }))
+          .passesOn({"KRMotion.getTransform"}));
+  add(scenario("pointAt behind", idle(), call([](TrackerProbe& t) {
+                 t.pointAt("LArm", {-1.0f, 0.3f, 0.1f}, KR::Math::FRAME_TORSO, 0.5f);
+               }))
+          .passesOn({"KRMotion.getTransform"}));
+  add(scenario("pointAt on a robot that must be awake", tracking({"Face", "Head", "RArm"}),
+               call([](TrackerProbe& t) {
+                 t.pointAt("RArm", {1.0f, -0.2f, 0.1f}, KR::Math::FRAME_WORLD, 0.5f);
+               }))
+          .on("rover.xml")
+          .passesOn({"KRMotion.getTransform"}));
+  add(scenario("stopLookAt", idle(), call([](TrackerProbe& t) { t.stopLookAt(); })));
+  add(scenario("stopPointAt", idle(), call([](TrackerProbe& t) { t.stopPointAt(); })));
+  return all;
+}
+
+// Functions that the sub-modules call with a proxy to the motion service.
+std::vector<Scenario> toolScenarios() {
+  std::vector<Scenario> all;
+  auto add = [&all](Scenario s) { all.push_back(std::move(s)); };
+  const KR::Tracker::types::TrackInfos sentinel(KR::Math::Position6D(9, 9, 9, 0, 0, 0), 1, 2, 1,
+                                                3.0f, 0.5f);
+  auto convert = [sentinel](KRValue event) {
+    return [sentinel, event](Rig& rig) {
+      KR::Tracker::types::TrackInfos out = sentinel;
+      const bool ok =
+          tools::convertTrackerEventToTrackInfo(event, "faults", "evt", rig.motion(), out);
+      return KRValue{ok, out.toKRValue()};
+    };
+  };
+  // False, and the record it was given untouched.
+  const KRValue untouched{false, sentinel.toKRValue()};
+  add(scenario("convertTrackerEventToTrackInfo, world layout", idle(),
+               convert(KRValue{KRValue{1, 2, 0.5f, 0, 0, 0.1f}, KRValue{10, 500}, 0}))
+          .givesOnFailure(untouched)
+          .readsEmptyAsZeros({"KRMotion.getRobotPosition"}));
+  add(scenario("convertTrackerEventToTrackInfo, torso layout", idle(),
+               convert(KRValue{KRValue{1, 0, 0, 0, 0, 0}, KRValue{1, 0, 0, 0, 0, 0}, KRValue{3, 7},
+                               1, 0.1f}))
+          .givesOnFailure(untouched)
+          .readsEmptyAsZeros({"KRMotion.getPosition"}));
+  add(scenario("areAllResourcesTaken", idle(), [](Rig& rig) {
+        return KRValue(tools::areAllResourcesTaken(rig.motion(), {"HeadYaw", "LArm", "RArm"}));
+      }).givesOnFailure(KRValue(false)));
+  const KR::Math::Position3D p(1.0f, 0.5f, 0.2f);
+  for (KR::Math::FRAME frame :
+       {KR::Math::FRAME_WORLD, KR::Math::FRAME_ROBOT, KR::Math::FRAME_TORSO}) {
+    const std::string f = std::to_string(frame);
+    add(scenario("convertToTorsoFrame from " + f, idle(), [frame, p](Rig& rig) {
+          return KRValue(tools::convertToTorsoFrame(rig.motion(), p, frame).toVector());
+        }).passesOn({"KRMotion.getTransform"}));
+    add(scenario("convertTorsoFrameToDesiredFrame to " + f, idle(), [frame, p](Rig& rig) {
+          return KRValue(tools::convertTorsoFrameToDesiredFrame(rig.motion(), p, frame).toVector());
+        }).passesOn({"KRMotion.getTransform"}));
+    if (frame != KR::Math::FRAME_ROBOT) {  // the robot frame needs no remote call
+      add(scenario("convertToRobotFrame from " + f, idle(),
+                   [frame, p](Rig& rig) {
+                     return KRValue(tools::convertToRobotFrame(rig.motion(), p, frame).toVector());
+                   })
+              .passesOn({"KRMotion.getTransform", "KRMotion.getRobotPosition"})
+              .readsEmptyAsZeros({"KRMotion.getRobotPosition"}));
+    }
+  }
+  add(scenario("getWorldToTorsoTransform", idle(),
+               [](Rig& rig) {
+                 return KRValue(tools::getWorldToTorsoTransform(rig.motion()).toVector());
+               })
+          .passesOn({"KRMotion.getPosition"})
+          .readsEmptyAsZeros({"KRMotion.getPosition"}));
+  add(scenario("getWorldToRobotTransform", idle(),
+               [](Rig& rig) {
+                 return KRValue(tools::getWorldToRobotTransform(rig.motion()).toVector());
+               })
+          .passesOn({"KRMotion.getRobotPosition"})
+          .readsEmptyAsZeros({"KRMotion.getRobotPosition"}));
+  add(scenario("getSensorTransform", idle(), [](Rig& rig) {
+        const KR::KRTimePoint at(std::chrono::seconds(5));
+        return KRValue(tools::getSensorTransform(*rig.motion(), "CameraTop", at).toVector());
+      }).givesOnFailure(KRValue(KR::Math::Transform().toVector())));
+  for (bool wholeBody : {false, true}) {
+    add(scenario(std::string("tools::lookAt") + (wholeBody ? ", whole body" : ", head"), idle(),
+                 [wholeBody](Rig& rig) {
+                   tools::lookAt(rig.motion(), rig.t().fModel,
+                                 KR::Math::Position3D(1.0f, 0.2f, 0.4f), KR::Math::FRAME_WORLD,
+                                 KR::Model::TRACK_EFFECTOR_CAMERA_TOP, 0.5f, wholeBody);
+                   return KRValue();
+                 })
+            .passesOn({"KRMotion.getTransform", "KRMotion.getRobotPosition"})
+            .readsEmptyAsZeros({"KRMotion.getRobotPosition"}));
+  }
+  return all;
+}
+
+// Every remote method that the tracker and the tools call, by module.
+const std::vector<std::pair<std::string, std::vector<std::string>>> kCatalogue = {
+    {"KRRobotModel", {"getConfig"}},
+    {"_Smoother",
+     {"startEvent", "stopSmoother", "restart", "setTarget", "setTargetIds", "setMap",
+      "setMaxDistance", "setTimeOut", "getTimeOut", "_setMoveEvent", "_setMoveHysteresis",
+      "_getMoveHysteresis", "_raiseSearchEvent", "getPosition", "exit"}},
+    {"_KRTargetManager",
+     {"addTarget", "removeTarget", "removeTargets", "removeAllTargets", "isTargetManaged",
+      "setActiveTarget", "setActiveEvent", "getSupportedTargets", "getRegisteredTargets",
+      "getEventName", "getSecondEventName", "getTargetIds", "getActiveTargetPosition",
+      "setExtractorPeriod", "getExtractorPeriod", "start", "stopManager", "exit"}},
+    {"_RoundSearcher",
+     {"initialize", "startEvent", "stopSearcher", "setFractionMaxSpeed", "getFractionMaxSpeed",
+      "setUseWholeBodyLookAt", "exit"}},
+    {"_HeadLooker", {"start", "setImplParam", "stopLooker", "exit"}},
+    {"_WholeBodyLooker", {"start", "stopLooker", "exit"}},
+    {"_ArmsLooker", {"start", "setImplParam", "stopLooker", "exit"}},
+    {"_MotionMove", {"start", "stopMove", "setParam", "exit"}},
+    {"_NavigationMove", {"start", "stopMove", "stopWithoutStopMove", "setParam", "exit"}},
+    {"KRMotion",
+     {"robotIsWakeUp", "moveTo", "_lookAtWb", "_trackerWithSpeed", "_stopLookAt", "_stopPointAt",
+      "getTransform", "getRobotPosition", "_getSensorTransformAtTime", "getPosition",
+      "areResourcesAvailable"}},
+    {"KRMemory", {"raiseEvent"}},
+};
+
+TEST(FaultSweep, EveryRemoteCallOfEveryOperationFailsInEveryWay) {
+  std::vector<Scenario> scenarios = trackerScenarios();
+  for (Scenario& s : toolScenarios()) {
+    scenarios.push_back(std::move(s));
+  }
+
+  // Which methods answer a value that their caller reads: a wrong or empty answer to any
+  // other is dropped unread.
+  std::set<std::string> typedMethods;
+  ko::log::ScopedCapture quiet;
+  for (const Scenario& s : scenarios) {
+    Rig rig(s.robot);
+    if (s.setup) {
+      s.setup(rig);
+    }
+    try {
+      s.op(rig);
+    } catch (const std::exception&) {
+    }
+    const std::set<std::string> typed = rig.plan->typedMethods();
+    typedMethods.insert(typed.begin(), typed.end());
+  }
+
+  krtest::FaultTally tally;
+  std::size_t runs = 0;
+  for (const Scenario& s : scenarios) {
+    runs += sweep(s, typedMethods, tally);
+  }
+
+  std::printf("Fault sweep: %zu operations, %zu faulted runs, %zu injections\n%s", scenarios.size(),
+              runs, tally.total(), tally.table().c_str());
+  std::set<std::string> catalogue;
+  for (const auto& module : kCatalogue) {
+    for (const std::string& method : module.second) {
+      catalogue.insert(module.first + "." + method);
+    }
+  }
+  for (const std::string& method : catalogue) {
+    for (Fault fault : krtest::allFaults()) {
+      EXPECT_GT(tally.count(method, fault), 0u)
+          << method << " never failed with " << krtest::faultName(fault);
+    }
+  }
+  // The tracker calls nothing outside the catalogue.
+  for (const std::string& method : tally.methods()) {
+    EXPECT_EQ(catalogue.count(method), 1u) << method << " is not in the catalogue";
+  }
+}
+
+}  // namespace
