@@ -1,0 +1,163 @@
+// The smoother: lost and detected events with the time-out, the maximum distance, the
+// search event, what it publishes for the movers, the landmarks' robot position.
+
+#include <kr/error.h>
+#include <kr/target/targets.h>
+#include <krsim/modules/smoother.h>
+#include <krtracker/tools/namer/namer.h>
+#include <krtracker/types/types/trackinfos.h>
+
+#include "sim/modules_fixture.h"
+
+namespace {
+
+using KR::KRValue;
+using KR::Math::Position3D;
+using KR::Sim::Smoother;
+using KR::Tracker::Namer;
+namespace Target = KR::Tracker::Target;
+
+class SmootherTest : public krtest::ModulesTest {
+ protected:
+  void SetUp() override { build(); }
+  std::shared_ptr<Smoother> smoother() { return module<Smoother>("_Smoother"); }
+};
+
+TEST_F(SmootherTest, RaisesLostOnceAfterTheTimeOutAndDetectedWhenTheTargetIsBack) {
+  addTarget("ball", Target::TargetRedBall, {1.0f, 0.1f, 0.45f}, {{2.0, 5.0}});
+  track(Target::TargetRedBall);
+  sim->callTracker("setTimeOut", 1000);
+  sim->runUntil(4.9);
+  const auto lost = eventTimes(Namer::getNameLost());
+  ASSERT_EQ(lost.size(), 1u);
+  // The last observation before 2 s, then one second without any.
+  EXPECT_NEAR(lost[0], 3.0, 0.06);
+  EXPECT_TRUE(smoother()->isTargetLost());
+  EXPECT_EQ(events(Namer::getNameDetected()), 0u);
+  // No target for the lookers while lost.
+  const std::size_t lookerEvents = events(Namer::getNameLooker());
+  sim->runUntil(4.99);
+  EXPECT_EQ(events(Namer::getNameLooker()), lookerEvents);
+
+  sim->runUntil(5.5);
+  const auto detected = eventTimes(Namer::getNameDetected());
+  ASSERT_EQ(detected.size(), 1u);
+  EXPECT_NEAR(detected[0], 5.0, 0.06);
+  EXPECT_EQ(events(Namer::getNameLost()), 1u);
+  EXPECT_FALSE(smoother()->isTargetLost());
+}
+
+TEST_F(SmootherTest, ATargetNeverSeenIsLostOneTimeOutAfterTheStart) {
+  addTarget("ball", Target::TargetRedBall, {-2.0f, 0.0f, 0.45f});  // behind the robot
+  track(Target::TargetRedBall);
+  sim->callTracker("setTimeOut", 500);
+  sim->runUntil(2.0);
+  const auto lost = eventTimes(Namer::getNameLost());
+  ASSERT_EQ(lost.size(), 1u);
+  EXPECT_NEAR(lost[0], 0.5, 0.02);
+}
+
+TEST_F(SmootherTest, ObservationsBeyondTheMaximumDistanceAreDropped) {
+  addTarget("ball", Target::TargetRedBall, {1.5f, 0.0f, 0.45f});
+  track(Target::TargetRedBall);
+  sim->callTracker("setMaximumDistanceDetection", 1.0f);
+  sim->callTracker("setTimeOut", 300);
+  sim->runUntil(1.0);
+  EXPECT_EQ(smoother()->getMaxDistance(), 1.0f);
+  EXPECT_EQ(events(Namer::getNameLooker()), 0u);
+  EXPECT_EQ(events(Namer::getNameLost()), 1u);
+}
+
+TEST_F(SmootherTest, TheSearchEventIsRaisedAgainOnlyWhileTheTargetIsLost) {
+  addTarget("ball", Target::TargetRedBall, {1.0f, 0.0f, 0.45f}, {{1.0, 10.0}});
+  track(Target::TargetRedBall);
+  sim->callTracker("setTimeOut", 500);
+  sim->runUntil(0.5);
+  smoother()->raiseSearchEvent();
+  EXPECT_EQ(events(Namer::getNameLost()), 0u);
+  sim->runUntil(2.0);
+  ASSERT_EQ(events(Namer::getNameLost()), 1u);
+  sim->broker().getProxy("_Smoother")->call("_raiseSearchEvent");
+  EXPECT_EQ(events(Namer::getNameLost()), 2u);
+}
+
+TEST_F(SmootherTest, MoversGetTheTargetWhenItHasMovedByTheHysteresisAndWhenItStops) {
+  // From 1 s to 3 s the ball rolls 0.3 m to the left at 0.15 m/s, then stays.
+  KR::Sim::TargetSpec ball;
+  ball.name = "ball";
+  ball.kind = Target::TargetRedBall;
+  ball.path = KR::Sim::Path({{1.0, {1.2f, 0.0f, 0.45f}}, {3.0, {1.2f, 0.3f, 0.45f}}});
+  sim->world().addTarget(ball);
+  track(Target::TargetRedBall);
+  sim->callTracker("setRelativePosition", KRValue{0.5f, 0.0f, 0.0f, 0.1f, 0.1f, 0.2f});
+  std::vector<KRValue> moves;
+  sim->memory().subscribe(Namer::getNameMove(),
+                          [&](const std::string&, const KRValue& v) { moves.push_back(v); });
+  sim->runUntil(1.0);
+  ASSERT_EQ(moves.size(), 1u);  // the first sample, then nothing while it stands still
+  EXPECT_EQ(moves[0][1], (KRValue{0.5f, 0.0f, 0.0f, 0.1f, 0.1f, 0.2f}));
+  sim->runUntil(5.0);
+  // Three steps of 0.1 m at most, and one more where it came to rest.
+  ASSERT_GE(moves.size(), 3u);
+  ASSERT_LE(moves.size(), 5u);
+  for (std::size_t i = 2; i + 1 < moves.size(); ++i) {  // the last one: where it rests
+    const float y = KR::Tracker::types::TrackInfos(moves[i][0]).getWorldToObject3D().y;
+    const float before = KR::Tracker::types::TrackInfos(moves[i - 1][0]).getWorldToObject3D().y;
+    EXPECT_GT(y, before);
+  }
+  const KRValue& last = moves.back();
+  EXPECT_NEAR(KR::Tracker::types::TrackInfos(last[0]).getWorldToObject3D().y, 0.3f, 0.02f);
+  EXPECT_LT(std::hypot(last[2][0].asFloat(), last[2][1].asFloat()), Smoother::kRestSpeed);
+}
+
+TEST_F(SmootherTest, LandmarksGiveTheRobotPoseInTheMapDespiteOdometryDrift) {
+  build("kibo.xml", {0.7f, -0.4f, 0.5f});
+  sim->motion().setOdometryDrift(0.08f, 0.05f);
+  addTarget("mark0", Target::TargetLandMarks, {2.2f, 0.8f, 0.4f});
+  addTarget("mark1", Target::TargetLandMarks, {1.8f, 1.6f, 0.4f});
+  track(Target::TargetLandMarks);
+  EXPECT_EQ(smoother()->getPosition(), KRValue());  // no map yet
+  sim->callTracker("setTargetCoordinates",
+                   KRValue{KRValue{2.2f, 0.8f, 0.4f}, KRValue{1.8f, 1.6f, 0.4f}});
+  sim->callTracker("stop");  // the coordinates reach the smoother when tracking starts
+  sim->callTracker("track", std::string(Target::TargetLandMarks));
+  // Walk a little so that odometry departs from the truth.
+  sim->motion().move(0.05f, 0.0f, 0.1f);
+  sim->runFor(3.0);
+  sim->motion().stopMove();
+  sim->runFor(0.5);
+  const auto position = sim->callTracker<std::vector<float>>("getRobotPosition");
+  ASSERT_EQ(position.size(), 6u);
+  const auto truth = sim->motion().getTruePose();
+  const auto odometry = sim->motion().getOdometryPose();
+  EXPECT_GT(std::hypot(odometry.x - truth.x, odometry.y - truth.y), 0.5);
+  EXPECT_NEAR(position[0], truth.x, 0.02);
+  EXPECT_NEAR(position[1], truth.y, 0.02);
+  EXPECT_NEAR(KR::Math::modulo2PI(position[5] - truth.theta), 0.0, 0.02);
+}
+
+TEST_F(SmootherTest, RefusesBadSettings) {
+  auto proxy = sim->broker().getProxy("_Smoother");
+  const std::vector<std::pair<std::string, std::vector<KRValue>>> cases{
+      {"setTimeOut", {0}},
+      {"setMaxDistance", {-1.0f}},
+      {"_setMoveHysteresis", {KRValue{0.1f, 0.1f}}},
+      {"_setMoveHysteresis", {KRValue{0.1f, -0.1f, 0.0f}}},
+      {"setTarget", {KRValue{1.0f, 0.0f}}},
+      {"setTarget", {KRValue{1.0f, "x", 0.0f}}},
+      {"setMap", {KRValue{KRValue{50, KRValue{1.0f}}}}},
+      {"setMap", {KRValue{KRValue{"50", KRValue{1.0f, 2.0f}}}}},
+      {"startEvent", {}},
+      {"startEvent", {"a", "b", "c"}},
+      {"restart", {""}},
+  };
+  for (const auto& c : cases) {
+    EXPECT_THROW(proxy->callValues(c.first, c.second), KR::KRError) << c.first;
+  }
+  EXPECT_EQ(proxy->call<int>("getTimeOut"), 3000);
+  EXPECT_EQ(proxy->call<std::vector<float>>("_getMoveHysteresis"),
+            (std::vector<float>{0.1f, 0.1f, 0.02f}));
+  EXPECT_FALSE(smoother()->isRunning());
+}
+
+}  // namespace
