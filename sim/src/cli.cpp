@@ -12,6 +12,7 @@
 #include <ctime>
 #include <fstream>
 #include <iomanip>
+#include <limits>
 #include <ostream>
 #include <sstream>
 #include <stdexcept>
@@ -75,7 +76,9 @@ double parseNumber(const std::string& option, const std::string& text) {
   char* end = nullptr;
   errno = 0;
   const double v = std::strtod(text.c_str(), &end);
-  if (text.empty() || *end != '\0' || errno != 0 || !std::isfinite(v)) {
+  // The numbers end up in floats: one beyond their range would not convert.
+  if (text.empty() || *end != '\0' || errno != 0 || !std::isfinite(v) ||
+      std::fabs(v) > std::numeric_limits<float>::max()) {
     throw UsageError(option + " expects a number, not '" + text + "'");
   }
   return v;
