@@ -3,12 +3,18 @@
 // that the smoother hands to the lookers and movers, the per-kind head thresholds, safe reads
 // of the configuration switches, and a subscription that keeps the latest target sample.
 //
+// Threads: each sub-module keeps its state behind one mutex of its own. Remote methods arrive
+// on the callers' threads, update() and the KRMemory callbacks on the simulation's. No module
+// raises an event while holding its mutex; motion requests may be made under it, since
+// KRMotion never calls back into a sub-module.
+//
 // Payloads raised by the smoother in KRMemory:
 //   Namer::getNameLooker()  TrackInfos KRValue form: the smoothed target (FRAME_WORLD), raised
 //                           every step while the target is followed and not lost.
 //   Namer::getNameMove()    [TrackInfos KRValue, relative position (6 floats),
 //                            target velocity [vx, vy, vz] (FRAME_WORLD, m/s)], raised when the
-//                           target has moved by more than the move hysteresis.
+//                           target has moved by more than the move hysteresis, and once more
+//                           when it comes to rest.
 
 #include <chrono>
 #include <functional>

@@ -2,9 +2,9 @@
 // RoundSearcher: the sub-module "_RoundSearcher". Once started ("startEvent"), it waits for
 // the smoother's "KRTracker/TargetLost". Then it searches until "KRTracker/TargetDetected"
 // (or "KRTracker/StopSearch") arrives:
-//  - head only: the head sweeps five yaw positions across its range, pausing at each, then
-//    returns to the front while the robot turns half a round ("moveTo"); the next sweep runs
-//    the other way, and each full round looks at another height;
+//  - head only: the head sweeps five yaw positions across its range, from the right to the
+//    left, pausing at each, then returns to the front while the robot turns half a round to
+//    the left ("moveTo"); each full round looks at another height;
 //  - whole body ("setUseWholeBodyLookAt"(true)): the gaze steps round the robot with
 //    "_lookAtWb", the base turning with it.
 // Head moves run at the fraction of the joints' velocity limits set by "setFractionMaxSpeed".
