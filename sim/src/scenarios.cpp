@@ -110,13 +110,13 @@ std::string pick(const std::string& option, const std::string& fallback) {
   return option.empty() ? fallback : option;
 }
 
-TargetSpec target(const std::string& name, const std::string& kind, Path path, Layout layout) {
-  TargetSpec spec;
-  spec.name = name;
-  spec.kind = kind;
-  spec.path = std::move(path);
-  spec.layout = layout;
-  return spec;
+TargetScript target(const std::string& name, const std::string& kind, Path path, Layout layout) {
+  TargetScript script;
+  script.name = name;
+  script.kind = kind;
+  script.path = std::move(path);
+  script.layout = layout;
+  return script;
 }
 
 // ---- the scenarios ---------------------------------------------------------------------
@@ -173,14 +173,14 @@ Scenario faceScenario(const ScenarioOptions& o) {
   s.name = "face";
   s.robotFile = resolveRobotFile("kibo");
   s.duration = 30.0;
-  TargetSpec ann = target("Ann", Target::TargetFace,
+  TargetScript ann = target("Ann", Target::TargetFace,
                           polarPath({{0.0, 0.3f, 1.4f, 0.8f},
                                      {8.0, -0.2f, 1.3f, 0.8f},
                                      {12.0, 0.4f, 1.5f, 0.8f},
                                      {16.0, 1.2f, 3.5f, 0.8f},
                                      {30.0, 1.2f, 4.0f, 0.8f}}),
                           Layout::Torso);
-  TargetSpec bob = target(
+  TargetScript bob = target(
       "Bob", Target::TargetFace,
       polarPath(
           {{0.0, -0.6f, 2.2f, 0.85f}, {20.0, -0.9f, 2.0f, 0.85f}, {30.0, -0.3f, 2.1f, 0.85f}}),

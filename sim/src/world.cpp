@@ -97,34 +97,34 @@ World::World(std::shared_ptr<const SimClock> clock, std::shared_ptr<SimMemory> m
       fMotion(std::move(motion)),
       fRandom(seed) {}
 
-void World::addTarget(TargetSpec spec) {
+void World::addTarget(TargetScript script) {
   std::lock_guard<std::mutex> lock(fMutex);
   for (const auto& t : fTargets) {
-    if (t.spec.name == spec.name) {
-      throw KRError("World", "addTarget", "a target is already named " + spec.name);
+    if (t.script.name == script.name) {
+      throw KRError("World", "addTarget", "a target is already named " + script.name);
     }
   }
   Target target;
-  target.state.name = spec.name;
-  target.state.kind = spec.kind;
-  target.state.position = spec.path.at(fClock->seconds());
-  target.spec = std::move(spec);
+  target.state.name = script.name;
+  target.state.kind = script.kind;
+  target.state.position = script.path.at(fClock->seconds());
+  target.script = std::move(script);
   fTargets.push_back(std::move(target));
 }
 
-std::vector<TargetSpec> World::targets() const {
+std::vector<TargetScript> World::targets() const {
   std::lock_guard<std::mutex> lock(fMutex);
-  std::vector<TargetSpec> out;
+  std::vector<TargetScript> out;
   for (const auto& t : fTargets)
-    out.push_back(t.spec);
+    out.push_back(t.script);
   return out;
 }
 
 Math::Position3D World::targetPosition(const std::string& name, double time) const {
   std::lock_guard<std::mutex> lock(fMutex);
   for (const auto& t : fTargets) {
-    if (t.spec.name == name)
-      return t.spec.path.at(time);
+    if (t.script.name == name)
+      return t.script.path.at(time);
   }
   throw KRError("World", "targetPosition", "no target named " + name);
 }
@@ -140,7 +140,7 @@ std::vector<TargetState> World::states() const {
 TargetState World::state(const std::string& name) const {
   std::lock_guard<std::mutex> lock(fMutex);
   for (const auto& t : fTargets) {
-    if (t.spec.name == name)
+    if (t.script.name == name)
       return t.state;
   }
   throw KRError("World", "state", "no target named " + name);
@@ -210,8 +210,8 @@ std::vector<std::string> World::kinds() const {
   std::lock_guard<std::mutex> lock(fMutex);
   std::vector<std::string> out;
   for (const auto& t : fTargets) {
-    if (std::find(out.begin(), out.end(), t.spec.kind) == out.end())
-      out.push_back(t.spec.kind);
+    if (std::find(out.begin(), out.end(), t.script.kind) == out.end())
+      out.push_back(t.script.kind);
   }
   return out;
 }
@@ -239,7 +239,7 @@ KRValue World::xMakeEvent(const Target& target, KRTimePoint now) {
   SimClock::split(now, sec, usec);
   const KRValue stamp{KRValue(sec), KRValue(usec)};
   KRValue::Array event;
-  if (target.spec.layout == Layout::World) {
+  if (target.script.layout == Layout::World) {
     const Math::Transform worldToObject = Math::pinv(fMotion->getMapToOdometry()) * mapToObject;
     event.push_back(KRValue(Math::position6DFromTransform(worldToObject).toVector()));
   } else {
@@ -252,8 +252,8 @@ KRValue World::xMakeEvent(const Target& target, KRTimePoint now) {
   }
   event.push_back(stamp);
   event.push_back(KRValue(fEffector));
-  if (target.spec.headThreshold >= 0.0f)
-    event.push_back(KRValue(target.spec.headThreshold));
+  if (target.script.headThreshold >= 0.0f)
+    event.push_back(KRValue(target.script.headThreshold));
   return KRValue(std::move(event));
 }
 
@@ -269,17 +269,17 @@ void World::update() {
     const Math::Position3D cameraPosition = Math::position3DFromTransform(mapToCamera);
     for (auto& target : fTargets) {
       TargetState& s = target.state;
-      s.position = target.spec.path.at(t);
-      if (target.spec.heard) {
+      s.position = target.script.path.at(t);
+      if (target.script.heard) {
         const float range =
-            target.spec.maxRange > 0.0f ? target.spec.maxRange : kDefaultHearingRange;
+            target.script.maxRange > 0.0f ? target.script.maxRange : kDefaultHearingRange;
         s.inFieldOfView = Math::distance(s.position, cameraPosition) <= range;
       } else {
         const float range =
-            target.spec.maxRange > 0.0f ? target.spec.maxRange : robot.getCameraRange();
+            target.script.maxRange > 0.0f ? target.script.maxRange : robot.getCameraRange();
         s.inFieldOfView = inCameraView(cameraToMap * s.position, robot, range);
       }
-      const bool hidden = std::any_of(target.spec.hidden.begin(), target.spec.hidden.end(),
+      const bool hidden = std::any_of(target.script.hidden.begin(), target.script.hidden.end(),
                                       [t](const TimeInterval& i) { return i.contains(t); });
       s.perceived = s.inFieldOfView && !hidden;
     }
@@ -300,7 +300,7 @@ void World::update() {
       if (kind == "LandMarks") {
         std::size_t index = 0;
         for (const auto& target : fTargets) {
-          if (target.spec.kind != kind)
+          if (target.script.kind != kind)
             continue;
           if (index < pub.eventNames.size() && target.state.perceived) {
             events.emplace_back(pub.eventNames[index], xMakeEvent(target, now));
@@ -312,7 +312,7 @@ void World::update() {
       const Target* nearest = nullptr;
       float best = std::numeric_limits<float>::max();
       for (const auto& target : fTargets) {
-        if (target.spec.kind != kind || !target.state.perceived)
+        if (target.script.kind != kind || !target.state.perceived)
           continue;
         const float d = Math::distance(target.state.position, cameraPosition);
         if (d < best) {

@@ -47,13 +47,13 @@ class ModulesTest : public ::testing::Test {
   void addTarget(const std::string& name, const std::string& kind, KR::Math::Position3D at,
                  std::vector<KR::Sim::TimeInterval> hidden = {},
                  KR::Sim::Layout layout = KR::Sim::Layout::Torso) {
-    KR::Sim::TargetSpec spec;
-    spec.name = name;
-    spec.kind = kind;
-    spec.path = KR::Sim::Path::fixed(at);
-    spec.hidden = std::move(hidden);
-    spec.layout = layout;
-    sim->world().addTarget(spec);
+    KR::Sim::TargetScript script;
+    script.name = name;
+    script.kind = kind;
+    script.path = KR::Sim::Path::fixed(at);
+    script.hidden = std::move(hidden);
+    script.layout = layout;
+    sim->world().addTarget(script);
   }
 
   /// Registers a kind of target with the tracker and tracks it.

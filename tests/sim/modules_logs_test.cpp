@@ -90,7 +90,7 @@ TEST_F(ConfigurationTest, EachLogSwitchWritesTheCommandsOfItsModules) {
 TEST_F(ConfigurationTest, TheLookersGetTheHeadThresholdOfTheTargetsKindUnlessTheEventHasOne) {
   build();
   addTarget("ann", Target::TargetFace, {1.2f, 0.0f, 0.6f});
-  KR::Sim::TargetSpec ball;
+  KR::Sim::TargetScript ball;
   ball.name = "ball";
   ball.kind = Target::TargetRedBall;
   ball.path = KR::Sim::Path::fixed({1.0f, 0.2f, 0.5f});

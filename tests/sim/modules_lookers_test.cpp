@@ -104,7 +104,7 @@ TEST_F(LookersTest, NothingIsSentOnceTheLookersAreStopped) {
 
 TEST_F(LookersTest, TheWholeBodyLookerTurnsTheBaseTowardATargetToTheSide) {
   // Seen ahead, then walking round to the robot's left.
-  KR::Sim::TargetSpec ball;
+  KR::Sim::TargetScript ball;
   ball.name = "ball";
   ball.kind = Target::TargetRedBall;
   ball.path = KR::Sim::Path::orbit({0.0f, 0.0f, 0.0f}, 1.5f, 0.5f, 0.2f, 0.5f, 0.5, 3.3);
@@ -154,7 +154,7 @@ TEST_F(LookersTest, ArmsAreWithinReachWhenTheyCanPointAtTheTarget) {
 }
 
 TEST_F(LookersTest, BothArmsPointAtATargetWithinReachAndGoBackToRestOutsideIt) {
-  KR::Sim::TargetSpec ball;
+  KR::Sim::TargetScript ball;
   ball.name = "ball";
   ball.kind = Target::TargetRedBall;
   ball.path = KR::Sim::Path(

@@ -83,7 +83,7 @@ TEST_F(SmootherTest, TheSearchEventIsRaisedAgainOnlyWhileTheTargetIsLost) {
 
 TEST_F(SmootherTest, MoversGetTheTargetWhenItHasMovedByTheHysteresisAndWhenItStops) {
   // From 1 s to 3 s the ball rolls 0.3 m to the left at 0.15 m/s, then stays.
-  KR::Sim::TargetSpec ball;
+  KR::Sim::TargetScript ball;
   ball.name = "ball";
   ball.kind = Target::TargetRedBall;
   ball.path = KR::Sim::Path({{1.0, {1.2f, 0.0f, 0.45f}}, {3.0, {1.2f, 0.3f, 0.45f}}});

@@ -25,7 +25,7 @@ class RunTest : public ::testing::Test {
     s.name = "measure";
     s.robotFile = KR::Sim::resolveRobotFile("kibo");
     s.duration = 3.0;
-    KR::Sim::TargetSpec ball;
+    KR::Sim::TargetScript ball;
     ball.name = "ball";
     ball.kind = "RedBall";
     ball.path = KR::Sim::Path::fixed(kBall);

@@ -22,7 +22,7 @@ using KR::Sim::Path;
 using KR::Sim::SimClock;
 using KR::Sim::SimMemory;
 using KR::Sim::SimMotion;
-using KR::Sim::TargetSpec;
+using KR::Sim::TargetScript;
 using KR::Sim::World;
 
 TEST(PathTest, InterpolatesBetweenKeyframesAndHoldsOutside) {
@@ -82,13 +82,13 @@ class WorldTest : public ::testing::Test {
     const auto camera = motion->getMapToHeadEffector(0);
     return camera * Position3D(d, 0, 0);
   }
-  TargetSpec ball(const Path& path, Layout layout = Layout::Torso) {
-    TargetSpec spec;
-    spec.name = "ball";
-    spec.kind = "RedBall";
-    spec.path = path;
-    spec.layout = layout;
-    return spec;
+  TargetScript ball(const Path& path, Layout layout = Layout::Torso) {
+    TargetScript script;
+    script.name = "ball";
+    script.kind = "RedBall";
+    script.path = path;
+    script.layout = layout;
+    return script;
   }
 
   std::shared_ptr<SimClock> clock = std::make_shared<SimClock>();
@@ -119,9 +119,9 @@ TEST_F(WorldTest, ATargetIsPerceivedInsideTheCameraConeAndRangeUnlessHidden) {
     EXPECT_EQ(world->isInFieldOfView(camera * c.local, robot->getCameraRange()), c.inView)
         << c.what;
   }
-  TargetSpec spec = ball(Path::fixed(camera * Position3D(1.5f, 0, 0)));
-  spec.hidden = {{1.0, 2.0}};
-  world->addTarget(spec);
+  TargetScript script = ball(Path::fixed(camera * Position3D(1.5f, 0, 0)));
+  script.hidden = {{1.0, 2.0}};
+  world->addTarget(script);
   run(0.5);
   EXPECT_TRUE(world->state("ball").perceived);
   run(1.0);
@@ -159,9 +159,9 @@ TEST_F(WorldTest, BothLayoutsConvertBackToTheTargetInTheOdometryFrame) {
   for (Layout layout : {Layout::World, Layout::Torso}) {
     world->stopPublishingAll();
     World fresh(clock, memory, motion, 7);
-    TargetSpec spec = ball(Path::fixed(target), layout);
-    spec.headThreshold = 0.25f;
-    fresh.addTarget(spec);
+    TargetScript script = ball(Path::fixed(target), layout);
+    script.headThreshold = 0.25f;
+    fresh.addTarget(script);
     fresh.startPublishing("RedBall", {"Obs"});
     KRValue event;
     const int id =
@@ -186,16 +186,16 @@ TEST_F(WorldTest, BothLayoutsConvertBackToTheTargetInTheOdometryFrame) {
 }
 
 TEST_F(WorldTest, TheNearestTargetOfAKindIsPublishedAndLandmarksGoToTheirOwnEvents) {
-  TargetSpec near = ball(Path::fixed(ahead(0.8f)), Layout::World);
+  TargetScript near = ball(Path::fixed(ahead(0.8f)), Layout::World);
   near.name = "near face";
   near.kind = "Face";
-  TargetSpec far = near;
+  TargetScript far = near;
   far.name = "far face";
   far.path = Path::fixed(ahead(1.6f));
   world->addTarget(far);
   world->addTarget(near);
   for (int i = 0; i < 2; ++i) {
-    TargetSpec mark = far;
+    TargetScript mark = far;
     mark.kind = "LandMarks";
     mark.name = "landmark " + std::to_string(i);
     mark.path = Path::fixed(ahead(1.0f + static_cast<float>(i)));

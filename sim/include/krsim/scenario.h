@@ -58,7 +58,7 @@ struct Scenario {
   float odometryDriftLinear = 0.0f;
   float odometryDriftAngular = 0.0f;
   double duration = 60.0;  // [s]
-  std::vector<TargetSpec> targets;
+  std::vector<TargetScript> targets;
   std::vector<Action> actions;  // in time order
   std::vector<Phase> phases;    // in time order
 };

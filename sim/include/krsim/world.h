@@ -71,7 +71,7 @@ struct TimeInterval {
 
 enum class Layout { World, Torso };
 
-struct TargetSpec {
+struct TargetScript {
   std::string name;  // unique in the world, e.g. "ball"
   std::string kind;  // "RedBall", "Face", "People", "Sound" or "LandMarks"
   Path path;
@@ -99,8 +99,8 @@ class World {
   World(std::shared_ptr<const SimClock> clock, std::shared_ptr<SimMemory> memory,
         std::shared_ptr<SimMotion> motion, std::uint32_t seed);
 
-  void addTarget(TargetSpec spec);
-  std::vector<TargetSpec> targets() const;
+  void addTarget(TargetScript script);
+  std::vector<TargetScript> targets() const;
   /// Position of a target in the map frame at a time [s]; KRError for an unknown name.
   Math::Position3D targetPosition(const std::string& name, double time) const;
   /// States at the last update, in the order of addTarget.
@@ -134,7 +134,7 @@ class World {
 
  private:
   struct Target {
-    TargetSpec spec;
+    TargetScript script;
     TargetState state;
   };
   struct Publication {
