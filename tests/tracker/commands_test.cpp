@@ -18,6 +18,9 @@ namespace {
 
 using ko::log::Level;
 using KR::KRValue;
+using KR::Math::FRAME_ROBOT;
+using KR::Math::FRAME_TORSO;
+using KR::Math::FRAME_WORLD;
 using KR::Math::Position3D;
 namespace tools = KR::Tracker::tools;
 
@@ -43,9 +46,8 @@ std::string moveToCall(float bodyAngle, bool posted) {
 
 std::vector<std::string> concat(std::vector<std::vector<std::string>> parts) {
   std::vector<std::string> out;
-  for (auto& part : parts) {
+  for (auto& part : parts)
     out.insert(out.end(), part.begin(), part.end());
-  }
   return out;
 }
 
@@ -78,9 +80,8 @@ class CommandsTest : public krtest::TrackerTest {
       const Position3D& p, const std::vector<const KR::Model::TrackerArm*>& arms) {
     std::vector<std::string> names;
     std::vector<float> angles;
-    for (const KR::Model::TrackerArm* arm : arms) {
+    for (const KR::Model::TrackerArm* arm : arms)
       tools::computePointAtAngles(p, *arm, names, angles);
-    }
     return {names, angles};
   }
   std::vector<std::string> takeAfterPosted() {
@@ -92,64 +93,51 @@ class CommandsTest : public krtest::TrackerTest {
 // ---- validation --------------------------------------------------------------------------------
 
 TEST_F(CommandsTest, InvalidArgumentsAreRefusedBeforeAnyRemoteCall) {
-  const std::string prefix = "KRTracker.GenericTracker::";
   struct Case {
     const char* what;
     std::function<void()> command;
     std::string message;
   };
-  const std::vector<float> ok{1.0f, 0.0f, 0.3f};
+  const std::vector<float> ok{1.0f, 0.0f, 0.3f}, one{1}, two{1, 2}, four{1, 2, 3, 4};
   const std::vector<Case> cases = {
-      {"2 values",
-       [&] {
-         tracker->lookAt({1, 2}, KR::Math::FRAME_TORSO, 0.5f, false);
-       },
-       prefix + "lookAt: Position is not valid. Must be [x, y, z]."},
-      {"4 values, effector form",
-       [&] {
-         tracker->lookAt({1, 2, 3, 4}, KR::Math::FRAME_TORSO, 0, 0.5f, false);
-       },
-       prefix + "lookAt: Position is not valid. Must be [x, y, z]."},
-      {"effector 3", [&] { tracker->lookAt(ok, KR::Math::FRAME_TORSO, 3, 0.5f, false); },
-       prefix + "lookAt: EffectorId is not valid."},
-      {"effector -1", [&] { tracker->lookAt(ok, KR::Math::FRAME_TORSO, -1, 0.5f, true); },
-       prefix + "lookAt: EffectorId is not valid."},
-      {"fraction 0", [&] { tracker->lookAt(ok, KR::Math::FRAME_TORSO, 0.0f, false); },
-       prefix + "lookAt: Expected a fraction for pFractionMaxSpeed."},
-      {"fraction above 1", [&] { tracker->lookAt(ok, KR::Math::FRAME_WORLD, 2, 1.5f, true); },
-       prefix + "lookAt: Expected a fraction for pFractionMaxSpeed."},
-      {"lookAtAndMove 1 value", [&] { tracker->lookAtAndMove({1}, 0.5f, false, true); },
-       prefix + "lookAt: Position is not valid. Must be [x, y, z] in FRAME_TORSO."},
+      {"2 values", [&] { tracker->lookAt(two, FRAME_TORSO, 0.5f, false); },
+       "lookAt: Position is not valid. Must be [x, y, z]."},
+      {"4 values, effector form", [&] { tracker->lookAt(four, FRAME_TORSO, 0, 0.5f, false); },
+       "lookAt: Position is not valid. Must be [x, y, z]."},
+      {"effector 3", [&] { tracker->lookAt(ok, FRAME_TORSO, 3, 0.5f, false); },
+       "lookAt: EffectorId is not valid."},
+      {"effector -1", [&] { tracker->lookAt(ok, FRAME_TORSO, -1, 0.5f, true); },
+       "lookAt: EffectorId is not valid."},
+      {"fraction 0", [&] { tracker->lookAt(ok, FRAME_TORSO, 0.0f, false); },
+       "lookAt: Expected a fraction for pFractionMaxSpeed."},
+      {"fraction above 1", [&] { tracker->lookAt(ok, FRAME_WORLD, 2, 1.5f, true); },
+       "lookAt: Expected a fraction for pFractionMaxSpeed."},
+      {"lookAtAndMove 1 value", [&] { tracker->lookAtAndMove(one, 0.5f, false, true); },
+       "lookAt: Position is not valid. Must be [x, y, z] in FRAME_TORSO."},
       {"lookAtAndMove fraction", [&] { tracker->lookAtAndMove(ok, -1.0f, false, true); },
-       prefix + "lookAt: Expected a fraction for pFractionMaxSpeed."},
-      {"pointAt 2 values",
+       "lookAt: Expected a fraction for pFractionMaxSpeed."},
+      {"pointAt 2 values", [&] { tracker->pointAt("LArm", two, FRAME_TORSO, 0.5f); },
+       "pointAt: Position is not valid could be [x, y, z] in FRAME_TORSO."},
+      {"pointAt fraction", [&] { tracker->pointAt("Arms", ok, FRAME_TORSO, 0.0f); },
+       "pointAt: Expected a fraction for pFractionMaxSpeed."},
+      {"robot cannot point",
        [&] {
-         tracker->pointAt("LArm", {1, 2}, KR::Math::FRAME_TORSO, 0.5f);
+         tracker->fCanPointAt = false;
+         tracker->pointAt("LArm", ok, FRAME_TORSO, 0.5f);
        },
-       prefix + "pointAt: Position is not valid could be [x, y, z] in FRAME_TORSO."},
-      {"pointAt fraction", [&] { tracker->pointAt("Arms", ok, KR::Math::FRAME_TORSO, 0.0f); },
-       prefix + "pointAt: Expected a fraction for pFractionMaxSpeed."},
+       "pointAt: is not possible with this robot."},
   };
+  // An unknown arm is refused too.
+  EXPECT_THROW(tracker->pointAt("Head", ok, FRAME_TORSO, 0.5f), std::runtime_error);
   for (const Case& c : cases) {
     try {
       c.command();
       ADD_FAILURE() << c.what << ": no error";
     } catch (const std::runtime_error& e) {
-      EXPECT_EQ(e.what(), c.message) << c.what;
+      EXPECT_EQ(e.what(), "KRTracker.GenericTracker::" + c.message) << c.what;
     }
     EXPECT_TRUE(take().empty()) << c.what;
   }
-
-  // An unknown arm is refused by the effector check, a robot that cannot point by this one.
-  EXPECT_THROW(tracker->pointAt("Head", ok, KR::Math::FRAME_TORSO, 0.5f), std::runtime_error);
-  tracker->fCanPointAt = false;
-  try {
-    tracker->pointAt("LArm", ok, KR::Math::FRAME_TORSO, 0.5f);
-    ADD_FAILURE() << "pointing allowed";
-  } catch (const std::runtime_error& e) {
-    EXPECT_EQ(e.what(), prefix + "pointAt: is not possible with this robot.");
-  }
-  EXPECT_TRUE(take().empty());
 }
 
 // ---- looking -----------------------------------------------------------------------------------
@@ -158,25 +146,25 @@ TEST_F(CommandsTest, HeadOnlyAndWholeBodyLooks) {
   const std::vector<float> point{1.0f, 0.2f, 0.3f};
   const Position3D torsoPoint(point);
 
-  tracker->lookAt(point, KR::Math::FRAME_TORSO, 0.5f, false);
+  tracker->lookAt(point, FRAME_TORSO, 0.5f, false);
   const auto head = lookAngles(torsoPoint, false);
   EXPECT_EQ(take(),
-            (std::vector<std::string>{getTransformCall(KR::Math::FRAME_TORSO),
+            (std::vector<std::string>{getTransformCall(FRAME_TORSO),
                                       trackerWithSpeedCall(head.first, head.second, 0.5f, false)}));
 
   // The effector form uses the given sensor.
-  tracker->lookAt(point, KR::Math::FRAME_TORSO, 1, 0.25f, false);
+  tracker->lookAt(point, FRAME_TORSO, 1, 0.25f, false);
   const auto bottom = lookAngles(torsoPoint, false, 1);
   EXPECT_NE(bottom.second, head.second);
   EXPECT_EQ(take(), (std::vector<std::string>{
-                        getTransformCall(KR::Math::FRAME_TORSO),
+                        getTransformCall(FRAME_TORSO),
                         trackerWithSpeedCall(bottom.first, bottom.second, 0.25f, false)}));
 
   // The whole body works in the robot frame and sends the pitch first.
-  tracker->lookAt(point, KR::Math::FRAME_TORSO, 0.5f, true);
+  tracker->lookAt(point, FRAME_TORSO, 0.5f, true);
   const auto wb = lookAngles(torsoPoint + Position3D(0, 0, kTorsoHeight), true);
   EXPECT_EQ(take(),
-            (std::vector<std::string>{getTransformCall(KR::Math::FRAME_ROBOT),
+            (std::vector<std::string>{getTransformCall(FRAME_ROBOT),
                                       motionCall("_lookAtWb", {wb.second[1], wb.second[0]})}));
 }
 
@@ -192,8 +180,7 @@ TEST_F(CommandsTest, LookingBehindTurnsFirstBlockingForTheWholeBodyPostedForTheH
     const auto wb = lookAngles(p, true);
     tracker->lookAtAndMove(point, 0.5f, true, true);
     EXPECT_EQ(takeAfterPosted(),
-              (std::vector<std::string>{getTransformCall(KR::Math::FRAME_ROBOT),
-                                        moveToCall(bodyAngle, false),
+              (std::vector<std::string>{getTransformCall(FRAME_ROBOT), moveToCall(bodyAngle, false),
                                         motionCall("_lookAtWb", {wb.second[1], wb.second[0]})}));
   }
   // Head only: the turn is posted and the head command follows at once.
@@ -203,10 +190,9 @@ TEST_F(CommandsTest, LookingBehindTurnsFirstBlockingForTheWholeBodyPostedForTheH
     ASSERT_TRUE(tools::computeAngleLookBehind(h.yaw.min, h.yaw.max, p, bodyAngle));
     const auto head = lookAngles(p, false);
     tracker->lookAtAndMove(point, 0.8f, false, true);
-    EXPECT_EQ(takeAfterPosted(),
-              (std::vector<std::string>{
-                  getTransformCall(KR::Math::FRAME_TORSO), moveToCall(bodyAngle, true),
-                  trackerWithSpeedCall(head.first, head.second, 0.8f, false)}));
+    EXPECT_EQ(takeAfterPosted(), (std::vector<std::string>{
+                                     getTransformCall(FRAME_TORSO), moveToCall(bodyAngle, true),
+                                     trackerWithSpeedCall(head.first, head.second, 0.8f, false)}));
   }
 }
 
@@ -214,10 +200,9 @@ TEST_F(CommandsTest, NoTurnWithoutPermission) {
   const std::vector<float> point{-1.0f, 0.5f, 0.2f};
   const auto head = lookAngles(Position3D(point), false);
   const std::vector<std::string> expected{
-      getTransformCall(KR::Math::FRAME_TORSO),
-      trackerWithSpeedCall(head.first, head.second, 0.5f, false)};
+      getTransformCall(FRAME_TORSO), trackerWithSpeedCall(head.first, head.second, 0.5f, false)};
 
-  tracker->lookAt(point, KR::Math::FRAME_TORSO, 0.5f, false);  // lookAt never turns
+  tracker->lookAt(point, FRAME_TORSO, 0.5f, false);  // lookAt never turns
   EXPECT_EQ(takeAfterPosted(), expected);
   tracker->lookAtAndMove(point, 0.5f, false, false);  // turning not allowed by the caller
   EXPECT_EQ(takeAfterPosted(), expected);
@@ -231,24 +216,24 @@ TEST_F(CommandsTest, ARobotThatIsNotAwakeGetsNoCommand) {
   const std::vector<float> point{1.0f, 0.2f, 0.3f};
   const auto head = lookAngles(Position3D(point), false);
 
-  tracker->lookAt(point, KR::Math::FRAME_TORSO, 0.5f, false);
+  tracker->lookAt(point, FRAME_TORSO, 0.5f, false);
   EXPECT_EQ(take(), (std::vector<std::string>{
-                        getTransformCall(KR::Math::FRAME_TORSO), motionCall("robotIsWakeUp", {}),
+                        getTransformCall(FRAME_TORSO), motionCall("robotIsWakeUp", {}),
                         trackerWithSpeedCall(head.first, head.second, 0.5f, false)}));
 
   module("KRMotion").answer("robotIsWakeUp", false);
-  tracker->lookAt(point, KR::Math::FRAME_TORSO, 0.5f, false);
-  tracker->pointAt("LArm", point, KR::Math::FRAME_TORSO, 0.5f);
+  tracker->lookAt(point, FRAME_TORSO, 0.5f, false);
+  tracker->pointAt("LArm", point, FRAME_TORSO, 0.5f);
   EXPECT_EQ(take(), (std::vector<std::string>{
-                        getTransformCall(KR::Math::FRAME_TORSO), motionCall("robotIsWakeUp", {}),
-                        getTransformCall(KR::Math::FRAME_TORSO), motionCall("robotIsWakeUp", {})}));
+                        getTransformCall(FRAME_TORSO), motionCall("robotIsWakeUp", {}),
+                        getTransformCall(FRAME_TORSO), motionCall("robotIsWakeUp", {})}));
   EXPECT_TRUE(records().empty());
 }
 
 TEST_F(CommandsTest, AnUnsolvableLookSendsNothingAndKeepsTracking) {
   startTracking();
-  tracker->lookAt(tracker->fModel.head.headPosition.toVector(), KR::Math::FRAME_TORSO, 0.5f, false);
-  EXPECT_EQ(take(), (std::vector<std::string>{getTransformCall(KR::Math::FRAME_TORSO)}));
+  tracker->lookAt(tracker->fModel.head.headPosition.toVector(), FRAME_TORSO, 0.5f, false);
+  EXPECT_EQ(take(), (std::vector<std::string>{getTransformCall(FRAME_TORSO)}));
   EXPECT_EQ(
       records(),
       (std::vector<ko::log::Record>{rec(Level::verbose, "xLookAt", "computeLookAtAngles fail.")}));
@@ -267,10 +252,10 @@ TEST_F(CommandsTest, PointingSendsTheChosenArmsLeftFirst) {
   };
   const Case cases[] = {{"Arms", {left, right}}, {"LArm", {left}}, {"RArm", {right}}};
   for (const Case& c : cases) {
-    tracker->pointAt(c.effector, point, KR::Math::FRAME_TORSO, 0.6f);
+    tracker->pointAt(c.effector, point, FRAME_TORSO, 0.6f);
     const auto arms = pointAngles(Position3D(point), c.arms);
     EXPECT_EQ(take(),
-              (std::vector<std::string>{getTransformCall(KR::Math::FRAME_TORSO),
+              (std::vector<std::string>{getTransformCall(FRAME_TORSO),
                                         trackerWithSpeedCall(arms.first, arms.second, 0.6f, true)}))
         << c.effector;
   }
@@ -282,14 +267,14 @@ TEST_F(CommandsTest, PointingSendsTheChosenArmsLeftFirst) {
 TEST_F(CommandsTest, PointingBehindTurnsByTheWholeBearingWhenTheRobotCan) {
   const std::vector<float> point{-0.5f, 0.3f, 0.2f};
   const float bodyAngle = std::atan2(0.3f, -0.5f);
-  tracker->pointAt("RArm", point, KR::Math::FRAME_TORSO, 0.5f);
+  tracker->pointAt("RArm", point, FRAME_TORSO, 0.5f);
 
   // After the turn the point is straight ahead, at the same distance and height.
   const float range = std::hypot(0.5f, 0.3f);
   const auto arm = pointAngles({range, 0.0f, 0.2f}, {&tracker->fModel.rightArm});
   const std::vector<KR::KRCallRecord> sent = harness.recorder->records();
   ASSERT_EQ(sent.size(), 3u);
-  EXPECT_EQ(krtest::formatCall(sent[0]), getTransformCall(KR::Math::FRAME_TORSO));
+  EXPECT_EQ(krtest::formatCall(sent[0]), getTransformCall(FRAME_TORSO));
   EXPECT_EQ(krtest::formatCall(sent[1]), moveToCall(bodyAngle, false));
   // The rotated point carries float rounding: compare the angles, not the text.
   EXPECT_EQ(sent[2].method, "_trackerWithSpeed");
@@ -299,25 +284,24 @@ TEST_F(CommandsTest, PointingBehindTurnsByTheWholeBearingWhenTheRobotCan) {
   EXPECT_EQ(sent[2].args[3], KRValue(false));
   EXPECT_EQ(sent[2].args[4], KRValue(true));
   ASSERT_EQ(sent[2].args[1].size(), arm.second.size());
-  for (std::size_t i = 0; i < arm.second.size(); ++i) {
+  for (std::size_t i = 0; i < arm.second.size(); ++i)
     EXPECT_NEAR(sent[2].args[1][i].asFloat(), arm.second[i], 1e-5f) << i;
-  }
 }
 
 TEST_F(CommandsTest, PointingBehindARobotThatCannotTurnOnlyWarns) {
   tracker->fCanLookBehind = false;
-  tracker->pointAt("RArm", {-0.2f, 0.0f, 0.0f}, KR::Math::FRAME_TORSO, 0.5f);
-  EXPECT_EQ(take(), (std::vector<std::string>{getTransformCall(KR::Math::FRAME_TORSO)}));
+  tracker->pointAt("RArm", {-0.2f, 0.0f, 0.0f}, FRAME_TORSO, 0.5f);
+  EXPECT_EQ(take(), (std::vector<std::string>{getTransformCall(FRAME_TORSO)}));
   EXPECT_EQ(records(),
             (std::vector<ko::log::Record>{rec(Level::warning, "xPointAt",
                                               "pointAt: x position must be strictly positive for "
                                               "this robot. Given target: -0.2 0 0")}));
 
   // x exactly 0 is not behind.
-  tracker->pointAt("RArm", {0.0f, -0.3f, 0.1f}, KR::Math::FRAME_TORSO, 0.5f);
+  tracker->pointAt("RArm", {0.0f, -0.3f, 0.1f}, FRAME_TORSO, 0.5f);
   const auto arm = pointAngles({0.0f, -0.3f, 0.1f}, {&tracker->fModel.rightArm});
   EXPECT_EQ(take(),
-            (std::vector<std::string>{getTransformCall(KR::Math::FRAME_TORSO),
+            (std::vector<std::string>{getTransformCall(FRAME_TORSO),
                                       trackerWithSpeedCall(arm.first, arm.second, 0.5f, true)}));
 }
 
@@ -329,9 +313,9 @@ TEST_F(CommandsTest, ACommandDuringTrackingSuspendsTheLookerAndRestarts) {
   const auto head = lookAngles(Position3D(point), false);
   const auto arms = pointAngles(Position3D(point), {&tracker->fModel.leftArm});
 
-  tracker->lookAt(point, KR::Math::FRAME_TORSO, 0.5f, false);
+  tracker->lookAt(point, FRAME_TORSO, 0.5f, false);
   const std::vector<std::string> look = take();
-  tracker->pointAt("LArm", point, KR::Math::FRAME_TORSO, 0.5f);
+  tracker->pointAt("LArm", point, FRAME_TORSO, 0.5f);
   const std::vector<std::string> pointing = take();
 
   // The same steps run on their own give the sequences expected around each command.
@@ -350,11 +334,11 @@ TEST_F(CommandsTest, ACommandDuringTrackingSuspendsTheLookerAndRestarts) {
   ASSERT_NE(std::find(restart.begin(), restart.end(), "_KRTargetManager.setActiveTarget(\"Face\")"),
             restart.end());
 
-  EXPECT_EQ(look, concat({{getTransformCall(KR::Math::FRAME_TORSO)},
+  EXPECT_EQ(look, concat({{getTransformCall(FRAME_TORSO)},
                           stopHead,
                           {trackerWithSpeedCall(head.first, head.second, 0.5f, false)},
                           restart}));
-  EXPECT_EQ(pointing, concat({{getTransformCall(KR::Math::FRAME_TORSO)},
+  EXPECT_EQ(pointing, concat({{getTransformCall(FRAME_TORSO)},
                               stopArms,
                               {trackerWithSpeedCall(arms.first, arms.second, 0.5f, true)},
                               restartAfterArms}));
@@ -367,8 +351,8 @@ TEST_F(CommandsTest, ACommandDuringTrackingSuspendsTheLookerAndRestarts) {
 TEST_F(CommandsTest, RemoteFailuresAreLoggedAndTrackingStillRestarts) {
   startTracking("Face");
   module("KRMotion").throwOn("_trackerWithSpeed", "head busy");
-  EXPECT_NO_THROW(tracker->lookAt({1, 0, 0}, KR::Math::FRAME_TORSO, 0.5f, false));
-  EXPECT_NO_THROW(tracker->pointAt("Arms", {1, 0, 0}, KR::Math::FRAME_TORSO, 0.5f));
+  EXPECT_NO_THROW(tracker->lookAt({1, 0, 0}, FRAME_TORSO, 0.5f, false));
+  EXPECT_NO_THROW(tracker->pointAt("Arms", {1, 0, 0}, FRAME_TORSO, 0.5f));
   const std::vector<std::string> calls = take();
   EXPECT_EQ(std::count(calls.begin(), calls.end(), "_KRTargetManager.setActiveTarget(\"Face\")"),
             2);
@@ -377,7 +361,7 @@ TEST_F(CommandsTest, RemoteFailuresAreLoggedAndTrackingStillRestarts) {
   module("KRMotion").reset("_trackerWithSpeed");
   module("KRMotion").throwOn("moveTo", "cannot turn");
   EXPECT_NO_THROW(tracker->lookAtAndMove({-1, 0.5f, 0.2f}, 0.5f, true, true));
-  EXPECT_NO_THROW(tracker->pointAt("LArm", {-0.5f, 0.3f, 0.2f}, KR::Math::FRAME_TORSO, 0.5f));
+  EXPECT_NO_THROW(tracker->pointAt("LArm", {-0.5f, 0.3f, 0.2f}, FRAME_TORSO, 0.5f));
   const std::vector<KR::KRCallRecord> sent = harness.recorder->records();
   EXPECT_EQ(std::count_if(sent.begin(), sent.end(),
                           [](const KR::KRCallRecord& r) {
@@ -389,17 +373,14 @@ TEST_F(CommandsTest, RemoteFailuresAreLoggedAndTrackingStillRestarts) {
   tracker->fCanNavigate = true;
   module("KRMotion").throwOn("robotIsWakeUp", "no state");
   take();
-  EXPECT_NO_THROW(tracker->pointAt("RArm", {1, 0, 0}, KR::Math::FRAME_TORSO, 0.5f));
-  for (const std::string& c : take()) {
+  EXPECT_NO_THROW(tracker->pointAt("RArm", {1, 0, 0}, FRAME_TORSO, 0.5f));
+  for (const std::string& c : take())
     EXPECT_EQ(c.find("_trackerWithSpeed"), std::string::npos) << c;
-  }
 
   std::vector<ko::log::Record> errors;
-  for (const ko::log::Record& r : records()) {
-    if (r.location == "xLookAt" || r.location == "xPointAt") {
+  for (const ko::log::Record& r : records())
+    if (r.location == "xLookAt" || r.location == "xPointAt")
       errors.push_back(r);
-    }
-  }
   EXPECT_EQ(errors, (std::vector<ko::log::Record>{rec(Level::error, "xLookAt", "head busy"),
                                                   rec(Level::error, "xPointAt", "head busy"),
                                                   rec(Level::error, "xLookAt", "cannot turn"),
