@@ -86,8 +86,9 @@ TEST(ArmPointAt, ForearmPointsAtTargetsWithinTheJointLimits) {
         }
       }
       EXPECT_GT(checked, samples / 2) << file << " " << arm->name;
-      if (!arm->joints[4].name.empty())
+      if (!arm->joints[4].name.empty()) {
         EXPECT_GT(wristChecked, samples / 4) << file << " " << arm->name;
+      }
     }
   }
 }
