@@ -4,6 +4,7 @@
 #   make test-asan  the tests under AddressSanitizer + UndefinedBehaviorSanitizer
 #   make test-tsan  the concurrency tests under ThreadSanitizer
 #   make bench      the benchmarks (medians of 5 repetitions)
+#   make fuzz       each fuzz target for FUZZ_SECONDS (clang and libFuzzer, installed if missing)
 #   make format     clang-format over the sources
 
 BUILD    ?= build
@@ -13,7 +14,7 @@ DEB_PACKAGES := cmake g++ make libeigen3-dev libboost-dev libspdlog-dev libpugix
                 libgtest-dev libgmock-dev libbenchmark-dev gnuplot-nox
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: setup configure build test demo test-asan test-tsan bench format clean
+.PHONY: setup configure build test demo test-asan test-tsan bench fuzz fuzz-corpus format clean
 
 setup:
 	@missing=$$(for p in $(DEB_PACKAGES) $(EXTRA_PACKAGES); do \
@@ -28,7 +29,7 @@ configure: setup
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_ARGS) >/dev/null
 
 build: configure
-	cmake --build $(BUILD) -j $(JOBS)
+	cmake --build $(BUILD) -j $(JOBS) $(if $(BUILD_TARGETS),--target $(BUILD_TARGETS))
 
 test: build
 	cd $(BUILD) && ctest -j $(JOBS) --output-on-failure $(CTEST_ARGS)
@@ -39,9 +40,10 @@ demo: build
 test-asan:
 	$(MAKE) test BUILD=build-asan CMAKE_ARGS="-DKRTRACKER_SANITIZE=address"
 
+# TSAN_BUILD_TARGETS limits the build to the test binaries that TSAN_CTEST_ARGS selects.
 test-tsan:
 	$(MAKE) test BUILD=build-tsan CMAKE_ARGS="-DKRTRACKER_SANITIZE=thread" \
-	  CTEST_ARGS="$(TSAN_CTEST_ARGS)"
+	  BUILD_TARGETS="$(TSAN_BUILD_TARGETS)" CTEST_ARGS="$(TSAN_CTEST_ARGS)"
 
 bench:
 	$(MAKE) build BUILD=build-bench EXTRA_PACKAGES=liborocos-kdl-dev \
@@ -50,8 +52,35 @@ bench:
 	  $$b --benchmark_repetitions=5 --benchmark_report_aggregates_only=true \
 	      --benchmark_display_aggregates_only=true | grep -E 'median|^Run|^---|^Benchmark'; done
 
+FUZZ_SECONDS ?= 60
+FUZZ_TARGETS := trackinfos tracker_event tracker_config namer robot_xml
+FUZZ_BUILD := CC=clang CXX=clang++ $(MAKE) build BUILD=build-fuzz \
+  EXTRA_PACKAGES="clang libclang-rt-14-dev" \
+  CMAKE_ARGS="-DKRTRACKER_BUILD_FUZZ=ON -DKRTRACKER_BUILD_TESTS=OFF -DKRTRACKER_BUILD_SIM=OFF"
+
+# New inputs go to build-fuzz/corpus/<target>; fuzz/corpus/<target> holds the seeds. A finding
+# stops the run and is left in build-fuzz/ as crash-*, leak-* or timeout-*.
+fuzz:
+	$(FUZZ_BUILD)
+	@for t in $(FUZZ_TARGETS); do \
+	  mkdir -p build-fuzz/corpus/$$t; \
+	  dict=; if [ -f fuzz/$$t.dict ]; then dict=-dict=fuzz/$$t.dict; fi; \
+	  echo "fuzz_$$t: $(FUZZ_SECONDS) s"; \
+	  if ! build-fuzz/fuzz/fuzz_$$t -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
+	      -artifact_prefix=build-fuzz/ $$dict build-fuzz/corpus/$$t fuzz/corpus/$$t \
+	      >build-fuzz/fuzz_$$t.log 2>&1; then \
+	    tail -n 60 build-fuzz/fuzz_$$t.log; exit 1; \
+	  fi; \
+	  grep -E '^#[0-9]+[[:space:]]+DONE|stat::number_of_executed_units|stat::average_exec_per_sec' \
+	    build-fuzz/fuzz_$$t.log; \
+	done
+
+fuzz-corpus:
+	$(FUZZ_BUILD)
+	build-fuzz/fuzz/fuzz_make_corpus fuzz/corpus robots
+
 format:
 	clang-format -i $$(git ls-files '*.h' '*.cpp')
 
 clean:
-	rm -rf build build-asan build-tsan build-bench
+	rm -rf build build-asan build-tsan build-bench build-fuzz
