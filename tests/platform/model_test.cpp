@@ -127,15 +127,13 @@ TEST(RobotFiles, ArmsPointAtTargetsInFrontWithinTheirLimits) {
         const Transform m = Transform::fromRotY(a1) * Transform::fromRotZ(a2) * arm->armTransform;
         Position3D p = position3DFromTransform(pinv(m) * transformFromPosition3D(d));
         for (float* c : {&p.x, &p.y, &p.z}) {
-          if (std::fabs(*c) < 0.001f) {
+          if (std::fabs(*c) < 0.001f)
             *c = 0.0f;
-          }
         }
         const float a4 = std::atan2(p.y, p.x);
         float a3 = std::atan2(p.z, p.y);
-        if (arm->name == "LArm") {
+        if (arm->name == "LArm")
           a3 = p.z >= 0.0f ? a3 - kPi : a3 + kPi;
-        }
         ASSERT_TRUE(within(2, a3) && within(3, a4)) << target << " a3 " << a3 << " a4 " << a4;
         const Transform forearm = transformFromPosition3D(arm->shoulderPosition) * m *
                                   Transform::fromRotZ(a4) * Transform::fromRotX(a3);
