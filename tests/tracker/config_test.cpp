@@ -105,9 +105,8 @@ TEST_F(ConfigTest, NameLookupIsExactAndCaseSensitive) {
     EXPECT_EQ(getConfigKeyFromStr(getStrFromConfigKey(key)), key);
   }
   EXPECT_EQ(getStrFromConfigKey(UNKNOWN_CONFIG_KEY), "");
-  for (const char* name : {"head_threshold", "Head_Threshold", "HEAD_THRESHOLD ", "HEAD", ""}) {
+  for (const char* name : {"head_threshold", "Head_Threshold", "HEAD_THRESHOLD ", "HEAD", ""})
     EXPECT_EQ(getConfigKeyFromStr(name), UNKNOWN_CONFIG_KEY) << '"' << name << '"';
-  }
 }
 
 TEST_F(ConfigTest, UnknownKeyErrorsNameTheGetter) {
@@ -188,9 +187,8 @@ TEST(ConfigConcurrency, ReadersSeeWholeValuesWhileWritersChangeThem) {
   std::atomic<int> unexpected{0};
   const auto waitForAll = [&] {
     ++started;
-    while (started.load() < kReaders + 1) {
+    while (started.load() < kReaders + 1)
       std::this_thread::yield();
-    }
   };
 
   std::vector<std::thread> threads;
@@ -200,9 +198,8 @@ TEST(ConfigConcurrency, ReadersSeeWholeValuesWhileWritersChangeThem) {
     for (int i = 0; i < 200 || reads.load() < 200; ++i) {
       setConfigValue(HEAD_THRESHOLD, 0.25f);
       setLogDirectory("/tmp/krtracker-concurrency/");
-      if (i % 10 == 0) {
+      if (i % 10 == 0)
         resetConfig();
-      }
     }
     stop = true;
   });
@@ -211,23 +208,19 @@ TEST(ConfigConcurrency, ReadersSeeWholeValuesWhileWritersChangeThem) {
       waitForAll();
       while (!stop) {
         const float value = getConfigFloatValue(HEAD_THRESHOLD);
-        if (value != 0.25f && value != defaultThreshold) {
+        if (value != 0.25f && value != defaultThreshold)
           ++unexpected;
-        }
         const std::string dir = getLogDirectory();
-        if (dir != "/tmp/tarvo/" && dir != "/tmp/krtracker-concurrency/") {
+        if (dir != "/tmp/tarvo/" && dir != "/tmp/krtracker-concurrency/")
           ++unexpected;
-        }
-        if (configToString().empty() || getConfigKeyFromStr("ARMS_THRESHOLD") != ARMS_THRESHOLD) {
+        if (configToString().empty() || getConfigKeyFromStr("ARMS_THRESHOLD") != ARMS_THRESHOLD)
           ++unexpected;
-        }
         ++reads;
       }
     });
   }
-  for (auto& t : threads) {
+  for (auto& t : threads)
     t.join();
-  }
   EXPECT_EQ(unexpected.load(), 0);
   resetConfig();
 }
