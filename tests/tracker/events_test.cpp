@@ -204,9 +204,8 @@ TEST_F(EventsTest, ResourcesAreTakenWhenNoneIsFree) {
       if (names.size() == 0)
         return KRValue(c.emptyQueryAnswer);
       for (std::size_t i = 0; i < names.size(); ++i) {
-        if (std::find(c.free.begin(), c.free.end(), names[i].asString()) == c.free.end()) {
+        if (std::find(c.free.begin(), c.free.end(), names[i].asString()) == c.free.end())
           return KRValue(false);
-        }
       }
       return KRValue(true);
     });
