@@ -84,9 +84,8 @@ TEST(GenericTrackerConstruction, RobotModelFailuresWarnAndThrow) {
     SCOPED_TRACE(c.name);
     ko::log::ScopedCapture log;
     TrackerHarness harness("kibo.xml", c.omit);
-    if (std::string(c.script) == "throw") {
+    if (std::string(c.script) == "throw")
       harness.module("KRRobotModel").throwOn("getConfig", "no description");
-    }
     EXPECT_THROW(harness.build(), std::exception);
     EXPECT_EQ(
         log.records("KRTracker.GenericTracker"),
