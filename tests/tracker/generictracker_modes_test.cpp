@@ -213,9 +213,8 @@ TEST_F(TrackerTest, HysteresisFailuresReachTheCallerMoveEventFailuresAreLogged) 
   EXPECT_EQ(take(),
             (Calls{"_Smoother._setMoveHysteresis([0.2, 0.3])", "_Smoother._getMoveHysteresis()",
                    "_Smoother._setMoveEvent(\"MoveEvt\")"}));
-  for (const char* m : {"_setMoveHysteresis", "_getMoveHysteresis", "_setMoveEvent"}) {
+  for (const char* m : {"_setMoveHysteresis", "_getMoveHysteresis", "_setMoveEvent"})
     module("_Smoother").throwOn(m);
-  }
   EXPECT_THROW(tracker->setMoveHysteresis({0.1f}), std::runtime_error);
   EXPECT_THROW(tracker->getMoveHysteresis(), std::runtime_error);
   tracker->setMoveEvent("MoveEvt");
