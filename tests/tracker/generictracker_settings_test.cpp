@@ -153,12 +153,10 @@ TEST_F(TrackerTest, ForwardersReturnTheirFailureValue) {
 
   for (const char* m : {"setTimeOut", "getTimeOut"})
     module("_Smoother").throwOn(m);
-  for (const char* m : {"setExtractorPeriod", "getExtractorPeriod"}) {
+  for (const char* m : {"setExtractorPeriod", "getExtractorPeriod"})
     module("_KRTargetManager").throwOn(m);
-  }
-  for (const char* m : {"setFractionMaxSpeed", "getFractionMaxSpeed", "setUseWholeBodyLookAt"}) {
+  for (const char* m : {"setFractionMaxSpeed", "getFractionMaxSpeed", "setUseWholeBodyLookAt"})
     module("_RoundSearcher").throwOn(m);
-  }
   tracker->setTimeOut(1);
   tracker->setExtractorPeriod("Face", 1);
   tracker->setSearcherFractionMaxSpeed(0.5f);
