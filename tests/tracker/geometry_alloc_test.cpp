@@ -18,12 +18,10 @@ thread_local bool tCounting = false;
 thread_local long tAllocations = 0;
 
 void* allocate(std::size_t size) {
-  if (tCounting) {
+  if (tCounting)
     ++tAllocations;
-  }
-  if (void* p = std::malloc(size == 0 ? 1 : size)) {
+  if (void* p = std::malloc(size == 0 ? 1 : size))
     return p;
-  }
   throw std::bad_alloc();
 }
 }  // namespace
