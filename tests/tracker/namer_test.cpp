@@ -127,13 +127,11 @@ TEST_F(NamerTest, GetNameDoesNotReserve) {
 }
 
 TEST_F(NamerTest, DestroyFreesEveryId) {
-  for (int id = -2; id < 5; ++id) {
+  for (int id = -2; id < 5; ++id)
     namer.getId(id);
-  }
   namer.destroy();
-  for (int id = -2; id < 5; ++id) {
+  for (int id = -2; id < 5; ++id)
     EXPECT_EQ(namer.getId(id), kBase + std::to_string(id));
-  }
 }
 
 TEST_F(NamerTest, FixedNames) {
@@ -150,9 +148,8 @@ TEST_F(NamerTest, FixedNames) {
       {Namer::getNameArmStopped(), "KRTracker/ArmTracking/Stopped"},
       {Namer::getNameArmRestarted(), "KRTracker/ArmTracking/Restarted"},
   };
-  for (const auto& n : names) {
+  for (const auto& n : names)
     EXPECT_EQ(n.first, n.second);
-  }
 }
 
 // Run under ThreadSanitizer in CI.
@@ -169,9 +166,8 @@ TEST(NamerConcurrency, ThreadsTakeAndReleaseDistinctIds) {
         const std::int32_t id = t * 1000 + i;
         try {
           const std::string name = namer.getId(id);
-          if (name != kBase + std::to_string(id) || namer.getName(id) != name) {
+          if (name != kBase + std::to_string(id) || namer.getName(id) != name)
             ++failures;
-          }
           if (i % 2 == 0) {
             namer.releaseId(name);
           } else {
@@ -183,9 +179,8 @@ TEST(NamerConcurrency, ThreadsTakeAndReleaseDistinctIds) {
       }
     });
   }
-  for (auto& t : threads) {
+  for (auto& t : threads)
     t.join();
-  }
   EXPECT_EQ(failures.load(), 0);
   // Everything was given back.
   for (int t = 0; t < kThreads; ++t) {
@@ -211,9 +206,8 @@ TEST(NamerConcurrency, ExactlyOneThreadGetsAContendedId) {
         }
       });
     }
-    for (auto& t : threads) {
+    for (auto& t : threads)
       t.join();
-    }
     EXPECT_EQ(winners.load(), 1);
     EXPECT_EQ(refused.load(), 3);
   }
