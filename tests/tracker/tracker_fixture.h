@@ -77,9 +77,8 @@ class TrackerHarness {
       modules[name] = module;
       broker->addModule(module);
     }
-    if (modules.count("KRRobotModel")) {
+    if (modules.count("KRRobotModel"))
       modules["KRRobotModel"]->answer("getConfig", readRobotFile(robotFile));
-    }
     if (modules.count("_KRTargetManager")) {
       FakeModule& tm = *modules["_KRTargetManager"];
       tm.answer("isTargetManaged", true);
