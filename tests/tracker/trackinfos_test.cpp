@@ -81,9 +81,8 @@ TEST(TrackInfosTest, MalformedValuesThrow) {
       KRValue(3), KRValue{header, 5}, KRValue{KRValue{1, 0, -1, 0.5f, 1.0f, 0.1f, true}, pose},
       KRValue{KRValue{1, 0, -1, 0, "far", 0.1f, true}, pose},
       KRValue{header, KRValue{1.0f, 2.0f, 3.0f, 0.0f, true, 0.0f}}};
-  for (const KRValue& v : wrongKinds) {
+  for (const KRValue& v : wrongKinds)
     EXPECT_THROW(TrackInfos infos(v), std::exception) << v;
-  }
 }
 
 TEST(TrackInfosTest, ToStringWritesATableLine) {
