@@ -71,32 +71,35 @@ TEST_F(ConfigTest, ConfigToMapHasFifteenBitExactEntriesAndReportsTheGains) {
 
   // The floats nearest 3, 2.5, 1.5, 2 and 5 degrees and 2 pi (2 degrees is 0x1.1df46ap-5f, not
   // the float of the truncated decimal 0.03490658).
-  const std::map<std::string, float> expected = {
-      {"HEAD_THRESHOLD", 0x1.aceeap-5f},
-      {"FACE_HEAD_THRESHOLD", 0x1.657184p-5f},
-      {"REDBALL_HEAD_THRESHOLD", 0x1.aceeap-6f},
-      {"LANDMARK_HEAD_THRESHOLD", 0x1.1df46ap-5f},
-      {"PEOPLE_HEAD_THRESHOLD", 0x1.657184p-4f},
-      {"SOUND_HEAD_THRESHOLD", 0x1.657184p-4f},
-      {"COMPASS_HEAD_THRESHOLD", 0x1.657184p-4f},
-      {"ARMS_THRESHOLD", 0x1.657184p-5f},
-      {"WHOLEBODY_THRESHOLD", 0x1.657184p-4f},
-      {"HEAD_WZ_LIMIT", 0x1.921fb6p+2f},
-      {"LOG_HEAD_COMMAND", 0.0f},
-      {"LOG_ARM_COMMAND", 0.0f},
-      {"LOG_MOVE_COMMAND", 0.0f},
-      {"LOG_INPUT_DATA", 0.0f},
-      {"MOVE_LOW_PRIORITY", 0.0f},
-  };
+  const std::map<std::string, float> expected = {{"HEAD_THRESHOLD", 0x1.aceeap-5f},
+                                                 {"FACE_HEAD_THRESHOLD", 0x1.657184p-5f},
+                                                 {"REDBALL_HEAD_THRESHOLD", 0x1.aceeap-6f},
+                                                 {"LANDMARK_HEAD_THRESHOLD", 0x1.1df46ap-5f},
+                                                 {"PEOPLE_HEAD_THRESHOLD", 0x1.657184p-4f},
+                                                 {"SOUND_HEAD_THRESHOLD", 0x1.657184p-4f},
+                                                 {"COMPASS_HEAD_THRESHOLD", 0x1.657184p-4f},
+                                                 {"ARMS_THRESHOLD", 0x1.657184p-5f},
+                                                 {"WHOLEBODY_THRESHOLD", 0x1.657184p-4f},
+                                                 {"HEAD_WZ_LIMIT", 0x1.921fb6p+2f},
+                                                 {"LOG_HEAD_COMMAND", 0.0f},
+                                                 {"LOG_ARM_COMMAND", 0.0f},
+                                                 {"LOG_MOVE_COMMAND", 0.0f},
+                                                 {"LOG_INPUT_DATA", 0.0f},
+                                                 {"MOVE_LOW_PRIORITY", 0.0f}};
   EXPECT_EQ(map, expected);  // float equality is exact
 }
 
-TEST_F(ConfigTest, TypedGettersReadTheDefaults) {
+TEST_F(ConfigTest, TypedGettersReadTheDefaultsAndIntsAsFloats) {
   EXPECT_EQ(getConfigFloatValue(HEAD_WZ_LIMIT), 0x1.921fb6p+2f);
   EXPECT_FALSE(getConfigBoolValue(LOG_INPUT_DATA));
   EXPECT_EQ(getConfigFloatVectorValue(MOVE_X_GAINS), (std::vector<float>{1.1f, 0.0f, 0.0f}));
   EXPECT_EQ(getConfigFloatVectorValue(MOVE_Y_GAINS), (std::vector<float>{0.9f, 0.0f, 0.0f}));
   EXPECT_EQ(getConfigFloatVectorValue(MOVE_THETA_GAINS), (std::vector<float>{0.5f, 0.0f, 0.0f}));
+  // Ints are read as floats.
+  setConfigValue(HEAD_THRESHOLD, 2);
+  EXPECT_EQ(getConfigFloatValue(HEAD_THRESHOLD), 2.0f);
+  setConfigValue(MOVE_X_GAINS, KRValue{1, 2.5f, -3});
+  EXPECT_EQ(getConfigFloatVectorValue(MOVE_X_GAINS), (std::vector<float>{1.0f, 2.5f, -3.0f}));
 }
 
 TEST_F(ConfigTest, NameLookupIsExactAndCaseSensitive) {
@@ -134,13 +137,6 @@ TEST_F(ConfigTest, AnIntStoredUnderABoolKeyIsKeptButRefusedByTheBoolGetter) {
   ::testing::internal::GetCapturedStderr();
   EXPECT_EQ(map.at("LOG_HEAD_COMMAND"), 1.0f);
   EXPECT_EQ(map.at("MOVE_LOW_PRIORITY"), 1.0f);
-}
-
-TEST_F(ConfigTest, AnIntThresholdIsReadAsAFloat) {
-  setConfigValue(HEAD_THRESHOLD, 2);
-  EXPECT_EQ(getConfigFloatValue(HEAD_THRESHOLD), 2.0f);
-  setConfigValue(MOVE_X_GAINS, KRValue{1, 2.5f, -3});
-  EXPECT_EQ(getConfigFloatVectorValue(MOVE_X_GAINS), (std::vector<float>{1.0f, 2.5f, -3.0f}));
 }
 
 TEST_F(ConfigTest, WrongKindsMakeTheExtractionThrowAndConfigToMapSkipThem) {
@@ -181,10 +177,8 @@ TEST(ConfigConcurrency, ReadersSeeWholeValuesWhileWritersChangeThem) {
   resetConfig();
   const float defaultThreshold = getConfigFloatValue(HEAD_THRESHOLD);
   constexpr int kReaders = 3;
-  std::atomic<int> started{0};
-  std::atomic<int> reads{0};
+  std::atomic<int> started{0}, reads{0}, unexpected{0};
   std::atomic<bool> stop{false};
-  std::atomic<int> unexpected{0};
   const auto waitForAll = [&] {
     ++started;
     while (started.load() < kReaders + 1)
