@@ -42,6 +42,10 @@ TEST_F(NamerTest, GetIdReservesTheIdAndRefusesItTwice) {
   EXPECT_EQ(namer.getId(0), "KRTracker/ObjectConverter0");
   EXPECT_EQ(errorOf([&] { namer.getId(0); }), "Namer.getId|Id already taken. Id is: 0");
   EXPECT_EQ(&Namer::getInstance(), &namer);
+  // getName does not reserve.
+  EXPECT_EQ(namer.getName(12), "KRTracker/ObjectConverter12");
+  EXPECT_EQ(namer.getId(12), "KRTracker/ObjectConverter12");
+  EXPECT_EQ(namer.getName(12), "KRTracker/ObjectConverter12");
 }
 
 TEST_F(NamerTest, NegativeAndExtremeIdsRoundTripThroughTheirNames) {
@@ -83,24 +87,13 @@ TEST_F(NamerTest, ReleaseByNameAcceptsASignAndLeadingZeros) {
 
 TEST_F(NamerTest, ReleaseByNameRefusesGarbageAndKeepsTheIds) {
   namer.getId(7);
+  // Empty, stray characters, overflow; the last: the number is read at the base's length,
+  // not where it was found.
   const std::string names[] = {
-      kBase,  // empty number
-      kBase + "7x",
-      kBase + "x7",
-      kBase + " 7",
-      kBase + "7 ",
-      kBase + "\t7",
-      kBase + "+",
-      kBase + "-",
-      kBase + "+-7",
-      kBase + "2147483648",  // overflow
-      kBase + "-2147483649",
-      kBase + "0x7",
-      kBase + "7.0",
-      kBase + "1e1",
-      kBase + "1,000",
-      "x" + kBase + "7",  // the number is read at the base's length, not where it was found
-  };
+      kBase,         kBase + "7x",         kBase + "x7",          kBase + " 7",
+      kBase + "7 ",  kBase + "\t7",        kBase + "+",           kBase + "-",
+      kBase + "+-7", kBase + "2147483648", kBase + "-2147483649", kBase + "0x7",
+      kBase + "7.0", kBase + "1e1",        kBase + "1,000",       "x" + kBase + "7"};
   for (const std::string& name : names) {
     EXPECT_EQ(errorOf([&] { namer.releaseId(name); }),
               "Namer.releaseId|String passed contains garbage: " + name + " + " + kCastError)
@@ -118,12 +111,6 @@ TEST_F(NamerTest, ReleaseByNameRefusesAWrongBase) {
         << '"' << name << '"';
   }
   EXPECT_EQ(errorOf([&] { namer.getId(3); }), "Namer.getId|Id already taken. Id is: 3");
-}
-
-TEST_F(NamerTest, GetNameDoesNotReserve) {
-  EXPECT_EQ(namer.getName(12), "KRTracker/ObjectConverter12");
-  EXPECT_EQ(namer.getId(12), "KRTracker/ObjectConverter12");
-  EXPECT_EQ(namer.getName(12), "KRTracker/ObjectConverter12");
 }
 
 TEST_F(NamerTest, DestroyFreesEveryId) {
@@ -156,8 +143,7 @@ TEST_F(NamerTest, FixedNames) {
 TEST(NamerConcurrency, ThreadsTakeAndReleaseDistinctIds) {
   Namer& namer = Namer::getInstance();
   namer.destroy();
-  constexpr int kThreads = 8;
-  constexpr int kRounds = 200;
+  constexpr int kThreads = 8, kRounds = 200;
   std::atomic<int> failures{0};
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
@@ -168,11 +154,7 @@ TEST(NamerConcurrency, ThreadsTakeAndReleaseDistinctIds) {
           const std::string name = namer.getId(id);
           if (name != kBase + std::to_string(id) || namer.getName(id) != name)
             ++failures;
-          if (i % 2 == 0) {
-            namer.releaseId(name);
-          } else {
-            namer.releaseId(id);
-          }
+          i % 2 == 0 ? namer.releaseId(name) : namer.releaseId(id);
         } catch (const KR::KRError&) {
           ++failures;
         }
@@ -193,8 +175,7 @@ TEST(NamerConcurrency, ExactlyOneThreadGetsAContendedId) {
   Namer& namer = Namer::getInstance();
   namer.destroy();
   for (int round = 0; round < 50; ++round) {
-    std::atomic<int> winners{0};
-    std::atomic<int> refused{0};
+    std::atomic<int> winners{0}, refused{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
       threads.emplace_back([&] {
