@@ -37,19 +37,17 @@ TEST(GenericTrackerModes, UpdateModeRunsTheSequenceOfTheModeAndStopsAtAFailure) 
     Calls sequence;
     std::string failing;  // "Module.method" that throws, or empty
   };
-  const std::vector<Case> cases = {
-      {"Head", kHead, ""},
-      {"WholeBody", kWholeBody, ""},
-      {"Navigate", kNavigate, ""},
-      {"Move", kMove, ""},
-      {"MoveWholeBody", kMoveWholeBody, ""},
-      {"Bogus", {}, ""},
-      {"Head", kHead, "_NavigationMove.stopMove"},
-      {"WholeBody", kWholeBody, "_HeadLooker.stopLooker"},
-      {"Navigate", kNavigate, "_HeadLooker.start"},
-      {"Move", kMove, "_HeadLooker.setImplParam"},
-      {"MoveWholeBody", kMoveWholeBody, "_WholeBodyLooker.start"},
-  };
+  const std::vector<Case> cases = {{"Head", kHead, ""},
+                                   {"WholeBody", kWholeBody, ""},
+                                   {"Navigate", kNavigate, ""},
+                                   {"Move", kMove, ""},
+                                   {"MoveWholeBody", kMoveWholeBody, ""},
+                                   {"Bogus", {}, ""},
+                                   {"Head", kHead, "_NavigationMove.stopMove"},
+                                   {"WholeBody", kWholeBody, "_HeadLooker.stopLooker"},
+                                   {"Navigate", kNavigate, "_HeadLooker.start"},
+                                   {"Move", kMove, "_HeadLooker.setImplParam"},
+                                   {"MoveWholeBody", kMoveWholeBody, "_WholeBodyLooker.start"}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.mode + " failing " + c.failing);
     ko::log::ScopedCapture log;
@@ -112,8 +110,7 @@ TEST(GenericTrackerModes, SetModeValidatesAndReconfiguresAnActiveTracker) {
       {"rover.xml", "Head", "Navigate", "Navigate", "", kNavigate},
       {"kibo.xml", "Head", "WholeBody", "WholeBody", "", kWholeBody},
       {"kibo.xml", "Head", "MoveSafely", "Move", deprecated, kMove},
-      {"kibo.xml", "Move", "MoveSafely", "Move", deprecated, kMove},
-  };
+      {"kibo.xml", "Move", "MoveSafely", "Move", deprecated, kMove}};
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.robot) + " " + c.initial + " -> " + c.requested);
     ko::log::ScopedCapture log;
