@@ -174,12 +174,12 @@ Scenario faceScenario(const ScenarioOptions& o) {
   s.robotFile = resolveRobotFile("kibo");
   s.duration = 30.0;
   TargetScript ann = target("Ann", Target::TargetFace,
-                          polarPath({{0.0, 0.3f, 1.4f, 0.8f},
-                                     {8.0, -0.2f, 1.3f, 0.8f},
-                                     {12.0, 0.4f, 1.5f, 0.8f},
-                                     {16.0, 1.2f, 3.5f, 0.8f},
-                                     {30.0, 1.2f, 4.0f, 0.8f}}),
-                          Layout::Torso);
+                            polarPath({{0.0, 0.3f, 1.4f, 0.8f},
+                                       {8.0, -0.2f, 1.3f, 0.8f},
+                                       {12.0, 0.4f, 1.5f, 0.8f},
+                                       {16.0, 1.2f, 3.5f, 0.8f},
+                                       {30.0, 1.2f, 4.0f, 0.8f}}),
+                            Layout::Torso);
   TargetScript bob = target(
       "Bob", Target::TargetFace,
       polarPath(

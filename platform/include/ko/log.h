@@ -26,8 +26,7 @@ struct Record {
   std::string text;
 
   bool operator==(const Record& o) const {
-    return category == o.category && level == o.level && location == o.location &&
-           text == o.text;
+    return category == o.category && level == o.level && location == o.location && text == o.text;
   }
 };
 std::ostream& operator<<(std::ostream& os, const Record& r);

@@ -83,8 +83,7 @@ bool computeLookAtAnglesWithThreshold(const Math::Position3D& target,
                                       const Model::TrackerHead& head,
                                       Model::TRACK_EFFECTOR effector, float threshold,
                                       Model::TrackerHeadAngle& angle,
-                                      std::vector<std::string>& names,
-                                      std::vector<float>& angles);
+                                      std::vector<std::string>& names, std::vector<float>& angles);
 
 /// For a target behind the robot (x < 0): the body turn that brings it within the head's
 /// reach, and the target rotated by it. False (bodyAngle 0) when the target is not behind.
@@ -102,8 +101,8 @@ void lookAt(const std::shared_ptr<KRProxy>& motion, const Model::KRTrackerModel&
 /// Five arm angles pointing the arm at a torso-frame target, clipped to the joint limits.
 /// Throws std::runtime_error("Invalid effector name: <name>") for an arm that is neither
 /// "LArm" nor "RArm".
-void xComputePointAtAngles(const Math::Position3D& target, const Model::TrackerArm& arm,
-                           float& a1, float& a2, float& a3, float& a4, float& a5);
+void xComputePointAtAngles(const Math::Position3D& target, const Model::TrackerArm& arm, float& a1,
+                           float& a2, float& a3, float& a4, float& a5);
 /// Wrist yaw keeping the hand level with the vertical, M being the upper arm's end frame.
 void xComputeWristFromElbowAngles(const Math::Transform& M, float a4, float a3, float& a5);
 /// Appends the arm's joints and angles (the wrist only when the arm has one).
@@ -114,11 +113,9 @@ bool applyThreshold(float threshold, float a1, float a2, float a3, float a4, flo
                     const Model::TrackerArm& arm, Model::TrackerArmAngle& remembered,
                     std::vector<std::string>& names, std::vector<float>& angles);
 /// Point-at angles through the dead band ARMS_THRESHOLD, read on every call.
-bool computePointAtAnglesWithThreshold(const Math::Position3D& target,
-                                       const Model::TrackerArm& arm,
+bool computePointAtAnglesWithThreshold(const Math::Position3D& target, const Model::TrackerArm& arm,
                                        Model::TrackerArmAngle& remembered,
-                                       std::vector<std::string>& names,
-                                       std::vector<float>& angles);
+                                       std::vector<std::string>& names, std::vector<float>& angles);
 
 // ---- moves ---------------------------------------------------------------------------------
 
@@ -132,8 +129,7 @@ bool isNullMoveCommand(const Math::Pose2D& command, float threshold);
 /// one log record, and leaves `out` untouched.
 bool convertTrackerEventToTrackInfo(const KRValue& event, const std::string& callerName,
                                     const std::string& eventName,
-                                    const std::shared_ptr<KRProxy>& motion,
-                                    types::TrackInfos& out);
+                                    const std::shared_ptr<KRProxy>& motion, types::TrackInfos& out);
 
 /// True when no resource of the list is available ("areResourcesAvailable"). Never throws.
 bool areAllResourcesTaken(const std::shared_ptr<KRProxy>& motion,

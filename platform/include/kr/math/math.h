@@ -37,7 +37,9 @@ Position6D position6DFromPose2D(const Pose2D& p);
 
 /// Inverse of a rigid transform (transposed rotation, rotated negated translation).
 Transform pinv(const Transform& t);
-inline Transform transformInverse(const Transform& t) { return pinv(t); }
+inline Transform transformInverse(const Transform& t) {
+  return pinv(t);
+}
 
 Rotation rotationFromRotX(float angle);
 Rotation rotationFromRotY(float angle);
@@ -116,13 +118,19 @@ inline bool applyThreshold(float threshold, float value, float& stored) {
 
 namespace Validation {
 /// True when 0 < f <= 1.
-inline bool isFractionStrict(float f) { return f > 0.0f && f <= 1.0f; }
+inline bool isFractionStrict(float f) {
+  return f > 0.0f && f <= 1.0f;
+}
 }  // namespace Validation
 
 // ---- Eigen ------------------------------------------------------------------------------
 
-inline Eigen::Vector3f toEigen(const Position3D& p) { return {p.x, p.y, p.z}; }
-inline Position3D fromEigen(const Eigen::Vector3f& v) { return {v.x(), v.y(), v.z()}; }
+inline Eigen::Vector3f toEigen(const Position3D& p) {
+  return {p.x, p.y, p.z};
+}
+inline Position3D fromEigen(const Eigen::Vector3f& v) {
+  return {v.x(), v.y(), v.z()};
+}
 Eigen::Isometry3f toEigen(const Transform& t);
 Transform fromEigen(const Eigen::Isometry3f& t);
 Eigen::Matrix3f toEigen(const Rotation& r);

@@ -49,7 +49,9 @@ struct Position3D {
   }
   std::vector<float> toVector() const { return {x, y, z}; }
 };
-inline Position3D operator*(float s, const Position3D& p) { return p * s; }
+inline Position3D operator*(float s, const Position3D& p) {
+  return p * s;
+}
 
 struct Position6D {
   float x = 0.0f;

@@ -22,9 +22,9 @@ constexpr int kTrackEffectorCount = 3;
 /// never clip an angle.
 struct TrackerJoint {
   std::string name;
-  float min = -Math::k2Pi;     // [rad]
-  float max = Math::k2Pi;      // [rad]
-  float maxVelocity = 0.0f;    // [rad/s]
+  float min = -Math::k2Pi;   // [rad]
+  float max = Math::k2Pi;    // [rad]
+  float maxVelocity = 0.0f;  // [rad/s]
 };
 
 class TrackerHead {
@@ -60,11 +60,11 @@ class TrackerArm {
 };
 
 struct KRTrackerModel {
-  float wbPitchMin = 0.0f;     // [rad]
-  float wbPitchMax = 0.0f;     // [rad]
-  float wbYawMin = 0.0f;       // [rad]
-  float wbYawMax = 0.0f;       // [rad]
-  float wbLookAtHeight = 0.0f; // [m], subtracted from the target's z
+  float wbPitchMin = 0.0f;      // [rad]
+  float wbPitchMax = 0.0f;      // [rad]
+  float wbYawMin = 0.0f;        // [rad]
+  float wbYawMax = 0.0f;        // [rad]
+  float wbLookAtHeight = 0.0f;  // [m], subtracted from the target's z
   TrackerHead head{"Head"};
   TrackerArm leftArm{"LArm"};
   TrackerArm rightArm{"RArm"};

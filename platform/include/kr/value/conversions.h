@@ -32,7 +32,8 @@ template <>
 struct KRValueTraits<bool> {
   static KRValue toValue(bool b) { return KRValue(b); }
   static bool fromValue(const KRValue& v, const char* what) {
-    if (const bool* b = v.getIf<bool>()) return *b;
+    if (const bool* b = v.getIf<bool>())
+      return *b;
     detail::throwConversionError("bool", v, what);
   }
 };
@@ -41,7 +42,8 @@ template <>
 struct KRValueTraits<int> {
   static KRValue toValue(int i) { return KRValue(i); }
   static int fromValue(const KRValue& v, const char* what) {
-    if (const int* i = v.getIf<int>()) return *i;
+    if (const int* i = v.getIf<int>())
+      return *i;
     detail::throwConversionError("int", v, what);
   }
 };
@@ -50,8 +52,10 @@ template <>
 struct KRValueTraits<float> {
   static KRValue toValue(float f) { return KRValue(f); }
   static float fromValue(const KRValue& v, const char* what) {
-    if (const float* f = v.getIf<float>()) return *f;
-    if (const int* i = v.getIf<int>()) return static_cast<float>(*i);
+    if (const float* f = v.getIf<float>())
+      return *f;
+    if (const int* i = v.getIf<int>())
+      return static_cast<float>(*i);
     detail::throwConversionError("float", v, what);
   }
 };
@@ -68,7 +72,8 @@ template <>
 struct KRValueTraits<std::string> {
   static KRValue toValue(const std::string& s) { return KRValue(s); }
   static std::string fromValue(const KRValue& v, const char* what) {
-    if (const std::string* s = v.getIf<std::string>()) return *s;
+    if (const std::string* s = v.getIf<std::string>())
+      return *s;
     detail::throwConversionError("string", v, what);
   }
 };
@@ -84,15 +89,18 @@ struct KRValueTraits<std::vector<T>> {
   static KRValue toValue(const std::vector<T>& v) {
     KRValue::Array a;
     a.reserve(v.size());
-    for (const auto& e : v) a.emplace_back(KRValueTraits<T>::toValue(e));
+    for (const auto& e : v)
+      a.emplace_back(KRValueTraits<T>::toValue(e));
     return KRValue(std::move(a));
   }
   static std::vector<T> fromValue(const KRValue& v, const char* what) {
     const KRValue::Array* a = v.getIf<KRValue::Array>();
-    if (a == nullptr) detail::throwConversionError("array", v, what);
+    if (a == nullptr)
+      detail::throwConversionError("array", v, what);
     std::vector<T> out;
     out.reserve(a->size());
-    for (const KRValue& e : *a) out.push_back(KRValueTraits<T>::fromValue(e, what));
+    for (const KRValue& e : *a)
+      out.push_back(KRValueTraits<T>::fromValue(e, what));
     return out;
   }
 };
