@@ -47,6 +47,18 @@ KRValue zeroRelativePosition() {
   return KRValue(std::vector<float>(6, 0.0f));
 }
 
+// A speed limit accepted in [0.001, bound]; otherwise the range error, its interval written
+// with 0 as its lower bound, as the clients expect.
+float checkedLimit(const char* what, float value, float bound) {
+  if (value >= 0.001f && value <= bound) {
+    return value;
+  }
+  std::ostringstream text;
+  text << "Invalid " << what << ": \"" << value << "\"."
+       << " Could be: ]" << 0 << "; " << bound << "]";
+  throw std::runtime_error(text.str());
+}
+
 }  // namespace
 
 // ---- construction --------------------------------------------------------------------------
@@ -918,15 +930,7 @@ void GenericTracker::xStopHeadTracking() {
 
 void GenericTracker::setMaximumVelocity(float pVelocity) {
   const float bound = std::min(fModel.head.yaw.maxVelocity, fModel.head.pitch.maxVelocity);
-  if (pVelocity >= 0.001f && pVelocity <= bound) {
-    fLimits[2] = pVelocity;
-    return;
-  }
-  // The interval is written with 0 as its lower bound, as the clients expect.
-  std::ostringstream text;
-  text << "Invalid velocity: \"" << pVelocity << "\"."
-       << " Could be: ]" << 0 << "; " << bound << "]";
-  throw std::runtime_error(text.str());
+  fLimits[2] = checkedLimit("velocity", pVelocity, bound);
 }
 
 float GenericTracker::getMaximumVelocity() const {
@@ -934,15 +938,7 @@ float GenericTracker::getMaximumVelocity() const {
 }
 
 void GenericTracker::setMaximumAcceleration(float pAcceleration) {
-  const float bound = 20.0f;
-  if (pAcceleration >= 0.001f && pAcceleration <= bound) {
-    fLimits[1] = pAcceleration;
-    return;
-  }
-  std::ostringstream text;
-  text << "Invalid acceleration: \"" << pAcceleration << "\"."
-       << " Could be: ]" << 0 << "; " << bound << "]";
-  throw std::runtime_error(text.str());
+  fLimits[1] = checkedLimit("acceleration", pAcceleration, 20.0f);
 }
 
 float GenericTracker::getMaximumAcceleration() const {
