@@ -11,7 +11,8 @@ BUILD    ?= build
 JOBS     ?= $(shell nproc)
 CMAKE_ARGS ?=
 DEB_PACKAGES := cmake g++ make libeigen3-dev libboost-dev libspdlog-dev libpugixml-dev \
-                libgtest-dev libgmock-dev libbenchmark-dev gnuplot-nox
+                libgtest-dev libgmock-dev libbenchmark-dev gnuplot-nox libcli11-dev nlohmann-json3-dev \
+                libyaml-cpp-dev libmsgpack-cxx-dev libmujoco-dev cyclonedds-dev cyclonedds-tools
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
 .PHONY: setup configure build test demo test-asan test-tsan bench fuzz fuzz-corpus format clean
