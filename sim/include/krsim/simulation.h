@@ -32,6 +32,13 @@ struct SimulationConfig {
   float noise = 0.0f;        // standard deviation of observation noise [m]
   Math::Pose2D startPose;    // the robot's pose in the map frame
   SubModuleFactory modules;  // empty: services only, no tracking service
+
+  // Perception, actuation and the tracking service's latency compensation.
+  std::string physics = "kinematic";  // "kinematic" or "mujoco"
+  double cameraRateHz = 15.0;         // detections per second of the head camera
+  double latencyS = 0.08;             // capture to delivery of a detection [s]
+  double dropout = 0.0;               // probability that a frame's detection is missed
+  bool compensation = true;           // sub-modules use capture-time poses and prediction
 };
 
 class Simulation {
