@@ -1,9 +1,11 @@
 # Thin front end: installs the Debian packages that are missing, configures, builds, runs.
 #   make demo       the simulated robot tracking a target
+#   make demo-remote  the same with the tracking service in a second process, over DDS on loopback
 #   make test       every test
 #   make test-asan  the tests under AddressSanitizer + UndefinedBehaviorSanitizer
 #   make test-tsan  the concurrency tests under ThreadSanitizer
 #   make bench      the benchmarks (medians of 5 repetitions)
+#   make bench-remote  remote calls over DDS on loopback beside in-process calls
 #   make fuzz       each fuzz target for FUZZ_SECONDS (clang and libFuzzer, installed if missing)
 #   make format     clang-format over the sources
 
@@ -15,7 +17,7 @@ DEB_PACKAGES := cmake g++ make libeigen3-dev libboost-dev libspdlog-dev libpugix
                 libyaml-cpp-dev libmsgpack-cxx-dev libmujoco-dev cyclonedds-dev cyclonedds-tools
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: setup configure build test demo test-asan test-tsan bench fuzz fuzz-corpus format clean
+.PHONY: setup configure build test demo demo-remote test-asan test-tsan bench bench-remote fuzz fuzz-corpus format clean
 
 setup:
 	@missing=$$(for p in $(DEB_PACKAGES) $(EXTRA_PACKAGES); do \
@@ -38,6 +40,16 @@ test: build
 demo: build
 	./$(BUILD)/sim/krtracker-sim $(DEMO_ARGS)
 
+# Two processes of krtracker-sim: the tracking service, and the robot side playing the scenario
+# in real time. DDS stays on loopback; the topic prefix keeps concurrent demos apart.
+DEMO_SCENARIO ?= ball
+demo-remote: build
+	@export CYCLONEDDS_URI=file://$(CURDIR)/config/cyclonedds-loopback.xml \
+	  KRTRACKER_REMOTE_PREFIX=krdemo_$$$$; \
+	./$(BUILD)/sim/krtracker-sim remote-tracker & tracker=$$!; \
+	./$(BUILD)/sim/krtracker-sim remote-robot $(DEMO_SCENARIO); rc=$$?; \
+	wait $$tracker; exit $$rc
+
 test-asan:
 	$(MAKE) test BUILD=build-asan CMAKE_ARGS="-DKRTRACKER_SANITIZE=address"
 
@@ -52,6 +64,11 @@ bench:
 	for b in build-bench/bench/bench_*; do \
 	  $$b --benchmark_repetitions=5 --benchmark_report_aggregates_only=true \
 	      --benchmark_display_aggregates_only=true | grep -E 'median|^Run|^---|^Benchmark'; done
+
+bench-remote:
+	$(MAKE) build BUILD=build-bench EXTRA_PACKAGES=liborocos-kdl-dev BUILD_TARGETS=remote_latency \
+	  CMAKE_ARGS="-DKRTRACKER_BUILD_BENCH=ON -DCMAKE_BUILD_TYPE=Release"
+	CYCLONEDDS_URI=file://$(CURDIR)/config/cyclonedds-loopback.xml build-bench/bench/remote_latency
 
 FUZZ_SECONDS ?= 60
 FUZZ_TARGETS := trackinfos tracker_event tracker_config namer robot_xml

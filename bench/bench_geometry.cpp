@@ -13,7 +13,9 @@
 
 #include <Eigen/Geometry>
 
+#include <kr/math/eigen.h>
 #include <kr/math/math.h>
+#include <kr/model/kinematics.h>
 
 #include <krtracker/config/krgenerictrackerconfig.h>
 #include <krtracker/tools/tools.h>
@@ -290,7 +292,8 @@ BENCHMARK(BM_KdlPointAt_BothArms);
 
 // ---- one-time checks -----------------------------------------------------------------------
 
-/// Both solvers along the whole path: the same head angles within kAgreement.
+/// Both solvers along the whole path: the same head angles within kAgreement, and the closed
+/// form's sensor aimed at each target (checked by forward kinematics) within kAgreement.
 double checkHeadAgreement(KR::Model::TRACK_EFFECTOR effector) {
   const KRTrackerModel& model = kibo();
   krbench::KdlHeadPeer peer(model.head, effector);
@@ -311,13 +314,18 @@ double checkHeadAgreement(KR::Model::TRACK_EFFECTOR effector) {
                                            std::to_string(yaw) + ", " + std::to_string(pitch) +
                                            "), KDL (" + std::to_string(kdlYaw) + ", " +
                                            std::to_string(kdlPitch) + ")");
+    const float aim =
+        KR::Math::aimError(KR::Model::headEffectorPose(model.head, effector, yaw, pitch), target);
+    krbench::require(aim < kAgreement, "look-at, effector " + std::to_string(effector) +
+                                           ", sample " + std::to_string(index) + ": misses by " +
+                                           std::to_string(aim) + " rad");
     worst = std::max(worst, gap);
     ++index;
   }
   return worst;
 }
 
-/// The same for an arm: shoulder pitch, shoulder roll and elbow roll.
+/// The same for an arm: shoulder pitch, shoulder roll and elbow roll, and the forearm aimed.
 double checkArmAgreement(const KR::Model::TrackerArm& arm) {
   krbench::KdlArmPeer peer(arm);
   double worst = 0.0;
@@ -335,6 +343,11 @@ double checkArmAgreement(const KR::Model::TrackerArm& arm) {
                          ": closed form (" + std::to_string(a[0]) + ", " + std::to_string(a[1]) +
                          ", " + std::to_string(a[3]) + "), KDL (" + std::to_string(k[0]) + ", " +
                          std::to_string(k[1]) + ", " + std::to_string(k[2]) + ")");
+    const float aim =
+        KR::Math::aimError(KR::Model::forearmPose(arm, a[0], a[1], a[2], a[3]), target);
+    krbench::require(aim < kAgreement, "point-at, " + arm.name + ", sample " +
+                                           std::to_string(index) + ": misses by " +
+                                           std::to_string(aim) + " rad");
     worst = std::max(worst, gap);
     ++index;
   }

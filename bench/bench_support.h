@@ -15,18 +15,12 @@
 #include <kr/math/types.h>
 #include <kr/model/trackermodel.h>
 
+#include "support/alloc_counter.h"
+
 namespace krbench {
 
-/// Heap allocations made by this thread since it started (see alloc_counter.cpp).
-std::uint64_t heapAllocations();
-
-/// Heap allocations made by f on this thread.
-template <class F>
-std::uint64_t allocationsOf(F&& f) {
-  const std::uint64_t before = heapAllocations();
-  f();
-  return heapAllocations() - before;
-}
+using krtest::allocationsOf;
+using krtest::heapAllocations;
 
 /// Reports the allocations made since `before`, per iteration, as the counter "allocs".
 void reportAllocations(benchmark::State& state, std::uint64_t before);

@@ -18,14 +18,13 @@ const Eigen::Matrix<double, 6, 1> kPositionOnly =
 constexpr double kEps = 1e-4 * kWeight;
 constexpr int kMaxIterations = 100;
 
-KDL::Frame toKdl(const KR::Math::Transform& t) {
-  return KDL::Frame(KDL::Rotation(t.r1_c1, t.r1_c2, t.r1_c3, t.r2_c1, t.r2_c2, t.r2_c3, t.r3_c1,
-                                  t.r3_c2, t.r3_c3),
-                    KDL::Vector(t.r1_c4, t.r2_c4, t.r3_c4));
-}
-
 KDL::Vector toKdl(const KR::Math::Position3D& p) {
   return KDL::Vector(p.x, p.y, p.z);
+}
+
+KDL::Frame toKdl(const KR::Math::Transform& t) {
+  return KDL::Frame(KDL::Rotation(toKdl(t.xAxis()), toKdl(t.yAxis()), toKdl(t.zAxis())),
+                    toKdl(t.translation()));
 }
 
 std::unique_ptr<KDL::ChainIkSolverPos_LMA> makeSolver(const KDL::Chain& chain) {

@@ -1,4 +1,6 @@
-# Warnings and sanitizers shared by every target of the project.
+# Warnings and sanitizers shared by every target of the project. The libraries link this
+# target inside the build tree only ($<BUILD_INTERFACE:...>): it is neither installed nor
+# exported, so a consumer of the installed package keeps its own flags.
 add_library(krtracker_options INTERFACE)
 target_compile_options(krtracker_options INTERFACE -Wall -Wextra -Wpedantic)
 
@@ -36,11 +38,10 @@ if(NOT KRTRACKER_SANITIZE STREQUAL "")
     # test. Its dynamic-type checks (vptr) also misread a spilled `this` after a caught
     # exception, reporting a stack-buffer-underflow that is not there. Clang keeps all three.
     target_compile_options(krtracker_options INTERFACE -Wno-maybe-uninitialized
-                                                       -Wno-mismatched-new-delete)
+                           $<$<COMPILE_LANGUAGE:CXX>:-Wno-mismatched-new-delete>)
     if(KRTRACKER_SANITIZE STREQUAL "address")
       target_compile_options(krtracker_options INTERFACE -fno-sanitize=vptr)
       target_link_options(krtracker_options INTERFACE -fno-sanitize=vptr)
     endif()
   endif()
 endif()
-install(TARGETS krtracker_options EXPORT krtrackerTargets)

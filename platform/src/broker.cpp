@@ -150,9 +150,23 @@ std::shared_ptr<KRProxy> KRBroker::getProxy(const std::string& name, int flags) 
   }
   std::shared_ptr<KRModule> module = getModule(name);
   if (!module) {
+    std::shared_ptr<RemoteResolver> resolver;
+    {
+      std::lock_guard<std::mutex> lock(fResolverMutex);
+      resolver = fResolver;
+    }
+    if (resolver)
+      module = (*resolver)(name);
+  }
+  if (!module) {
     throw KRError("KRBroker", "getProxy", "no module named \"" + name + "\" in broker " + fName);
   }
   return std::make_shared<KRProxy>(weak_from_this(), std::move(module));
+}
+
+void KRBroker::setRemoteResolver(RemoteResolver resolver) {
+  std::lock_guard<std::mutex> lock(fResolverMutex);
+  fResolver = resolver ? std::make_shared<RemoteResolver>(std::move(resolver)) : nullptr;
 }
 
 void KRBroker::setCallObserver(Observer observer) {

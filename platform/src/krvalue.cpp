@@ -84,11 +84,10 @@ int KRValue::asInt() const {
 }
 
 float KRValue::asFloat() const {
-  if (const float* f = std::get_if<float>(&fData))
-    return *f;
-  if (const int* i = std::get_if<int>(&fData))
-    return static_cast<float>(*i);
-  throwKind("asFloat", "a float", *this);
+  float f = 0.0f;
+  if (toFloat(f))
+    return f;
+  throwKind("asFloat", kFloatKinds, *this);
 }
 
 const std::string& KRValue::asString() const {

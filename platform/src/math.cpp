@@ -5,14 +5,38 @@
 #include <ostream>
 #include <string>
 
+#include <Eigen/Geometry>
+
 #include <kr/error.h>
+#include <kr/math/eigen.h>
 #include <kr/math/math.h>
 #include <kr/math/types.h>
 
 namespace KR {
 namespace Math {
 
+// The fields of Rotation and Transform are consecutive floats, row by row: Eigen works on
+// them in place through row-major maps.
+static_assert(sizeof(Rotation) == 9 * sizeof(float), "Rotation must be nine packed floats");
+static_assert(sizeof(Transform) == 12 * sizeof(float), "Transform must be twelve packed floats");
+
 namespace {
+
+using Matrix3x4 = Eigen::Matrix<float, 3, 4, Eigen::RowMajor>;
+using Matrix3 = Eigen::Matrix<float, 3, 3, Eigen::RowMajor>;
+
+Eigen::Map<Matrix3x4> map(Transform& t) {
+  return Eigen::Map<Matrix3x4>(&t.r1_c1);
+}
+Eigen::Map<const Matrix3x4> map(const Transform& t) {
+  return Eigen::Map<const Matrix3x4>(&t.r1_c1);
+}
+Eigen::Map<Matrix3> map(Rotation& r) {
+  return Eigen::Map<Matrix3>(&r.r1_c1);
+}
+Eigen::Map<const Matrix3> map(const Rotation& r) {
+  return Eigen::Map<const Matrix3>(&r.r1_c1);
+}
 
 float at(const std::vector<float>& v, std::size_t i) {
   return i < v.size() ? v[i] : 0.0f;
@@ -66,18 +90,6 @@ void setAngles(M& m, float wx, float wy, float wz) {
   m.r3_c3 = cy * cx;
 }
 
-// Roll, pitch, yaw of the 3x3 block of m (inverse of setAngles, pitch in [-pi/2, pi/2]).
-// At the gimbal lock (cos pitch ~ 0) roll is set to 0 and the whole turn goes to yaw.
-template <typename M>
-Rotation3D anglesOf(const M& m) {
-  const float cy = std::hypot(m.r1_c1, m.r2_c1);
-  const float wy = std::atan2(-m.r3_c1, cy);
-  if (cy < 1e-6f) {
-    return {0.0f, wy, std::atan2(-m.r1_c2, m.r2_c2)};
-  }
-  return {std::atan2(m.r3_c2, m.r3_c3), wy, std::atan2(m.r2_c1, m.r1_c1)};
-}
-
 // Space-separated floats with the stream's own formatting.
 std::ostream& writeAll(std::ostream& os, std::initializer_list<float> values) {
   bool first = true;
@@ -108,36 +120,22 @@ Pose2D::Pose2D(const std::vector<float>& v) : x(at(v, 0)), y(at(v, 1)), theta(at
 
 Rotation Rotation::operator*(const Rotation& o) const {
   Rotation r;
-  r.r1_c1 = r1_c1 * o.r1_c1 + r1_c2 * o.r2_c1 + r1_c3 * o.r3_c1;
-  r.r1_c2 = r1_c1 * o.r1_c2 + r1_c2 * o.r2_c2 + r1_c3 * o.r3_c2;
-  r.r1_c3 = r1_c1 * o.r1_c3 + r1_c2 * o.r2_c3 + r1_c3 * o.r3_c3;
-  r.r2_c1 = r2_c1 * o.r1_c1 + r2_c2 * o.r2_c1 + r2_c3 * o.r3_c1;
-  r.r2_c2 = r2_c1 * o.r1_c2 + r2_c2 * o.r2_c2 + r2_c3 * o.r3_c2;
-  r.r2_c3 = r2_c1 * o.r1_c3 + r2_c2 * o.r2_c3 + r2_c3 * o.r3_c3;
-  r.r3_c1 = r3_c1 * o.r1_c1 + r3_c2 * o.r2_c1 + r3_c3 * o.r3_c1;
-  r.r3_c2 = r3_c1 * o.r1_c2 + r3_c2 * o.r2_c2 + r3_c3 * o.r3_c2;
-  r.r3_c3 = r3_c1 * o.r1_c3 + r3_c2 * o.r2_c3 + r3_c3 * o.r3_c3;
+  map(r).noalias() = map(*this) * map(o);
   return r;
+}
+
+Position3D Rotation::operator*(const Position3D& p) const {
+  return fromEigen(Eigen::Vector3f(map(*this) * toEigen(p)));
 }
 
 Rotation Rotation::transpose() const {
   Rotation r;
-  r.r1_c1 = r1_c1;
-  r.r1_c2 = r2_c1;
-  r.r1_c3 = r3_c1;
-  r.r2_c1 = r1_c2;
-  r.r2_c2 = r2_c2;
-  r.r2_c3 = r3_c2;
-  r.r3_c1 = r1_c3;
-  r.r3_c2 = r2_c3;
-  r.r3_c3 = r3_c3;
+  map(r) = map(*this).transpose();
   return r;
 }
 
 bool Rotation::operator==(const Rotation& o) const {
-  return r1_c1 == o.r1_c1 && r1_c2 == o.r1_c2 && r1_c3 == o.r1_c3 && r2_c1 == o.r2_c1 &&
-         r2_c2 == o.r2_c2 && r2_c3 == o.r2_c3 && r3_c1 == o.r3_c1 && r3_c2 == o.r3_c2 &&
-         r3_c3 == o.r3_c3;
+  return map(*this) == map(o);
 }
 
 Rotation Rotation::fromRotX(float angle) {
@@ -162,42 +160,46 @@ Transform::Transform(const std::vector<float>& v) {
   if (v.size() != 12 && v.size() != 16) {
     throw KRError("Math", "Transform", "expected 12 or 16 floats, got " + std::to_string(v.size()));
   }
-  r1_c1 = v[0];
-  r1_c2 = v[1];
-  r1_c3 = v[2];
-  r1_c4 = v[3];
-  r2_c1 = v[4];
-  r2_c2 = v[5];
-  r2_c3 = v[6];
-  r2_c4 = v[7];
-  r3_c1 = v[8];
-  r3_c2 = v[9];
-  r3_c3 = v[10];
-  r3_c4 = v[11];
+  map(*this) = Eigen::Map<const Matrix3x4>(v.data());
+}
+
+Transform::Transform(const Rotation& r, const Position3D& t) {
+  map(*this) << map(r), toEigen(t);
+}
+
+Transform Transform::operator*(const Transform& o) const {
+  const auto a = map(*this);
+  const auto b = map(o);
+  Transform t;
+  auto c = map(t);
+  c.leftCols<3>().noalias() = a.leftCols<3>() * b.leftCols<3>();
+  c.col(3).noalias() = a.leftCols<3>() * b.col(3) + a.col(3);
+  return t;
+}
+
+Position3D Transform::operator*(const Position3D& p) const {
+  const auto m = map(*this);
+  return fromEigen(Eigen::Vector3f(m.leftCols<3>() * toEigen(p) + m.col(3)));
 }
 
 bool Transform::operator==(const Transform& o) const {
-  return r1_c1 == o.r1_c1 && r1_c2 == o.r1_c2 && r1_c3 == o.r1_c3 && r1_c4 == o.r1_c4 &&
-         r2_c1 == o.r2_c1 && r2_c2 == o.r2_c2 && r2_c3 == o.r2_c3 && r2_c4 == o.r2_c4 &&
-         r3_c1 == o.r3_c1 && r3_c2 == o.r3_c2 && r3_c3 == o.r3_c3 && r3_c4 == o.r3_c4;
+  return map(*this) == map(o);
 }
 
 bool Transform::isNear(const Transform& o, float epsilon) const {
-  const float a[12] = {r1_c1, r1_c2, r1_c3, r1_c4, r2_c1, r2_c2,
-                       r2_c3, r2_c4, r3_c1, r3_c2, r3_c3, r3_c4};
-  const float b[12] = {o.r1_c1, o.r1_c2, o.r1_c3, o.r1_c4, o.r2_c1, o.r2_c2,
-                       o.r2_c3, o.r2_c4, o.r3_c1, o.r3_c2, o.r3_c3, o.r3_c4};
-  for (int i = 0; i < 12; ++i) {
-    // Written so that a NaN on either side is never near anything.
-    if (!(std::fabs(a[i] - b[i]) <= epsilon)) {
-      return false;
-    }
-  }
-  return true;
+  // Written so that a NaN on either side is never near anything.
+  return ((map(*this) - map(o)).array().abs() <= epsilon).all();
+}
+
+Rotation Transform::rotation() const {
+  Rotation r;
+  map(r) = map(*this).leftCols<3>();
+  return r;
 }
 
 std::vector<float> Transform::toVector() const {
-  return {r1_c1, r1_c2, r1_c3, r1_c4, r2_c1, r2_c2, r2_c3, r2_c4, r3_c1, r3_c2, r3_c3, r3_c4};
+  const float* first = map(*this).data();
+  return std::vector<float>(first, first + 12);
 }
 
 Transform Transform::fromRotX(float angle) {
@@ -243,27 +245,21 @@ std::ostream& operator<<(std::ostream& os, const Rotation3D& r) {
 }
 
 std::ostream& operator<<(std::ostream& os, const Transform& t) {
-  return writeAll(os, {t.r1_c1, t.r1_c2, t.r1_c3, t.r1_c4, t.r2_c1, t.r2_c2, t.r2_c3, t.r2_c4,
-                       t.r3_c1, t.r3_c2, t.r3_c3, t.r3_c4});
+  const std::vector<float> v = t.toVector();
+  for (std::size_t i = 0; i < v.size(); ++i) {
+    os << (i == 0 ? "" : " ") << v[i];
+  }
+  return os;
 }
 
 // ---- transforms -------------------------------------------------------------------------
 
 Transform transformFromPosition6D(const Position6D& p) {
-  Transform t;
-  setAngles(t, p.wx, p.wy, p.wz);
-  t.r1_c4 = p.x;
-  t.r2_c4 = p.y;
-  t.r3_c4 = p.z;
-  return t;
+  return Transform(rotationFromAngles(p.wx, p.wy, p.wz), {p.x, p.y, p.z});
 }
 
 Transform transformFromPose2D(const Pose2D& p) {
-  Transform t;
-  setRotZ(t, p.theta);
-  t.r1_c4 = p.x;
-  t.r2_c4 = p.y;
-  return t;
+  return Transform(Rotation::fromRotZ(p.theta), {p.x, p.y, 0.0f});
 }
 
 Transform transformFromPosition3D(const Position3D& p) {
@@ -271,48 +267,20 @@ Transform transformFromPosition3D(const Position3D& p) {
 }
 
 Transform transformFromRotation(const Rotation& r) {
-  Transform t;
-  t.r1_c1 = r.r1_c1;
-  t.r1_c2 = r.r1_c2;
-  t.r1_c3 = r.r1_c3;
-  t.r2_c1 = r.r2_c1;
-  t.r2_c2 = r.r2_c2;
-  t.r2_c3 = r.r2_c3;
-  t.r3_c1 = r.r3_c1;
-  t.r3_c2 = r.r3_c2;
-  t.r3_c3 = r.r3_c3;
-  return t;
+  return Transform(r, {});
 }
 
 Position6D position6DFromTransform(const Transform& t) {
-  const Rotation3D a = anglesOf(t);
+  const Rotation3D a = rotation3DFromRotation(t.rotation());
   return {t.r1_c4, t.r2_c4, t.r3_c4, a.wx, a.wy, a.wz};
 }
 
 Position3D position3DFromTransform(const Transform& t) {
-  return {t.r1_c4, t.r2_c4, t.r3_c4};
+  return t.translation();
 }
 
 Pose2D pose2DFromTransform(const Transform& t) {
-  return {t.r1_c4, t.r2_c4, anglesOf(t).wz};
-}
-
-Rotation rotationFromTransform(const Transform& t) {
-  Rotation r;
-  r.r1_c1 = t.r1_c1;
-  r.r1_c2 = t.r1_c2;
-  r.r1_c3 = t.r1_c3;
-  r.r2_c1 = t.r2_c1;
-  r.r2_c2 = t.r2_c2;
-  r.r2_c3 = t.r2_c3;
-  r.r3_c1 = t.r3_c1;
-  r.r3_c2 = t.r3_c2;
-  r.r3_c3 = t.r3_c3;
-  return r;
-}
-
-Rotation3D rotation3DFromTransform(const Transform& t) {
-  return anglesOf(t);
+  return {t.r1_c4, t.r2_c4, rotation3DFromRotation(t.rotation()).wz};
 }
 
 Position6D position6DFromPose2D(const Pose2D& p) {
@@ -320,28 +288,10 @@ Position6D position6DFromPose2D(const Pose2D& p) {
 }
 
 Transform pinv(const Transform& t) {
-  Transform r;
-  r.r1_c1 = t.r1_c1;
-  r.r1_c2 = t.r2_c1;
-  r.r1_c3 = t.r3_c1;
-  r.r2_c1 = t.r1_c2;
-  r.r2_c2 = t.r2_c2;
-  r.r2_c3 = t.r3_c2;
-  r.r3_c1 = t.r1_c3;
-  r.r3_c2 = t.r2_c3;
-  r.r3_c3 = t.r3_c3;
-  r.r1_c4 = -(r.r1_c1 * t.r1_c4 + r.r1_c2 * t.r2_c4 + r.r1_c3 * t.r3_c4);
-  r.r2_c4 = -(r.r2_c1 * t.r1_c4 + r.r2_c2 * t.r2_c4 + r.r2_c3 * t.r3_c4);
-  r.r3_c4 = -(r.r3_c1 * t.r1_c4 + r.r3_c2 * t.r2_c4 + r.r3_c3 * t.r3_c4);
-  return r;
+  const Rotation inverse = t.rotation().transpose();
+  return Transform(inverse, -(inverse * t.translation()));
 }
 
-Rotation rotationFromRotX(float angle) {
-  return Rotation::fromRotX(angle);
-}
-Rotation rotationFromRotY(float angle) {
-  return Rotation::fromRotY(angle);
-}
 Rotation rotationFromRotZ(float angle) {
   return Rotation::fromRotZ(angle);
 }
@@ -352,8 +302,14 @@ Rotation rotationFromAngles(float wx, float wy, float wz) {
   return r;
 }
 
-Rotation rotationFromRotation3D(const Rotation3D& r) {
-  return rotationFromAngles(r.wx, r.wy, r.wz);
+// At the gimbal lock (cos pitch ~ 0) roll is set to 0 and the whole turn goes to yaw.
+Rotation3D rotation3DFromRotation(const Rotation& r) {
+  const float cy = std::hypot(r.r1_c1, r.r2_c1);
+  const float wy = std::atan2(-r.r3_c1, cy);
+  if (cy < 1e-6f) {
+    return {0.0f, wy, std::atan2(-r.r1_c2, r.r2_c2)};
+  }
+  return {std::atan2(r.r3_c2, r.r3_c3), wy, std::atan2(r.r2_c1, r.r1_c1)};
 }
 
 // ---- distances --------------------------------------------------------------------------
@@ -367,12 +323,13 @@ float distance(const Position3D& a, const Position3D& b) {
   return (a - b).norm();
 }
 
-float norm(const Position6D& p) {
-  return p.norm();
-}
-
-float norm(const Position3D& p) {
-  return p.norm();
+float aimError(const Transform& frame, const Position3D& target) {
+  const Position3D toTarget = target - frame.translation();
+  if (toTarget == Position3D()) {
+    return kPi;
+  }
+  const Position3D axis = frame.xAxis();
+  return std::atan2(axis.cross(toTarget).norm(), axis.dot(toTarget));
 }
 
 // ---- angles -----------------------------------------------------------------------------
@@ -451,46 +408,23 @@ bool computeLookAtAngles(const Position3D& target, const Position3D& headPositio
 
 Eigen::Isometry3f toEigen(const Transform& t) {
   Eigen::Isometry3f e = Eigen::Isometry3f::Identity();
-  e.matrix().topRows<3>() << t.r1_c1, t.r1_c2, t.r1_c3, t.r1_c4, t.r2_c1, t.r2_c2, t.r2_c3, t.r2_c4,
-      t.r3_c1, t.r3_c2, t.r3_c3, t.r3_c4;
+  e.matrix().topRows<3>() = map(t);
   return e;
 }
 
 Transform fromEigen(const Eigen::Isometry3f& e) {
-  const auto& m = e.matrix();
   Transform t;
-  t.r1_c1 = m(0, 0);
-  t.r1_c2 = m(0, 1);
-  t.r1_c3 = m(0, 2);
-  t.r1_c4 = m(0, 3);
-  t.r2_c1 = m(1, 0);
-  t.r2_c2 = m(1, 1);
-  t.r2_c3 = m(1, 2);
-  t.r2_c4 = m(1, 3);
-  t.r3_c1 = m(2, 0);
-  t.r3_c2 = m(2, 1);
-  t.r3_c3 = m(2, 2);
-  t.r3_c4 = m(2, 3);
+  map(t) = e.matrix().topRows<3>();
   return t;
 }
 
 Eigen::Matrix3f toEigen(const Rotation& r) {
-  Eigen::Matrix3f m;
-  m << r.r1_c1, r.r1_c2, r.r1_c3, r.r2_c1, r.r2_c2, r.r2_c3, r.r3_c1, r.r3_c2, r.r3_c3;
-  return m;
+  return map(r);
 }
 
 Rotation fromEigen(const Eigen::Matrix3f& m) {
   Rotation r;
-  r.r1_c1 = m(0, 0);
-  r.r1_c2 = m(0, 1);
-  r.r1_c3 = m(0, 2);
-  r.r2_c1 = m(1, 0);
-  r.r2_c2 = m(1, 1);
-  r.r2_c3 = m(1, 2);
-  r.r3_c1 = m(2, 0);
-  r.r3_c2 = m(2, 1);
-  r.r3_c3 = m(2, 2);
+  map(r) = m;
   return r;
 }
 

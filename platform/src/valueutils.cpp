@@ -17,11 +17,10 @@ namespace {
 float numberAt(const KRValue& v, std::size_t i, const std::string& caller, const char* function,
                const std::string& name) {
   const KRValue& e = v[i];
-  if (const float* f = e.getIf<float>())
-    return *f;
-  if (const int* n = e.getIf<int>())
-    return static_cast<float>(*n);
-  throwWrongKind(caller, function, name + "[" + std::to_string(i) + "]", "a float or an int", e);
+  float f = 0.0f;
+  if (e.toFloat(f))
+    return f;
+  throwWrongKind(caller, function, name + "[" + std::to_string(i) + "]", kFloatKinds, e);
 }
 }  // namespace
 
@@ -39,11 +38,10 @@ void checkArrayFromKRValue(const KRValue& v, const std::string& caller, const st
 }
 
 float extractFloat(const KRValue& v, const std::string& caller, const std::string& name) {
-  if (const float* f = v.getIf<float>())
-    return *f;
-  if (const int* n = v.getIf<int>())
-    return static_cast<float>(*n);
-  throwWrongKind(caller, "extractFloat", name, "a float or an int", v);
+  float f = 0.0f;
+  if (v.toFloat(f))
+    return f;
+  throwWrongKind(caller, "extractFloat", name, kFloatKinds, v);
 }
 
 float extractFloatAndClip(const KRValue& v, float min, float max, const std::string& caller,

@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include <kr/error.h>
+#include <kr/model/kinematics.h>
 
 namespace KR {
 namespace Sim {
@@ -12,215 +13,84 @@ namespace Sim {
 namespace {
 
 constexpr const char* kModule = "KRMotion";
-constexpr float kGoalLinearTolerance = 0.001f;   // [m]
-constexpr float kGoalAngularTolerance = 0.002f;  // [rad]
-constexpr float kGazeTurnGain = 3.0f;            // [1/s]
-constexpr float kArmRestPitch = 1.4f;            // arms hanging down [rad]
-
-float wrap(float a) {
-  return Math::modulo2PI(a);
-}
-
-float clampf(float v, float lo, float hi) {
-  return std::max(lo, std::min(hi, v));
-}
 
 Math::Transform torsoOffset(float height) {
   return Math::Transform::fromPosition(0, 0, height);
 }
 
-/// Names given as one string or a list of strings.
-std::vector<std::string> namesFrom(const KRValue& v, const char* method) {
-  if (v.isString())
-    return {v.asString()};
-  if (v.isArray()) {
-    std::vector<std::string> out;
-    for (std::size_t i = 0; i < v.size(); ++i) {
-      if (!v[i].isString())
-        throw KRError(kModule, method, "joint names must be strings");
-      out.push_back(v[i].asString());
-    }
-    return out;
-  }
-  throw KRError(kModule, method, "expects a name or a list of names");
-}
-
-std::vector<float> floatsFrom(const KRValue& v, const char* method) {
-  if (v.isNumber())
-    return {v.asFloat()};
-  if (v.isArray()) {
-    std::vector<float> out;
-    for (std::size_t i = 0; i < v.size(); ++i) {
-      if (!v[i].isNumber())
-        throw KRError(kModule, method, "angles must be numbers");
-      out.push_back(v[i].asFloat());
-    }
-    return out;
-  }
-  throw KRError(kModule, method, "expects a number or a list of numbers");
-}
-
 }  // namespace
 
-BaseLimits BaseLimits::forRobotType(int type) {
-  BaseLimits limits;
-  if (type == 1) {
-    limits.maxLinearSpeed = 0.45f;
-    limits.maxAngularSpeed = 1.2f;
-  }
-  return limits;
-}
-
-SimMotion::SimMotion(const Model::Robot& robot, std::shared_ptr<const SimClock> clock)
+SimMotion::SimMotion(const Model::Robot& robot, std::shared_ptr<const SimClock> clock,
+                     std::unique_ptr<PhysicsBackend> physics)
     : KRModule(kModule),
       fRobot(robot),
       fClock(std::move(clock)),
-      fBaseLimits(BaseLimits::forRobotType(robot.getRobotType())) {
-  const Model::KRTrackerModel& model = fRobot.trackerModel();
-  auto addJoint = [this](const Model::TrackerJoint& joint, const std::string& chain) {
-    if (joint.name.empty() || fJointIndex.count(joint.name) != 0)
-      return;
-    JointState state;
-    state.joint = joint;
-    fJointIndex[joint.name] = fJoints.size();
-    fJoints.push_back(state);
-    fChains[chain].push_back(joint.name);
-    fChains["Body"].push_back(joint.name);
-  };
-  addJoint(model.head.yaw, "Head");
-  addJoint(model.head.pitch, "Head");
-  for (const auto& j : model.leftArm.joints)
-    addJoint(j, "LArm");
-  for (const auto& j : model.rightArm.joints)
-    addJoint(j, "RArm");
-  for (const auto& entry : fRobot.getJoints())
-    addJoint(entry.second, "Body");
-  for (auto& s : fJoints) {
-    float rest = 0.0f;
-    if (s.joint.name == model.leftArm.joints[0].name ||
-        s.joint.name == model.rightArm.joints[0].name) {
-      rest = kArmRestPitch;
-    }
-    Math::clipData(s.joint.min, s.joint.max, rest);
-    s.angle = s.command = rest;
+      fPhysics(physics ? std::move(physics) : makePhysicsBackend("kinematic", fRobot)),
+      fBase(BaseLimits::forRobotType(robot.getRobotType())) {
+  for (const SimJoint& j : simulatedJoints(fRobot)) {
+    fJointIndex[j.joint.name] = fJoints.size();
+    fJoints.push_back({j.joint, j.rest, 0.0f});
+    fPhysics->resetJoint(fJoints.size() - 1, j.rest);
+    if (j.chain != "Body")
+      fChains[j.chain].push_back(j.joint.name);
+    fChains["Body"].push_back(j.joint.name);
   }
-  fHistory.push_back({fClock->now(), fOdometryPose, 0.0f, 0.0f});
+  const auto& head = fRobot.trackerModel().head;
+  fHeadYaw = xIndex(head.yaw.name);
+  fHeadPitch = xIndex(head.pitch.name);
+  xRecord();
   bindMethods();
 }
 
-void SimMotion::bindMethods() {
-  bind("getTransform", [this](const std::string& name, int frame, bool) {
-    return getTransform(name, frame).toVector();
-  });
-  bind("getPosition", [this](const std::string& name, int frame, bool) {
-    return Math::position6DFromTransform(getTransform(name, frame)).toVector();
-  });
-  bind("getRobotPosition", [this](bool) { return getOdometryPose().toVector(); });
-  bind("_getSensorTransformAtTime", [this](const std::string& name, KRTimePoint time) {
-    std::lock_guard<std::mutex> lock(fMutex);
-    const Snapshot* found = &fHistory.front();
-    for (const auto& s : fHistory) {
-      if (s.time <= time)
-        found = &s;
-    }
-    const Math::Transform t = Math::transformFromPose2D(found->odometry) *
-                              torsoOffset(fRobot.getTorsoHeight()) *
-                              xTorsoToFrame(name, found->headYaw, found->headPitch);
-    return t.toVector();
-  });
-  bind("areResourcesAvailable", [this](const std::vector<std::string>& names) {
-    std::lock_guard<std::mutex> lock(fMutex);
-    for (const auto& name : names) {
-      std::vector<std::string> expanded{name};
-      const auto chain = fChains.find(name);
-      if (chain != fChains.end())
-        expanded = chain->second;
-      for (const auto& n : expanded) {
-        if (fTakenResources.count(n) != 0)
-          return false;
+std::string SimMotion::physicsName() const {
+  std::lock_guard<std::mutex> lock(fMutex);
+  return fPhysics->name();
+}
+
+void SimMotion::step(double dt) {
+  std::lock_guard<std::mutex> lock(fMutex);
+  if (fAwake) {
+    const Math::Pose2D displacement = fBase.plan(dt);
+    const float fdt = static_cast<float>(dt);
+    fPhysics->setBaseVelocity(
+        {displacement.x / fdt, displacement.y / fdt, displacement.theta / fdt});
+    const BaseController::Gaze& gaze = fBase.gaze();
+    if (gaze.active) {
+      // The head holds the gaze from where the base will be at the end of the step.
+      const float heading = fBase.odometryAfter(displacement).theta;
+      for (const std::size_t i : {fHeadYaw, fHeadPitch}) {
+        float angle = i == fHeadYaw ? Math::modulo2PI(gaze.yaw - heading) : gaze.pitch;
+        Math::clipData(fJoints[i].joint.min, fJoints[i].joint.max, angle);
+        xCommand(i, angle, gaze.fraction * fJoints[i].joint.maxVelocity);
       }
     }
-    return true;
-  });
-  bind("robotIsWakeUp", [this]() {
-    std::lock_guard<std::mutex> lock(fMutex);
-    return fAwake;
-  });
-  bind("moveTo", [this](float x, float y, float theta) { moveTo(x, y, theta); });
-  bind("move", [this](float vx, float vy, float vtheta) { move(vx, vy, vtheta); });
-  bind("navigateTo", [this](float x, float y) { return navigateTo(x, y); });
-  bind("stopMove", [this]() { stopMove(); });
-  bind("moveIsActive", [this]() { return moveIsActive(); });
-  bind("getRobotVelocity", [this]() {
-    std::lock_guard<std::mutex> lock(fMutex);
-    return fBaseMode == BaseMode::Velocity ? fVelocity.toVector() : Math::Pose2D().toVector();
-  });
-  bind("setAngles", [this](const KRValue& names, const KRValue& angles, float fraction) {
-    std::vector<std::string> joints;
-    for (const auto& n : namesFrom(names, "setAngles")) {
-      const auto e = expandNames(n);
-      joints.insert(joints.end(), e.begin(), e.end());
-    }
-    std::vector<float> values = floatsFrom(angles, "setAngles");
-    if (values.size() == 1 && joints.size() > 1)
-      values.assign(joints.size(), values[0]);
-    setAngles(joints, values, {fraction});
-  });
-  bind("getAngles", [this](const KRValue& names, bool useSensors) {
-    std::vector<float> out;
-    for (const auto& n : namesFrom(names, "getAngles")) {
-      for (const auto& j : expandNames(n))
-        out.push_back(useSensors ? getAngle(j) : getCommand(j));
-    }
-    return out;
-  });
-  bind("getJointNames", [this](const std::string& name) { return expandNames(name); });
-  bind("_trackerWithSpeed", [this](const std::vector<std::string>& names,
-                                   const std::vector<float>& angles,
-                                   const std::vector<float>& speeds, bool wholeBody, bool) {
-    const auto& head = fRobot.trackerModel().head;
-    if (wholeBody && names.size() == 2 && angles.size() == 2 && names[0] == head.yaw.name &&
-        names[1] == head.pitch.name) {
-      lookAtWholeBody(angles[1], angles[0], speeds.empty() ? kWholeBodyGazeFraction : speeds[0]);
-    } else {
-      setAngles(names, angles, speeds);
-    }
-  });
-  bind("_lookAtWb",
-       [this](float pitch, float yaw) { lookAtWholeBody(pitch, yaw, kWholeBodyGazeFraction); });
-  bind("_stopLookAt", [this](bool) {
-    std::lock_guard<std::mutex> lock(fMutex);
-    fGazeActive = false;
-    for (const auto& j : fChains["Head"]) {
-      auto& s = xJoint(j);
-      s.command = s.angle;
-    }
-  });
-  bind("_stopPointAt", [this](bool) {
-    std::lock_guard<std::mutex> lock(fMutex);
-    for (const char* chain : {"LArm", "RArm"}) {
-      for (const auto& j : fChains[chain]) {
-        auto& s = xJoint(j);
-        s.command = s.angle;
-      }
-    }
-  });
+    const Math::Pose2D before = fPhysics->basePose();
+    fPhysics->step(dt);
+    fBase.moved(displacementBetween(before, fPhysics->basePose()));
+  }
+  xRecord();
+}
+
+void SimMotion::xRecord() {
+  fHistory.push_back({fClock->now(), fBase.odometry(), fPhysics->jointAngle(fHeadYaw),
+                      fPhysics->jointAngle(fHeadPitch)});
+  while (fHistory.size() > kHistorySize)
+    fHistory.pop_front();
 }
 
 // ---- joints ----------------------------------------------------------------------------
 
-SimMotion::JointState& SimMotion::xJoint(const std::string& name) {
+std::size_t SimMotion::xIndex(const std::string& name) const {
   const auto it = fJointIndex.find(name);
   if (it == fJointIndex.end())
     throw KRError(kModule, "joint", "unknown joint " + name);
-  return fJoints[it->second];
+  return it->second;
 }
 
-const SimMotion::JointState& SimMotion::xJoint(const std::string& name) const {
-  const auto it = fJointIndex.find(name);
-  if (it == fJointIndex.end())
-    throw KRError(kModule, "joint", "unknown joint " + name);
-  return fJoints[it->second];
+void SimMotion::xCommand(std::size_t joint, float angle, float speed) {
+  fJoints[joint].command = angle;
+  fJoints[joint].speed = speed;
+  fPhysics->setJointTarget(joint, angle, speed);
 }
 
 std::vector<std::string> SimMotion::jointNames() const {
@@ -231,8 +101,7 @@ std::vector<std::string> SimMotion::jointNames() const {
   return out;
 }
 
-std::vector<std::string> SimMotion::expandNames(const std::string& name) const {
-  std::lock_guard<std::mutex> lock(fMutex);
+std::vector<std::string> SimMotion::xExpand(const std::string& name) const {
   const auto chain = fChains.find(name);
   if (chain != fChains.end())
     return chain->second;
@@ -241,27 +110,34 @@ std::vector<std::string> SimMotion::expandNames(const std::string& name) const {
   throw KRError(kModule, "expandNames", "unknown joint or chain " + name);
 }
 
+std::vector<std::string> SimMotion::expandNames(const std::string& name) const {
+  std::lock_guard<std::mutex> lock(fMutex);
+  return xExpand(name);
+}
+
 float SimMotion::getAngle(const std::string& joint) const {
   std::lock_guard<std::mutex> lock(fMutex);
-  return xJoint(joint).angle;
+  return fPhysics->jointAngle(xIndex(joint));
 }
 
 float SimMotion::getCommand(const std::string& joint) const {
   std::lock_guard<std::mutex> lock(fMutex);
-  return xJoint(joint).command;
+  return fJoints[xIndex(joint)].command;
 }
 
 SimMotion::JointState SimMotion::getJointState(const std::string& joint) const {
   std::lock_guard<std::mutex> lock(fMutex);
-  return xJoint(joint);
+  const std::size_t i = xIndex(joint);
+  return {fJoints[i].joint, fPhysics->jointAngle(i), fJoints[i].command, fJoints[i].speed};
 }
 
 void SimMotion::setAngleNow(const std::string& joint, float angle) {
   std::lock_guard<std::mutex> lock(fMutex);
-  auto& s = xJoint(joint);
-  Math::clipData(s.joint.min, s.joint.max, angle);
-  s.angle = s.command = angle;
-  s.speed = 0.0f;
+  const std::size_t i = xIndex(joint);
+  Math::clipData(fJoints[i].joint.min, fJoints[i].joint.max, angle);
+  fJoints[i].command = angle;
+  fJoints[i].speed = 0.0f;
+  fPhysics->resetJoint(i, angle);
 }
 
 void SimMotion::setAngles(const std::vector<std::string>& joints, const std::vector<float>& angles,
@@ -286,16 +162,26 @@ void SimMotion::xSetAngles(const std::vector<std::string>& joints, const std::ve
     }
   }
   for (const auto& j : joints)
-    xJoint(j);  // every name checked before anything moves
-  const auto& head = fRobot.trackerModel().head;
-  for (std::size_t i = 0; i < joints.size(); ++i) {
-    auto& s = xJoint(joints[i]);
-    float command = angles[i];
-    Math::clipData(s.joint.min, s.joint.max, command);
-    s.command = command;
-    s.speed = fractions[fractions.size() == 1 ? 0 : i] * s.joint.maxVelocity;
-    if (joints[i] == head.yaw.name || joints[i] == head.pitch.name)
-      fGazeActive = false;
+    xIndex(j);  // every name checked before anything moves
+  for (std::size_t k = 0; k < joints.size(); ++k) {
+    const std::size_t i = xIndex(joints[k]);
+    float command = angles[k];
+    Math::clipData(fJoints[i].joint.min, fJoints[i].joint.max, command);
+    xCommand(i, command, fractions[fractions.size() == 1 ? 0 : k] * fJoints[i].joint.maxVelocity);
+    if (i == fHeadYaw || i == fHeadPitch)
+      fBase.stopGaze();
+  }
+}
+
+void SimMotion::stopChain(const std::string& chain) {
+  std::lock_guard<std::mutex> lock(fMutex);
+  xStopChain(chain);
+}
+
+void SimMotion::xStopChain(const std::string& chain) {
+  for (const auto& name : xExpand(chain)) {
+    const std::size_t i = xIndex(name);
+    xCommand(i, fPhysics->jointAngle(i), fJoints[i].speed);
   }
 }
 
@@ -303,23 +189,12 @@ void SimMotion::xSetAngles(const std::vector<std::string>& joints, const std::ve
 
 void SimMotion::moveTo(float x, float y, float theta) {
   std::lock_guard<std::mutex> lock(fMutex);
-  const Math::Transform goal =
-      Math::transformFromPose2D(fOdometryPose) * Math::transformFromPose2D({x, y, theta});
-  fGoal = Math::pose2DFromTransform(goal);
-  fGoal.theta = wrap(fOdometryPose.theta + theta);
-  fBaseMode = BaseMode::Goal;
+  fBase.moveTo(x, y, theta);
 }
 
 void SimMotion::move(float vx, float vy, float vtheta) {
   std::lock_guard<std::mutex> lock(fMutex);
-  const float lin = fBaseLimits.maxLinearSpeed;
-  const float ang = fBaseLimits.maxAngularSpeed;
-  const float norm = std::hypot(vx, vy);
-  const float scale = norm > lin ? lin / norm : 1.0f;
-  fVelocity = {vx * scale, vy * scale, clampf(vtheta, -ang, ang)};
-  fBaseMode = (fVelocity.x == 0.0f && fVelocity.y == 0.0f && fVelocity.theta == 0.0f)
-                  ? BaseMode::Idle
-                  : BaseMode::Velocity;
+  fBase.move(vx, vy, vtheta);
 }
 
 bool SimMotion::navigateTo(float x, float y) {
@@ -332,148 +207,62 @@ bool SimMotion::navigateTo(float x, float y) {
 
 void SimMotion::stopMove() {
   std::lock_guard<std::mutex> lock(fMutex);
-  fBaseMode = BaseMode::Idle;
-  fVelocity = {};
+  fBase.stop();
 }
 
 bool SimMotion::moveIsActive() const {
   std::lock_guard<std::mutex> lock(fMutex);
-  return fBaseMode != BaseMode::Idle;
+  return fBase.isActive();
+}
+
+Math::Pose2D SimMotion::getRobotVelocity() const {
+  std::lock_guard<std::mutex> lock(fMutex);
+  return fBase.commandedVelocity();
 }
 
 void SimMotion::lookAtWholeBody(float pitch, float yaw, float fraction) {
   std::lock_guard<std::mutex> lock(fMutex);
-  xLookAtWholeBody(pitch, yaw, fraction);
-}
-
-void SimMotion::xLookAtWholeBody(float pitch, float yaw, float fraction) {
-  if (!Math::Validation::isFractionStrict(fraction)) {
-    throw KRError(kModule, "_lookAtWb", "a speed fraction must lie in ]0, 1]");
-  }
-  const float base = fBaseMode == BaseMode::Goal ? fGoal.theta : fOdometryPose.theta;
-  fGazeActive = true;
-  fGazeYaw = wrap(base + yaw);
-  fGazePitch = pitch;
-  fGazeFraction = fraction;
+  fBase.lookAt(pitch, yaw, fraction);
 }
 
 bool SimMotion::isWholeBodyGazeActive() const {
   std::lock_guard<std::mutex> lock(fMutex);
-  return fGazeActive;
+  return fBase.gaze().active;
 }
 
-void SimMotion::xMoveBase(float dx, float dy, float dtheta) {
-  auto apply = [](Math::Pose2D& p, float mx, float my, float mt) {
-    const float mid = p.theta + 0.5f * mt;
-    p.x += mx * std::cos(mid) - my * std::sin(mid);
-    p.y += mx * std::sin(mid) + my * std::cos(mid);
-    p.theta = wrap(p.theta + mt);
-  };
-  apply(fTruePose, dx, dy, dtheta);
-  apply(fOdometryPose, dx * (1.0f + fDriftLinear), dy * (1.0f + fDriftLinear),
-        dtheta * (1.0f + fDriftAngular));
-}
-
-void SimMotion::xStepBase(double dt) {
-  const float fdt = static_cast<float>(dt);
-  const float lin = fBaseLimits.maxLinearSpeed * fdt;
-  const float ang = fBaseLimits.maxAngularSpeed * fdt;
-  switch (fBaseMode) {
-    case BaseMode::Idle:
-      break;
-    case BaseMode::Velocity:
-      xMoveBase(fVelocity.x * fdt, fVelocity.y * fdt, fVelocity.theta * fdt);
-      break;
-    case BaseMode::Goal: {
-      const float ex = fGoal.x - fOdometryPose.x;
-      const float ey = fGoal.y - fOdometryPose.y;
-      const float et = wrap(fGoal.theta - fOdometryPose.theta);
-      const float dist = std::hypot(ex, ey);
-      if (dist < kGoalLinearTolerance && std::fabs(et) < kGoalAngularTolerance) {
-        fBaseMode = BaseMode::Idle;
-        break;
-      }
-      const float step = std::min(lin, dist);
-      const float c = std::cos(fOdometryPose.theta);
-      const float s = std::sin(fOdometryPose.theta);
-      const float ux = dist > 0.0f ? ex / dist : 0.0f;
-      const float uy = dist > 0.0f ? ey / dist : 0.0f;
-      // Displacement in the robot frame.
-      xMoveBase(step * (c * ux + s * uy), step * (-s * ux + c * uy), clampf(et, -ang, ang));
-      break;
-    }
-  }
-  if (fGazeActive && fBaseMode == BaseMode::Idle) {
-    const float rel = wrap(fGazeYaw - fOdometryPose.theta);
-    const float excess = std::fabs(rel) - kWholeBodyComfortYaw;
-    if (excess > 0.0f) {
-      const float omega = std::min(fBaseLimits.maxAngularSpeed, kGazeTurnGain * excess);
-      xMoveBase(0.0f, 0.0f, std::copysign(omega * fdt, rel));
-    }
-  }
-}
-
-void SimMotion::step(double dt) {
+void SimMotion::stopLookAt() {
   std::lock_guard<std::mutex> lock(fMutex);
-  if (fAwake) {
-    xStepBase(dt);
-    if (fGazeActive) {
-      const auto& head = fRobot.trackerModel().head;
-      auto& yaw = xJoint(head.yaw.name);
-      auto& pitch = xJoint(head.pitch.name);
-      float y = wrap(fGazeYaw - fOdometryPose.theta);
-      float p = fGazePitch;
-      Math::clipData(yaw.joint.min, yaw.joint.max, y);
-      Math::clipData(pitch.joint.min, pitch.joint.max, p);
-      yaw.command = y;
-      pitch.command = p;
-      yaw.speed = fGazeFraction * yaw.joint.maxVelocity;
-      pitch.speed = fGazeFraction * pitch.joint.maxVelocity;
-    }
-    const float fdt = static_cast<float>(dt);
-    for (auto& s : fJoints) {
-      const float maxStep = s.speed * fdt;
-      const float diff = s.command - s.angle;
-      s.angle += clampf(diff, -maxStep, maxStep);
-    }
-  }
-  const auto& head = fRobot.trackerModel().head;
-  fHistory.push_back(
-      {fClock->now(), fOdometryPose, xJoint(head.yaw.name).angle, xJoint(head.pitch.name).angle});
-  while (fHistory.size() > kHistorySize)
-    fHistory.pop_front();
+  fBase.stopGaze();
+  xStopChain("Head");
 }
 
 // ---- ground truth and hooks ------------------------------------------------------------
 
 Math::Pose2D SimMotion::getTruePose() const {
   std::lock_guard<std::mutex> lock(fMutex);
-  return fTruePose;
+  return fPhysics->basePose();
 }
 
 void SimMotion::resetPose(const Math::Pose2D& mapPose) {
   std::lock_guard<std::mutex> lock(fMutex);
-  fTruePose = mapPose;
-  fOdometryPose = {};
-  fBaseMode = BaseMode::Idle;
-  fGazeActive = false;
+  fPhysics->resetBase(mapPose);
+  fBase.reset();
 }
 
 void SimMotion::setOdometryDrift(float linearScale, float angularScale) {
   std::lock_guard<std::mutex> lock(fMutex);
-  fDriftLinear = linearScale;
-  fDriftAngular = angularScale;
+  fBase.setDrift(linearScale, angularScale);
 }
 
 Math::Pose2D SimMotion::getOdometryPose() const {
   std::lock_guard<std::mutex> lock(fMutex);
-  return fOdometryPose;
+  return fBase.odometry();
 }
 
 Math::Transform SimMotion::getMapToOdometry() const {
   std::lock_guard<std::mutex> lock(fMutex);
-  return Math::transformFromPose2D(fTruePose) *
-         Math::pinv(Math::transformFromPose2D(fOdometryPose));
+  return Math::transformFromPose2D(fPhysics->basePose()) *
+         Math::pinv(Math::transformFromPose2D(fBase.odometry()));
 }
 
 void SimMotion::setWakeUp(bool awake) {
@@ -481,13 +270,15 @@ void SimMotion::setWakeUp(bool awake) {
   fAwake = awake;
 }
 
+bool SimMotion::isAwake() const {
+  std::lock_guard<std::mutex> lock(fMutex);
+  return fAwake;
+}
+
 void SimMotion::setResourceTaken(const std::string& name, bool taken) {
   std::lock_guard<std::mutex> lock(fMutex);
-  std::vector<std::string> expanded{name};
   const auto chain = fChains.find(name);
-  if (chain != fChains.end())
-    expanded = chain->second;
-  for (const auto& n : expanded) {
+  for (const auto& n : chain != fChains.end() ? chain->second : std::vector<std::string>{name}) {
     if (taken) {
       fTakenResources.insert(n);
     } else {
@@ -496,14 +287,26 @@ void SimMotion::setResourceTaken(const std::string& name, bool taken) {
   }
 }
 
+bool SimMotion::areResourcesAvailable(const std::vector<std::string>& names) const {
+  std::lock_guard<std::mutex> lock(fMutex);
+  for (const auto& name : names) {
+    const auto chain = fChains.find(name);
+    for (const auto& n : chain != fChains.end() ? chain->second : std::vector<std::string>{name}) {
+      if (fTakenResources.count(n) != 0)
+        return false;
+    }
+  }
+  return true;
+}
+
 void SimMotion::setBaseLimits(const BaseLimits& limits) {
   std::lock_guard<std::mutex> lock(fMutex);
-  fBaseLimits = limits;
+  fBase.setLimits(limits);
 }
 
 BaseLimits SimMotion::getBaseLimits() const {
   std::lock_guard<std::mutex> lock(fMutex);
-  return fBaseLimits;
+  return fBase.limits();
 }
 
 // ---- forward kinematics ----------------------------------------------------------------
@@ -514,14 +317,11 @@ Math::Transform SimMotion::xTorsoToFrame(const std::string& name, float headYaw,
   if (name == "Torso")
     return Math::Transform();
   static const char* const kEffectors[] = {"CameraTop", "CameraBottom", "DepthCamera"};
-  const Math::Transform neck = Math::transformFromPosition3D(model.head.headPosition) *
-                               Math::Transform::fromRotZ(headYaw) *
-                               Math::Transform::fromRotY(headPitch);
   if (name == "Head")
-    return neck;
+    return Model::headNeckPose(model.head, headYaw, headPitch);
   for (int e = 0; e < Model::kTrackEffectorCount; ++e) {
     if (name == kEffectors[e])
-      return neck * model.head.getNeckToEffectorTransform(e);
+      return Model::headEffectorPose(model.head, e, headYaw, headPitch);
   }
   const Model::TrackerArm* arm = nullptr;
   if (name == "LArm" || name == "LForeArm")
@@ -533,24 +333,21 @@ Math::Transform SimMotion::xTorsoToFrame(const std::string& name, float headYaw,
   float a[4] = {0, 0, 0, 0};
   for (int i = 0; i < 4; ++i) {
     if (!arm->joints[i].name.empty())
-      a[i] = xJoint(arm->joints[i].name).angle;
+      a[i] = fPhysics->jointAngle(xIndex(arm->joints[i].name));
   }
-  return Math::transformFromPosition3D(arm->shoulderPosition) * Math::Transform::fromRotY(a[0]) *
-         Math::Transform::fromRotZ(a[1]) * arm->armTransform * Math::Transform::fromRotZ(a[3]) *
-         Math::Transform::fromRotX(a[2]);
+  return Model::forearmPose(*arm, a[0], a[1], a[2], a[3]);
 }
 
 Math::Transform SimMotion::xTransform(const std::string& name, int frame) const {
-  const auto& head = fRobot.trackerModel().head;
   const Math::Transform torsoTo =
-      xTorsoToFrame(name, xJoint(head.yaw.name).angle, xJoint(head.pitch.name).angle);
+      xTorsoToFrame(name, fPhysics->jointAngle(fHeadYaw), fPhysics->jointAngle(fHeadPitch));
   switch (frame) {
     case Math::FRAME_TORSO:
       return torsoTo;
     case Math::FRAME_ROBOT:
       return torsoOffset(fRobot.getTorsoHeight()) * torsoTo;
     case Math::FRAME_WORLD:
-      return Math::transformFromPose2D(fOdometryPose) * torsoOffset(fRobot.getTorsoHeight()) *
+      return Math::transformFromPose2D(fBase.odometry()) * torsoOffset(fRobot.getTorsoHeight()) *
              torsoTo;
     default:
       throw KRError(kModule, "getTransform", "unknown frame " + std::to_string(frame));
@@ -560,6 +357,17 @@ Math::Transform SimMotion::xTransform(const std::string& name, int frame) const 
 Math::Transform SimMotion::getTransform(const std::string& name, int frame) const {
   std::lock_guard<std::mutex> lock(fMutex);
   return xTransform(name, frame);
+}
+
+Math::Transform SimMotion::getTransformAtTime(const std::string& name, KRTimePoint time) const {
+  std::lock_guard<std::mutex> lock(fMutex);
+  const Snapshot* found = &fHistory.front();
+  for (const auto& s : fHistory) {
+    if (s.time <= time)
+      found = &s;
+  }
+  return Math::transformFromPose2D(found->odometry) * torsoOffset(fRobot.getTorsoHeight()) *
+         xTorsoToFrame(name, found->headYaw, found->headPitch);
 }
 
 Math::Transform SimMotion::getTorsoToHeadEffector(int effector) const {
@@ -572,7 +380,7 @@ Math::Transform SimMotion::getTorsoToHeadEffector(int effector) const {
 
 Math::Transform SimMotion::getMapToTorso() const {
   std::lock_guard<std::mutex> lock(fMutex);
-  return Math::transformFromPose2D(fTruePose) * torsoOffset(fRobot.getTorsoHeight());
+  return Math::transformFromPose2D(fPhysics->basePose()) * torsoOffset(fRobot.getTorsoHeight());
 }
 
 Math::Transform SimMotion::getMapToHeadEffector(int effector) const {

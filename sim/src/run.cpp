@@ -21,10 +21,7 @@ constexpr float kMinimumReach = 0.15f;  // closer than this to the shoulder, an 
 
 /// Angle between the x axis of a frame and the direction from its origin to a point [deg].
 float aimErrorDeg(const Math::Transform& frame, const Math::Position3D& target) {
-  const Math::Position3D axis(frame.r1_c1, frame.r2_c1, frame.r3_c1);
-  const Math::Position3D to = (target - Math::position3DFromTransform(frame)).normalize();
-  const float c = std::max(-1.0f, std::min(1.0f, axis.dot(to)));
-  return static_cast<float>(std::acos(c) * kRadToDeg);
+  return static_cast<float>(Math::aimError(frame, target) * kRadToDeg);
 }
 
 std::string timeTag(double t) {

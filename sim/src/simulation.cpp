@@ -2,6 +2,8 @@
 
 #include <kr/error.h>
 
+#include <krsim/physics.h>
+
 namespace KR {
 namespace Sim {
 
@@ -12,7 +14,8 @@ Simulation::Simulation(SimulationConfig config) {
   fContext.robot = std::make_shared<const Model::Robot>(fRobotModel->robot());
   fContext.robotXml = config.robotXml;
   fContext.memory = std::make_shared<SimMemory>(fContext.clock);
-  fContext.motion = std::make_shared<SimMotion>(*fContext.robot, fContext.clock);
+  fContext.motion = std::make_shared<SimMotion>(
+      *fContext.robot, fContext.clock, makePhysicsBackend(config.physics, *fContext.robot));
   fContext.motion->resetPose(config.startPose);
   fContext.world =
       std::make_shared<World>(fContext.clock, fContext.memory, fContext.motion, config.seed);

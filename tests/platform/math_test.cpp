@@ -11,7 +11,9 @@
 #include <gtest/gtest.h>
 
 #include <kr/error.h>
+#include <kr/math/eigen.h>
 #include <kr/math/math.h>
+#include <kr/model/kinematics.h>
 
 namespace {
 
@@ -46,10 +48,6 @@ Transform eigenTransform(const Position6D& p) {
            Eigen::AngleAxisf(p.wy, Eigen::Vector3f::UnitY()) *
            Eigen::AngleAxisf(p.wx, Eigen::Vector3f::UnitX()));
   return fromEigen(e);
-}
-
-Position3D xAxis(const Transform& t) {
-  return {t.r1_c1, t.r2_c1, t.r3_c1};
 }
 
 template <typename T>
@@ -116,7 +114,7 @@ TEST(MathTransforms, ElementaryRotationsMatchEigen) {
     EXPECT_TRUE(Transform::fromRotY(a).isNear(eigenTransform({0, 0, 0, 0, a, 0}), 1e-6f)) << a;
     EXPECT_TRUE(Transform::fromRotZ(a).isNear(eigenTransform({0, 0, 0, 0, 0, a}), 1e-6f)) << a;
     EXPECT_TRUE(transformFromRotation(Rotation::fromRotX(a)).isNear(Transform::fromRotX(a)));
-    EXPECT_TRUE(transformFromRotation(rotationFromRotY(a)).isNear(Transform::fromRotY(a)));
+    EXPECT_TRUE(transformFromRotation(Rotation::fromRotY(a)).isNear(Transform::fromRotY(a)));
     EXPECT_TRUE(transformFromRotation(rotationFromRotZ(a)).isNear(Transform::fromRotZ(a)));
   }
   // A positive pitch turns the x axis downwards.
@@ -132,7 +130,7 @@ TEST(MathTransforms, Position6DMatchesEigenAndProducts) {
     EXPECT_TRUE(t.isNear(chain, 2e-6f)) << p;
     EXPECT_TRUE(
         transformFromRotation(rotationFromAngles(p.wx, p.wy, p.wz) * Rotation::fromRotZ(0.0f))
-            .isNear(transformFromRotation(rotationFromTransform(t)), 2e-6f));
+            .isNear(transformFromRotation(t.rotation()), 2e-6f));
     // Products and points agree with Eigen.
     const Transform u = transformFromPosition6D({p.wz, p.x, p.wy, p.y, p.wx, p.z});
     EXPECT_TRUE((t * u).isNear(fromEigen(toEigen(t) * toEigen(u)), 1e-5f)) << p;
@@ -149,7 +147,7 @@ TEST(MathTransforms, InverseGivesIdentityBothWays) {
     EXPECT_TRUE((t * pinv(t)).isNear(identity, 1e-5f)) << p;
     EXPECT_TRUE((pinv(t) * t).isNear(identity, 1e-5f)) << p;
     EXPECT_TRUE(pinv(pinv(t)).isNear(t, 1e-5f)) << p;
-    EXPECT_TRUE(transformInverse(t).isNear(fromEigen(toEigen(t).inverse()), 1e-5f)) << p;
+    EXPECT_TRUE(pinv(t).isNear(fromEigen(toEigen(t).inverse()), 1e-5f)) << p;
     const Position3D q(1, 2, -3);
     EXPECT_NEAR(distance(pinv(t) * (t * q), q), 0.0f, 1e-5f) << p;
   }
@@ -171,10 +169,18 @@ TEST(MathTransforms, Position6DRoundTrip) {
       EXPECT_NEAR(back.wz, p.wz, 1e-4f) << p;
     }
     EXPECT_EQ(position3DFromTransform(t), Position3D(p.x, p.y, p.z));
-    const Rotation3D r = rotation3DFromTransform(t);
+    const Rotation3D r = rotation3DFromRotation(t.rotation());
     EXPECT_EQ(r, Rotation3D(back.wx, back.wy, back.wz));
-    EXPECT_TRUE(transformFromRotation(rotationFromRotation3D(r))
-                    .isNear(transformFromRotation(rotationFromTransform(t)), 2e-5f));
+    EXPECT_TRUE(transformFromRotation(rotationFromAngles(r.wx, r.wy, r.wz))
+                    .isNear(transformFromRotation(t.rotation()), 2e-5f));
+    // The accessors read the columns of the matrix.
+    EXPECT_EQ(t.translation(), position3DFromTransform(t));
+    EXPECT_EQ(Transform(t.rotation(), t.translation()), t);
+    const Transform axes = transformFromPosition6D(p) * Transform::fromPosition(1, 2, 3);
+    EXPECT_LT(
+        distance(axes.translation() - t.translation(), t.xAxis() + t.yAxis() * 2 + t.zAxis() * 3),
+        1e-5f)
+        << p;
   }
 }
 
@@ -220,10 +226,29 @@ TEST(MathDistances, DistanceIgnoresAnglesNormIncludesThem) {
   const Position6D b(4, 6, 3, -2.0f, 1.0f, 0.0f);
   EXPECT_FLOAT_EQ(distance(a, b), 5.0f);
   EXPECT_FLOAT_EQ(distance(a, Position6D(1, 2, 3, 0, 0, 0)), 0.0f);
-  EXPECT_FLOAT_EQ(norm(Position6D(1, 2, 3, 4, 5, 6)), std::sqrt(91.0f));
+  EXPECT_FLOAT_EQ(Position6D(1, 2, 3, 4, 5, 6).norm(), std::sqrt(91.0f));
   EXPECT_FLOAT_EQ(Position6D(0, 0, 0, 3, 4, 0).norm(), 5.0f);
   EXPECT_FLOAT_EQ(distance(Position3D(1, 1, 1), Position3D(1, 4, 5)), 5.0f);
-  EXPECT_FLOAT_EQ(norm(Position3D(2, 3, 6)), 7.0f);
+  EXPECT_FLOAT_EQ(Position3D(2, 3, 6).norm(), 7.0f);
+}
+
+TEST(MathDistances, AimErrorIsTheAngleOffTheXAxis) {
+  // A frame at (1, 2, 3) turned a quarter left: its x axis is the world's y axis.
+  const Transform frame = transformFromPosition6D({1, 2, 3, 0.4f, 0, kPi2});
+  const struct {
+    Position3D target;
+    float expected;
+  } cases[] = {
+      {{1, 5, 3}, 0.0f},           // straight ahead
+      {{1, 2.5f, 3.5f}, kPi / 4},  // half way up
+      {{4, 2, 3}, kPi2},           // to the right
+      {{1, -7, 3}, kPi},           // behind
+      {{1, 1e4f, 3.01f}, 1e-6f},   // a tiny miss keeps its digits
+      {{1, 2, 3}, kPi},            // the origin itself: no direction aims at it
+  };
+  for (const auto& c : cases) {
+    EXPECT_NEAR(aimError(frame, c.target), c.expected, 1e-7f + 1e-6f * c.expected) << c.target;
+  }
 }
 
 TEST(MathAngles, Modulo2PIWrapsIntoHalfOpenRange) {
@@ -287,17 +312,13 @@ struct LookAtCase {
   Transform neckToEffector;
 };
 
-// Angle between the effector's line of sight and the direction to the target; negative
-// when the target lies behind the effector.
-double sightError(const LookAtCase& c, float yaw, float pitch) {
-  const Transform effector = transformFromPosition3D(c.head) * Transform::fromRotZ(yaw) *
-                             Transform::fromRotY(pitch) * c.neckToEffector;
-  const Eigen::Vector3d axis = toEigen(xAxis(effector)).cast<double>().normalized();
-  const Eigen::Vector3d toTarget =
-      (toEigen(c.target) - toEigen(position3DFromTransform(effector))).cast<double>();
-  if (axis.dot(toTarget) <= 0.0)
-    return -1.0;
-  return std::atan2(axis.cross(toTarget).norm(), axis.dot(toTarget));
+// Angle between the effector's line of sight and the direction to the target (above pi/2
+// when the target lies behind the effector).
+float sightError(const LookAtCase& c, float yaw, float pitch) {
+  KR::Model::TrackerHead head("Head");
+  head.headPosition = c.head;
+  head.effectorTransforms[0] = c.neckToEffector;
+  return aimError(KR::Model::headEffectorPose(head, 0, yaw, pitch), c.target);
 }
 
 TEST(MathLookAt, LineOfSightPassesThroughTheTarget) {
@@ -320,11 +341,9 @@ TEST(MathLookAt, LineOfSightPassesThroughTheTarget) {
     float yaw = 0.0f, pitch = 0.0f;
     ASSERT_TRUE(computeLookAtAngles(c.target, c.head, c.neckToEffector, yaw, pitch))
         << "target " << c.target << " head " << c.head << " effector " << c.neckToEffector;
-    const double err = sightError(c, yaw, pitch);
-    ASSERT_GE(err, 0.0) << "target behind the sensor: " << c.target << " head " << c.head
-                        << " effector " << c.neckToEffector;
-    ASSERT_LT(err, 1e-4) << "target " << c.target << " head " << c.head << " effector "
-                         << c.neckToEffector << " yaw " << yaw << " pitch " << pitch;
+    ASSERT_LT(sightError(c, yaw, pitch), 1e-4f)
+        << "target " << c.target << " head " << c.head << " effector " << c.neckToEffector
+        << " yaw " << yaw << " pitch " << pitch;
     ASSERT_TRUE(yaw > -kPi && yaw <= kPi) << yaw;
     // Forward-looking: the head turns towards the target, not away from it over its back.
     ASSERT_GE((Rotation::fromRotZ(-yaw) * (c.target - c.head)).x, -1e-5f)
@@ -341,8 +360,7 @@ TEST(MathLookAt, ExactAtCloseRangeAndSteepAngles) {
   for (const Position3D& t : targets) {
     float yaw = 0.0f, pitch = 0.0f;
     ASSERT_TRUE(computeLookAtAngles(t, head, sensor, yaw, pitch)) << t;
-    EXPECT_GE(sightError({t, head, sensor}, yaw, pitch), 0.0) << t;
-    EXPECT_LT(sightError({t, head, sensor}, yaw, pitch), 1e-4) << t;
+    EXPECT_LT(sightError({t, head, sensor}, yaw, pitch), 1e-4f) << t;
   }
 }
 

@@ -1,4 +1,5 @@
-// Robot descriptions: the shipped robots, their arm geometry, and malformed descriptions.
+// Robot descriptions: the shipped robots, their arm geometry, and malformed descriptions;
+// forward kinematics of the tracker model's chains.
 
 #include <cmath>
 #include <cstdio>
@@ -10,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <kr/error.h>
+#include <kr/model/kinematics.h>
 #include <kr/model/modelutils.h>
 
 #include "support/fake_module.h"
@@ -74,12 +76,12 @@ TEST(RobotFiles, ParseWithTheirCapabilitiesAndJoints) {
 
     // Sensors: the top camera is offset but not tilted; the others look down.
     const Transform& top = model.head.getNeckToEffectorTransform(0);
-    EXPECT_GT(top.r1_c4, 0.0f);
-    EXPECT_TRUE(transformFromRotation(rotationFromTransform(top)).isNear(Transform(), 1e-6f));
-    const float bottomTilt = model.head.getNeckToEffectorTransform(1).r3_c1;
+    EXPECT_GT(top.translation().x, 0.0f);
+    EXPECT_TRUE(transformFromRotation(top.rotation()).isNear(Transform(), 1e-6f));
+    const float bottomTilt = model.head.getNeckToEffectorTransform(1).xAxis().z;
     EXPECT_NEAR(std::asin(-bottomTilt), 0.6f, 0.05f);
-    const Transform& depth = model.head.getNeckToEffectorTransform(2);
-    EXPECT_NEAR(std::atan2(depth.r3_c1, depth.r1_c1), -0.2f, 1e-6f);
+    const Position3D depth = model.head.getNeckToEffectorTransform(2).xAxis();
+    EXPECT_NEAR(std::atan2(depth.z, depth.x), -0.2f, 1e-6f);
 
     for (const TrackerArm* arm : {&model.leftArm, &model.rightArm}) {
       SCOPED_TRACE(arm->name);
@@ -112,9 +114,8 @@ TEST(RobotFiles, ArmsPointAtTargetsInFrontWithinTheirLimits) {
          {&robot->trackerModel().leftArm, &robot->trackerModel().rightArm}) {
       SCOPED_TRACE(std::string(e.file) + " " + arm->name);
       // A pure translation without z: the forearm can then reach the line to the target.
-      EXPECT_TRUE(transformFromRotation(rotationFromTransform(arm->armTransform))
-                      .isNear(Transform(), 1e-6f));
-      EXPECT_EQ(arm->armTransform.r3_c4, 0.0f);
+      EXPECT_TRUE(transformFromRotation(arm->armTransform.rotation()).isNear(Transform(), 1e-6f));
+      EXPECT_EQ(arm->armTransform.translation().z, 0.0f);
       const auto within = [&](int joint, float angle) {
         return angle >= arm->joints[joint].min && angle <= arm->joints[joint].max;
       };
@@ -124,8 +125,7 @@ TEST(RobotFiles, ArmsPointAtTargetsInFrontWithinTheirLimits) {
         float a1 = 0.0f, a2 = 0.0f;
         oldComputePointAtAnglesWyWz(d, a1, a2);
         ASSERT_TRUE(within(0, a1) && within(1, a2)) << target << " a1 " << a1 << " a2 " << a2;
-        const Transform m = Transform::fromRotY(a1) * Transform::fromRotZ(a2) * arm->armTransform;
-        Position3D p = position3DFromTransform(pinv(m) * transformFromPosition3D(d));
+        Position3D p = pinv(upperArmPose(*arm, a1, a2)) * target;
         for (float* c : {&p.x, &p.y, &p.z}) {
           if (std::fabs(*c) < 0.001f)
             *c = 0.0f;
@@ -135,14 +135,53 @@ TEST(RobotFiles, ArmsPointAtTargetsInFrontWithinTheirLimits) {
         if (arm->name == "LArm")
           a3 = p.z >= 0.0f ? a3 - kPi : a3 + kPi;
         ASSERT_TRUE(within(2, a3) && within(3, a4)) << target << " a3 " << a3 << " a4 " << a4;
-        const Transform forearm = transformFromPosition3D(arm->shoulderPosition) * m *
-                                  Transform::fromRotZ(a4) * Transform::fromRotX(a3);
-        const Position3D axis(forearm.r1_c1, forearm.r2_c1, forearm.r3_c1);
-        const Position3D toTarget = (target - position3DFromTransform(forearm)).normalize();
-        ASSERT_GT(axis.dot(toTarget), std::cos(1e-3f)) << target;
+        ASSERT_LT(aimError(forearmPose(*arm, a1, a2, a3, a4), target), 1e-3f) << target;
       }
     }
   }
+}
+
+// ---- forward kinematics -----------------------------------------------------------------
+
+// Quarter turns of each joint on a small made-up chain, the poses worked out by hand: a
+// head turning about (0, 0, 0.5) with a sensor 0.1 m ahead and 0.05 m up, and an arm whose
+// shoulder is at (0, 0.1, 0) with a 0.1 m upper arm.
+TEST(Kinematics, ChainsGiveTheHandComputedPoses) {
+  TrackerHead head("Head");
+  head.headPosition = {0, 0, 0.5f};
+  head.effectorTransforms[1] = Transform::fromPosition(0.1f, 0, 0.05f);
+  TrackerArm arm("LArm");
+  arm.shoulderPosition = {0, 0.1f, 0};
+  arm.armTransform = Transform::fromPosition(0.1f, 0, 0);
+
+  struct Case {
+    const char* what;
+    Transform pose;
+    Position3D origin, xAxis, zAxis;
+  };
+  const float q = kPi2;
+  const Case cases[] = {
+      {"head at rest", headEffectorPose(head, 1, 0, 0), {0.1f, 0, 0.55f}, {1, 0, 0}, {0, 0, 1}},
+      {"head yaw left", headEffectorPose(head, 1, q, 0), {0, 0.1f, 0.55f}, {0, 1, 0}, {0, 0, 1}},
+      {"head pitch down", headEffectorPose(head, 1, 0, q), {0.05f, 0, 0.4f}, {0, 0, -1}, {1, 0, 0}},
+      {"neck only", headNeckPose(head, q, 0), {0, 0, 0.5f}, {0, 1, 0}, {0, 0, 1}},
+      {"unknown effector", headEffectorPose(head, 5, 0, 0), {0, 0, 0.5f}, {1, 0, 0}, {0, 0, 1}},
+      {"arm at rest", forearmPose(arm, 0, 0, 0, 0), {0.1f, 0.1f, 0}, {1, 0, 0}, {0, 0, 1}},
+      {"shoulder pitch", forearmPose(arm, q, 0, 0, 0), {0, 0.1f, -0.1f}, {0, 0, -1}, {1, 0, 0}},
+      {"shoulder roll", forearmPose(arm, 0, q, 0, 0), {0, 0.2f, 0}, {0, 1, 0}, {0, 0, 1}},
+      {"elbow yaw", forearmPose(arm, 0, 0, q, 0), {0.1f, 0.1f, 0}, {1, 0, 0}, {0, -1, 0}},
+      // Rz(elbow roll) comes before Rx(elbow yaw): the yaw turns about the rolled forearm.
+      {"elbow roll, yaw", forearmPose(arm, 0, 0, q, q), {0.1f, 0.1f, 0}, {0, 1, 0}, {1, 0, 0}},
+      {"upper arm", upperArmPose(arm, 0, q), {0, 0.2f, 0}, {0, 1, 0}, {0, 0, 1}},
+  };
+  for (const Case& c : cases) {
+    EXPECT_LT(distance(c.pose.translation(), c.origin), 1e-6f) << c.what;
+    EXPECT_LT(distance(c.pose.xAxis(), c.xAxis), 1e-6f) << c.what;
+    EXPECT_LT(distance(c.pose.zAxis(), c.zAxis), 1e-6f) << c.what;
+  }
+  TrackerArmAngle remembered;
+  remembered.angles = {0.3f, -0.2f, 1.1f, 0.7f, 9.0f};  // the wrist does not move the forearm
+  EXPECT_EQ(forearmPose(arm, remembered), forearmPose(arm, 0.3f, -0.2f, 1.1f, 0.7f));
 }
 
 // ---- malformed descriptions -------------------------------------------------------------

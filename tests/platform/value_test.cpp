@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <functional>
 #include <sstream>
 
 #include <kr/error.h>
@@ -168,4 +169,37 @@ TEST(ValueUtils, WrongKindNamesCallerAndValue) {
       }
     }
   }
+}
+
+// An int is accepted as a float by every float read, and a refusal words the accepted kinds the
+// same way everywhere.
+TEST(KRValue, EveryFloatReadAcceptsAnIntAndWordsARefusalAlike) {
+  struct Read {
+    const char* what;
+    std::function<float(const KRValue&)> read;
+  };
+  const Read reads[] = {
+      {"asFloat", [](const KRValue& v) { return v.asFloat(); }},
+      {"conversion", [](const KRValue& v) { return KR::fromKRValue<float>(v); }},
+      {"extractFloat", [](const KRValue& v) { return KR::extractFloat(v, "Caller", "Value"); }},
+      {"vector element",
+       [](const KRValue& v) {
+         return KR::extractVectorFloatsFromKRValue(KRValue(KRValue::Array{v}), "Caller", "Value")
+             .at(0);
+       }},
+  };
+  for (const Read& r : reads) {
+    SCOPED_TRACE(r.what);
+    EXPECT_EQ(r.read(KRValue(-7)), -7.0f);
+    EXPECT_EQ(r.read(KRValue(2.5f)), 2.5f);
+    for (const KRValue& refused :
+         {KRValue(), KRValue(true), KRValue("1"), KRValue(KRValue::Array{1.0f})}) {
+      const std::string text = errorText([&] { r.read(refused); });
+      EXPECT_NE(text.find("a float or an int"), std::string::npos) << text;
+      EXPECT_NE(text.find(refused.typeName()), std::string::npos) << text;
+    }
+  }
+  float untouched = 4.0f;
+  EXPECT_FALSE(KRValue("4").toFloat(untouched));
+  EXPECT_EQ(untouched, 4.0f);
 }

@@ -64,10 +64,7 @@ class ModulesTest : public ::testing::Test {
 
   /// Angle between the top camera's line of sight and the direction to a map point [deg].
   double lineOfSightDeg(const KR::Math::Position3D& mapPoint) {
-    const KR::Math::Transform camera = sim->motion().getMapToHeadEffector(0);
-    const KR::Math::Position3D axis(camera.r1_c1, camera.r2_c1, camera.r3_c1);
-    const KR::Math::Position3D to = mapPoint - KR::Math::position3DFromTransform(camera);
-    return std::acos(std::clamp(axis.dot(to) / to.norm(), -1.0f, 1.0f)) * 180.0 / M_PI;
+    return KR::Math::aimError(sim->motion().getMapToHeadEffector(0), mapPoint) * 180.0 / M_PI;
   }
 
   std::size_t events(const std::string& name) { return sim->memory().eventCount(name); }

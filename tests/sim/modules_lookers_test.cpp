@@ -32,9 +32,7 @@ class LookersTest : public krtest::ModulesTest {
   double pointingDeg(const std::string& arm, const Position3D& mapPoint) {
     const KR::Math::Transform forearm =
         sim->motion().getMapToTorso() * sim->motion().getTorsoToForearm(arm);
-    const Position3D axis(forearm.r1_c1, forearm.r2_c1, forearm.r3_c1);
-    const Position3D to = mapPoint - KR::Math::position3DFromTransform(forearm);
-    return std::acos(std::clamp(axis.dot(to) / to.norm(), -1.0f, 1.0f)) * 180.0 / M_PI;
+    return KR::Math::aimError(forearm, mapPoint) * 180.0 / M_PI;
   }
 };
 
@@ -47,7 +45,7 @@ TEST_F(LookersTest, TheHeadTurnsToATargetAndStaysWhileItStandsStill) {
   record();
   sim->runFor(1.0);
   EXPECT_TRUE(calls("KRMotion", "_trackerWithSpeed").empty());
-  EXPECT_TRUE(module<HeadLooker>("_HeadLooker")->isRunning());
+  EXPECT_TRUE(module<HeadLooker>("_HeadLooker")->snapshot().running);
   EXPECT_GE(events("KRTracker/HeadTracking/Restarted"), 1u);
 }
 
@@ -162,8 +160,8 @@ TEST_F(LookersTest, BothArmsPointAtATargetWithinReachAndGoBackToRestOutsideIt) {
   sim->world().addTarget(ball);
   sim->callTracker("setEffector", std::string("Arms"));
   track(Target::TargetRedBall);
-  EXPECT_EQ(module<ArmsLooker>("_ArmsLooker")->getEffector(), "Arms");
-  EXPECT_FALSE(module<ArmsLooker>("_ArmsLooker")->isWholeBody());
+  EXPECT_EQ(module<ArmsLooker>("_ArmsLooker")->snapshot().effector, "Arms");
+  EXPECT_FALSE(module<ArmsLooker>("_ArmsLooker")->snapshot().wholeBody);
   sim->runFor(1.0);
   const Position3D at(1.0f, 0.2f, 0.5f);
   EXPECT_LT(pointingDeg("LArm", at), 1.5);

@@ -54,7 +54,7 @@ TEST_F(MoversTest, MoveModeWalksToTheRelativePositionAndThenSendsNothing) {
 TEST_F(MoversTest, MoveModeKeepsToTheConfiguredSpeedAndRefusesUnknownSettings) {
   build();
   sim->callTracker("setMoveConfig", KRValue{KRValue{"MaxVelocityXY", 0.05f}});
-  EXPECT_FLOAT_EQ(module<MotionMove>("_MotionMove")->getLimits().maxVelocityXY, 0.05f);
+  EXPECT_FLOAT_EQ(module<MotionMove>("_MotionMove")->snapshot().limits.maxVelocityXY, 0.05f);
   record();
   followPerson({2.0f, 0.0f, 0.6f}, "Move", KRValue{0.8f, 0.0f, 0.0f, 0.05f, 0.05f, 0.1f});
   sim->runFor(2.0);
@@ -67,7 +67,7 @@ TEST_F(MoversTest, MoveModeKeepsToTheConfiguredSpeedAndRefusesUnknownSettings) {
   EXPECT_THROW(proxy->call("setParam", KRValue{KRValue{"Speed", 1.0f}}), KR::KRError);
   EXPECT_THROW(proxy->call("setParam", KRValue{KRValue{"MaxVelocityTheta", -1.0f}}), KR::KRError);
   proxy->call("setParam", KRValue());  // back to the base's limits
-  EXPECT_EQ(module<MotionMove>("_MotionMove")->getLimits().maxVelocityXY, 0.0f);
+  EXPECT_EQ(module<MotionMove>("_MotionMove")->snapshot().limits.maxVelocityXY, 0.0f);
 }
 
 TEST_F(MoversTest, AStoppedMoverStopsOnlyTheBaseItSetGoing) {
@@ -94,7 +94,7 @@ TEST_F(MoversTest, TheMoverStopsWhenTheTargetIsLost) {
   sim->runUntil(1.6);
   EXPECT_EQ(events(Namer::getNameLost()), 1u);
   EXPECT_FALSE(sim->motion().moveIsActive());
-  EXPECT_FALSE(module<MotionMove>("_MotionMove")->isMoving());
+  EXPECT_FALSE(module<MotionMove>("_MotionMove")->snapshot().moving);
 }
 
 TEST_F(MoversTest, NavigateModeTakesTheWheeledRobotToTheTargetFacingIt) {
@@ -106,9 +106,9 @@ TEST_F(MoversTest, NavigateModeTakesTheWheeledRobotToTheTargetFacingIt) {
   EXPECT_NEAR(p.x, 1.2f, 0.1f);
   EXPECT_NEAR(p.y, 0.0f, 0.1f);
   EXPECT_EQ(events(Namer::getNameTargetReached()), 1u);
-  EXPECT_TRUE(module<NavigationMove>("_NavigationMove")->isRunning());
+  EXPECT_TRUE(module<NavigationMove>("_NavigationMove")->snapshot().running);
   sim->callTracker("setMode", std::string("Head"));
-  EXPECT_FALSE(module<NavigationMove>("_NavigationMove")->isRunning());
+  EXPECT_FALSE(module<NavigationMove>("_NavigationMove")->snapshot().running);
 }
 
 TEST_F(MoversTest, NavigationOnARobotThatCannotNavigateIsLoggedOnceAndGoesNowhere) {

@@ -34,15 +34,15 @@ class SearcherTest : public krtest::ModulesTest {
 
 TEST_F(SearcherTest, ALostTargetIsSearchedForAndFollowedOnceFound) {
   trackBallBehind(true);
-  EXPECT_TRUE(searcher->isEnabled());
+  EXPECT_TRUE(searcher->snapshot().enabled);
   sim->runUntil(1.2);
   ASSERT_EQ(events(Namer::getNameLost()), 1u);
-  EXPECT_TRUE(searcher->isSearching());
+  EXPECT_TRUE(searcher->snapshot().searching);
   sim->runUntil(20.0);
   const auto detected = eventTimes(Namer::getNameDetected());
   ASSERT_EQ(detected.size(), 1u);
   EXPECT_GT(std::fabs(sim->motion().getTruePose().theta), 2.0f);  // turned round
-  EXPECT_FALSE(searcher->isSearching());
+  EXPECT_FALSE(searcher->snapshot().searching);
   EXPECT_FALSE(sim->motion().moveIsActive());  // the turn was stopped
   EXPECT_LT(lineOfSightDeg(ball), 3.0);        // and the head follows the ball again
 }
@@ -65,7 +65,7 @@ TEST_F(SearcherTest, WithoutSearchingALostTargetStaysLost) {
   EXPECT_EQ(events(Namer::getNameDetected()), 0u);
   EXPECT_TRUE(calls("KRMotion", "setAngles").empty());
   EXPECT_EQ(sim->motion().getTruePose().theta, 0.0f);
-  EXPECT_FALSE(searcher->isSearching());
+  EXPECT_FALSE(searcher->snapshot().searching);
 }
 
 TEST_F(SearcherTest, StoppingTheSearcherStopsItsTurn) {
@@ -74,9 +74,9 @@ TEST_F(SearcherTest, StoppingTheSearcherStopsItsTurn) {
     sim->step();  // until the head has swept and the robot turns
   }
   ASSERT_TRUE(sim->motion().moveIsActive());
-  EXPECT_TRUE(searcher->isSearching());
+  EXPECT_TRUE(searcher->snapshot().searching);
   sim->callTracker("toggleSearch", false);
-  EXPECT_FALSE(searcher->isEnabled());
+  EXPECT_FALSE(searcher->snapshot().enabled);
   EXPECT_FALSE(sim->motion().moveIsActive());
 }
 
@@ -89,10 +89,10 @@ TEST_F(SearcherTest, SettingsAreCheckedAndInitializeRestoresThem) {
   sim->callTracker("setSearcherFractionMaxSpeed", 0.8f);
   sim->callTracker("searcherSetUseWholeBodyLookAt", true);
   EXPECT_FLOAT_EQ(sim->callTracker<float>("getSearcherFractionMaxSpeed"), 0.8f);
-  EXPECT_TRUE(searcher->getUseWholeBodyLookAt());
+  EXPECT_TRUE(searcher->snapshot().useWholeBody);
   sim->callTracker("initialize");
   EXPECT_FLOAT_EQ(searcher->getFractionMaxSpeed(), RoundSearcher::kDefaultFraction);
-  EXPECT_FALSE(searcher->getUseWholeBodyLookAt());
+  EXPECT_FALSE(searcher->snapshot().useWholeBody);
 }
 
 }  // namespace

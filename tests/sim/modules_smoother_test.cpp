@@ -32,7 +32,7 @@ TEST_F(SmootherTest, RaisesLostOnceAfterTheTimeOutAndDetectedWhenTheTargetIsBack
   ASSERT_EQ(lost.size(), 1u);
   // The last observation before 2 s, then one second without any.
   EXPECT_NEAR(lost[0], 3.0, 0.06);
-  EXPECT_TRUE(smoother()->isTargetLost());
+  EXPECT_TRUE(smoother()->snapshot().lost);
   EXPECT_EQ(events(Namer::getNameDetected()), 0u);
   // No target for the lookers while lost.
   const std::size_t lookerEvents = events(Namer::getNameLooker());
@@ -44,7 +44,7 @@ TEST_F(SmootherTest, RaisesLostOnceAfterTheTimeOutAndDetectedWhenTheTargetIsBack
   ASSERT_EQ(detected.size(), 1u);
   EXPECT_NEAR(detected[0], 5.0, 0.06);
   EXPECT_EQ(events(Namer::getNameLost()), 1u);
-  EXPECT_FALSE(smoother()->isTargetLost());
+  EXPECT_FALSE(smoother()->snapshot().lost);
 }
 
 TEST_F(SmootherTest, ATargetNeverSeenIsLostOneTimeOutAfterTheStart) {
@@ -63,7 +63,7 @@ TEST_F(SmootherTest, ObservationsBeyondTheMaximumDistanceAreDropped) {
   sim->callTracker("setMaximumDistanceDetection", 1.0f);
   sim->callTracker("setTimeOut", 300);
   sim->runUntil(1.0);
-  EXPECT_EQ(smoother()->getMaxDistance(), 1.0f);
+  EXPECT_EQ(smoother()->snapshot().maxDistance, 1.0f);
   EXPECT_EQ(events(Namer::getNameLooker()), 0u);
   EXPECT_EQ(events(Namer::getNameLost()), 1u);
 }
@@ -157,7 +157,7 @@ TEST_F(SmootherTest, RefusesBadSettings) {
   EXPECT_EQ(proxy->call<int>("getTimeOut"), 3000);
   EXPECT_EQ(proxy->call<std::vector<float>>("_getMoveHysteresis"),
             (std::vector<float>{0.1f, 0.1f, 0.02f}));
-  EXPECT_FALSE(smoother()->isRunning());
+  EXPECT_FALSE(smoother()->snapshot().running);
 }
 
 }  // namespace

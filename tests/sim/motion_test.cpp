@@ -21,13 +21,6 @@ using KR::Math::Transform;
 using KR::Sim::SimClock;
 using KR::Sim::SimMotion;
 
-/// Angle between the x axis of a frame and the direction from its origin to a point [rad].
-float lineOfSightError(const Transform& frame, const Position3D& target) {
-  const Position3D axis(frame.r1_c1, frame.r2_c1, frame.r3_c1);
-  const Position3D to = (target - KR::Math::position3DFromTransform(frame)).normalize();
-  return std::acos(std::min(1.0f, axis.dot(to)));
-}
-
 class MotionTest : public ::testing::Test {
  protected:
   void SetUp() override { build("kibo.xml"); }
@@ -114,7 +107,7 @@ TEST_F(MotionTest, HeadEffectorsFollowTheLibraryLookAtConvention) {
           target, model, static_cast<KR::Model::TRACK_EFFECTOR>(effector), false, names, angles));
       for (std::size_t i = 0; i < names.size(); ++i)
         motion->setAngleNow(names[i], angles[i]);
-      EXPECT_LT(lineOfSightError(motion->getTorsoToHeadEffector(effector), target), 1e-3f)
+      EXPECT_LT(KR::Math::aimError(motion->getTorsoToHeadEffector(effector), target), 1e-3f)
           << "effector " << effector << " target " << target;
     }
   }
@@ -136,7 +129,7 @@ TEST_F(MotionTest, ForearmsFollowTheLibraryPointAtConvention) {
     KR::Tracker::tools::computePointAtAngles(c.target, *c.arm, names, angles);
     proxy->call<void>("_trackerWithSpeed", names, angles, std::vector<float>{1.0f}, false, true);
     run(1.0);
-    EXPECT_LT(lineOfSightError(motion->getTorsoToForearm(c.arm->name), c.target), 1e-3f)
+    EXPECT_LT(KR::Math::aimError(motion->getTorsoToForearm(c.arm->name), c.target), 1e-3f)
         << c.arm->name << " " << c.target;
   }
 }

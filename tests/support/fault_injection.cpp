@@ -1,7 +1,5 @@
 #include "support/fault_injection.h"
 
-#include <iomanip>
-#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -137,75 +135,6 @@ KR::KRValue FaultyModule::invoke(const std::string& method, const std::vector<KR
   KR::KRValue result = fInner->invoke(method, args);
   fPlan->noteAnswer(getName(), method, result);
   return result;
-}
-
-// ---- FaultTally -----------------------------------------------------------------------------
-
-void FaultTally::add(const std::string& method, Fault fault) {
-  std::lock_guard<std::mutex> lock(fMutex);
-  ++fCounts[method][fault];
-}
-
-std::size_t FaultTally::count(const std::string& method, Fault fault) const {
-  std::lock_guard<std::mutex> lock(fMutex);
-  auto m = fCounts.find(method);
-  if (m == fCounts.end()) {
-    return 0;
-  }
-  auto f = m->second.find(fault);
-  return f == m->second.end() ? 0 : f->second;
-}
-
-std::size_t FaultTally::total() const {
-  std::lock_guard<std::mutex> lock(fMutex);
-  std::size_t n = 0;
-  for (const auto& m : fCounts) {
-    for (const auto& f : m.second) {
-      n += f.second;
-    }
-  }
-  return n;
-}
-
-std::vector<std::string> FaultTally::methods() const {
-  std::lock_guard<std::mutex> lock(fMutex);
-  std::vector<std::string> names;
-  for (const auto& m : fCounts) {
-    names.push_back(m.first);
-  }
-  return names;
-}
-
-std::string FaultTally::table() const {
-  std::lock_guard<std::mutex> lock(fMutex);
-  std::ostringstream os;
-  os << std::left << std::setw(44) << "remote method";
-  for (Fault f : allFaults()) {
-    os << std::right << std::setw(14) << faultName(f);
-  }
-  os << std::setw(8) << "total"
-     << "\n";
-  std::map<Fault, std::size_t> columns;
-  std::size_t all = 0;
-  for (const auto& m : fCounts) {
-    os << std::left << std::setw(44) << m.first;
-    std::size_t row = 0;
-    for (Fault f : allFaults()) {
-      auto it = m.second.find(f);
-      const std::size_t n = it == m.second.end() ? 0 : it->second;
-      os << std::right << std::setw(14) << n;
-      row += n;
-      columns[f] += n;
-    }
-    all += row;
-    os << std::setw(8) << row << "\n";
-  }
-  os << std::left << std::setw(44) << ("all " + std::to_string(fCounts.size()) + " methods");
-  for (Fault f : allFaults()) {
-    os << std::right << std::setw(14) << columns[f];
-  }
-  os << std::setw(8) << all << "\n";
-  return os.str();
 }
 
 }  // namespace krtest

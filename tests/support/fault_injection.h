@@ -5,7 +5,6 @@
 
 #include <chrono>
 #include <cstddef>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -86,22 +85,6 @@ class FaultyModule : public KR::KRModule {
  private:
   std::shared_ptr<KR::KRModule> fInner;
   std::shared_ptr<FaultPlan> fPlan;
-};
-
-/// Injections that reached a module, per "Module.method" and fault, for a summary table.
-class FaultTally {
- public:
-  void add(const std::string& method, Fault fault);
-  std::size_t count(const std::string& method, Fault fault) const;
-  std::size_t total() const;
-  /// Every method that has failed at least once.
-  std::vector<std::string> methods() const;
-  /// One line per method: name, then the count of each fault, then the method's total.
-  std::string table() const;
-
- private:
-  mutable std::mutex fMutex;
-  std::map<std::string, std::map<Fault, std::size_t>> fCounts;
 };
 
 }  // namespace krtest

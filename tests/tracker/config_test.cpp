@@ -1,10 +1,12 @@
 #include <krtracker/config/krgenerictrackerconfig.h>
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -170,6 +172,55 @@ TEST_F(ConfigTest, ResetConfigRestoresEveryDefault) {
   EXPECT_EQ(configToString(), kDefaultText);
   EXPECT_EQ(getLogDirectory(), "/tmp/tarvo/");
   EXPECT_EQ(getConfigFloatValue(HEAD_THRESHOLD), 0x1.aceeap-5f);
+}
+
+// The getters answer from a lock-free word per key: every way of writing the table must
+// leave that word in step with the stored value.
+TEST_F(ConfigTest, GettersFollowEveryKindOfWrite) {
+  struct Step {
+    const char* what;
+    std::function<void()> write;
+    const char* floatAnswer;  // the float getter's answer as text, or "throws"
+    const char* boolAnswer;   // the bool getter's answer as text, or "throws"
+  };
+  const auto answers = [] {
+    std::string f = "throws";
+    std::string b = "throws";
+    try {
+      f = std::to_string(getConfigFloatValue(LOG_ARM_COMMAND));
+    } catch (const std::runtime_error&) {
+    }
+    try {
+      b = getConfigBoolValue(LOG_ARM_COMMAND) ? "true" : "false";
+    } catch (const std::runtime_error&) {
+    }
+    return std::make_pair(f, b);
+  };
+  KRGenericTrackerConfig withFloat;
+  withFloat.fValueMap[LOG_ARM_COMMAND] = 0.75f;
+  const Step steps[] = {
+      {"default bool", [] {}, "throws", "false"},
+      {"bool", [] { setConfigValue(LOG_ARM_COMMAND, true); }, "throws", "true"},
+      {"float", [] { setConfigValue(LOG_ARM_COMMAND, 1.5f); }, "1.500000", "throws"},
+      {"int", [] { setConfigValue(LOG_ARM_COMMAND, 3); }, "3.000000", "throws"},
+      {"string", [] { setConfigValue(LOG_ARM_COMMAND, "on"); }, "throws", "throws"},
+      {"bool again", [] { setConfigValue(LOG_ARM_COMMAND, false); }, "throws", "false"},
+      {"float again", [] { setConfigValue(LOG_ARM_COMMAND, -0.5f); }, "-0.500000", "throws"},
+      {"reset", [] { resetConfig(); }, "throws", "false"},
+      {"assignment", [&] { *getConfig() = withFloat; }, "0.750000", "throws"},
+      {"copy of the table", [&] { *getConfig() = KRGenericTrackerConfig(withFloat); }, "0.750000",
+       "throws"},
+  };
+  for (const Step& step : steps) {
+    SCOPED_TRACE(step.what);
+    step.write();
+    const auto got = answers();
+    EXPECT_EQ(got.first, step.floatAnswer);
+    EXPECT_EQ(got.second, step.boolAnswer);
+  }
+  // A key outside the table takes the locked path and is refused, not read out of bounds.
+  EXPECT_THROW(getConfigFloatValue(static_cast<ConfigKey>(40)), std::runtime_error);
+  EXPECT_THROW(getConfigBoolValue(static_cast<ConfigKey>(-1)), std::runtime_error);
 }
 
 // Writers and readers of the global table at once; run under ThreadSanitizer in CI.

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <ko/log.h>
+#include <kr/math/eigen.h>
 #include <krtracker/tools/tools.h>
 #include <support/fake_module.h>
 

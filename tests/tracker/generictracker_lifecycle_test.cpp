@@ -6,6 +6,7 @@
 
 #include <krtracker/config/krgenerictrackerconfig.h>
 
+#include "support/error_of.h"
 #include "tracker/tracker_fixture.h"
 
 namespace {
@@ -44,12 +45,7 @@ TEST(GenericTrackerConstruction, OpensTheNineSubModuleProxiesInOrder) {
   const std::vector<std::string>& names = krtest::trackerModuleNames();
   for (std::size_t k = 0; k < 9; ++k) {
     TrackerHarness harness("kibo.xml", std::vector<std::string>(names.begin() + k, names.end()));
-    try {
-      harness.build();
-      ADD_FAILURE() << "built without " << names[k];
-    } catch (const std::exception& e) {
-      EXPECT_EQ(missingModule(names[k]), e.what());
-    }
+    EXPECT_EQ(krtest::errorOf([&] { harness.build(); }), missingModule(names[k]));
   }
 }
 
@@ -243,12 +239,7 @@ TEST_F(TrackerTest, ExitStopsThenExitsEachSubModuleAndLetsFailuresThrough) {
   EXPECT_FALSE(tracker->isActive());
 
   module("_RoundSearcher").throwOn("exit", "cannot exit");
-  try {
-    tracker->exit();
-    ADD_FAILURE() << "exit did not throw";
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ(e.what(), "cannot exit");
-  }
+  EXPECT_EQ(krtest::errorOf([&] { tracker->exit(); }), "cannot exit");
   expected = kStopAll;
   expected.insert(expected.end(), exits.begin(), exits.begin() + 4);
   EXPECT_EQ(take(), expected);

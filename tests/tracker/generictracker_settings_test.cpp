@@ -1,4 +1,3 @@
-#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -7,6 +6,7 @@
 
 #include <krtracker/config/krgenerictrackerconfig.h>
 
+#include "support/error_of.h"
 #include "tracker/tracker_fixture.h"
 
 namespace {
@@ -18,14 +18,7 @@ using krtest::TrackerTest;
 using Calls = std::vector<std::string>;
 using Records = std::vector<ko::log::Record>;
 
-std::string errorOf(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const std::runtime_error& e) {
-    return e.what();
-  }
-  return "";
-}
+using krtest::errorOf;
 
 TEST(GenericTrackerLimits, VelocityIsBoundedByTheSlowerHeadJoint) {
   // Kibo's head joints: 7.3 and 6.6 rad/s; Rover's: 6.8 and 6.2 rad/s.

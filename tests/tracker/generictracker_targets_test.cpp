@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/error_of.h"
 #include "tracker/tracker_fixture.h"
 
 namespace {
@@ -140,13 +141,8 @@ TEST_F(TrackerTest, LandmarksRestartAndTheInvalidSmootherMode) {
   // The landmarks flag without the landmarks target: start throws, restart only logs.
   startTracking("Face");
   tracker->fNotLandMarks = false;
-  try {
-    tracker->xStartSmoother();
-    ADD_FAILURE() << "no throw";
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ(e.what(),
-                 "KRTracker.GenericTracker::start: Tracker is not initialized correctly.");
-  }
+  EXPECT_EQ(krtest::errorOf([&] { tracker->xStartSmoother(); }),
+            "KRTracker.GenericTracker::start: Tracker is not initialized correctly.");
   tracker->xRestartSmoother();
   EXPECT_EQ(take(), Calls{});
   EXPECT_EQ(records(), (Records{rec(Level::error, "xRestartSmoother", "Invalid Smoother mode.")}));

@@ -1,9 +1,7 @@
 // The look-at and point-at functions run in 100 Hz control loops: once the caller's lists have
 // room, a call must not touch the heap. Counted by replacing the global allocation functions
-// of this test binary; only calls made while a counter is armed on this thread are counted.
+// of this test binary (support/alloc_counter.cpp), per thread.
 
-#include <cstdlib>
-#include <new>
 #include <string>
 #include <vector>
 
@@ -12,58 +10,18 @@
 #include <krtracker/tools/tools.h>
 
 #include "geometry_test_util.h"
-
-namespace {
-thread_local bool tCounting = false;
-thread_local long tAllocations = 0;
-
-void* allocate(std::size_t size) {
-  if (tCounting)
-    ++tAllocations;
-  if (void* p = std::malloc(size == 0 ? 1 : size))
-    return p;
-  throw std::bad_alloc();
-}
-}  // namespace
-
-void* operator new(std::size_t size) {
-  return allocate(size);
-}
-void* operator new[](std::size_t size) {
-  return allocate(size);
-}
-void operator delete(void* p) noexcept {
-  std::free(p);
-}
-void operator delete[](void* p) noexcept {
-  std::free(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-  std::free(p);
-}
-void operator delete[](void* p, std::size_t) noexcept {
-  std::free(p);
-}
+#include "support/alloc_counter.h"
 
 namespace {
 
 using KR::Math::Position3D;
+using krtest::allocationsOf;
 namespace tools = KR::Tracker::tools;
-
-/// Heap allocations made by f on this thread.
-template <class F>
-long allocationsOf(F f) {
-  tAllocations = 0;
-  tCounting = true;
-  f();
-  tCounting = false;
-  return tAllocations;
-}
 
 TEST(GeometryAllocation, CountingSeesAnAllocation) {
   // Guards the measure itself: a growing vector must be seen.
   std::vector<int> v;
-  EXPECT_GT(allocationsOf([&] { v.push_back(1); }), 0);
+  EXPECT_GT(allocationsOf([&] { v.push_back(1); }), 0u);
 }
 
 TEST(GeometryAllocation, NoHeapUseOnceTheListsHaveRoom) {
@@ -76,7 +34,7 @@ TEST(GeometryAllocation, NoHeapUseOnceTheListsHaveRoom) {
   KR::Model::TrackerArmAngle armAngle;
   const Position3D target(0.9f, 0.2f, 0.1f);
 
-  const long count = allocationsOf([&] {
+  const std::uint64_t count = allocationsOf([&] {
     for (int i = 0; i < 10; ++i) {
       names.clear();
       angles.clear();
@@ -92,7 +50,7 @@ TEST(GeometryAllocation, NoHeapUseOnceTheListsHaveRoom) {
                             angles);
     }
   });
-  EXPECT_EQ(count, 0);
+  EXPECT_EQ(count, 0u);
   EXPECT_EQ(names.size(), 12u);  // the last round: two head entries, then two arms of five
 }
 

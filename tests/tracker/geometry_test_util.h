@@ -1,6 +1,6 @@
 #pragma once
 // Helpers shared by the look-at and point-at tests: robot models from the shipped descriptions
-// and the forward-kinematics measures the tests check the angles with.
+// and the sweeps' targets; the angles are checked with the model's forward kinematics.
 
 #include <cmath>
 #include <memory>
@@ -35,27 +35,11 @@ inline double angleBetween(const KR::Math::Position3D& a, const KR::Math::Positi
   return std::atan2(u.cross(v).norm(), u.dot(v));
 }
 
-inline KR::Math::Position3D originOf(const KR::Math::Transform& t) {
-  return {t.r1_c4, t.r2_c4, t.r3_c4};
-}
-inline KR::Math::Position3D xAxisOf(const KR::Math::Transform& t) {
-  return {t.r1_c1, t.r2_c1, t.r3_c1};
-}
-inline KR::Math::Position3D yAxisOf(const KR::Math::Transform& t) {
-  return {t.r1_c2, t.r2_c2, t.r3_c2};
-}
-inline KR::Math::Position3D zAxisOf(const KR::Math::Transform& t) {
-  return {t.r1_c3, t.r2_c3, t.r3_c3};
-}
-
-inline KR::Math::Transform translation(const KR::Math::Position3D& p) {
-  return KR::Math::Transform::fromPosition(p.x, p.y, p.z);
-}
-
 /// A point at `distance` from `origin` in the direction Rz(yaw) * Ry(pitch) * x.
 inline KR::Math::Position3D pointInDirection(const KR::Math::Position3D& origin, float yaw,
                                              float pitch, float distance) {
-  const KR::Math::Transform ray = translation(origin) * KR::Math::Transform::fromRotZ(yaw) *
+  const KR::Math::Transform ray = KR::Math::transformFromPosition3D(origin) *
+                                  KR::Math::Transform::fromRotZ(yaw) *
                                   KR::Math::Transform::fromRotY(pitch);
   return ray * KR::Math::Position3D(distance, 0.0f, 0.0f);
 }

@@ -11,6 +11,7 @@
 
 #include <ko/log.h>
 #include <kr/math/math.h>
+#include <kr/model/kinematics.h>
 #include <krtracker/config/krgenerictrackerconfig.h>
 #include <krtracker/tools/tools.h>
 #include <support/fake_module.h>
@@ -26,8 +27,8 @@ using KR::Model::KRTrackerModel;
 using KR::Model::TRACK_EFFECTOR;
 using KR::Model::TrackerHeadAngle;
 namespace tools = KR::Tracker::tools;
-using geomtest::angleBetween;
 using geomtest::atLimit;
+using KR::Math::aimError;
 
 const char* const kRobotFiles[] = {"kibo.xml", "rover.xml"};
 
@@ -58,11 +59,7 @@ TEST(HeadLookAt, HeadPoseLooksAtReachableTargets) {
         ASSERT_TRUE(pitch >= head.pitch.min && pitch <= head.pitch.max) << pitch;
         if (atLimit(yaw, head.yaw) || atLimit(pitch, head.pitch))
           continue;  // the target needs more than the joints allow
-        const Transform sensor = geomtest::translation(head.headPosition) *
-                                 Transform::fromRotZ(yaw) * Transform::fromRotY(pitch) *
-                                 head.getNeckToEffectorTransform(effector);
-        EXPECT_LT(angleBetween(geomtest::xAxisOf(sensor), target - geomtest::originOf(sensor)),
-                  1e-3)
+        EXPECT_LT(aimError(KR::Model::headEffectorPose(head, effector, yaw, pitch), target), 1e-3f)
             << file << " effector " << effector << " target " << target << " yaw " << yaw
             << " pitch " << pitch;
         ++checked;
@@ -104,8 +101,9 @@ TEST(HeadLookAt, AnUnfilledModelNeverClips) {
   std::vector<float> angles;
   ASSERT_TRUE(tools::computeLookAtAngles(
       {-2.0f, -0.1f, -1.5f}, model, KR::Model::TRACK_EFFECTOR_CAMERA_TOP, false, names, angles));
-  const Transform head = Transform::fromRotZ(angles[0]) * Transform::fromRotY(angles[1]);
-  EXPECT_LT(angleBetween(geomtest::xAxisOf(head), {-2.0f, -0.1f, -1.5f}), 1e-3);
+  EXPECT_LT(aimError(KR::Model::headEffectorPose(model.head, 0, angles[0], angles[1]),
+                     {-2.0f, -0.1f, -1.5f}),
+            1e-3f);
   EXPECT_EQ(names, (std::vector<std::string>{"", ""}));
 }
 
@@ -135,6 +133,11 @@ TEST(WholeBodyLookAt, LooksAtTargetsWithinTheBounds) {
   for (const char* file : kRobotFiles) {
     const KRTrackerModel model = geomtest::loadModel(file);
     const Position3D lookAtOrigin(0.0f, 0.0f, model.wbLookAtHeight);
+    // The whole-body gaze turns about the look-at origin; of the sensors, only the tilt of the
+    // tilted one counts: that sensor, not the head, is the one aimed at the target.
+    KR::Model::TrackerHead gaze("Head");
+    gaze.headPosition = lookAtOrigin;
+    gaze.effectorTransforms[2] = Transform(model.head.getNeckToEffectorTransform(2).rotation(), {});
     const float margin = 0.01f;
     std::uniform_real_distribution<float> yawDist(model.wbYawMin + margin, model.wbYawMax - margin);
     std::uniform_real_distribution<float> pitchDist(model.wbPitchMin + margin,
@@ -149,13 +152,9 @@ TEST(WholeBodyLookAt, LooksAtTargetsWithinTheBounds) {
         ASSERT_TRUE(tools::computeLookAtAngles(target, model, static_cast<TRACK_EFFECTOR>(effector),
                                                true, names, angles));
         ASSERT_EQ(angles.size(), 2u);
-        Transform sight = Transform::fromRotZ(angles[0]) * Transform::fromRotY(angles[1]);
-        if (effector == 2) {
-          // The tilted sensor, not the head, is the one aimed at the target.
-          sight = sight * KR::Math::transformFromRotation(KR::Math::rotationFromTransform(
-                              model.head.getNeckToEffectorTransform(2)));
-        }
-        EXPECT_LT(angleBetween(geomtest::xAxisOf(sight), target - lookAtOrigin), 1e-4)
+        EXPECT_LT(
+            aimError(KR::Model::headEffectorPose(gaze, effector, angles[0], angles[1]), target),
+            1e-4f)
             << file << " effector " << effector << " target " << target;
       }
     }

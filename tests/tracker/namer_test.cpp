@@ -11,6 +11,8 @@
 
 #include <kr/error.h>
 
+#include "support/error_of.h"
+
 namespace {
 
 using KR::Tracker::Namer;
@@ -19,16 +21,10 @@ const std::string kBase = "KRTracker/ObjectConverter";
 const std::string kCastError =
     "bad lexical cast: source type value could not be interpreted as target";
 
-// Runs call, which must throw KRError from module "KRTracker"; returns "method|message".
+// The text of the KRError a call raises: "KRTracker::<method>: <message>".
 template <class F>
 std::string errorOf(F&& call) {
-  try {
-    call();
-  } catch (const KR::KRError& e) {
-    EXPECT_EQ(e.module(), "KRTracker");
-    return e.method() + "|" + e.message();
-  }
-  return "no exception";
+  return krtest::errorOf<KR::KRError>(call);
 }
 
 class NamerTest : public ::testing::Test {
@@ -40,7 +36,7 @@ class NamerTest : public ::testing::Test {
 
 TEST_F(NamerTest, GetIdReservesTheIdAndRefusesItTwice) {
   EXPECT_EQ(namer.getId(0), "KRTracker/ObjectConverter0");
-  EXPECT_EQ(errorOf([&] { namer.getId(0); }), "Namer.getId|Id already taken. Id is: 0");
+  EXPECT_EQ(errorOf([&] { namer.getId(0); }), "KRTracker::Namer.getId: Id already taken. Id is: 0");
   EXPECT_EQ(&Namer::getInstance(), &namer);
   // getName does not reserve.
   EXPECT_EQ(namer.getName(12), "KRTracker/ObjectConverter12");
@@ -62,16 +58,16 @@ TEST_F(NamerTest, NegativeAndExtremeIdsRoundTripThroughTheirNames) {
 
 TEST_F(NamerTest, ReleasingAnIdThatIsNotTakenFails) {
   EXPECT_EQ(errorOf([&] { namer.releaseId(9); }),
-            "Namer.releaseId|Id to release does not exist. Id is: 9");
+            "KRTracker::Namer.releaseId: Id to release does not exist. Id is: 9");
   EXPECT_EQ(errorOf([&] { namer.releaseId(-3); }),
-            "Namer.releaseId|Id to release does not exist. Id is: -3");
+            "KRTracker::Namer.releaseId: Id to release does not exist. Id is: -3");
   EXPECT_EQ(errorOf([&] { namer.releaseId(kBase + "9"); }),
-            "Namer.releaseId|Id to release does not exist. Id is: 9");
+            "KRTracker::Namer.releaseId: Id to release does not exist. Id is: 9");
 
   namer.getId(9);
   namer.releaseId(9);
   EXPECT_EQ(errorOf([&] { namer.releaseId(9); }),
-            "Namer.releaseId|Id to release does not exist. Id is: 9");
+            "KRTracker::Namer.releaseId: Id to release does not exist. Id is: 9");
 }
 
 TEST_F(NamerTest, ReleaseByNameAcceptsASignAndLeadingZeros) {
@@ -95,11 +91,12 @@ TEST_F(NamerTest, ReleaseByNameRefusesGarbageAndKeepsTheIds) {
       kBase + "+-7", kBase + "2147483648", kBase + "-2147483649", kBase + "0x7",
       kBase + "7.0", kBase + "1e1",        kBase + "1,000",       "x" + kBase + "7"};
   for (const std::string& name : names) {
-    EXPECT_EQ(errorOf([&] { namer.releaseId(name); }),
-              "Namer.releaseId|String passed contains garbage: " + name + " + " + kCastError)
+    EXPECT_EQ(
+        errorOf([&] { namer.releaseId(name); }),
+        "KRTracker::Namer.releaseId: String passed contains garbage: " + name + " + " + kCastError)
         << '"' << name << '"';
   }
-  EXPECT_EQ(errorOf([&] { namer.getId(7); }), "Namer.getId|Id already taken. Id is: 7");
+  EXPECT_EQ(errorOf([&] { namer.getId(7); }), "KRTracker::Namer.getId: Id already taken. Id is: 7");
 }
 
 TEST_F(NamerTest, ReleaseByNameRefusesAWrongBase) {
@@ -107,10 +104,10 @@ TEST_F(NamerTest, ReleaseByNameRefusesAWrongBase) {
   for (const std::string name : {"Other/Name3", "", "KRTracker/Object3",
                                  "krtracker/objectconverter3", "KRTracker/ObjectConverte3"}) {
     EXPECT_EQ(errorOf([&] { namer.releaseId(name); }),
-              "Namer.releaseId|String passed does not contain the right base.")
+              "KRTracker::Namer.releaseId: String passed does not contain the right base.")
         << '"' << name << '"';
   }
-  EXPECT_EQ(errorOf([&] { namer.getId(3); }), "Namer.getId|Id already taken. Id is: 3");
+  EXPECT_EQ(errorOf([&] { namer.getId(3); }), "KRTracker::Namer.getId: Id already taken. Id is: 3");
 }
 
 TEST_F(NamerTest, DestroyFreesEveryId) {
@@ -167,7 +164,8 @@ TEST(NamerConcurrency, ThreadsTakeAndReleaseDistinctIds) {
   // Everything was given back.
   for (int t = 0; t < kThreads; ++t) {
     EXPECT_EQ(errorOf([&] { namer.releaseId(t * 1000); }),
-              "Namer.releaseId|Id to release does not exist. Id is: " + std::to_string(t * 1000));
+              "KRTracker::Namer.releaseId: Id to release does not exist. Id is: " +
+                  std::to_string(t * 1000));
   }
 }
 

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <kr/math/math.h>
+#include <kr/model/kinematics.h>
 #include <krtracker/config/krgenerictrackerconfig.h>
 #include <krtracker/tools/tools.h>
 
@@ -39,13 +40,6 @@ Angles solve(const Position3D& target, const TrackerArm& arm) {
   return out;
 }
 
-/// The forearm frame for the given angles, in the torso frame.
-Transform forearm(const TrackerArm& arm, const Angles& q) {
-  return geomtest::translation(arm.shoulderPosition) * Transform::fromRotY(q.a[0]) *
-         Transform::fromRotZ(q.a[1]) * arm.armTransform * Transform::fromRotZ(q.a[3]) *
-         Transform::fromRotX(q.a[2]);
-}
-
 TEST(ArmPointAt, ForearmPointsAtTargetsWithinTheJointLimits) {
   std::mt19937 rng(geomtest::kSeed + 2);
   for (const char* file : {"kibo.xml", "rover.xml"}) {
@@ -59,15 +53,15 @@ TEST(ArmPointAt, ForearmPointsAtTargetsWithinTheJointLimits) {
       for (int i = 0; i < samples; ++i) {
         // Ry(pitch) * Rz(roll) * x: the direction the shoulder joints reach.
         const float pitch = pitchDist(rng), roll = rollDist(rng);
-        const Position3D target = geomtest::translation(arm->shoulderPosition) *
+        const Position3D target = KR::Math::transformFromPosition3D(arm->shoulderPosition) *
                                   Transform::fromRotY(pitch) * Transform::fromRotZ(roll) *
                                   Position3D(distanceDist(rng), 0.0f, 0.0f);
         const Angles q = solve(target, *arm);
         if (atLimit(q.a[0], arm->joints[0]) || atLimit(q.a[1], arm->joints[1]) ||
             atLimit(q.a[3], arm->joints[3]))
           continue;  // the arm cannot reach that direction
-        const Transform h = forearm(*arm, q);
-        EXPECT_LT(angleBetween(geomtest::xAxisOf(h), target - geomtest::originOf(h)), kOneDegree)
+        const Transform h = KR::Model::forearmPose(*arm, q.a[0], q.a[1], q.a[2], q.a[3]);
+        EXPECT_LT(KR::Math::aimError(h, target), kOneDegree)
             << file << " " << arm->name << " target " << target;
         ++checked;
 
@@ -75,11 +69,11 @@ TEST(ArmPointAt, ForearmPointsAtTargetsWithinTheJointLimits) {
         // perpendicular to the forearm.
         if (!arm->joints[4].name.empty() && !atLimit(q.a[4], arm->joints[4])) {
           const Transform hand = h * Transform::fromRotX(q.a[4]);
-          const Position3D x = geomtest::xAxisOf(hand);
+          const Position3D x = hand.xAxis();
           const Position3D up(0.0f, 0.0f, 1.0f);
           const Position3D level = up - x * up.dot(x);
           if (level.norm() > 0.01f) {
-            EXPECT_LT(angleBetween(geomtest::zAxisOf(hand), level), 1e-3)
+            EXPECT_LT(angleBetween(hand.zAxis(), level), 1e-3)
                 << file << " " << arm->name << " target " << target;
             ++wristChecked;
           }

@@ -1,6 +1,7 @@
 #pragma once
 // A GenericTracker on a real broker whose ten modules and robot-model service are scripted
-// fakes. Every call the tracker makes is recorded as "Module.method(args)".
+// fakes. Every call the tracker makes is recorded as "Module.method(args)", by a CallRecorder
+// or, in a harness built for fault injection, by the FaultPlan in front of every fake.
 
 #include <algorithm>
 #include <map>
@@ -17,6 +18,7 @@
 #include <krtracker/generictracker/generictracker.h>
 
 #include "support/fake_module.h"
+#include "support/fault_injection.h"
 
 namespace krtest {
 
@@ -64,10 +66,12 @@ class TrackerProbe : public KR::Tracker::GenericTracker {
 class TrackerHarness {
  public:
   /// robotFile: "kibo.xml" (type 0) or "rover.xml" (type 1). Modules listed in `omit` are not
-  /// added to the broker ("KRRobotModel" may be one of them).
+  /// added to the broker ("KRRobotModel" may be one of them). With `faulty`, every fake is put
+  /// behind a FaultyModule sharing `plan`, which then records the calls instead of `recorder`.
   explicit TrackerHarness(const std::string& robotFile = "kibo.xml",
-                          const std::vector<std::string>& omit = {})
-      : broker(KR::KRBroker::create()) {
+                          const std::vector<std::string>& omit = {}, bool faulty = false)
+      : broker(KR::KRBroker::create()),
+        plan(faulty ? std::make_shared<FaultPlan>(broker) : nullptr) {
     std::vector<std::string> names = trackerModuleNames();
     names.push_back("KRRobotModel");
     for (const std::string& name : names) {
@@ -75,7 +79,10 @@ class TrackerHarness {
         continue;
       auto module = std::make_shared<FakeModule>(name);
       modules[name] = module;
-      broker->addModule(module);
+      if (plan)
+        broker->addModule(std::make_shared<FaultyModule>(module, plan));
+      else
+        broker->addModule(module);
     }
     if (modules.count("KRRobotModel"))
       modules["KRRobotModel"]->answer("getConfig", readRobotFile(robotFile));
@@ -87,10 +94,13 @@ class TrackerHarness {
       tm.answer("getTargetIds", std::vector<int>{4, 7});
       tm.answer("getRegisteredTargets", std::vector<std::string>{});
     }
-    recorder = std::make_unique<CallRecorder>(broker);
+    if (!plan)
+      recorder = std::make_unique<CallRecorder>(broker);
   }
 
   ~TrackerHarness() {
+    if (plan)
+      plan->disarm();
     tracker.reset();
     recorder.reset();
     broker->shutdown();
@@ -113,6 +123,7 @@ class TrackerHarness {
   }
 
   std::shared_ptr<KR::KRBroker> broker;
+  std::shared_ptr<FaultPlan> plan;
   std::map<std::string, std::shared_ptr<FakeModule>> modules;
   std::unique_ptr<CallRecorder> recorder;
   std::unique_ptr<TrackerProbe> tracker;

@@ -6,11 +6,13 @@
 #include <gtest/gtest.h>
 
 #include <kr/error.h>
+#include <kr/math/eigen.h>
 #include <kr/math/math.h>
 #include <krtracker/types/types/trackinfos.h>
 
 #include <Eigen/Geometry>
 #include "pose_util.h"
+#include "support/error_of.h"
 
 namespace {
 
@@ -68,14 +70,8 @@ TEST(TrackInfosTest, MalformedValuesThrow) {
   };
   for (const KRValue& v : wrongSizes) {
     SCOPED_TRACE(v.toString());
-    try {
-      TrackInfos infos(v);
-      ADD_FAILURE() << "no error";
-    } catch (const KRError& e) {
-      EXPECT_EQ(e.module(), "KRTracker");
-      EXPECT_EQ(e.method(), "TrackInfos");
-      EXPECT_EQ(e.message(), "KRValue does not follow the format.");
-    }
+    EXPECT_EQ(krtest::errorOf<KRError>([&] { TrackInfos infos(v); }),
+              "KRTracker::TrackInfos: KRValue does not follow the format.");
   }
   const std::vector<KRValue> wrongKinds{
       KRValue(3), KRValue{header, 5}, KRValue{KRValue{1, 0, -1, 0.5f, 1.0f, 0.1f, true}, pose},

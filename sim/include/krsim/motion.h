@@ -1,10 +1,12 @@
 #pragma once
 // SimMotion: the motion service "KRMotion" of the simulated robot.
 //
-// Joints: every joint of the robot description has a measured angle that moves toward its
-// commanded angle at the commanded fraction of the joint's velocity limit, and commanded
-// angles are clipped to the joint limits. The robot's base moves on the ground, driven by
-// "moveTo" (a relative goal), "move" (a velocity) or a whole-body gaze (see below).
+// SimMotion holds the control logic: commanded angles are clipped to the joint limits and each
+// joint is sent toward its command at the commanded fraction of its velocity limit; the base
+// is driven by "moveTo" (a relative goal), "move" (a velocity) or a whole-body gaze (see
+// below) through a BaseController. A PhysicsBackend carries the commands out and reports the
+// measured joint angles and the base's true pose. The remote methods are a thin adapter over
+// the public functions (motion_remote.cpp).
 //
 // Frames. The simulation's map frame is the ground truth in which the world places targets.
 // FRAME_WORLD of the motion service is the odometry frame: it starts at the robot's initial
@@ -47,7 +49,6 @@
 //
 // Thread-safe (one mutex); deterministic: the state changes only in methods and step().
 
-#include <array>
 #include <cstddef>
 #include <deque>
 #include <map>
@@ -62,23 +63,17 @@
 #include <kr/model/robot.h>
 #include <kr/value/krvalue.h>
 
+#include <krsim/base.h>
 #include <krsim/clock.h>
+#include <krsim/physics.h>
 
 namespace KR {
 namespace Sim {
 
-/// Limits of the base [m/s], [rad/s].
-struct BaseLimits {
-  float maxLinearSpeed = 0.15f;
-  float maxAngularSpeed = 0.8f;
-  /// Defaults for a robot type: a small humanoid walks slowly, a wheeled one rolls faster.
-  static BaseLimits forRobotType(int type);
-};
-
 class SimMotion : public KR::KRModule {
  public:
   /// Beyond this head yaw [rad] a whole-body gaze turns the base.
-  static constexpr float kWholeBodyComfortYaw = 0.35f;
+  static constexpr float kWholeBodyComfortYaw = BaseController::kComfortYaw;
   /// Speed fraction of a "_lookAtWb" gaze, which carries none.
   static constexpr float kWholeBodyGazeFraction = 0.3f;
   static constexpr std::size_t kHistorySize = 200;
@@ -90,10 +85,14 @@ class SimMotion : public KR::KRModule {
     float speed = 0.0f;         // [rad/s]
   };
 
-  SimMotion(const Model::Robot& robot, std::shared_ptr<const SimClock> clock);
+  /// `physics` null: the kinematic backend.
+  SimMotion(const Model::Robot& robot, std::shared_ptr<const SimClock> clock,
+            std::unique_ptr<PhysicsBackend> physics = nullptr);
 
-  /// Integrates joints and base over dt seconds and records a state in the history.
+  /// Commands the backend, advances it by dt seconds and records a state in the history.
   void step(double dt);
+  /// Name of the physics backend.
+  std::string physicsName() const;
 
   // ---- ground truth and test hooks ---------------------------------------------------------
   /// Pose of the base in the map frame.
@@ -107,7 +106,10 @@ class SimMotion : public KR::KRModule {
   /// Pose of the odometry frame in the map frame (changes only with drift).
   Math::Transform getMapToOdometry() const;
   void setWakeUp(bool awake);
+  bool isAwake() const;
   void setResourceTaken(const std::string& name, bool taken);
+  /// No name (joint or chain) is taken.
+  bool areResourcesAvailable(const std::vector<std::string>& names) const;
   void setBaseLimits(const BaseLimits& limits);
   BaseLimits getBaseLimits() const;
 
@@ -124,6 +126,8 @@ class SimMotion : public KR::KRModule {
   /// Commands joints; fractions has one element for all or one per joint.
   void setAngles(const std::vector<std::string>& joints, const std::vector<float>& angles,
                  const std::vector<float>& fractions);
+  /// The joints of a chain ("Head", "LArm", "RArm") stop where they are.
+  void stopChain(const std::string& chain);
 
   // ---- base --------------------------------------------------------------------------------
   void moveTo(float x, float y, float theta);
@@ -131,8 +135,12 @@ class SimMotion : public KR::KRModule {
   bool navigateTo(float x, float y);
   void stopMove();
   bool moveIsActive() const;
+  /// Velocity of "move" while it runs, zero otherwise (robot frame).
+  Math::Pose2D getRobotVelocity() const;
   void lookAtWholeBody(float pitch, float yaw, float fraction);
   bool isWholeBodyGazeActive() const;
+  /// The head stops where it is and the gaze is cancelled.
+  void stopLookAt();
 
   // ---- forward kinematics ------------------------------------------------------------------
   /// Pose of head effector 0, 1 or 2 in the torso frame.
@@ -149,6 +157,9 @@ class SimMotion : public KR::KRModule {
   /// "LForeArm", "RForeArm", "LArm", "RArm") in FRAME_TORSO, FRAME_WORLD or FRAME_ROBOT.
   /// KRError for an unknown name or frame.
   Math::Transform getTransform(const std::string& name, int frame) const;
+  /// Pose of a named frame in FRAME_WORLD at a past time, from the history (the oldest state
+  /// kept when the time is older).
+  Math::Transform getTransformAtTime(const std::string& name, KRTimePoint time) const;
 
   const Model::Robot& robot() const { return fRobot; }
 
@@ -159,38 +170,48 @@ class SimMotion : public KR::KRModule {
     float headYaw = 0.0f;
     float headPitch = 0.0f;
   };
-  enum class BaseMode { Idle, Goal, Velocity };
+  /// What the controller asks of one joint.
+  struct JointCommand {
+    Model::TrackerJoint joint;
+    float command = 0.0f;  // [rad], within the limits
+    float speed = 0.0f;    // [rad/s]
+  };
 
+  // Remote methods (motion_remote.cpp): argument conversion only.
   void bindMethods();
-  JointState& xJoint(const std::string& name);
-  const JointState& xJoint(const std::string& name) const;
+  std::vector<float> rGetTransform(const std::string& name, int frame, bool useSensors) const;
+  std::vector<float> rGetPosition(const std::string& name, int frame, bool useSensors) const;
+  std::vector<float> rGetRobotPosition(bool useSensors) const;
+  std::vector<float> rGetSensorTransformAtTime(const std::string& name, KRTimePoint time) const;
+  std::vector<float> rGetRobotVelocity() const;
+  void rSetAngles(const KRValue& names, const KRValue& angles, float fraction);
+  std::vector<float> rGetAngles(const KRValue& names, bool useSensors) const;
+  void rTrackerWithSpeed(const std::vector<std::string>& names, const std::vector<float>& angles,
+                         const std::vector<float>& speeds, bool wholeBody, bool pointAt);
+  void rLookAtWb(float pitch, float yaw);
+  void rStopLookAt(bool);
+  void rStopPointAt(bool);
+
+  std::size_t xIndex(const std::string& name) const;
+  void xCommand(std::size_t joint, float angle, float speed);
+  std::vector<std::string> xExpand(const std::string& name) const;
+  void xStopChain(const std::string& chain);
   void xSetAngles(const std::vector<std::string>& joints, const std::vector<float>& angles,
                   const std::vector<float>& fractions);
-  void xLookAtWholeBody(float pitch, float yaw, float fraction);
+  void xRecord();
   Math::Transform xTorsoToFrame(const std::string& name, float headYaw, float headPitch) const;
   Math::Transform xTransform(const std::string& name, int frame) const;
-  void xStepBase(double dt);
-  void xMoveBase(float dx, float dy, float dtheta);  // robot-frame displacement
 
   const Model::Robot fRobot;
   std::shared_ptr<const SimClock> fClock;
   mutable std::mutex fMutex;
-  std::vector<JointState> fJoints;
+  std::unique_ptr<PhysicsBackend> fPhysics;
+  std::vector<JointCommand> fJoints;  // in the backend's order
   std::map<std::string, std::size_t> fJointIndex;
   std::map<std::string, std::vector<std::string>> fChains;
-
-  Math::Pose2D fTruePose;      // map frame
-  Math::Pose2D fOdometryPose;  // FRAME_WORLD
-  float fDriftLinear = 0.0f;
-  float fDriftAngular = 0.0f;
-  BaseLimits fBaseLimits;
-  BaseMode fBaseMode = BaseMode::Idle;
-  Math::Pose2D fGoal;      // odometry frame
-  Math::Pose2D fVelocity;  // robot frame
-  bool fGazeActive = false;
-  float fGazeYaw = 0.0f;  // odometry frame
-  float fGazePitch = 0.0f;
-  float fGazeFraction = kWholeBodyGazeFraction;
+  std::size_t fHeadYaw = 0;
+  std::size_t fHeadPitch = 1;
+  BaseController fBase;
 
   bool fAwake = true;
   std::set<std::string> fTakenResources;

@@ -12,8 +12,10 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <kr/math/types.h>
+#include <kr/model/trackermodel.h>
 
 namespace KR {
 namespace Model {
@@ -47,6 +49,23 @@ class PhysicsBackend {
   virtual void resetJoint(std::size_t joint, float angle) = 0;
   virtual void resetBase(const Math::Pose2D& mapPose) = 0;
 };
+
+/// One joint of the simulated robot: its model (name, limits, velocity limit), the chain it
+/// belongs to ("Head", "LArm", "RArm" or "Body") and its angle at start-up [rad].
+struct SimJoint {
+  Model::TrackerJoint joint;
+  std::string chain;
+  float rest = 0.0f;
+};
+
+/// The robot's joints in the backends' order: head (yaw, pitch), left arm, right arm, then the
+/// other joints of the robot description by name.
+std::vector<SimJoint> simulatedJoints(const Model::Robot& robot);
+
+/// The backend called `name` ("kinematic"), its joints and base at rest; KRError naming the
+/// accepted names for any other.
+std::unique_ptr<PhysicsBackend> makePhysicsBackend(const std::string& name,
+                                                   const Model::Robot& robot);
 
 }  // namespace Sim
 }  // namespace KR

@@ -5,6 +5,7 @@
 
 #include <kr/error.h>
 #include <kr/math/math.h>
+#include <kr/model/kinematics.h>
 
 #include <krtracker/config/krgenerictrackerconfig.h>
 #include <krtracker/tools/namer/namer.h>
@@ -17,21 +18,9 @@ namespace {
 constexpr float kRestShoulderPitch = 1.4f;  // arms hanging down [rad]
 }  // namespace
 
-Math::Transform ArmsLooker::forearmTransform(const Model::TrackerArm& arm, float a1, float a2,
-                                             float a3, float a4) {
-  return Math::transformFromPosition3D(arm.shoulderPosition) * Math::Transform::fromRotY(a1) *
-         Math::Transform::fromRotZ(a2) * arm.armTransform * Math::Transform::fromRotZ(a4) *
-         Math::Transform::fromRotX(a3);
-}
-
 float ArmsLooker::aimError(const Model::TrackerArm& arm, const Model::TrackerArmAngle& angles,
                            const Math::Position3D& target) {
-  const auto& a = angles.angles;
-  const Math::Transform forearm = forearmTransform(arm, a[0], a[1], a[2], a[3]);
-  const Math::Position3D direction(forearm.r1_c1, forearm.r2_c1, forearm.r3_c1);
-  const Math::Position3D toTarget = target - Math::position3DFromTransform(forearm);
-  const float n = toTarget.norm();
-  return n > 0.0f ? std::acos(std::clamp(direction.dot(toTarget) / n, -1.0f, 1.0f)) : Math::kPi;
+  return Math::aimError(Model::forearmPose(arm, angles), target);
 }
 
 bool ArmsLooker::isWithinReach(const Model::TrackerArm& arm, const Math::Position3D& target,
@@ -48,17 +37,8 @@ bool ArmsLooker::isWithinReach(const Model::TrackerArm& arm, const Math::Positio
 }
 
 ArmsLooker::ArmsLooker(const SimContext& context)
-    : SimModule(kArmsLookerModule),
-      fMemory(context.memory),
-      fMotion(context.broker->getProxy("KRMotion", 0)),
-      fInput(context.memory, context.clock, Tracker::Namer::getNameLooker()) {
-  context.robot->fillTrackerModel(fModel);
-  fArms[0].arm = &fModel.leftArm;
-  fArms[1].arm = &fModel.rightArm;
+    : LookerBase(kArmsLookerModule, context, Tracker::Namer::getNameArmRestarted()) {
   bind("setImplParam", &ArmsLooker::setImplParam, this);
-  bind("start", &ArmsLooker::start, this);
-  bind("stopLooker", &ArmsLooker::stopLooker, this);
-  bind("exit", &ArmsLooker::exit, this);
 }
 
 void ArmsLooker::setImplParam(const KRValue& params) {
@@ -72,46 +52,29 @@ void ArmsLooker::setImplParam(const KRValue& params) {
         "Invalid effector name: \"" + effector + "\". Could be: Arms, LArm, RArm or None.");
   }
   std::lock_guard<std::mutex> lock(fMutex);
-  if (effector != fEffector) {
-    fResync = true;
+  if (effector != fState.effector) {
+    fState.resync = true;
   }
-  fEffector = effector;
-  fWholeBody = params[1].asBool();
+  fState.effector = effector;
+  fState.wholeBody = params[1].asBool();
 }
 
-void ArmsLooker::start() {
-  {
-    std::lock_guard<std::mutex> lock(fMutex);
-    fRunning = true;
-    fResync = true;
+std::vector<std::pair<ArmsLooker::Arm*, const Model::TrackerArm*>> ArmsLooker::xArms() {
+  std::vector<std::pair<Arm*, const Model::TrackerArm*>> arms;
+  const std::string& effector = fState.effector;
+  if (effector == "Arms" || effector == "LArm") {
+    arms.emplace_back(&fState.arms[0], &fModel.leftArm);
   }
-  fMemory->raiseEvent(Tracker::Namer::getNameArmRestarted(), KRValue(true));
-}
-
-void ArmsLooker::stopLooker() {
-  std::lock_guard<std::mutex> lock(fMutex);
-  fRunning = false;
-}
-
-void ArmsLooker::exit() {
-  stopLooker();
-}
-
-std::vector<ArmsLooker::ArmState*> ArmsLooker::xArms() {
-  std::vector<ArmState*> arms;
-  if (fEffector == "Arms" || fEffector == "LArm") {
-    arms.push_back(&fArms[0]);
-  }
-  if (fEffector == "Arms" || fEffector == "RArm") {
-    arms.push_back(&fArms[1]);
+  if (effector == "Arms" || effector == "RArm") {
+    arms.emplace_back(&fState.arms[1], &fModel.rightArm);
   }
   return arms;
 }
 
-void ArmsLooker::xAppendRest(ArmState& state, std::vector<std::string>& names,
-                             std::vector<float>& angles) {
-  for (std::size_t i = 0; i < state.arm->joints.size(); ++i) {
-    const Model::TrackerJoint& joint = state.arm->joints[i];
+void ArmsLooker::xAppendRest(Arm& state, const Model::TrackerArm& arm,
+                             std::vector<std::string>& names, std::vector<float>& angles) {
+  for (std::size_t i = 0; i < arm.joints.size(); ++i) {
+    const Model::TrackerJoint& joint = arm.joints[i];
     float rest = i == 0 ? kRestShoulderPitch : 0.0f;
     Math::clipData(joint.min, joint.max, rest);
     state.remembered.angles[i] = rest;
@@ -122,106 +85,86 @@ void ArmsLooker::xAppendRest(ArmState& state, std::vector<std::string>& names,
   }
 }
 
-void ArmsLooker::update(KRTimePoint now) {
-  std::lock_guard<std::mutex> lock(fMutex);
-  if (!fRunning) {
-    return;
+void ArmsLooker::xOnLost() {
+  fState.hasLast = false;
+  fState.torsoVelocity = Math::Position3D();
+}
+
+bool ArmsLooker::xFollow(const TargetInput::Sample& sample, KRTimePoint now) {
+  ArmsLookerState& s = fState;
+  const auto arms = xArms();
+  if (arms.empty()) {
+    return false;
   }
-  const auto sample = fInput.fresh(now, kLookerFreshness);
-  const std::vector<ArmState*> arms = xArms();
-  if (!sample || arms.empty()) {
-    fResync = true;
-    fHasLast = false;
-    fTorsoVelocity = Math::Position3D();
-    return;
-  }
-  if (fResync) {
-    for (ArmState* state : arms) {
-      const auto measured = fMotion->call<std::vector<float>>("getAngles", state->arm->name, true);
+  if (s.resync) {
+    for (const auto& [state, arm] : arms) {
+      const auto measured = fMotion->call<std::vector<float>>("getAngles", arm->name, true);
       std::size_t k = 0;
-      for (std::size_t i = 0; i < state->arm->joints.size(); ++i) {
-        if (!state->arm->joints[i].name.empty() && k < measured.size()) {
+      for (std::size_t i = 0; i < arm->joints.size(); ++i) {
+        if (!arm->joints[i].name.empty() && k < measured.size()) {
           state->remembered.angles[i] = measured[k++];
         }
       }
       state->atRest = false;
     }
-    fResync = false;
+    s.resync = false;
   }
 
   const Math::Transform worldToTorso = Tracker::tools::getWorldToTorsoTransform(fMotion);
-  const Math::Position3D seen = sample->info.getTorsoToObject3D(Math::pinv(worldToTorso));
+  const Math::Position3D seen = sample.info.getTorsoToObject3D(Math::pinv(worldToTorso));
   // The command acts during the next step, while the target and the torso go on moving: aim
   // where the target will be then, from its motion in the torso frame.
-  if (fHasLast) {
-    const float dt = static_cast<float>(secondsBetween(fLastTime, now));
+  if (s.hasLast) {
+    const float dt = static_cast<float>(secondsBetween(s.lastTime, now));
     if (dt > 0.0f && dt < 0.1f) {
-      fTorsoVelocity = fTorsoVelocity * (1.0f - kVelocitySmoothing) +
-                       (seen - fLastSeen) * (kVelocitySmoothing / dt);
+      s.torsoVelocity = s.torsoVelocity * (1.0f - kVelocitySmoothing) +
+                        (seen - s.lastSeen) * (kVelocitySmoothing / dt);
     }
   }
-  fHasLast = true;
-  fLastSeen = seen;
-  fLastTime = now;
+  s.hasLast = true;
+  s.lastSeen = seen;
+  s.lastTime = now;
   const Math::Position3D target =
-      seen + fTorsoVelocity * static_cast<float>(std::chrono::duration<double>(kLead).count());
+      seen + s.torsoVelocity * static_cast<float>(std::chrono::duration<double>(kLead).count());
   fNames.clear();
   fAngles.clear();
-  const std::array<ArmState, 2> previous = fArms;
-  for (ArmState* state : arms) {
-    if (isWithinReach(*state->arm, target)) {
+  const auto previous = s.arms;
+  for (const auto& [state, arm] : arms) {
+    if (isWithinReach(*arm, target)) {
       state->atRest = false;
       fArmNames.clear();
       fArmAngles.clear();
       // The dead band decides when to move; each move then aims exactly, with every joint,
       // so that joints left inside their own band do not keep the forearm off the target.
-      bool send = Tracker::tools::computePointAtAnglesWithThreshold(
-          target, *state->arm, state->remembered, fArmNames, fArmAngles);
-      send = send || aimError(*state->arm, state->remembered, target) > kMaxAimError;
+      bool send = Tracker::tools::computePointAtAnglesWithThreshold(target, *arm, state->remembered,
+                                                                    fArmNames, fArmAngles);
+      send = send || aimError(*arm, state->remembered, target) > kMaxAimError;
       if (send) {
         fArmNames.clear();
         fArmAngles.clear();
-        Tracker::tools::computePointAtAngles(target, *state->arm, fArmNames, fArmAngles);
+        Tracker::tools::computePointAtAngles(target, *arm, fArmNames, fArmAngles);
         for (std::size_t i = 0; i < fArmAngles.size() && i < state->remembered.angles.size(); ++i) {
           state->remembered.angles[i] = fArmAngles[i];
         }
-      }
-      if (send) {
         fNames.insert(fNames.end(), fArmNames.begin(), fArmNames.end());
         fAngles.insert(fAngles.end(), fArmAngles.begin(), fArmAngles.end());
       }
-    } else if (!fWholeBody && !state->atRest) {
+    } else if (!s.wholeBody && !state->atRest) {
       state->atRest = true;
-      xAppendRest(*state, fNames, fAngles);
+      xAppendRest(*state, *arm, fNames, fAngles);
     }
   }
   if (fNames.empty()) {
-    return;
+    return true;
   }
-  if (Tracker::tools::areAllResourcesTaken(fMotion, fNames)) {
-    fArms = previous;  // not sent: keep the dead band on what the arms were told
-    return;
+  if (xAllTaken()) {
+    s.arms = previous;  // not sent: keep the dead band on what the arms were told
+    return true;
   }
   fMotion->call<void>("_trackerWithSpeed", fNames, fAngles, std::vector<float>{kSpeedFraction},
                       false, true);
-  if (configSwitch(Tracker::LOG_ARM_COMMAND)) {
-    Tracker::tools::logAnglesToFile(fAngles, fNames, kLogFile, logTime(now), fLogFirst);
-  }
-}
-
-bool ArmsLooker::isRunning() const {
-  std::lock_guard<std::mutex> lock(fMutex);
-  return fRunning;
-}
-
-std::string ArmsLooker::getEffector() const {
-  std::lock_guard<std::mutex> lock(fMutex);
-  return fEffector;
-}
-
-bool ArmsLooker::isWholeBody() const {
-  std::lock_guard<std::mutex> lock(fMutex);
-  return fWholeBody;
+  xLog(Tracker::LOG_ARM_COMMAND, kLogFile, now);
+  return true;
 }
 
 }  // namespace Sim

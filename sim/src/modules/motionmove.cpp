@@ -17,7 +17,7 @@ MotionMove::MotionMove(const SimContext& context) : MoverBase(kMotionMoveModule,
 
 void MotionMove::stopMove() {
   std::lock_guard<std::mutex> lock(fMutex);
-  fRunning = false;
+  fState.running = false;
   xStopBase();
 }
 
@@ -25,7 +25,7 @@ void MotionMove::update(KRTimePoint now) {
   bool reached = false;
   {
     std::lock_guard<std::mutex> lock(fMutex);
-    if (!fRunning) {
+    if (!fState.running) {
       fCorrecting = {};
       fIntegral = {};
       fLastUpdate = {};
@@ -72,12 +72,13 @@ void MotionMove::update(KRTimePoint now) {
 
     // The configured limits, within the base's own (which "move" applies anyway).
     const float xy = std::hypot(command[0], command[1]);
-    if (fLimits.maxVelocityXY > 0.0f && xy > fLimits.maxVelocityXY) {
-      command[0] *= fLimits.maxVelocityXY / xy;
-      command[1] *= fLimits.maxVelocityXY / xy;
+    if (fState.limits.maxVelocityXY > 0.0f && xy > fState.limits.maxVelocityXY) {
+      command[0] *= fState.limits.maxVelocityXY / xy;
+      command[1] *= fState.limits.maxVelocityXY / xy;
     }
-    if (fLimits.maxVelocityTheta > 0.0f) {
-      command[2] = std::clamp(command[2], -fLimits.maxVelocityTheta, fLimits.maxVelocityTheta);
+    if (fState.limits.maxVelocityTheta > 0.0f) {
+      command[2] =
+          std::clamp(command[2], -fState.limits.maxVelocityTheta, fState.limits.maxVelocityTheta);
     }
 
     const Math::Pose2D move(command[0], command[1], command[2]);
@@ -88,8 +89,8 @@ void MotionMove::update(KRTimePoint now) {
       }
     } else if (xBaseAvailable()) {
       fMotion->call<void>("move", move.x, move.y, move.theta);
-      fMoving = true;
-      fReached = false;
+      fState.moving = true;
+      fState.reached = false;
       if (configSwitch(Tracker::LOG_MOVE_COMMAND)) {
         Tracker::tools::logAnglesToFile(move.toVector(), {"X", "Y", "Theta"}, kLogFile,
                                         logTime(now), fLogFirst);

@@ -66,40 +66,30 @@ void MoverBase::xOnLost(bool lost) {
 
 void MoverBase::start() {
   std::lock_guard<std::mutex> lock(fMutex);
-  fRunning = true;
-  fReached = false;
+  fState.running = true;
+  fState.reached = false;
 }
 
 void MoverBase::setParam(const KRValue& config) {
   const MoveLimits limits = parseMoveConfig(config, fName);
   std::lock_guard<std::mutex> lock(fMutex);
-  fLimits = limits;
+  fState.limits = limits;
 }
 
 void MoverBase::exit() {
   std::lock_guard<std::mutex> lock(fMutex);
-  fRunning = false;
+  fState.running = false;
   xStopBase();
 }
 
-bool MoverBase::isRunning() const {
+MoverState MoverBase::snapshot() const {
   std::lock_guard<std::mutex> lock(fMutex);
-  return fRunning;
-}
-
-MoveLimits MoverBase::getLimits() const {
-  std::lock_guard<std::mutex> lock(fMutex);
-  return fLimits;
-}
-
-bool MoverBase::isMoving() const {
-  std::lock_guard<std::mutex> lock(fMutex);
-  return fMoving;
+  return fState;
 }
 
 void MoverBase::xStopBase() {
-  if (fMoving) {
-    fMoving = false;
+  if (fState.moving) {
+    fState.moving = false;
     fMotion->call<void>("stopMove");
   }
 }
@@ -110,10 +100,10 @@ bool MoverBase::xBaseAvailable() {
 }
 
 bool MoverBase::xReached() {
-  if (fReached) {
+  if (fState.reached) {
     return false;
   }
-  fReached = true;
+  fState.reached = true;
   return true;
 }
 
@@ -138,7 +128,7 @@ std::optional<MoverBase::Situation> MoverBase::xSituation(KRTimePoint now) {
 
   Situation s;
   s.target = robotToWorld * world;
-  s.velocity = Math::rotationFromTransform(robotToWorld) * velocity;
+  s.velocity = robotToWorld.rotation() * velocity;
   s.bearing = std::atan2(s.target.y, s.target.x);
   s.relative = fGoal->relative;
   s.errorX = s.target.x - s.relative[0];

@@ -24,7 +24,7 @@ NavigationMove::NavigationMove(const SimContext& context)
 
 void NavigationMove::stopMove() {
   std::lock_guard<std::mutex> lock(fMutex);
-  fRunning = false;
+  fState.running = false;
   xStopBase();
   fGoal.reset();
   fTurning = false;
@@ -32,8 +32,8 @@ void NavigationMove::stopMove() {
 
 void NavigationMove::stopWithoutStopMove() {
   std::lock_guard<std::mutex> lock(fMutex);
-  fRunning = false;
-  fMoving = false;  // the walk goes on to its end, no longer ours
+  fState.running = false;
+  fState.moving = false;  // the walk goes on to its end, no longer ours
   fGoal.reset();
   fTurning = false;
 }
@@ -42,7 +42,7 @@ void NavigationMove::update(KRTimePoint now) {
   bool reached = false;
   {
     std::lock_guard<std::mutex> lock(fMutex);
-    if (!fRunning || fRefused) {
+    if (!fState.running || fRefused) {
       return;
     }
     const auto s = xSituation(now);
@@ -61,13 +61,13 @@ void NavigationMove::update(KRTimePoint now) {
                                  s->target.y - (sn * s->relative[0] + c * s->relative[1]), 0.0f);
     const bool inPlace =
         std::fabs(s->errorX) <= s->relative[3] && std::fabs(s->errorY) <= s->relative[4];
-    const bool walking = fMoving && fMotion->call<bool>("moveIsActive");
+    const bool walking = fState.moving && fMotion->call<bool>("moveIsActive");
     const Math::Transform worldToRobot = Tracker::tools::getWorldToRobotTransform(fMotion);
     const Math::Position3D placeInWorld = worldToRobot * place;
 
     if (inPlace && std::fabs(s->errorTheta) <= s->relative[5]) {
       if (!walking) {
-        fMoving = false;
+        fState.moving = false;
         fTurning = false;
         fGoal.reset();
         reached = xReached();
@@ -76,9 +76,9 @@ void NavigationMove::update(KRTimePoint now) {
       // Only the bearing is off: turn in place.
       if (!walking && xBaseAvailable()) {
         fMotion->call<void>("moveTo", 0.0f, 0.0f, s->errorTheta);
-        fMoving = true;
+        fState.moving = true;
         fTurning = true;
-        fReached = false;
+        fState.reached = false;
       }
     } else {
       const bool goalMoved = !fGoal || Math::distance(*fGoal, placeInWorld) > kReplanDistance;
@@ -93,9 +93,9 @@ void NavigationMove::update(KRTimePoint now) {
             fMotion->call<void>("moveTo", place.x, place.y,
                                 Math::modulo2PI(facing - s->relative[2]));
           }
-          fMoving = true;
+          fState.moving = true;
           fTurning = false;
-          fReached = false;
+          fState.reached = false;
           fGoal = placeInWorld;
           if (configSwitch(Tracker::LOG_MOVE_COMMAND)) {
             Tracker::tools::logAnglesToFile({place.x, place.y, s->errorTheta}, {"X", "Y", "Theta"},

@@ -51,57 +51,57 @@ RoundSearcher::~RoundSearcher() {
 
 void RoundSearcher::xOnLost() {
   std::lock_guard<std::mutex> lock(fMutex);
-  if (!fEnabled || fSearching) {
+  if (!fState.enabled || fState.searching) {
     return;
   }
-  fSearching = true;
-  fHaltPending = false;
-  fPhase = Phase::Start;
-  fStep = 0;
+  fState.searching = true;
+  fState.haltPending = false;
+  fState.phase = RoundSearcherState::Phase::Start;
+  fState.step = 0;
 }
 
 void RoundSearcher::xOnFound() {
   // Motion requests wait for the next update: this runs inside whoever raised the event.
   std::lock_guard<std::mutex> lock(fMutex);
-  if (!fSearching) {
+  if (!fState.searching) {
     return;
   }
-  fSearching = false;
-  fHaltPending = true;
+  fState.searching = false;
+  fState.haltPending = true;
 }
 
 void RoundSearcher::xHalt() {
-  if (fTurnSent) {
-    fTurnSent = false;
+  if (fState.turnSent) {
+    fState.turnSent = false;
     fMotion->call<void>("stopMove");
   }
-  fGazeSent = false;  // the lookers' next command replaces a search gaze
+  fState.gazeSent = false;  // the lookers' next command replaces a search gaze
 }
 
 // ---- remote methods ------------------------------------------------------------------------
 
 void RoundSearcher::initialize() {
   std::lock_guard<std::mutex> lock(fMutex);
-  fFraction = kDefaultFraction;
-  fUseWholeBody = false;
-  if (fSearching) {
-    fSearching = false;
+  fState.fraction = kDefaultFraction;
+  fState.useWholeBody = false;
+  if (fState.searching) {
+    fState.searching = false;
     xHalt();
   }
-  fRound = 0;
+  fState.round = 0;
 }
 
 void RoundSearcher::startEvent() {
   std::lock_guard<std::mutex> lock(fMutex);
-  fEnabled = true;
+  fState.enabled = true;
 }
 
 void RoundSearcher::stopSearcher() {
   std::lock_guard<std::mutex> lock(fMutex);
-  fEnabled = false;
-  fHaltPending = false;
-  if (fSearching) {
-    fSearching = false;
+  fState.enabled = false;
+  fState.haltPending = false;
+  if (fState.searching) {
+    fState.searching = false;
     xHalt();
   }
 }
@@ -116,39 +116,29 @@ void RoundSearcher::setFractionMaxSpeed(float fraction) {
                   "Expected a fraction in ]0, 1], not " + std::to_string(fraction) + ".");
   }
   std::lock_guard<std::mutex> lock(fMutex);
-  fFraction = fraction;
+  fState.fraction = fraction;
 }
 
 float RoundSearcher::getFractionMaxSpeed() const {
   std::lock_guard<std::mutex> lock(fMutex);
-  return fFraction;
+  return fState.fraction;
 }
 
 void RoundSearcher::setUseWholeBodyLookAt(bool useWholeBody) {
   std::lock_guard<std::mutex> lock(fMutex);
-  fUseWholeBody = useWholeBody;
+  fState.useWholeBody = useWholeBody;
 }
 
-bool RoundSearcher::getUseWholeBodyLookAt() const {
+RoundSearcherState RoundSearcher::snapshot() const {
   std::lock_guard<std::mutex> lock(fMutex);
-  return fUseWholeBody;
-}
-
-bool RoundSearcher::isEnabled() const {
-  std::lock_guard<std::mutex> lock(fMutex);
-  return fEnabled;
-}
-
-bool RoundSearcher::isSearching() const {
-  std::lock_guard<std::mutex> lock(fMutex);
-  return fSearching;
+  return fState;
 }
 
 // ---- the search ----------------------------------------------------------------------------
 
 float RoundSearcher::xPitch() const {
   const auto& rows = pitchRows();
-  float pitch = rows[static_cast<std::size_t>(fRound / 2) % rows.size()];
+  float pitch = rows[static_cast<std::size_t>(fState.round / 2) % rows.size()];
   Math::clipData(fModel.head.pitch.min, fModel.head.pitch.max, pitch);
   return pitch;
 }
@@ -157,16 +147,16 @@ void RoundSearcher::xNextHead(KRTimePoint now) {
   const Model::TrackerJoint& yawJoint = fModel.head.yaw;
   const float reach = std::min(1.5f, 0.75f * std::min(-yawJoint.min, yawJoint.max));
   // From the right to the left: the half turn that follows goes on to the left.
-  const float u = -1.0f + 2.0f * static_cast<float>(fStep) / (kSweepPositions - 1);
+  const float u = -1.0f + 2.0f * static_cast<float>(fState.step) / (kSweepPositions - 1);
   const float yaw = u * reach;
   const float pitch = xPitch();
   fMotion->call<void>("setAngles", std::vector<std::string>{yawJoint.name, fModel.head.pitch.name},
-                      std::vector<float>{yaw, pitch}, fFraction);
-  const float speed = fFraction * std::max(yawJoint.maxVelocity, 0.1f);
-  const double travel = std::fabs(yaw - fHeadYaw) / speed;
-  fHeadYaw = yaw;
-  ++fStep;
-  fPhaseEnd =
+                      std::vector<float>{yaw, pitch}, fState.fraction);
+  const float speed = fState.fraction * std::max(yawJoint.maxVelocity, 0.1f);
+  const double travel = std::fabs(yaw - fState.headYaw) / speed;
+  fState.headYaw = yaw;
+  ++fState.step;
+  fState.phaseEnd =
       now +
       std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(travel)) +
       kDwell;
@@ -175,72 +165,72 @@ void RoundSearcher::xNextHead(KRTimePoint now) {
 void RoundSearcher::xStartTurn(KRTimePoint now) {
   fMotion->call<void>("setAngles",
                       std::vector<std::string>{fModel.head.yaw.name, fModel.head.pitch.name},
-                      std::vector<float>{0.0f, xPitch()}, fFraction);
-  fHeadYaw = 0.0f;
+                      std::vector<float>{0.0f, xPitch()}, fState.fraction);
+  fState.headYaw = 0.0f;
   fMotion->call<void>("moveTo", 0.0f, 0.0f, Math::kPi);
-  fTurnSent = true;
+  fState.turnSent = true;
   const float omega = std::max(fMotionService->getBaseLimits().maxAngularSpeed, 0.1f);
   // Safety bound on the wait: the turn reports its end through "moveIsActive".
-  fPhaseEnd = now + std::chrono::duration_cast<std::chrono::nanoseconds>(
-                        std::chrono::duration<double>(Math::kPi / omega + 2.0));
-  fPhase = Phase::Turn;
+  fState.phaseEnd = now + std::chrono::duration_cast<std::chrono::nanoseconds>(
+                              std::chrono::duration<double>(Math::kPi / omega + 2.0));
+  fState.phase = RoundSearcherState::Phase::Turn;
 }
 
 void RoundSearcher::xNextGaze(KRTimePoint now) {
   const int stepsPerRound = static_cast<int>(std::ceil(2.0f * Math::kPi / kWholeBodyStep));
-  fRound = 2 * (fStep / stepsPerRound);
+  fState.round = 2 * (fState.step / stepsPerRound);
   fMotion->call<void>("_lookAtWb", xPitch(), kWholeBodyStep);
-  fGazeSent = true;
-  ++fStep;
+  fState.gazeSent = true;
+  ++fState.step;
   const float omega = std::max(fMotionService->getBaseLimits().maxAngularSpeed, 0.1f);
-  fPhaseEnd = now +
-              std::chrono::duration_cast<std::chrono::nanoseconds>(
-                  std::chrono::duration<double>(kWholeBodyStep / omega)) +
-              kDwell;
+  fState.phaseEnd = now +
+                    std::chrono::duration_cast<std::chrono::nanoseconds>(
+                        std::chrono::duration<double>(kWholeBodyStep / omega)) +
+                    kDwell;
 }
 
 void RoundSearcher::update(KRTimePoint now) {
   std::lock_guard<std::mutex> lock(fMutex);
-  if (fHaltPending) {
-    fHaltPending = false;
+  if (fState.haltPending) {
+    fState.haltPending = false;
     xHalt();
   }
-  if (!fEnabled || !fSearching) {
+  if (!fState.enabled || !fState.searching) {
     return;
   }
-  switch (fPhase) {
-    case Phase::Start:
-      fStep = 0;
-      if (fUseWholeBody) {
-        fPhase = Phase::Gaze;
+  switch (fState.phase) {
+    case RoundSearcherState::Phase::Start:
+      fState.step = 0;
+      if (fState.useWholeBody) {
+        fState.phase = RoundSearcherState::Phase::Gaze;
         xNextGaze(now);
       } else {
-        fPhase = Phase::Head;
+        fState.phase = RoundSearcherState::Phase::Head;
         xNextHead(now);
       }
       break;
-    case Phase::Head:
-      if (now < fPhaseEnd) {
+    case RoundSearcherState::Phase::Head:
+      if (now < fState.phaseEnd) {
         break;
       }
-      if (fStep < kSweepPositions) {
+      if (fState.step < kSweepPositions) {
         xNextHead(now);
       } else {
         xStartTurn(now);
       }
       break;
-    case Phase::Turn:
-      if (now < fPhaseEnd && fMotion->call<bool>("moveIsActive")) {
+    case RoundSearcherState::Phase::Turn:
+      if (now < fState.phaseEnd && fMotion->call<bool>("moveIsActive")) {
         break;
       }
-      fTurnSent = false;
-      ++fRound;
-      fStep = 0;
-      fPhase = Phase::Head;
+      fState.turnSent = false;
+      ++fState.round;
+      fState.step = 0;
+      fState.phase = RoundSearcherState::Phase::Head;
       xNextHead(now);
       break;
-    case Phase::Gaze:
-      if (now >= fPhaseEnd) {
+    case RoundSearcherState::Phase::Gaze:
+      if (now >= fState.phaseEnd) {
         xNextGaze(now);
       }
       break;

@@ -437,33 +437,13 @@ KRValue Smoother::getPosition() {
 
 // ---- state ---------------------------------------------------------------------------------
 
-bool Smoother::isRunning() const {
+Smoother::Status Smoother::snapshot() const {
   std::lock_guard<std::mutex> lock(fMutex);
-  return fRunning;
-}
-
-bool Smoother::isTargetLost() const {
-  std::lock_guard<std::mutex> lock(fMutex);
-  return fLost;
-}
-
-std::vector<std::string> Smoother::getEvents() const {
-  std::lock_guard<std::mutex> lock(fMutex);
-  std::vector<std::string> out;
+  Status status{fRunning, fLost, {}, fRelativePosition, fMaxDistance};
   for (const auto& t : fTracks) {
-    out.push_back(t.event);
+    status.events.push_back(t.event);
   }
-  return out;
-}
-
-std::vector<float> Smoother::getRelativePosition() const {
-  std::lock_guard<std::mutex> lock(fMutex);
-  return std::vector<float>(fRelativePosition.begin(), fRelativePosition.end());
-}
-
-float Smoother::getMaxDistance() const {
-  std::lock_guard<std::mutex> lock(fMutex);
-  return fMaxDistance;
+  return status;
 }
 
 }  // namespace Sim

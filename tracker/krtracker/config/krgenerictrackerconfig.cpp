@@ -1,5 +1,6 @@
 #include <krtracker/config/krgenerictrackerconfig.h>
 
+#include <cstring>
 #include <fstream>
 #include <iostream>
 #include <mutex>
@@ -26,6 +27,44 @@ const char* const kFloatGetter = "KRTracker.getConfigFloatValue";
 const char* const kBoolGetter = "KRTracker.getConfigBoolValue";
 const char* const kToMap = "KRTracker.configToMap";
 const char* const kValueName = "KRValue";
+
+// The lock-free word of an entry: its kind in the high half, its bits in the low half.
+enum FastKind : std::uint64_t { kFastOther = 0, kFastFloat = 1, kFastBool = 2 };
+
+std::uint64_t fastWord(const KRValue& value) {
+  if (const float* f = value.getIf<float>()) {
+    std::uint32_t bits = 0;
+    std::memcpy(&bits, f, sizeof bits);
+    return (std::uint64_t{kFastFloat} << 32) | bits;
+  }
+  if (value.isBool()) {
+    return (std::uint64_t{kFastBool} << 32) | (value.asBool() ? 1u : 0u);
+  }
+  return std::uint64_t{kFastOther} << 32;
+}
+
+FastKind kindOf(std::uint64_t word) {
+  return static_cast<FastKind>(word >> 32);
+}
+
+float floatOf(std::uint64_t word) {
+  const auto bits = static_cast<std::uint32_t>(word);
+  float value = 0.0f;
+  std::memcpy(&value, &bits, sizeof value);
+  return value;
+}
+
+bool hasFastWord(ConfigKey key) {
+  return static_cast<unsigned int>(key) < static_cast<unsigned int>(UNKNOWN_CONFIG_KEY);
+}
+
+// The word of a key of the global table, read without a lock; "other" for a key out of range.
+std::uint64_t readFast(ConfigKey key) {
+  if (!hasFastWord(key)) {
+    return std::uint64_t{kFastOther} << 32;
+  }
+  return getConfig()->fFast[static_cast<std::size_t>(key)].load(std::memory_order_acquire);
+}
 
 struct DefaultEntry {
   ConfigKey key;
@@ -97,6 +136,7 @@ KRGenericTrackerConfig::KRGenericTrackerConfig() : fLogDirectory("/tmp/tarvo/"),
     fNameMap.emplace(entry.name, entry.key);
     fValueMap.emplace(entry.key, std::move(entry.value));
   }
+  refreshFast();
 }
 
 KRGenericTrackerConfig::KRGenericTrackerConfig(const KRGenericTrackerConfig& o) {
@@ -105,6 +145,7 @@ KRGenericTrackerConfig::KRGenericTrackerConfig(const KRGenericTrackerConfig& o) 
   fMaxSize = o.fMaxSize;
   fNameMap = o.fNameMap;
   fValueMap = o.fValueMap;
+  refreshFast();
 }
 
 KRGenericTrackerConfig& KRGenericTrackerConfig::operator=(const KRGenericTrackerConfig& o) {
@@ -118,7 +159,17 @@ KRGenericTrackerConfig& KRGenericTrackerConfig::operator=(const KRGenericTracker
   fMaxSize = copy.fMaxSize;
   fNameMap = std::move(copy.fNameMap);
   fValueMap = std::move(copy.fValueMap);
+  refreshFast();
   return *this;
+}
+
+void KRGenericTrackerConfig::refreshFast() {
+  for (std::size_t key = 0; key < fFast.size(); ++key) {
+    const auto it = fValueMap.find(static_cast<ConfigKey>(key));
+    const std::uint64_t word =
+        it == fValueMap.end() ? std::uint64_t{kFastOther} << 32 : fastWord(it->second);
+    fFast[key].store(word, std::memory_order_release);
+  }
 }
 
 // Built on first use, so that a global of another translation unit may read the table during
@@ -153,17 +204,12 @@ float getConfigFloatValue(ConfigKey key) {
   if (key == UNKNOWN_CONFIG_KEY) {
     throw std::runtime_error(std::string(kFloatGetter) + ": unknown config key.");
   }
-  // Read in every control cycle: a stored float is returned under the lock, with no copy of the
-  // value and no text built; ints, missing entries and wrong kinds take the general path.
-  {
-    const KRGenericTrackerConfig& config = *getConfig();
-    std::shared_lock<std::shared_mutex> lock(config.fMutex);
-    const auto it = config.fValueMap.find(key);
-    if (it != config.fValueMap.end()) {
-      if (const float* value = it->second.getIf<float>()) {
-        return *value;
-      }
-    }
+  // Read in every control cycle: a stored float is returned from its lock-free word, with no
+  // lock, no copy of the value and no text built; ints, missing entries and wrong kinds take
+  // the general path.
+  const std::uint64_t word = readFast(key);
+  if (kindOf(word) == kFastFloat) {
+    return floatOf(word);
   }
   return extractFloat(readValue(key), kFloatGetter, kValueName);
 }
@@ -180,6 +226,10 @@ bool getConfigBoolValue(ConfigKey key) {
   if (key == UNKNOWN_CONFIG_KEY) {
     throw std::runtime_error(std::string(kBoolGetter) + ": unknown config key.");
   }
+  const std::uint64_t word = readFast(key);
+  if (kindOf(word) == kFastBool) {
+    return (word & 1u) != 0;
+  }
   const KRValue value = readValue(key);
   if (!value.isBool()) {
     throw std::runtime_error(std::string(kBoolGetter) + ": config value is not a bool.");
@@ -193,7 +243,11 @@ void setConfigValue(ConfigKey key, const KRValue& value) {
   }
   KRGenericTrackerConfig& config = *getConfig();
   std::unique_lock<std::shared_mutex> lock(config.fMutex);
-  config.fValueMap[key] = value;
+  KRValue& stored = config.fValueMap[key];
+  stored = value;
+  if (hasFastWord(key)) {
+    config.fFast[static_cast<std::size_t>(key)].store(fastWord(stored), std::memory_order_release);
+  }
 }
 
 std::string getLogDirectory() {

@@ -2,6 +2,8 @@
 // The process-wide table of tracker configuration values, its typed getters, and the
 // diagnostic log files written under its directory.
 
+#include <array>
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <shared_mutex>
@@ -39,6 +41,7 @@ enum ConfigKey : int {
 /// The table. Its maps are ordered: the value map iterates in key order (0 to 17), the name
 /// map in byte order of the names. An internal reader/writer lock makes concurrent readers and
 /// writers of the global table free of data races; it changes nothing of what is returned.
+/// The float and bool getters read lock-free copies of the entries instead (see fFast).
 class KRGenericTrackerConfig {
  public:
   /// The defaults: directory "/tmp/tarvo/", the integer 300, eighteen keys.
@@ -51,8 +54,16 @@ class KRGenericTrackerConfig {
   std::map<std::string, ConfigKey> fNameMap;
   std::map<ConfigKey, KRValue> fValueMap;
 
-  /// The lock that every accessor of the global table takes.
+  /// The lock that every accessor of the global table takes, except the fast getters.
   mutable std::shared_mutex fMutex;
+
+  /// One word per key, read without a lock by the float and bool getters: the kind of a
+  /// stored float or bool and its bits, or "other" (the getters then take the lock). Writers
+  /// change fValueMap only through setConfigValue, resetConfig or the assignment, which
+  /// refresh the word under the lock.
+  std::array<std::atomic<std::uint64_t>, UNKNOWN_CONFIG_KEY> fFast;
+  /// Refreshes every word from fValueMap; the caller holds fMutex exclusively.
+  void refreshFast();
 };
 
 /// Log directory of the diagnostic files under the home directory: home + "/diagnosis/".

@@ -15,25 +15,18 @@
 #include <kr/math/math.h>
 
 #include <krtracker/generictracker/generictracker.h>
+#include <krtracker/generictracker/trackerinternal.h>
 #include <krtracker/tools/tools.h>
 
 namespace KR {
 namespace Tracker {
 
-namespace {
-
-const std::string kTrackerCategory = "KRTracker.GenericTracker";
-const std::string kLeftArm = "LArm";
-const std::string kRightArm = "RArm";
-const std::string kBothArms = "Arms";
-
-}  // namespace
+using namespace internal;
 
 void GenericTracker::lookAt(const std::vector<float>& pPosition, KR::Math::FRAME pFrame,
                             float pFractionMaxSpeed, bool pUseWholeBody) {
   if (pPosition.size() != 3) {
-    throw std::runtime_error(fLogName + "::" + "lookAt" +
-                             ": Position is not valid. Must be [x, y, z].");
+    throw std::runtime_error(fLogName + "::" + "lookAt" + kTextLookAtPosition);
   }
   xLookAt(Math::Position3D(pPosition), pFrame, Model::TRACK_EFFECTOR_CAMERA_TOP, pFractionMaxSpeed,
           pUseWholeBody, false);
@@ -42,13 +35,12 @@ void GenericTracker::lookAt(const std::vector<float>& pPosition, KR::Math::FRAME
 void GenericTracker::lookAt(const std::vector<float>& pPosition, KR::Math::FRAME pFrame,
                             int pEffectorId, float pFractionMaxSpeed, bool pUseWholeBody) {
   if (pPosition.size() != 3) {
-    throw std::runtime_error(fLogName + "::" + "lookAt" +
-                             ": Position is not valid. Must be [x, y, z].");
+    throw std::runtime_error(fLogName + "::" + "lookAt" + kTextLookAtPosition);
   }
   // Compared unsigned so that negative ids are refused too.
   if (static_cast<unsigned int>(pEffectorId) >=
       static_cast<unsigned int>(Model::kTrackEffectorCount)) {
-    throw std::runtime_error(fLogName + "::" + "lookAt" + ": EffectorId is not valid.");
+    throw std::runtime_error(fLogName + "::" + "lookAt" + kTextEffectorId);
   }
   xLookAt(Math::Position3D(pPosition), pFrame, static_cast<Model::TRACK_EFFECTOR>(pEffectorId),
           pFractionMaxSpeed, pUseWholeBody, false);
@@ -57,8 +49,7 @@ void GenericTracker::lookAt(const std::vector<float>& pPosition, KR::Math::FRAME
 void GenericTracker::lookAtAndMove(const std::vector<float>& pPosition, float pFractionMaxSpeed,
                                    bool pUseWholeBody, bool pAllowTurning) {
   if (pPosition.size() != 3) {
-    throw std::runtime_error(fLogName + "::" + "lookAt" +
-                             ": Position is not valid. Must be [x, y, z] in FRAME_TORSO.");
+    throw std::runtime_error(fLogName + "::" + "lookAt" + kTextLookAtTorsoPosition);
   }
   xLookAt(Math::Position3D(pPosition), Math::FRAME_TORSO, Model::TRACK_EFFECTOR_CAMERA_TOP,
           pFractionMaxSpeed, pUseWholeBody, pAllowTurning);
@@ -67,8 +58,7 @@ void GenericTracker::lookAtAndMove(const std::vector<float>& pPosition, float pF
 void GenericTracker::pointAt(const std::string& pEffector, const std::vector<float>& pPosition,
                              KR::Math::FRAME pFrame, float pFractionMaxSpeed) {
   if (pPosition.size() != 3) {
-    throw std::runtime_error(fLogName + "::" + "pointAt" +
-                             ": Position is not valid could be [x, y, z] in FRAME_TORSO.");
+    throw std::runtime_error(fLogName + "::" + "pointAt" + kTextPointAtPosition);
   }
   xPointAt(pEffector, Math::Position3D(pPosition), pFrame, pFractionMaxSpeed);
 }
@@ -77,8 +67,7 @@ void GenericTracker::xLookAt(const KR::Math::Position3D& pPosition, KR::Math::FR
                              KR::Model::TRACK_EFFECTOR pEffector, float pFractionMaxSpeed,
                              bool pUseWholeBody, bool pAllowTurning) {
   if (!Math::Validation::isFractionStrict(pFractionMaxSpeed)) {
-    throw std::runtime_error(fLogName + "::" + "lookAt" +
-                             ": Expected a fraction for pFractionMaxSpeed.");
+    throw std::runtime_error(fLogName + "::" + "lookAt" + kTextFraction);
   }
   Math::Position3D target = pUseWholeBody
                                 ? tools::convertToRobotFrame(fMotionProxy, pPosition, pFrame)
@@ -94,7 +83,7 @@ void GenericTracker::xLookAt(const KR::Math::Position3D& pPosition, KR::Math::FR
   std::vector<std::string> names;
   std::vector<float> angles;
   if (!tools::computeLookAtAngles(target, fModel, pEffector, pUseWholeBody, names, angles)) {
-    ko::log::verbose(kTrackerCategory, "xLookAt", "computeLookAtAngles fail.");
+    ko::log::verbose(kLogCategory, "xLookAt", "computeLookAtAngles fail.");
     return;
   }
   const std::vector<float> speeds{pFractionMaxSpeed};
@@ -105,20 +94,18 @@ void GenericTracker::xLookAt(const KR::Math::Position3D& pPosition, KR::Math::FR
   }
 
   if (turned) {
-    try {
-      // The whole body waits for the turn; a head-only look is sent at once, while the robot
-      // turns.
+    // The whole body waits for the turn; a head-only look is sent at once, while the robot
+    // turns.
+    guarded("xLookAt", [&] {
       if (pUseWholeBody) {
         fMotionProxy->call<void>("moveTo", 0.0f, 0.0f, bodyAngle);
       } else {
         fMotionProxy->pCall("moveTo", 0.0f, 0.0f, bodyAngle);
       }
-    } catch (const std::exception& e) {
-      ko::log::error(kTrackerCategory, "xLookAt", e.what());
-    }
+    });
   }
 
-  try {
+  guarded("xLookAt", [&] {
     const bool awake = !fCanNavigate || fMotionProxy->call<bool>("robotIsWakeUp");
     if (awake) {
       if (pUseWholeBody) {
@@ -127,9 +114,7 @@ void GenericTracker::xLookAt(const KR::Math::Position3D& pPosition, KR::Math::FR
         fMotionProxy->call<void>("_trackerWithSpeed", names, angles, speeds, false, false);
       }
     }
-  } catch (const std::exception& e) {
-    ko::log::error(kTrackerCategory, "xLookAt", e.what());
-  }
+  });
 
   if (wasActive) {
     restart();
@@ -140,11 +125,10 @@ void GenericTracker::xPointAt(const std::string& pEffector, const KR::Math::Posi
                               KR::Math::FRAME pFrame, float pFractionMaxSpeed) {
   xExpectEffector(pEffector);
   if (!fCanPointAt) {
-    throw std::runtime_error(fLogName + "::" + "pointAt" + ": is not possible with this robot.");
+    throw std::runtime_error(fLogName + "::" + "pointAt" + kTextCannotPointAt);
   }
   if (!Math::Validation::isFractionStrict(pFractionMaxSpeed)) {
-    throw std::runtime_error(fLogName + "::" + "pointAt" +
-                             ": Expected a fraction for pFractionMaxSpeed.");
+    throw std::runtime_error(fLogName + "::" + "pointAt" + kTextFraction);
   }
   Math::Position3D target = tools::convertToTorsoFrame(fMotionProxy, pPosition, pFrame);
 
@@ -156,7 +140,7 @@ void GenericTracker::xPointAt(const std::string& pEffector, const KR::Math::Posi
       text << "pointAt"
            << ": x position must be strictly positive for this robot."
            << " Given target: " << target;
-      ko::log::warning(kTrackerCategory, "xPointAt", text.str());
+      ko::log::warning(kLogCategory, "xPointAt", text.str());
       return;
     }
     // Turn by the whole bearing: afterwards the point is straight ahead.
@@ -173,29 +157,23 @@ void GenericTracker::xPointAt(const std::string& pEffector, const KR::Math::Posi
   std::vector<std::string> names;
   std::vector<float> angles;
   const std::vector<float> speeds{pFractionMaxSpeed};
-  if (pEffector == kBothArms || pEffector == kLeftArm) {
+  if (pEffector == kEffectorArms || pEffector == kEffectorLArm) {
     tools::computePointAtAngles(target, fModel.leftArm, names, angles);
   }
-  if (pEffector == kBothArms || pEffector == kRightArm) {
+  if (pEffector == kEffectorArms || pEffector == kEffectorRArm) {
     tools::computePointAtAngles(target, fModel.rightArm, names, angles);
   }
 
   if (turned) {
-    try {
-      fMotionProxy->call<void>("moveTo", 0.0f, 0.0f, bodyAngle);
-    } catch (const std::exception& e) {
-      ko::log::error(kTrackerCategory, "xPointAt", e.what());
-    }
+    guarded("xPointAt", [&] { fMotionProxy->call<void>("moveTo", 0.0f, 0.0f, bodyAngle); });
   }
 
-  try {
+  guarded("xPointAt", [&] {
     const bool awake = !fCanNavigate || fMotionProxy->call<bool>("robotIsWakeUp");
     if (awake) {
       fMotionProxy->call<void>("_trackerWithSpeed", names, angles, speeds, false, true);
     }
-  } catch (const std::exception& e) {
-    ko::log::error(kTrackerCategory, "xPointAt", e.what());
-  }
+  });
 
   if (wasActive) {
     restart();
@@ -203,19 +181,11 @@ void GenericTracker::xPointAt(const std::string& pEffector, const KR::Math::Posi
 }
 
 void GenericTracker::stopLookAt() const {
-  try {
-    fMotionProxy->call<void>("_stopLookAt", true);
-  } catch (const std::exception& e) {
-    ko::log::error(kTrackerCategory, "stopLookAt", e.what());
-  }
+  guarded("stopLookAt", [&] { fMotionProxy->call<void>("_stopLookAt", true); });
 }
 
 void GenericTracker::stopPointAt() const {
-  try {
-    fMotionProxy->call<void>("_stopPointAt", true);
-  } catch (const std::exception& e) {
-    ko::log::error(kTrackerCategory, "stopPointAt", e.what());
-  }
+  guarded("stopPointAt", [&] { fMotionProxy->call<void>("_stopPointAt", true); });
 }
 
 }  // namespace Tracker

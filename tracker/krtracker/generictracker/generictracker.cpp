@@ -11,6 +11,7 @@
 #include <kr/value/valueutils.h>
 
 #include <krtracker/config/krgenerictrackerconfig.h>
+#include <krtracker/generictracker/trackerinternal.h>
 #include <krtracker/tools/namer/namer.h>
 #include <krtracker/tools/tools.h>
 
@@ -26,18 +27,13 @@ const std::string MoveWBMode = "MoveWholeBody";
 
 namespace {
 
-const char* const kLogCategory = "KRTracker.GenericTracker";
+using namespace internal;
 
 // Registers the log category when the library is loaded.
 const bool kCategoryRegistered = [] {
   ko::log::registerCategory(kLogCategory);
   return true;
 }();
-
-const char* const kEffectorArms = "Arms";
-const char* const kEffectorLArm = "LArm";
-const char* const kEffectorRArm = "RArm";
-const char* const kEffectorNone = "None";
 
 bool isArrayOfSize(const KRValue& v, std::size_t n) {
   return v.isValid() && v.isArray() && v.size() == n;
@@ -119,12 +115,9 @@ void GenericTracker::xInitProxies(const std::shared_ptr<KRBroker>& pBroker) {
   fArmsLookerProxy = pBroker->getProxy("_ArmsLooker", 0);
   fTargetManagerProxy = pBroker->getProxy("_KRTargetManager", 0);
   // The memory service is optional: only the stop events need it.
-  try {
-    fMemoryProxy = pBroker->getProxy("KRMemory", 0);
-  } catch (const std::runtime_error& e) {
-    ko::log::error(fLogName, "xInitProxies",
-                   std::string("Could not get proxy to KRMemory: ") + e.what());
-  }
+  guarded<std::runtime_error>(
+      "xInitProxies", [&] { fMemoryProxy = pBroker->getProxy("KRMemory", 0); },
+      "Could not get proxy to KRMemory: ");
 }
 
 // ---- lifecycle -----------------------------------------------------------------------------
@@ -147,11 +140,7 @@ void GenericTracker::initialize() {
   setMode(HeadMode);
   setMoveConfig(KRValue());
 
-  try {
-    fRoundSearcherProxy->call("initialize");
-  } catch (const std::exception& e) {
-    ko::log::error(fLogName, "initialize", e.what());
-  }
+  guarded("initialize", [&] { fRoundSearcherProxy->call("initialize"); });
 
   {
     std::lock_guard<std::mutex> lock(fTargetCoordinatesMutex);
@@ -166,11 +155,9 @@ void GenericTracker::initialize() {
   setTimeOut(3000);
   resetConfig();
 
-  try {
+  guarded("initialize", [&] {
     fSmootherProxy->call("_setMoveHysteresis", std::vector<float>{0.1f, 0.1f, 0.02f});
-  } catch (const std::exception& e) {
-    ko::log::error(fLogName, "initialize", e.what());
-  }
+  });
 }
 
 void GenericTracker::start() {
@@ -180,8 +167,7 @@ void GenericTracker::start() {
     return;
   }
   if (xGetTargetName().empty()) {
-    ko::log::warning(fLogName, "start",
-                     "Tracker is not initialized. Register a target name please.");
+    ko::log::warning(fLogName, "start", kTextNoTargetAtStart);
     return;
   }
   if (fSearchEnabled && !fSearcherRunning) {
@@ -195,11 +181,7 @@ void GenericTracker::start() {
     std::lock_guard<std::mutex> lock(fEffectorMutex);
     xStartArmLooker();
   }
-  try {
-    fTargetManagerProxy->call("start");
-  } catch (const std::exception& e) {
-    ko::log::error(fLogName, "start", e.what());
-  }
+  guarded("start", [&] { fTargetManagerProxy->call("start"); });
   xStartSmoother();
 }
 
@@ -248,19 +230,16 @@ void GenericTracker::restart() {
   }
   const std::string name = xGetTargetName();
   if (name.empty()) {
-    ko::log::warning(fLogName, "restart",
-                     "Do not restart tracking because target name is not valid.");
+    ko::log::warning(fLogName, "restart", kTextNoTargetAtRestart);
     return;
   }
-  try {
+  guarded("restart", [&] {
     if (fIsEventTracking) {
       fTargetManagerProxy->call("setActiveEvent", name);
     } else {
       fTargetManagerProxy->call("setActiveTarget", name);
     }
-  } catch (const std::exception& e) {
-    ko::log::error(fLogName, "restart", e.what());
-  }
+  });
   if (fSearchEnabled && !fSearcherRunning) {
     xStartSearcher();
     xRestartSearcher();
@@ -283,54 +262,32 @@ bool GenericTracker::isActive() const {
 // ---- targets -------------------------------------------------------------------------------
 
 void GenericTracker::registerTarget(const std::string& pTarget, const KRValue& pParams) {
-  try {
-    fTargetManagerProxy->call("addTarget", pTarget, pParams);
-  } catch (const std::exception& e) {
-    ko::log::error(fLogName, "registerTarget", e.what());
-  }
+  guarded("registerTarget", [&] { fTargetManagerProxy->call("addTarget", pTarget, pParams); });
 }
 
 void GenericTracker::unregisterTarget(const std::string& pTarget) {
-  try {
-    fTargetManagerProxy->call("removeTarget", pTarget);
-  } catch (const std::exception& e) {
-    ko::log::error(fLogName, "unregisterTarget", e.what());
-  }
+  guarded("unregisterTarget", [&] { fTargetManagerProxy->call("removeTarget", pTarget); });
 }
 
 void GenericTracker::unregisterTargets(const std::vector<std::string>& pTargets) {
-  try {
-    fTargetManagerProxy->call("removeTargets", pTargets);
-  } catch (const std::exception& e) {
-    ko::log::error(fLogName, "unregisterTargets", e.what());
-  }
+  guarded("unregisterTargets", [&] { fTargetManagerProxy->call("removeTargets", pTargets); });
 }
 
 void GenericTracker::unregisterAllTargets() {
   xSetTargetName("");
-  try {
-    fTargetManagerProxy->call("removeAllTargets");
-  } catch (const std::exception& e) {
-    ko::log::error(fLogName, "unregisterAllTargets", e.what());
-  }
+  guarded("unregisterAllTargets", [&] { fTargetManagerProxy->call("removeAllTargets"); });
 }
 
 std::vector<std::string> GenericTracker::getSupportedTargets() {
-  try {
+  return guardedOr(std::vector<std::string>(), "getSupportedTargets", [&] {
     return fTargetManagerProxy->call<std::vector<std::string>>("getSupportedTargets");
-  } catch (const std::exception& e) {
-    ko::log::error(fLogName, "getSupportedTargets", e.what());
-  }
-  return {};
+  });
 }
 
 std::vector<std::string> GenericTracker::getRegisteredTargets() {
-  try {
+  return guardedOr(std::vector<std::string>(), "getRegisteredTargets", [&] {
     return fTargetManagerProxy->call<std::vector<std::string>>("getRegisteredTargets");
-  } catch (const std::exception& e) {
-    ko::log::error(fLogName, "getRegisteredTargets", e.what());
-  }
-  return {};
+  });
 }
 
 std::string GenericTracker::getActiveTarget() const {
@@ -345,11 +302,10 @@ void GenericTracker::track(const std::string& pTarget) {
   // Set before the registration check, and kept when the request is refused.
   fNotLandMarks = (pTarget != Target::TargetLandMarks);
 
+  // Unlike the other forwarders, a failure here ends the request.
   bool managed = false;
-  try {
-    managed = fTargetManagerProxy->call<bool>("isTargetManaged", pTarget);
-  } catch (const std::exception& e) {
-    ko::log::error(fLogName, "track", e.what());
+  if (!guarded("track",
+               [&] { managed = fTargetManagerProxy->call<bool>("isTargetManaged", pTarget); })) {
     return;
   }
   if (!managed) {
@@ -358,10 +314,7 @@ void GenericTracker::track(const std::string& pTarget) {
         "Target name: " + pTarget + " is not registered." + " Register the target before track.");
     return;
   }
-  try {
-    fTargetManagerProxy->call("setActiveTarget", pTarget);
-  } catch (const std::exception& e) {
-    ko::log::error(fLogName, "track", e.what());
+  if (!guarded("track", [&] { fTargetManagerProxy->call("setActiveTarget", pTarget); })) {
     return;
   }
 
@@ -384,11 +337,7 @@ void GenericTracker::trackEvent(const std::string& pEventName) {
   fNotLandMarks = true;
 
   // Unlike track(), a failure here does not stop the request.
-  try {
-    fTargetManagerProxy->call("setActiveEvent", pEventName);
-  } catch (const std::exception& e) {
-    ko::log::error(fLogName, "trackEvent", e.what());
-  }
+  guarded("trackEvent", [&] { fTargetManagerProxy->call("setActiveEvent", pEventName); });
 
   if (!fActive) {
     start();
@@ -423,13 +372,9 @@ KRValue GenericTracker::xGetTargetCoordinates() const {
 }
 
 std::vector<float> GenericTracker::getTargetPosition(Math::FRAME pFrame) {
-  std::vector<float> position;
-  try {
-    position = fTargetManagerProxy->call<std::vector<float>>("getActiveTargetPosition");
-  } catch (const std::exception& e) {
-    ko::log::error(fLogName, "getTargetPosition", e.what());
-    position.clear();
-  }
+  const std::vector<float> position = guardedOr(std::vector<float>(), "getTargetPosition", [&] {
+    return fTargetManagerProxy->call<std::vector<float>>("getActiveTargetPosition");
+  });
   if (position.empty()) {
     return position;
   }
@@ -447,14 +392,9 @@ std::string GenericTracker::getSecondEventName() const {
 }
 
 std::string GenericTracker::xGetEventName(bool pSecond) const {
-  std::string name;
-  try {
-    name = fTargetManagerProxy->call<std::string>(pSecond ? "getSecondEventName" : "getEventName");
-  } catch (const std::exception& e) {
-    ko::log::error(fLogName, "xGetEventName", e.what());
-    name.clear();
-  }
-  return name;
+  return guardedOr(std::string(), "xGetEventName", [&] {
+    return fTargetManagerProxy->call<std::string>(pSecond ? "getSecondEventName" : "getEventName");
+  });
 }
 
 void GenericTracker::xSetTargetName(const std::string& pName) {
@@ -486,7 +426,7 @@ void GenericTracker::xSetCoordinates() {
   if (!isArrayOfSize(coordinates, 2)) {
     return;
   }
-  try {
+  guarded("xSetCoordinates", [&] {
     const std::vector<int> ids = fTargetManagerProxy->call<std::vector<int>>("getTargetIds", name);
     if (ids.size() != 2) {
       ko::log::warning(
@@ -497,9 +437,7 @@ void GenericTracker::xSetCoordinates() {
     const KRValue map{KRValue{ids[0], coordinates[0]}, KRValue{ids[1], coordinates[1]}};
     fSmootherProxy->call("setTargetIds", ids[0], ids[1]);
     fSmootherProxy->call("setMap", map);
-  } catch (const std::exception& e) {
-    ko::log::error(fLogName, "xSetCoordinates", e.what());
-  }
+  });
 }
 
 // ---- modes and move configuration ----------------------------------------------------------
@@ -565,7 +503,7 @@ void GenericTracker::xUpdateMode() {
     return;
   }
 
-  try {
+  guarded("xUpdateMode", [&] {
     if (mode == HeadMode) {
       fMotionMoveProxy->call("stopMove");
       fNavigationMoveProxy->call("stopMove");
@@ -591,9 +529,7 @@ void GenericTracker::xUpdateMode() {
     } else {
       ko::log::warning(fLogName, "xUpdateMode", "Tracker mode: " + mode + " is not valid");
     }
-  } catch (const std::exception& e) {
-    ko::log::error(fLogName, "xUpdateMode", e.what());
-  }
+  });
 }
 
 void GenericTracker::setMoveConfig(const KRValue& pConfig) {
@@ -601,17 +537,9 @@ void GenericTracker::setMoveConfig(const KRValue& pConfig) {
     std::lock_guard<std::mutex> lock(fMoveConfigMutex);
     fMoveConfig = pConfig;
   }
-  try {
-    fMotionMoveProxy->call("setParam", pConfig);
-  } catch (const std::exception& e) {
-    ko::log::error(fLogName, "setMoveConfig", e.what());
-  }
+  guarded("setMoveConfig", [&] { fMotionMoveProxy->call("setParam", pConfig); });
   if (xGetMode() == NavigateMode) {
-    try {
-      fNavigationMoveProxy->call("setParam", pConfig);
-    } catch (const std::exception& e) {
-      ko::log::error(fLogName, "setMoveConfig", e.what());
-    }
+    guarded("setMoveConfig", [&] { fNavigationMoveProxy->call("setParam", pConfig); });
   }
 }
 
@@ -634,11 +562,7 @@ void GenericTracker::setRelativePosition(const KRValue& pPosition) {
   }
   xSetTarget(pPosition);
   if (fActive) {
-    try {
-      fSmootherProxy->call("setTarget", xGetTarget());
-    } catch (const std::exception& e) {
-      ko::log::error(fLogName, "setRelativePosition", e.what());
-    }
+    guarded("setRelativePosition", [&] { fSmootherProxy->call("setTarget", xGetTarget()); });
   }
 }
 
@@ -655,11 +579,7 @@ std::vector<float> GenericTracker::getMoveHysteresis() {
 }
 
 void GenericTracker::setMoveEvent(const std::string& pEventName) {
-  try {
-    fSmootherProxy->call("_setMoveEvent", pEventName);
-  } catch (const std::exception& e) {
-    ko::log::error(fLogName, "setMoveEvent", e.what());
-  }
+  guarded("setMoveEvent", [&] { fSmootherProxy->call("_setMoveEvent", pEventName); });
 }
 
 std::vector<float> GenericTracker::getRobotPosition() {
@@ -681,7 +601,7 @@ void GenericTracker::xExpectEffector(const std::string& pEffector) const {
     return;
   }
   throw std::runtime_error(std::string("Invalid effector name: \"") + pEffector + "\"." +
-                           " Could be: Arms, LArm, RArm or None.");
+                           kTextEffectorChoices);
 }
 
 void GenericTracker::setEffector(const std::string& pEffector) {
@@ -700,11 +620,7 @@ void GenericTracker::setEffector(const std::string& pEffector) {
   }
   // "None" is stored as the empty string, and stops the looker even while inactive.
   fEffector.clear();
-  try {
-    fArmsLookerProxy->call("stopLooker");
-  } catch (const std::exception& e) {
-    ko::log::error(fLogName, "setEffector", e.what());
-  }
+  guarded("setEffector", [&] { fArmsLookerProxy->call("stopLooker"); });
 }
 
 std::string GenericTracker::getEffector() const {
@@ -743,7 +659,7 @@ void GenericTracker::removeEffector(const std::string& pEffector) {
   xExpectEffector(pEffector);
   const bool wholeBody = (xGetMode() == WholeBodyMode);
   std::lock_guard<std::mutex> lock(fEffectorMutex);
-  try {
+  guarded("removeEffector", [&] {
     if (fEffector == pEffector) {
       fEffector.clear();
       fArmsLookerProxy->call("stopLooker");
@@ -757,9 +673,7 @@ void GenericTracker::removeEffector(const std::string& pEffector) {
       fEffector.clear();
       fArmsLookerProxy->call("stopLooker");
     }
-  } catch (const std::exception& e) {
-    ko::log::error(fLogName, "removeEffector", e.what());
-  }
+  });
 }
 
 void GenericTracker::xStartArmLooker() {
@@ -768,107 +682,79 @@ void GenericTracker::xStartArmLooker() {
     return;
   }
   const KRValue params{fEffector, xGetMode() == WholeBodyMode};
-  try {
+  guarded("xStartArmLooker", [&] {
     fArmsLookerProxy->call("setImplParam", params);
     fArmsLookerProxy->call("start");
-  } catch (const std::exception& e) {
-    ko::log::error(fLogName, "xStartArmLooker", e.what());
-  }
+  });
 }
 
 void GenericTracker::xStopArmLooker() {
-  try {
-    fArmsLookerProxy->call("stopLooker");
-  } catch (const std::runtime_error& e) {
-    ko::log::error(fLogName, "xStopArmLooker", std::string("Stop Arms Looker failed: ") + e.what());
-  }
+  guarded<std::runtime_error>(
+      "xStopArmLooker", [&] { fArmsLookerProxy->call("stopLooker"); }, "Stop Arms Looker failed: ");
   bool hasEffector = false;
   {
     std::lock_guard<std::mutex> lock(fEffectorMutex);
     hasEffector = !fEffector.empty();
   }
   if (hasEffector && fMemoryProxy) {
-    try {
-      fMemoryProxy->call("raiseEvent", Namer::getNameArmStopped(), KRValue(true));
-    } catch (const std::runtime_error& e) {
-      ko::log::error(fLogName, "xStopArmLooker", std::string("Raise event failed: ") + e.what());
-    }
+    guarded<std::runtime_error>(
+        "xStopArmLooker",
+        [&] { fMemoryProxy->call("raiseEvent", Namer::getNameArmStopped(), KRValue(true)); },
+        "Raise event failed: ");
   }
 }
 
 // ---- smoother, searcher and head looker ----------------------------------------------------
 
 void GenericTracker::xStartSmoother() {
-  const std::string name = xGetTargetName();
-  if (fNotLandMarks) {
-    try {
-      const std::string event = fTargetManagerProxy->call<std::string>("getEventName");
-      fSmootherProxy->call("stopSmoother");
-      fSmootherProxy->call("setTarget", xGetTarget());
-      fSmootherProxy->call("startEvent", event);
-    } catch (const std::exception& e) {
-      ko::log::error(fLogName, "xStartSmoother", e.what());
-    }
-  } else if (name == Target::TargetLandMarks) {
-    try {
-      const std::string event = fTargetManagerProxy->call<std::string>("getEventName");
-      const std::string second = fTargetManagerProxy->call<std::string>("getSecondEventName");
-      const std::vector<int> ids =
-          fTargetManagerProxy->call<std::vector<int>>("getTargetIds", name);
-      xSetCoordinates();
-      fSmootherProxy->call("stopSmoother");
-      fSmootherProxy->call("setTarget", xGetTarget());
-      if (ids.size() >= 2) {
-        fSmootherProxy->call("setTargetIds", ids[0], ids[1]);
-      }
-      fSmootherProxy->call("startEvent", event, second);
-    } catch (const std::exception& e) {
-      ko::log::error(fLogName, "xStartSmoother", e.what());
-    }
-  } else {
-    throw std::runtime_error(fLogName + "::start" + ": Tracker is not initialized correctly.");
-  }
+  xRunSmoother(false);
 }
 
 void GenericTracker::xRestartSmoother() {
+  xRunSmoother(true);
+}
+
+void GenericTracker::xRunSmoother(bool pRestart) {
+  // A start stops the smoother first and sends "startEvent"; a restart sends "restart".
+  const char* const operation = pRestart ? "xRestartSmoother" : "xStartSmoother";
+  const char* const method = pRestart ? "restart" : "startEvent";
   const std::string name = xGetTargetName();
   if (fNotLandMarks) {
-    try {
+    guarded(operation, [&] {
       const std::string event = fTargetManagerProxy->call<std::string>("getEventName");
+      if (!pRestart) {
+        fSmootherProxy->call("stopSmoother");
+      }
       fSmootherProxy->call("setTarget", xGetTarget());
-      fSmootherProxy->call("restart", event);
-    } catch (const std::exception& e) {
-      ko::log::error(fLogName, "xRestartSmoother", e.what());
-    }
+      fSmootherProxy->call(method, event);
+    });
   } else if (name == Target::TargetLandMarks) {
-    try {
+    guarded(operation, [&] {
       const std::string event = fTargetManagerProxy->call<std::string>("getEventName");
       const std::string second = fTargetManagerProxy->call<std::string>("getSecondEventName");
       const std::vector<int> ids =
           fTargetManagerProxy->call<std::vector<int>>("getTargetIds", name);
       xSetCoordinates();
+      if (!pRestart) {
+        fSmootherProxy->call("stopSmoother");
+      }
       fSmootherProxy->call("setTarget", xGetTarget());
       if (ids.size() >= 2) {
         fSmootherProxy->call("setTargetIds", ids[0], ids[1]);
       }
-      fSmootherProxy->call("restart", event, second);
-    } catch (const std::exception& e) {
-      ko::log::error(fLogName, "xRestartSmoother", e.what());
-    }
+      fSmootherProxy->call(method, event, second);
+    });
+  } else if (pRestart) {
+    ko::log::error(fLogName, operation, kTextInvalidSmootherMode);
   } else {
-    ko::log::error(fLogName, "xRestartSmoother", "Invalid Smoother mode.");
+    throw std::runtime_error(fLogName + "::start" + kTextNotInitializedCorrectly);
   }
 }
 
 void GenericTracker::xStartSearcher() {
-  try {
-    fRoundSearcherProxy->call("startEvent");
-    fSearcherRunning = true;
-  } catch (const std::exception& e) {
-    fSearcherRunning = false;
-    ko::log::error(fLogName, "xStartSearcher",
-                   std::string("Could not start Searcher: ") + e.what());
-  }
+  fSearcherRunning = guarded(
+      "xStartSearcher", [&] { fRoundSearcherProxy->call("startEvent"); },
+      "Could not start Searcher: ");
 }
 
 void GenericTracker::xRestartSearcher() {
@@ -876,11 +762,8 @@ void GenericTracker::xRestartSearcher() {
     return;
   }
   // The smoother raises the event that sets the searcher going.
-  try {
-    fSmootherProxy->call("_raiseSearchEvent");
-  } catch (const std::runtime_error& e) {
-    ko::log::error(fLogName, "xRestartSearcher", e.what());
-  }
+  guarded<std::runtime_error>("xRestartSearcher",
+                              [&] { fSmootherProxy->call("_raiseSearchEvent"); });
 }
 
 void GenericTracker::xStopSearcher() {
@@ -899,30 +782,22 @@ void GenericTracker::xStartHeadLooker() {
 }
 
 void GenericTracker::xStopHeadTracking() {
-  try {
-    fRoundSearcherProxy->call("stopSearcher");
+  const char* const operation = "xStopHeadTracking";
+  if (guarded<std::runtime_error>(
+          operation, [&] { fRoundSearcherProxy->call("stopSearcher"); },
+          "Stop Searcher failed: ")) {
     fSearcherRunning = false;
-  } catch (const std::runtime_error& e) {
-    ko::log::error(fLogName, "xStopHeadTracking", std::string("Stop Searcher failed: ") + e.what());
   }
-  try {
-    fHeadLookerProxy->call("stopLooker");
-  } catch (const std::runtime_error& e) {
-    ko::log::error(fLogName, "xStopHeadTracking",
-                   std::string("Stop Head Looker failed: ") + e.what());
-  }
-  try {
-    fWholeBodyLookerProxy->call("stopLooker");
-  } catch (const std::runtime_error& e) {
-    ko::log::error(fLogName, "xStopHeadTracking",
-                   std::string("Stop Whole Body Looker failed: ") + e.what());
-  }
+  guarded<std::runtime_error>(
+      operation, [&] { fHeadLookerProxy->call("stopLooker"); }, "Stop Head Looker failed: ");
+  guarded<std::runtime_error>(
+      operation, [&] { fWholeBodyLookerProxy->call("stopLooker"); },
+      "Stop Whole Body Looker failed: ");
   if (fMemoryProxy) {
-    try {
-      fMemoryProxy->call("raiseEvent", Namer::getNameHeadStopped(), KRValue(true));
-    } catch (const std::runtime_error& e) {
-      ko::log::error(fLogName, "xStopHeadTracking", std::string("Raise event failed: ") + e.what());
-    }
+    guarded<std::runtime_error>(
+        operation,
+        [&] { fMemoryProxy->call("raiseEvent", Namer::getNameHeadStopped(), KRValue(true)); },
+        "Raise event failed: ");
   }
 }
 
@@ -946,37 +821,21 @@ float GenericTracker::getMaximumAcceleration() const {
 }
 
 void GenericTracker::setTimeOut(int pTimeOut) {
-  try {
-    fSmootherProxy->call("setTimeOut", pTimeOut);
-  } catch (const std::exception& e) {
-    ko::log::error(fLogName, "setTimeOut", e.what());
-  }
+  guarded("setTimeOut", [&] { fSmootherProxy->call("setTimeOut", pTimeOut); });
 }
 
 int GenericTracker::getTimeOut() {
-  try {
-    return fSmootherProxy->call<int>("getTimeOut");
-  } catch (const std::exception& e) {
-    ko::log::error(fLogName, "getTimeOut", e.what());
-  }
-  return 0;
+  return guardedOr(0, "getTimeOut", [&] { return fSmootherProxy->call<int>("getTimeOut"); });
 }
 
 void GenericTracker::setExtractorPeriod(const std::string& pTarget, int pPeriod) {
-  try {
-    fTargetManagerProxy->call("setExtractorPeriod", pTarget, pPeriod);
-  } catch (const std::exception& e) {
-    ko::log::error(fLogName, "setExtractorPeriod", e.what());
-  }
+  guarded("setExtractorPeriod",
+          [&] { fTargetManagerProxy->call("setExtractorPeriod", pTarget, pPeriod); });
 }
 
 int GenericTracker::getExtractorPeriod(const std::string& pTarget) {
-  try {
-    return fTargetManagerProxy->call<int>("getExtractorPeriod", pTarget);
-  } catch (const std::exception& e) {
-    ko::log::error(fLogName, "getExtractorPeriod", e.what());
-  }
-  return -1;
+  return guardedOr(-1, "getExtractorPeriod",
+                   [&] { return fTargetManagerProxy->call<int>("getExtractorPeriod", pTarget); });
 }
 
 void GenericTracker::setMaximumDistanceDetection(float pDistance) {
@@ -987,11 +846,8 @@ void GenericTracker::setMaximumDistanceDetection(float pDistance) {
     return;
   }
   fMaxDistanceDetection = pDistance;
-  try {
-    fSmootherProxy->call("setMaxDistance", pDistance);
-  } catch (const std::exception& e) {
-    ko::log::error(fLogName, "setMaximumDistanceDetection", e.what());
-  }
+  guarded("setMaximumDistanceDetection",
+          [&] { fSmootherProxy->call("setMaxDistance", pDistance); });
 }
 
 float GenericTracker::getMaximumDistanceDetection() const {
@@ -999,28 +855,18 @@ float GenericTracker::getMaximumDistanceDetection() const {
 }
 
 void GenericTracker::setSearcherFractionMaxSpeed(float pFraction) {
-  try {
-    fRoundSearcherProxy->call("setFractionMaxSpeed", pFraction);
-  } catch (const std::exception& e) {
-    ko::log::error(fLogName, "setSearcherFractionMaxSpeed", e.what());
-  }
+  guarded("setSearcherFractionMaxSpeed",
+          [&] { fRoundSearcherProxy->call("setFractionMaxSpeed", pFraction); });
 }
 
 float GenericTracker::getSearcherFractionMaxSpeed() {
-  try {
-    return fRoundSearcherProxy->call<float>("getFractionMaxSpeed");
-  } catch (const std::exception& e) {
-    ko::log::error(fLogName, "getSearcherFractionMaxSpeed", e.what());
-  }
-  return 0.0f;
+  return guardedOr(0.0f, "getSearcherFractionMaxSpeed",
+                   [&] { return fRoundSearcherProxy->call<float>("getFractionMaxSpeed"); });
 }
 
 void GenericTracker::searcherSetUseWholeBodyLookAt(bool pUseWholeBody) {
-  try {
-    fRoundSearcherProxy->call("setUseWholeBodyLookAt", pUseWholeBody);
-  } catch (const std::exception& e) {
-    ko::log::error(fLogName, "searcherSetUseWholeBodyLookAt", e.what());
-  }
+  guarded("searcherSetUseWholeBodyLookAt",
+          [&] { fRoundSearcherProxy->call("setUseWholeBodyLookAt", pUseWholeBody); });
 }
 
 void GenericTracker::toggleSearch(bool pEnable) {

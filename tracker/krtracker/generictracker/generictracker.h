@@ -167,6 +167,7 @@ class GenericTracker {
 
   void xStartSmoother();
   void xRestartSmoother();
+  void xRunSmoother(bool pRestart);  // the body of both: a restart skips "stopSmoother"
   void xStartSearcher();
   void xRestartSearcher();
   void xStopSearcher();

@@ -120,7 +120,7 @@ bool convertTrackerEventToTrackInfo(const KRValue& event, const std::string& cal
       const Math::Transform worldToTorso = getWorldToTorsoTransform(motion);
       worldToObject = Math::position6DFromTransform(worldToTorso *
                                                     Math::transformFromPosition6D(torsoToObject));
-      distance = Math::norm(torsoToObject);
+      distance = torsoToObject.norm();
       timeIndex = 2;
     }
 

@@ -97,9 +97,9 @@ bool computeLookAtWB(const Math::Position3D& target, const Model::KRTrackerModel
   // The tilted sensor: its fixed pitch is taken off after the clamp, and the result is not
   // clamped again.
   if (effector == Model::TRACK_EFFECTOR_DEPTH_CAMERA) {
-    const Math::Transform& tilt =
-        model.head.getNeckToEffectorTransform(Model::TRACK_EFFECTOR_DEPTH_CAMERA);
-    pitch += std::atan2(tilt.r3_c1, tilt.r1_c1);
+    const Math::Position3D sight =
+        model.head.getNeckToEffectorTransform(Model::TRACK_EFFECTOR_DEPTH_CAMERA).xAxis();
+    pitch += std::atan2(sight.z, sight.x);
   }
 
   return applyThreshold(threshold, yaw, pitch, model.head, angle, names, angles);
@@ -109,11 +109,17 @@ bool applyThreshold(float threshold, float yaw, float pitch, const Model::Tracke
                     Model::TrackerHeadAngle& angle, std::vector<std::string>& names,
                     std::vector<float>& angles) {
   ensureTwoEntries(names, angles);
+  // A caller's loop hands the same lists back every cycle: the names are copied only when they
+  // differ.
   const bool changedYaw = Math::DSP::applyThreshold(threshold, yaw, angle.yaw);
-  names[0] = head.yaw.name;
+  if (names[0] != head.yaw.name) {
+    names[0] = head.yaw.name;
+  }
   angles[0] = angle.yaw;
   const bool changedPitch = Math::DSP::applyThreshold(threshold, pitch, angle.pitch);
-  names[1] = head.pitch.name;
+  if (names[1] != head.pitch.name) {
+    names[1] = head.pitch.name;
+  }
   angles[1] = angle.pitch;
   return changedYaw || changedPitch;
 }

@@ -93,9 +93,7 @@ void xComputePointAtAngles(const Math::Position3D& target, const Model::TrackerA
   shoulder.r3_c2 = s1 * s2;
   shoulder.r3_c3 = c1;
   const Math::Transform shoulderToElbow = shoulder * arm.armTransform;
-  const Math::Position3D fromElbow =
-      shoulderToTarget -
-      Math::Position3D(shoulderToElbow.r1_c4, shoulderToElbow.r2_c4, shoulderToElbow.r3_c4);
+  const Math::Position3D fromElbow = shoulderToTarget - shoulderToElbow.translation();
   Math::Position3D p(shoulderToElbow.r1_c1 * fromElbow.x + shoulderToElbow.r2_c1 * fromElbow.y +
                          shoulderToElbow.r3_c1 * fromElbow.z,
                      shoulderToElbow.r1_c2 * fromElbow.x + shoulderToElbow.r2_c2 * fromElbow.y +

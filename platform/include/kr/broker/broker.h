@@ -202,8 +202,14 @@ class KRBroker : public std::enable_shared_from_this<KRBroker> {
   std::shared_ptr<KRModule> getModule(const std::string& name) const;
 
   /// A proxy to a module. Throws KRError("KRBroker", "getProxy", ...) when it is absent.
-  /// The flags are reserved for remote transports and must be 0.
+  /// Falls back on the remote resolver, if one is installed, for names held by no local module.
+  /// The flags are reserved and must be 0.
   std::shared_ptr<KRProxy> getProxy(const std::string& name, int flags = 0);
+
+  /// Finds modules that no local module's name matches (a remote transport installs one);
+  /// returns nullptr when it has none by that name.
+  using RemoteResolver = std::function<std::shared_ptr<KRModule>(const std::string& name)>;
+  void setRemoteResolver(RemoteResolver resolver);
 
   /// Installs (or with an empty function removes) the observer of every call.
   void setCallObserver(Observer observer);
@@ -234,6 +240,9 @@ class KRBroker : public std::enable_shared_from_this<KRBroker> {
   const std::string fName;
   mutable std::shared_mutex fModulesMutex;
   std::unordered_map<std::string, std::shared_ptr<KRModule>> fModules;
+
+  std::mutex fResolverMutex;
+  std::shared_ptr<RemoteResolver> fResolver;
 
   std::mutex fObserverMutex;
   std::shared_ptr<Observer> fObserver;

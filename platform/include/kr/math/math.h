@@ -1,10 +1,9 @@
 #pragma once
-// KR::Math functions over the value types of types.h, and conversions to Eigen.
+// KR::Math functions over the value types of types.h. The conversions to Eigen are in
+// kr/math/eigen.h.
 
 #include <cmath>
 #include <tuple>
-
-#include <Eigen/Geometry>
 
 #include <kr/math/types.h>
 
@@ -28,34 +27,32 @@ Transform transformFromRotation(const Rotation& r);
 
 /// Translation and roll, pitch, yaw of a transform (pitch in [-pi/2, pi/2]).
 Position6D position6DFromTransform(const Transform& t);
+/// The translation (as Transform::translation).
 Position3D position3DFromTransform(const Transform& t);
 /// Translation x, y and the yaw of a transform.
 Pose2D pose2DFromTransform(const Transform& t);
-Rotation rotationFromTransform(const Transform& t);
-Rotation3D rotation3DFromTransform(const Transform& t);
 Position6D position6DFromPose2D(const Pose2D& p);
 
 /// Inverse of a rigid transform (transposed rotation, rotated negated translation).
 Transform pinv(const Transform& t);
-inline Transform transformInverse(const Transform& t) {
-  return pinv(t);
-}
 
-Rotation rotationFromRotX(float angle);
-Rotation rotationFromRotY(float angle);
+/// Rotation about z (as Rotation::fromRotZ).
 Rotation rotationFromRotZ(float angle);
 /// R = Rz(wz) * Ry(wy) * Rx(wx).
 Rotation rotationFromAngles(float wx, float wy, float wz);
-Rotation rotationFromRotation3D(const Rotation3D& r);
+/// Roll, pitch, yaw of a rotation (inverse of rotationFromAngles, pitch in [-pi/2, pi/2]).
+Rotation3D rotation3DFromRotation(const Rotation& r);
 
 // ---- distances --------------------------------------------------------------------------
 
 /// Euclidean distance of the translations only.
 float distance(const Position6D& a, const Position6D& b);
 float distance(const Position3D& a, const Position3D& b);
-/// sqrt of the sum of the squares of all six components, angles included.
-float norm(const Position6D& p);
-float norm(const Position3D& p);
+
+/// Angle [rad] between the x axis of a frame and the direction from the frame's origin to a
+/// point: how far an effector or a forearm with that pose misses the point. Accurate for tiny
+/// angles too; pi when the point is the origin itself.
+float aimError(const Transform& frame, const Position3D& target);
 
 // ---- angles -----------------------------------------------------------------------------
 
@@ -122,19 +119,6 @@ inline bool isFractionStrict(float f) {
   return f > 0.0f && f <= 1.0f;
 }
 }  // namespace Validation
-
-// ---- Eigen ------------------------------------------------------------------------------
-
-inline Eigen::Vector3f toEigen(const Position3D& p) {
-  return {p.x, p.y, p.z};
-}
-inline Position3D fromEigen(const Eigen::Vector3f& v) {
-  return {v.x(), v.y(), v.z()};
-}
-Eigen::Isometry3f toEigen(const Transform& t);
-Transform fromEigen(const Eigen::Isometry3f& t);
-Eigen::Matrix3f toEigen(const Rotation& r);
-Rotation fromEigen(const Eigen::Matrix3f& m);
 
 }  // namespace Math
 }  // namespace KR

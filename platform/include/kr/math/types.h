@@ -103,20 +103,23 @@ struct Rotation3D {
   bool operator!=(const Rotation3D& o) const { return !(*this == o); }
 };
 
-/// A 3x3 rotation matrix, row by row. Identity by default.
+/// A 3x3 rotation matrix, row by row. Identity by default. The products and comparisons are
+/// computed with Eigen over the nine fields (math.cpp).
 struct Rotation {
   float r1_c1 = 1.0f, r1_c2 = 0.0f, r1_c3 = 0.0f;
   float r2_c1 = 0.0f, r2_c2 = 1.0f, r2_c3 = 0.0f;
   float r3_c1 = 0.0f, r3_c2 = 0.0f, r3_c3 = 1.0f;
 
   Rotation operator*(const Rotation& o) const;
-  Position3D operator*(const Position3D& p) const {
-    return {r1_c1 * p.x + r1_c2 * p.y + r1_c3 * p.z, r2_c1 * p.x + r2_c2 * p.y + r2_c3 * p.z,
-            r3_c1 * p.x + r3_c2 * p.y + r3_c3 * p.z};
-  }
+  Position3D operator*(const Position3D& p) const;
   Rotation transpose() const;
   bool operator==(const Rotation& o) const;
   bool operator!=(const Rotation& o) const { return !(*this == o); }
+
+  /// The columns: the images of the x, y and z axes.
+  Position3D xAxis() const { return {r1_c1, r2_c1, r3_c1}; }
+  Position3D yAxis() const { return {r1_c2, r2_c2, r3_c2}; }
+  Position3D zAxis() const { return {r1_c3, r2_c3, r3_c3}; }
 
   static Rotation fromRotX(float angle);
   static Rotation fromRotY(float angle);
@@ -124,7 +127,8 @@ struct Rotation {
 };
 
 /// A 3x4 homogeneous transform, row by row: rotation in columns 1 to 3, translation in
-/// column 4. Identity by default.
+/// column 4. Identity by default. The arithmetic is computed with Eigen over the twelve
+/// fields (math.cpp).
 struct Transform {
   float r1_c1 = 1.0f, r1_c2 = 0.0f, r1_c3 = 0.0f, r1_c4 = 0.0f;
   float r2_c1 = 0.0f, r2_c2 = 1.0f, r2_c3 = 0.0f, r2_c4 = 0.0f;
@@ -134,34 +138,27 @@ struct Transform {
   /// From 12 floats row by row, or 16 (a full 4x4 matrix whose last row is dropped).
   /// Any other length gives KRError.
   explicit Transform(const std::vector<float>& v);
+  /// Rotation r followed by translation t.
+  Transform(const Rotation& r, const Position3D& t);
 
-  Transform operator*(const Transform& o) const {
-    Transform t;
-    t.r1_c1 = r1_c1 * o.r1_c1 + r1_c2 * o.r2_c1 + r1_c3 * o.r3_c1;
-    t.r1_c2 = r1_c1 * o.r1_c2 + r1_c2 * o.r2_c2 + r1_c3 * o.r3_c2;
-    t.r1_c3 = r1_c1 * o.r1_c3 + r1_c2 * o.r2_c3 + r1_c3 * o.r3_c3;
-    t.r1_c4 = r1_c1 * o.r1_c4 + r1_c2 * o.r2_c4 + r1_c3 * o.r3_c4 + r1_c4;
-    t.r2_c1 = r2_c1 * o.r1_c1 + r2_c2 * o.r2_c1 + r2_c3 * o.r3_c1;
-    t.r2_c2 = r2_c1 * o.r1_c2 + r2_c2 * o.r2_c2 + r2_c3 * o.r3_c2;
-    t.r2_c3 = r2_c1 * o.r1_c3 + r2_c2 * o.r2_c3 + r2_c3 * o.r3_c3;
-    t.r2_c4 = r2_c1 * o.r1_c4 + r2_c2 * o.r2_c4 + r2_c3 * o.r3_c4 + r2_c4;
-    t.r3_c1 = r3_c1 * o.r1_c1 + r3_c2 * o.r2_c1 + r3_c3 * o.r3_c1;
-    t.r3_c2 = r3_c1 * o.r1_c2 + r3_c2 * o.r2_c2 + r3_c3 * o.r3_c2;
-    t.r3_c3 = r3_c1 * o.r1_c3 + r3_c2 * o.r2_c3 + r3_c3 * o.r3_c3;
-    t.r3_c4 = r3_c1 * o.r1_c4 + r3_c2 * o.r2_c4 + r3_c3 * o.r3_c4 + r3_c4;
-    return t;
-  }
+  Transform operator*(const Transform& o) const;
   Transform& operator*=(const Transform& o) { return *this = *this * o; }
   /// Applies the transform to a point.
-  Position3D operator*(const Position3D& p) const {
-    return {r1_c1 * p.x + r1_c2 * p.y + r1_c3 * p.z + r1_c4,
-            r2_c1 * p.x + r2_c2 * p.y + r2_c3 * p.z + r2_c4,
-            r3_c1 * p.x + r3_c2 * p.y + r3_c3 * p.z + r3_c4};
-  }
+  Position3D operator*(const Position3D& p) const;
   bool operator==(const Transform& o) const;
   bool operator!=(const Transform& o) const { return !(*this == o); }
   /// True when every element differs from o's by at most epsilon.
   bool isNear(const Transform& o, float epsilon = 1e-4f) const;
+
+  /// The origin of the frame that the transform places (column 4).
+  Position3D translation() const { return {r1_c4, r2_c4, r3_c4}; }
+  /// The rotation block (columns 1 to 3).
+  Rotation rotation() const;
+  /// The images of the frame's axes (columns 1 to 3); the x axis is the line of sight of an
+  /// effector and the pointing direction of a forearm.
+  Position3D xAxis() const { return {r1_c1, r2_c1, r3_c1}; }
+  Position3D yAxis() const { return {r1_c2, r2_c2, r3_c2}; }
+  Position3D zAxis() const { return {r1_c3, r2_c3, r3_c3}; }
 
   std::vector<float> toVector() const;
 

@@ -52,11 +52,10 @@ template <>
 struct KRValueTraits<float> {
   static KRValue toValue(float f) { return KRValue(f); }
   static float fromValue(const KRValue& v, const char* what) {
-    if (const float* f = v.getIf<float>())
-      return *f;
-    if (const int* i = v.getIf<int>())
-      return static_cast<float>(*i);
-    detail::throwConversionError("float", v, what);
+    float f = 0.0f;
+    if (v.toFloat(f))
+      return f;
+    detail::throwConversionError(kFloatKinds, v, what);
   }
 };
 

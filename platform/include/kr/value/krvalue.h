@@ -11,6 +11,9 @@
 
 namespace KR {
 
+/// The kinds a float read accepts, as every error of such a read words them.
+inline constexpr const char* kFloatKinds = "a float or an int";
+
 class KRValue {
  public:
   enum class Type { Invalid, Bool, Int, Float, String, Array };
@@ -56,7 +59,7 @@ class KRValue {
   /// Checked accessors: throw KRError naming the stored kind on a mismatch.
   bool asBool() const;
   int asInt() const;
-  /// A float, or an int converted to float.
+  /// A float, or an int converted to float (see toFloat).
   float asFloat() const;
   const std::string& asString() const;
   const Array& asArray() const;
@@ -66,6 +69,20 @@ class KRValue {
   template <class T>
   const T* getIf() const noexcept {
     return std::get_if<T>(&fData);
+  }
+
+  /// The number rule of every float read on the platform: a float as stored, an int converted
+  /// to float. False, with out untouched, for any other kind.
+  bool toFloat(float& out) const noexcept {
+    if (const float* f = std::get_if<float>(&fData)) {
+      out = *f;
+      return true;
+    }
+    if (const int* i = std::get_if<int>(&fData)) {
+      out = static_cast<float>(*i);
+      return true;
+    }
+    return false;
   }
 
   void clear() noexcept { fData = std::monostate{}; }

@@ -25,13 +25,26 @@
 #include <kr/model/trackermodel.h>
 #include <kr/value/krvalue.h>
 
-#include <krsim/module.h>
-#include <krsim/modules/common.h>
+#include <krsim/modules/lookerbase.h>
 
 namespace KR {
 namespace Sim {
 
-class ArmsLooker : public SimModule {
+struct ArmsLookerState : LookerState {
+  struct Arm {
+    Model::TrackerArmAngle remembered;  // last command
+    bool atRest = false;
+  };
+  std::string effector = "None";
+  bool wholeBody = false;
+  std::array<Arm, 2> arms;  // left, right
+  bool hasLast = false;
+  Math::Position3D lastSeen;  // target in the torso frame at the last update [m]
+  KRTimePoint lastTime{};
+  Math::Position3D torsoVelocity;  // of the target in the torso frame [m/s]
+};
+
+class ArmsLooker : public LookerBase<ArmsLookerState> {
  public:
   static constexpr const char* kLogFile = "ArmsLooker.txt";
   /// Farthest target an arm points at, from its shoulder [m].
@@ -59,54 +72,24 @@ class ArmsLooker : public SimModule {
   /// the target (torso frame) [rad].
   static float aimError(const Model::TrackerArm& arm, const Model::TrackerArmAngle& angles,
                         const Math::Position3D& target);
-  /// The forearm's pose in the torso frame for arm angles a1..a4 (x axis: pointing direction).
-  static Math::Transform forearmTransform(const Model::TrackerArm& arm, float a1, float a2,
-                                          float a3, float a4);
 
   explicit ArmsLooker(const SimContext& context);
 
-  void update(KRTimePoint now) override;
-
   void setImplParam(const KRValue& params);
-  void start();
-  void stopLooker();
-  void exit();
-
-  bool isRunning() const;
-  std::string getEffector() const;
-  bool isWholeBody() const;
 
  private:
-  struct ArmState {
-    const Model::TrackerArm* arm = nullptr;
-    Model::TrackerArmAngle remembered;
-    bool atRest = false;
-  };
-
-  std::vector<ArmState*> xArms();
+  using Arm = ArmsLookerState::Arm;
+  bool xFollow(const TargetInput::Sample& sample, KRTimePoint now) override;
+  void xOnLost() override;
+  /// The arms of the effector with their models.
+  std::vector<std::pair<Arm*, const Model::TrackerArm*>> xArms();
   /// Appends the arm's joints and rest angles.
-  void xAppendRest(ArmState& state, std::vector<std::string>& names, std::vector<float>& angles);
+  void xAppendRest(Arm& state, const Model::TrackerArm& arm, std::vector<std::string>& names,
+                   std::vector<float>& angles);
 
-  std::shared_ptr<SimMemory> fMemory;
-  std::shared_ptr<KR::KRProxy> fMotion;
-  Model::KRTrackerModel fModel;
-  TargetInput fInput;
-
-  mutable std::mutex fMutex;
-  bool fRunning = false;
-  bool fResync = true;
-  std::string fEffector = "None";
-  bool fWholeBody = false;
-  std::array<ArmState, 2> fArms;  // left, right
-  std::vector<std::string> fNames;
-  std::vector<float> fAngles;
+  // One arm's command while it is built; under fMutex.
   std::vector<std::string> fArmNames;
   std::vector<float> fArmAngles;
-  bool fHasLast = false;
-  Math::Position3D fLastSeen;  // target in the torso frame at the last update [m]
-  KRTimePoint fLastTime{};
-  Math::Position3D fTorsoVelocity;  // of the target in the torso frame [m/s]
-  bool fLogFirst = true;
 };
 
 }  // namespace Sim

@@ -11,56 +11,34 @@
 // "exit"(). Errors are KRError("_HeadLooker", method, text). Starting raises
 // "KRTracker/HeadTracking/Restarted".
 
-#include <memory>
-#include <mutex>
-#include <string>
-#include <vector>
-
-#include <kr/broker/broker.h>
-#include <kr/model/trackermodel.h>
 #include <kr/value/krvalue.h>
 
-#include <krsim/module.h>
-#include <krsim/modules/common.h>
+#include <krsim/modules/lookerbase.h>
 
 namespace KR {
 namespace Sim {
 
-class HeadLooker : public SimModule {
+struct HeadLookerState : LookerState {
+  float maxVelocity = 1.0f;       // [rad/s]
+  float maxAcceleration = 10.0f;  // [rad/s^2]
+  float speed = 0.0f;             // commanded speed [rad/s]
+  KRTimePoint lastUpdate{};
+  Model::TrackerHeadAngle angle;  // last command
+};
+
+class HeadLooker : public LookerBase<HeadLookerState> {
  public:
   static constexpr const char* kLogFile = "HeadLooker.txt";
 
   explicit HeadLooker(const SimContext& context);
 
-  void update(KRTimePoint now) override;
-
-  void start();
-  void stopLooker();
   /// [maxVelocity (rad/s), maxAcceleration (rad/s^2)], both strictly positive.
   void setImplParam(const KRValue& params);
-  void exit();
-
-  bool isRunning() const;
-  float getMaxVelocity() const;
-  float getMaxAcceleration() const;
 
  private:
-  std::shared_ptr<SimMemory> fMemory;
-  std::shared_ptr<KR::KRProxy> fMotion;
-  Model::KRTrackerModel fModel;
-  TargetInput fInput;
-
-  mutable std::mutex fMutex;
-  bool fRunning = false;
-  bool fResync = true;             // take the measured head angles as the last command first
-  float fMaxVelocity = 1.0f;       // [rad/s]
-  float fMaxAcceleration = 10.0f;  // [rad/s^2]
-  float fSpeed = 0.0f;             // commanded speed [rad/s]
-  KRTimePoint fLastUpdate{};
-  Model::TrackerHeadAngle fAngle;
-  std::vector<std::string> fNames;
-  std::vector<float> fAngles;
-  bool fLogFirst = true;
+  bool xFollow(const TargetInput::Sample& sample, KRTimePoint now) override;
+  void xOnStart() override { fState.speed = 0.0f; }
+  void xOnLost() override { fState.speed = 0.0f; }
 };
 
 }  // namespace Sim

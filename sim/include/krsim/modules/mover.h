@@ -29,6 +29,13 @@
 namespace KR {
 namespace Sim {
 
+struct MoverState {
+  bool running = false;
+  bool moving = false;   // the base runs on a command of this mover
+  bool reached = false;  // TargetReached raised since the last move
+  MoveLimits limits;
+};
+
 class MoverBase : public SimModule {
  public:
   /// A move target is extrapolated with its velocity at most this long (the smoother
@@ -54,9 +61,7 @@ class MoverBase : public SimModule {
   void setParam(const KRValue& config);
   void exit();
 
-  bool isRunning() const;
-  MoveLimits getLimits() const;
-  bool isMoving() const;
+  MoverState snapshot() const;
 
  protected:
   /// The situation at `now`; none while the target is lost or was never given.
@@ -76,10 +81,7 @@ class MoverBase : public SimModule {
   std::shared_ptr<SimMotion> fMotionService;
   std::shared_ptr<KR::KRProxy> fMotion;
   mutable std::mutex fMutex;
-  bool fRunning = false;
-  bool fMoving = false;   // the base runs on a command of this mover
-  bool fReached = false;  // TargetReached raised since the last move
-  MoveLimits fLimits;
+  MoverState fState;
 
  private:
   struct Goal {

@@ -27,6 +27,22 @@
 namespace KR {
 namespace Sim {
 
+struct RoundSearcherState {
+  enum class Phase { Start, Head, Turn, Gaze };
+  bool enabled = false;      // started: searches when the target is lost
+  bool searching = false;    // searching now
+  bool haltPending = false;  // found: stop the turn at the next update
+  float fraction = 0.5f;     // speed fraction of the head (RoundSearcher::kDefaultFraction)
+  bool useWholeBody = false;
+  Phase phase = Phase::Start;
+  int step = 0;          // head position of the sweep, or gaze step
+  int round = 0;         // completed half rounds
+  float headYaw = 0.0f;  // last commanded search yaw [rad]
+  KRTimePoint phaseEnd{};
+  bool turnSent = false;
+  bool gazeSent = false;
+};
+
 class RoundSearcher : public SimModule {
  public:
   static constexpr float kDefaultFraction = 0.5f;
@@ -50,17 +66,11 @@ class RoundSearcher : public SimModule {
   void setFractionMaxSpeed(float fraction);
   float getFractionMaxSpeed() const;
   void setUseWholeBodyLookAt(bool useWholeBody);
-  bool getUseWholeBodyLookAt() const;
   void exit();
 
-  /// Started: searches when the target is lost.
-  bool isEnabled() const;
-  /// Searching now.
-  bool isSearching() const;
+  RoundSearcherState snapshot() const;
 
  private:
-  enum class Phase { Start, Head, Turn, Gaze };
-
   void xOnLost();
   void xOnFound();
   /// Stops what the search set going; caller holds fMutex.
@@ -77,18 +87,7 @@ class RoundSearcher : public SimModule {
   std::vector<int> fSubscriptions;
 
   mutable std::mutex fMutex;
-  bool fEnabled = false;
-  bool fSearching = false;
-  bool fHaltPending = false;  // found: stop the turn at the next update
-  float fFraction = kDefaultFraction;
-  bool fUseWholeBody = false;
-  Phase fPhase = Phase::Start;
-  int fStep = 0;          // head position of the sweep, or gaze step
-  int fRound = 0;         // completed half rounds
-  float fHeadYaw = 0.0f;  // last commanded search yaw [rad]
-  KRTimePoint fPhaseEnd{};
-  bool fTurnSent = false;
-  bool fGazeSent = false;
+  RoundSearcherState fState;
 };
 
 }  // namespace Sim

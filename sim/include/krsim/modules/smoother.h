@@ -83,11 +83,15 @@ class Smoother : public SimModule {
   KRValue getPosition();
   void exit();
 
-  bool isRunning() const;
-  bool isTargetLost() const;
-  std::vector<std::string> getEvents() const;
-  std::vector<float> getRelativePosition() const;
-  float getMaxDistance() const;
+  /// What the smoother is doing, read at once.
+  struct Status {
+    bool running = false;
+    bool lost = false;
+    std::vector<std::string> events;  // followed events
+    std::array<float, 6> relativePosition{};
+    float maxDistance = 0.0f;  // [m]
+  };
+  Status snapshot() const;
 
  private:
   /// One followed event and its filter.

@@ -8,48 +8,26 @@
 //
 // Remote methods: "start"(), "stopLooker"() (cancels the gaze it commanded), "exit"().
 
-#include <memory>
-#include <mutex>
-#include <string>
-#include <vector>
-
-#include <kr/broker/broker.h>
-#include <kr/model/trackermodel.h>
-
-#include <krsim/module.h>
-#include <krsim/modules/common.h>
+#include <krsim/modules/lookerbase.h>
 
 namespace KR {
 namespace Sim {
 
-class WholeBodyLooker : public SimModule {
+struct WholeBodyLookerState : LookerState {
+  bool gazeSent = false;  // a gaze of ours may still hold the head
+  float gazeYaw = 0.0f;   // its yaw in FRAME_WORLD [rad]
+  Model::TrackerHeadAngle angle;
+};
+
+class WholeBodyLooker : public LookerBase<WholeBodyLookerState> {
  public:
   static constexpr const char* kLogFile = "WholeBodyLooker.txt";
 
   explicit WholeBodyLooker(const SimContext& context);
 
-  void update(KRTimePoint now) override;
-
-  void start();
-  void stopLooker();
-  void exit();
-
-  bool isRunning() const;
-
  private:
-  std::shared_ptr<KR::KRProxy> fMotion;
-  Model::KRTrackerModel fModel;
-  TargetInput fInput;
-
-  mutable std::mutex fMutex;
-  bool fRunning = false;
-  bool fResync = true;
-  bool fGazeSent = false;  // a gaze of ours may still hold the head
-  float fGazeYaw = 0.0f;   // its yaw in FRAME_WORLD [rad]
-  Model::TrackerHeadAngle fAngle;
-  std::vector<std::string> fNames;
-  std::vector<float> fAngles;
-  bool fLogFirst = true;
+  bool xFollow(const TargetInput::Sample& sample, KRTimePoint now) override;
+  void xOnStop() override;
 };
 
 }  // namespace Sim

@@ -1,12 +1,11 @@
-// Counts the heap allocations of the calling thread by replacing the global allocation
-// functions of the binary. The benchmarks report the count per iteration, and the setup checks
-// refuse a hot path that allocates.
+// Replaces the global allocation functions of the binary to count each thread's allocations.
+// Built as its own object library rather than into a static library, where the linker could
+// leave it out.
 
-#include <cstdint>
+#include "support/alloc_counter.h"
+
 #include <cstdlib>
 #include <new>
-
-#include "bench_support.h"
 
 namespace {
 thread_local std::uint64_t tAllocations = 0;
@@ -20,7 +19,7 @@ void* allocate(std::size_t size) {
 }
 }  // namespace
 
-std::uint64_t krbench::heapAllocations() {
+std::uint64_t krtest::heapAllocations() {
   return tAllocations;
 }
 

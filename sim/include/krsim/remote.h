@@ -1,0 +1,28 @@
+#pragma once
+// The simulated robot as two processes talking over DDS: the robot side (clock, motion,
+// memory, robot model, world and the eight sub-modules of the tracking service) runs the
+// scenario in real time; the tracking service ("KRTracker" and its GenericTracker) runs in a
+// process of its own and reaches the robot's modules by name.
+//
+//   krtracker-sim remote-tracker                 # start first (or second: each waits)
+//   krtracker-sim remote-robot [scenario]        # plays the scenario, prints its summary
+//
+// Both take the topic prefix from KRTRACKER_REMOTE_PREFIX and the network settings from
+// CYCLONEDDS_URI (config/cyclonedds-loopback.xml keeps them on loopback).
+
+#include <iosfwd>
+#include <string>
+
+namespace KR {
+namespace Sim {
+
+/// Hosts "KRTracker" until the robot side leaves (or `maxSeconds` pass). Returns 0 on a
+/// normal end, 1 when the robot's modules never appeared.
+int runRemoteTrackingService(std::ostream& out, std::ostream& err, double maxSeconds = 3600.0);
+
+/// Plays a built-in scenario in real time on the robot side, with the tracking service in
+/// another process, and prints the summary. Returns 0, or 1 when the service never appeared.
+int runRemoteRobot(const std::string& scenario, std::ostream& out, std::ostream& err);
+
+}  // namespace Sim
+}  // namespace KR

@@ -1,0 +1,133 @@
+#include <krsim/remote.h>
+
+#include <algorithm>
+#include <chrono>
+#include <iomanip>
+#include <ostream>
+#include <thread>
+#include <vector>
+
+#include <kr/broker/remote.h>
+#include <kr/error.h>
+
+#include <krsim/module.h>
+#include <krsim/modules/armslooker.h>
+#include <krsim/modules/headlooker.h>
+#include <krsim/modules/motionmove.h>
+#include <krsim/modules/navigationmove.h>
+#include <krsim/modules/roundsearcher.h>
+#include <krsim/modules/smoother.h>
+#include <krsim/modules/targetmanager.h>
+#include <krsim/modules/trackerservice.h>
+#include <krsim/modules/wholebodylooker.h>
+#include <krsim/run.h>
+#include <krsim/scenario.h>
+
+namespace KR {
+namespace Sim {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+/// What the tracking service opens on the robot side.
+const std::vector<std::string>& robotModuleNames() {
+  static const std::vector<std::string> kNames = {
+      "KRMotion",    "KRMemory",       "KRRobotModel",   "_KRTargetManager",
+      "_Smoother",   "_RoundSearcher", "_HeadLooker",    "_WholeBodyLooker",
+      "_ArmsLooker", "_MotionMove",    "_NavigationMove"};
+  return kNames;
+}
+
+bool waitForAll(KRRemote& remote, const std::vector<std::string>& names,
+                std::chrono::seconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  for (const std::string& name : names) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0 || !remote.waitForModule(name, left))
+      return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+int runRemoteTrackingService(std::ostream& out, std::ostream& err, double maxSeconds) {
+  auto broker = KRBroker::create("tracking-service");
+  auto remote = KRRemote::attach(broker, remoteOptionsFromEnvironment());
+  out << "tracking service: waiting for the robot's modules\n" << std::flush;
+  if (!waitForAll(*remote, robotModuleNames(), 120s)) {
+    err << "tracking service: the robot's modules did not appear within 120 s\n";
+    return 1;
+  }
+  broker->addModule(std::make_shared<TrackerService>(broker));
+  remote->publish("KRTracker");
+  out << "tracking service: serving \"KRTracker\"\n" << std::flush;
+  // Serve until the robot side has left the domain.
+  const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(maxSeconds);
+  while (std::chrono::steady_clock::now() < end) {
+    const std::vector<std::string> names = remote->getRemoteModuleNames();
+    if (std::find(names.begin(), names.end(), "KRMotion") == names.end())
+      break;
+    std::this_thread::sleep_for(100ms);
+  }
+  out << "tracking service: the robot left, stopping\n" << std::flush;
+  remote->unpublish("KRTracker");
+  // The tracker's last calls to the robot would only time out now.
+  remote->setTimeout(50ms);
+  broker->shutdown();
+  remote->close();
+  return 0;
+}
+
+int runRemoteRobot(const std::string& scenarioName, std::ostream& out, std::ostream& err) {
+  std::shared_ptr<KRRemote> remote;
+  bool found = true;
+  SimulationConfig config;
+  config.modules = [&](const SimContext& context) -> std::vector<std::shared_ptr<SimModule>> {
+    auto targetManager = std::make_shared<TargetManager>(context);
+    auto smoother = std::make_shared<Smoother>(context, targetManager);
+    auto searcher = std::make_shared<RoundSearcher>(context);
+    auto headLooker = std::make_shared<HeadLooker>(context);
+    auto wholeBodyLooker = std::make_shared<WholeBodyLooker>(context);
+    auto armsLooker = std::make_shared<ArmsLooker>(context);
+    auto motionMove = std::make_shared<MotionMove>(context);
+    auto navigationMove = std::make_shared<NavigationMove>(context);
+    context.broker->addModule(targetManager);
+    context.broker->addModule(smoother);
+    context.broker->addModule(searcher);
+    context.broker->addModule(headLooker);
+    context.broker->addModule(wholeBodyLooker);
+    context.broker->addModule(armsLooker);
+    context.broker->addModule(motionMove);
+    context.broker->addModule(navigationMove);
+    remote = KRRemote::attach(context.broker, remoteOptionsFromEnvironment());
+    remote->publishAll();
+    out << "robot: waiting for the tracking service\n" << std::flush;
+    found = remote->waitForModule("KRTracker", 120s);
+    return {smoother,   searcher,   headLooker,    wholeBodyLooker,
+            armsLooker, motionMove, navigationMove};
+  };
+  const Scenario scenario = makeScenario(scenarioName, ScenarioOptions{});
+  ScenarioRun run(scenario, config);
+  if (!found) {
+    err << "robot: the tracking service did not appear within 120 s\n";
+    return 1;
+  }
+  out << "robot: scenario " << scenario.name << ", " << std::fixed << std::setprecision(1)
+      << scenario.duration << " s in real time, tracking service in another process (dds)\n"
+      << std::flush;
+  const auto wallStart = std::chrono::steady_clock::now();
+  while (run.step()) {
+    std::this_thread::sleep_until(wallStart +
+                                  std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                                      std::chrono::duration<double>(run.simulation().time())));
+  }
+  out << "\nSummary (transport: dds)\n" << formatSummary(run.summaries());
+  remote->close();
+  return 0;
+}
+
+}  // namespace Sim
+}  // namespace KR

@@ -1,0 +1,43 @@
+# Installs the build tree BUILD_DIR to a fresh prefix under WORK_DIR, checks that the exported
+# targets carry no warning or sanitizer flags, then configures, builds and runs the consumer
+# project against the installed package.
+#   cmake -DBUILD_DIR=... -DWORK_DIR=... -DCONSUMER_DIR=... [-DCONSUMER_FLAGS=...] -P this
+function(run)
+  execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE out)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "failed (${rc}): ${ARGN}\n${out}")
+  endif()
+endfunction()
+
+set(prefix ${WORK_DIR}/prefix)
+file(REMOVE_RECURSE ${WORK_DIR})
+run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
+
+file(GLOB_RECURSE exports ${prefix}/*/krtrackerTargets*.cmake)
+if(NOT exports)
+  message(FATAL_ERROR "no krtrackerTargets*.cmake under ${prefix}")
+endif()
+foreach(f ${exports})
+  file(READ ${f} text)
+  if(text MATCHES "[ ;\"]-W[a-z]|-fsanitize|-fno-sanitize|krtracker_options")
+    message(FATAL_ERROR "${f} exports build flags: ${CMAKE_MATCH_0}")
+  endif()
+endforeach()
+
+# A sanitized build installs sanitized static libraries: their consumer links the runtime.
+run(${CMAKE_COMMAND} -S ${CONSUMER_DIR} -B ${WORK_DIR}/build -DCMAKE_PREFIX_PATH=${prefix}
+    -DCMAKE_BUILD_TYPE=Release "-DCMAKE_CXX_FLAGS=${CONSUMER_FLAGS}"
+    "-DCMAKE_EXE_LINKER_FLAGS=${CONSUMER_FLAGS}")
+run(${CMAKE_COMMAND} --build ${WORK_DIR}/build)
+file(GLOB_RECURSE flags ${WORK_DIR}/build/*/flags.make)
+foreach(f ${flags})
+  file(READ ${f} text)
+  if(text MATCHES "-Wall|-Wextra|-Wpedantic")
+    message(FATAL_ERROR "the consumer was compiled with the project's warnings: ${f}")
+  endif()
+endforeach()
+if(NOT flags)
+  message(FATAL_ERROR "no flags.make in the consumer build: cannot check its flags")
+endif()
+run(${WORK_DIR}/build/consumer)
+message(STATUS "installed to ${prefix}; consumer built and ran")

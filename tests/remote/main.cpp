@@ -1,0 +1,19 @@
+// The cross-process tests' entry point. With --host PREFIX MODULES the binary is the child
+// process hosting fake modules; otherwise it runs the tests. Either way DDS is kept on the
+// loopback interface by the project's configuration file.
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "remote_fixture.h"
+
+int main(int argc, char** argv) {
+  ::setenv("CYCLONEDDS_URI", "file://" KRTRACKER_DDS_CONFIG, 1);
+  if (argc == 4 && std::strcmp(argv[1], "--host") == 0)
+    return remotetest::runHost(argv[2], argv[3]);
+  ::testing::InitGoogleTest(&argc, argv);
+  return RUN_ALL_TESTS();
+}

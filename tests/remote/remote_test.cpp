@@ -1,0 +1,222 @@
+// Modules of another process reached through the broker over DDS on loopback: typed calls,
+// value kinds, exceptions, posted calls, the observer, a crashed and restarted host, late
+// replies and concurrent callers.
+
+#include <chrono>
+#include <climits>
+#include <thread>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <ko/log.h>
+#include <kr/error.h>
+#include <support/fake_module.h>
+
+#include "remote_fixture.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using KR::KRValue;
+using remotetest::Caller;
+using remotetest::HostProcess;
+using remotetest::kFakeModule;
+
+class RemoteModules : public ::testing::Test {
+ protected:
+  RemoteModules() : prefix(remotetest::uniquePrefix()), host(prefix), caller(prefix) {
+    proxy = caller.broker->getProxy(kFakeModule, 0);
+  }
+  std::string prefix;
+  HostProcess host;
+  Caller caller;
+  std::shared_ptr<KR::KRProxy> proxy;
+};
+
+TEST_F(RemoteModules, TypedCallsWithZeroToFiveArguments) {
+  EXPECT_EQ(proxy->call<int>("zero"), 42);
+  EXPECT_EQ(proxy->call<int>("one", 21), 42);
+  EXPECT_EQ(proxy->call<std::string>("two", 0.5f, std::string("half")), "half:5.000000");
+  EXPECT_EQ(proxy->call<KRValue>("three", true, 6, 1.25f), (KRValue{false, 7, 2.5f}));
+  EXPECT_EQ(proxy->call<std::vector<int>>("four", 1, 2, 3, 4), (std::vector<int>{4, 3, 2, 1}));
+  EXPECT_FLOAT_EQ(proxy->call<float>("five", 1.0f, 2.0f, 3.0f, 4.0f, 5.5f), 15.5f);
+  // A result of the wrong kind fails the caller's conversion, as it does in-process.
+  EXPECT_THROW(proxy->call<std::string>("zero"), KR::KRError);
+}
+
+TEST_F(RemoteModules, EveryValueKindCrossesUnchanged) {
+  const KRValue values[] = {
+      KRValue(),
+      KRValue(true),
+      KRValue(INT_MIN),
+      KRValue(INT_MAX),
+      KRValue(-0.125f),
+      KRValue("t\xC3\xAAte"),
+      KRValue(std::string(20000, 'x')),
+      KRValue::makeArray(0),
+      KRValue{1, 2.5f, "s", false, KRValue{KRValue(), KRValue{3}}},
+  };
+  for (const KRValue& v : values) {
+    SCOPED_TRACE(v.toString().substr(0, 60));
+    EXPECT_EQ(proxy->call<KRValue>("echo", v), v);
+  }
+}
+
+TEST_F(RemoteModules, ExceptionsKeepTheirTextAndKRErrorItsParts) {
+  try {
+    proxy->call<int>("fail");
+    ADD_FAILURE() << "no exception";
+  } catch (const KR::KRError& e) {
+    ADD_FAILURE() << "a plain exception became a KRError: " << e.what();
+  } catch (const std::runtime_error& e) {
+    EXPECT_STREQ(e.what(), "motor overheated");
+  }
+  try {
+    proxy->call<int>("failKR");
+    ADD_FAILURE() << "no exception";
+  } catch (const KR::KRError& e) {
+    EXPECT_EQ(e.module(), "KRMotion");
+    EXPECT_EQ(e.method(), "setAngles");
+    EXPECT_EQ(e.message(), "joint HeadYaw out of range");
+    EXPECT_STREQ(e.what(), "KRMotion::setAngles: joint HeadYaw out of range");
+  }
+  // Errors raised by the host's broker (unknown method, wrong arguments) arrive the same way.
+  try {
+    proxy->call("noSuchMethod", 1);
+    ADD_FAILURE() << "no exception";
+  } catch (const KR::KRError& e) {
+    EXPECT_EQ(e.module(), kFakeModule);
+    EXPECT_EQ(e.method(), "noSuchMethod");
+  }
+  EXPECT_THROW(proxy->call<int>("one", 1, 2), KR::KRError);
+  EXPECT_THROW(proxy->call<int>("one", "text"), KR::KRError);
+}
+
+TEST_F(RemoteModules, PostedCallsRunInOrderAndTheObserverSeesEveryCall) {
+  krtest::CallRecorder recorder(caller.broker);
+  for (int i = 0; i < 20; ++i)
+    proxy->pCall("record", i);
+  caller.broker->waitForPostedCalls();
+  std::vector<int> expected(20);
+  for (int i = 0; i < 20; ++i)
+    expected[i] = i;
+  EXPECT_EQ(proxy->call<std::vector<int>>("recorded"), expected);
+  const std::vector<std::string> calls = recorder.calls();
+  ASSERT_EQ(calls.size(), 21u);
+  EXPECT_EQ(calls.front(), "post RemoteFake.record(0)");
+  EXPECT_EQ(calls[19], "post RemoteFake.record(19)");
+  EXPECT_EQ(calls.back(), "RemoteFake.recorded()");
+}
+
+TEST_F(RemoteModules, LocalModulesStayLocal) {
+  auto local = std::make_shared<krtest::FakeModule>("LocalOnly");
+  local->answer("where", KRValue("here"));
+  caller.broker->addModule(local);
+  EXPECT_EQ(caller.broker->getProxy("LocalOnly", 0)->call<std::string>("where"), "here");
+  // A name neither local nor announced fails after the discovery wait, with the usual error.
+  caller.remote->setTimeout(100ms);
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_THROW(caller.broker->getProxy("Nobody", 0), KR::KRError);
+  EXPECT_GE(std::chrono::steady_clock::now() - start, 100ms);
+  EXPECT_THAT(caller.remote->getRemoteModuleNames(), ::testing::ElementsAre(kFakeModule));
+}
+
+TEST_F(RemoteModules, LateRepliesAreDroppedNotDeliveredToLaterCalls) {
+  caller.remote->setTimeout(150ms);
+  EXPECT_THROW(proxy->call<int>("slow", 500), KR::KRError);
+  // The host is still busy with the slow call on one thread; a later call gets its own reply.
+  EXPECT_EQ(proxy->call<int>("one", 5), 10);
+  caller.remote->setTimeout(1000ms);
+  EXPECT_EQ(proxy->call<int>("slow", 1), 1);
+  const auto deadline = std::chrono::steady_clock::now() + 3s;
+  while (caller.remote->getDroppedReplyCount() == 0 && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(10ms);
+  EXPECT_EQ(caller.remote->getDroppedReplyCount(), 1u);
+  EXPECT_EQ(proxy->call<int>("one", 7), 14);
+}
+
+TEST_F(RemoteModules, AKilledHostTimesOutClearlyAndIsReachedAgainWhenRestarted) {
+  const int firstPid = proxy->call<int>("pid");
+  caller.remote->setTimeout(200ms);
+  host.kill();
+
+  const auto start = std::chrono::steady_clock::now();
+  try {
+    proxy->call<int>("zero");
+    ADD_FAILURE() << "a call to a dead host returned";
+  } catch (const KR::KRError& e) {
+    EXPECT_EQ(e.module(), kFakeModule);
+    EXPECT_EQ(e.method(), "zero");
+    EXPECT_THAT(e.message(), ::testing::HasSubstr("no reply within 200 ms"));
+  }
+  const auto elapsed = std::chrono::steady_clock::now() - start;
+  EXPECT_GE(elapsed, 200ms);
+  EXPECT_LT(elapsed, 1500ms);
+
+  // A posted call that cannot be delivered is logged, not lost silently.
+  auto sink = std::make_shared<ko::log::CaptureSink>();
+  auto previous = ko::log::setSink(sink);
+  proxy->pCall("record", 1);
+  caller.broker->waitForPostedCalls();
+  ko::log::setSink(previous);
+  const auto records = sink->records("KRBroker");
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_EQ(records[0].level, ko::log::Level::error);
+  EXPECT_THAT(records[0].text, ::testing::HasSubstr("RemoteFake.record"));
+  EXPECT_THAT(records[0].text, ::testing::HasSubstr("no reply within"));
+
+  // The same proxy reaches the restarted host once it has been discovered.
+  host.start();
+  caller.remote->setTimeout(300ms);
+  int pid = 0;
+  const auto deadline = std::chrono::steady_clock::now() + 15s;
+  while (pid == 0 && std::chrono::steady_clock::now() < deadline) {
+    try {
+      pid = proxy->call<int>("pid");
+    } catch (const KR::KRError&) {
+    }
+  }
+  EXPECT_NE(pid, 0) << "the restarted host was never reached";
+  EXPECT_NE(pid, firstPid);
+  EXPECT_EQ(proxy->call<int>("one", 4), 8);
+}
+
+TEST_F(RemoteModules, ClosedTransportFailsCallsAtOnce) {
+  caller.remote->close();
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_THROW(proxy->call<int>("zero"), KR::KRError);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 100ms);
+  EXPECT_THROW(caller.broker->getProxy(kFakeModule, 0), KR::KRError);
+}
+
+// Two callers at once, each checking that it gets its own replies (run under ThreadSanitizer).
+TEST(RemoteModulesConcurrency, TwoCallersGetTheirOwnReplies) {
+  const std::string prefix = remotetest::uniquePrefix();
+  HostProcess host(prefix);
+  Caller caller(prefix);
+  constexpr int kCalls = 300;
+  std::atomic<int> wrong{0};
+  auto run = [&](int base) {
+    auto proxy = caller.broker->getProxy(kFakeModule, 0);
+    for (int i = 0; i < kCalls; ++i) {
+      if (proxy->call<int>("one", base + i) != 2 * (base + i))
+        wrong.fetch_add(1);
+    }
+  };
+  std::thread a(run, 0);
+  std::thread b(run, 100000);
+  // A second process-level caller (another broker and participant) at the same time.
+  Caller other(prefix);
+  auto otherProxy = other.broker->getProxy(kFakeModule, 0);
+  for (int i = 0; i < kCalls; ++i) {
+    if (otherProxy->call<KRValue>("echo", KRValue{i, "x"}) != (KRValue{i, "x"}))
+      wrong.fetch_add(1);
+  }
+  a.join();
+  b.join();
+  EXPECT_EQ(wrong.load(), 0);
+  EXPECT_EQ(caller.remote->getDroppedReplyCount(), 0u);
+}
+
+}  // namespace

@@ -1,0 +1,74 @@
+#pragma once
+// Internal to GenericTracker's translation units: effector names, the log category, the texts
+// its clients match, and the one rule for a remote call that may fail.
+
+#include <exception>
+#include <string>
+#include <utility>
+
+#include <ko/log.h>
+
+namespace KR {
+namespace Tracker {
+namespace internal {
+
+/// Log category of every record of the tracker.
+inline const std::string kLogCategory = "KRTracker.GenericTracker";
+
+inline const std::string kEffectorArms = "Arms";
+inline const std::string kEffectorLArm = "LArm";
+inline const std::string kEffectorRArm = "RArm";
+inline const std::string kEffectorNone = "None";
+
+// Texts that clients match. Each is part of the interface: never reword it.
+
+/// Part of the interface; must not be reworded.
+inline const char* const kTextNoTargetAtStart =
+    "Tracker is not initialized. Register a target name please.";
+/// Part of the interface; must not be reworded.
+inline const char* const kTextNoTargetAtRestart =
+    "Do not restart tracking because target name is not valid.";
+/// Part of the interface; must not be reworded (follows "<category>::start").
+inline const char* const kTextNotInitializedCorrectly = ": Tracker is not initialized correctly.";
+/// Part of the interface; must not be reworded.
+inline const char* const kTextInvalidSmootherMode = "Invalid Smoother mode.";
+/// Part of the interface; must not be reworded (follows "Invalid effector name: \"<name>\".").
+inline const char* const kTextEffectorChoices = " Could be: Arms, LArm, RArm or None.";
+/// Part of the interface; must not be reworded (follows "<category>::lookAt").
+inline const char* const kTextLookAtPosition = ": Position is not valid. Must be [x, y, z].";
+/// Part of the interface; must not be reworded (follows "<category>::lookAt").
+inline const char* const kTextLookAtTorsoPosition =
+    ": Position is not valid. Must be [x, y, z] in FRAME_TORSO.";
+/// Part of the interface; must not be reworded (follows "<category>::pointAt").
+inline const char* const kTextPointAtPosition =
+    ": Position is not valid could be [x, y, z] in FRAME_TORSO.";
+/// Part of the interface; must not be reworded (follows "<category>::lookAt").
+inline const char* const kTextEffectorId = ": EffectorId is not valid.";
+/// Part of the interface; must not be reworded (follows "<category>::lookAt" or "::pointAt").
+inline const char* const kTextFraction = ": Expected a fraction for pFractionMaxSpeed.";
+/// Part of the interface; must not be reworded (follows "<category>::pointAt").
+inline const char* const kTextCannotPointAt = ": is not possible with this robot.";
+
+/// The rule for a remote call: run pCall; a Caught exception is logged at error level under
+/// pOperation, its text after pPrefix, and the tracker carries on. True when pCall succeeded.
+template <typename Caught = std::exception, typename Call>
+bool guarded(const char* pOperation, Call&& pCall, const char* pPrefix = "") {
+  try {
+    std::forward<Call>(pCall)();
+    return true;
+  } catch (const Caught& e) {
+    ko::log::error(kLogCategory, pOperation, std::string(pPrefix) + e.what());
+    return false;
+  }
+}
+
+/// The same rule for a call that answers: its answer, or pFallback after a logged failure.
+template <typename T, typename Call>
+T guardedOr(T pFallback, const char* pOperation, Call&& pCall) {
+  guarded(pOperation, [&] { pFallback = std::forward<Call>(pCall)(); });
+  return pFallback;
+}
+
+}  // namespace internal
+}  // namespace Tracker
+}  // namespace KR
