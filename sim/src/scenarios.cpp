@@ -154,6 +154,7 @@ Scenario ballScenario(const ScenarioOptions& o) {
                call(0.0, "track", Target::TargetRedBall),
                call(20.0, "setMode", secondMode),
                call(20.0, "setEffector", pick(o.effector, "Arms"))};
+  s.modeText = firstMode == secondMode ? firstMode : firstMode + " then " + secondMode;
   s.description = "ball followed in " + firstMode + " mode, then " + secondMode +
                   " mode with the " + pick(o.effector, "Arms") +
                   " effector; lost behind the robot, searched for and found again";
@@ -188,6 +189,7 @@ Scenario faceScenario(const ScenarioOptions& o) {
   ann.maxRange = bob.maxRange = 2.5f;  // a face is too small to detect farther
   s.targets = {ann, bob};
   const std::string mode = pick(o.mode, "Head");
+  s.modeText = mode;
   s.actions = {registerTarget(0.0, Target::TargetFace, KRValue(0.1f)), call(0.0, "setMode", mode),
                call(0.0, "setEffector", pick(o.effector, "None")), toggleSearch(0.0, true),
                call(0.0, "track", Target::TargetFace)};
@@ -212,6 +214,7 @@ Scenario peopleScenario(const ScenarioOptions& o) {
   s.targets = {target("person", Target::TargetPeople, walk, Layout::World)};
   const std::array<float, 6> relative{0.9f, 0.0f, 0.0f, 0.15f, 0.15f, 0.3f};
   const std::string mode = pick(o.mode, "Move");
+  s.modeText = mode;
   s.actions = {registerTarget(0.0, Target::TargetPeople, KRValue(1)), call(0.0, "setMode", mode),
                call(0.0, "setEffector", pick(o.effector, "None")),
                setRelativePosition(0.0, relative), call(0.0, "track", Target::TargetPeople)};
@@ -237,6 +240,7 @@ Scenario navigateScenario(const ScenarioOptions& o) {
   s.targets = {target("person", Target::TargetPeople, walk, Layout::World)};
   const std::array<float, 6> relative{1.2f, 0.0f, 0.0f, 0.2f, 0.2f, 0.3f};
   const std::string mode = pick(o.mode, "Navigate");
+  s.modeText = mode;
   s.actions = {registerTarget(0.0, Target::TargetPeople, KRValue(1)), call(0.0, "setMode", mode),
                call(0.0, "setEffector", pick(o.effector, "None")),
                setRelativePosition(0.0, relative), call(0.0, "track", Target::TargetPeople)};
@@ -262,6 +266,7 @@ Scenario landmarksScenario(const ScenarioOptions& o) {
                target("landmark B", Target::TargetLandMarks, Path::fixed(b), Layout::Torso)};
   const KRValue coordinates{KRValue(a.toVector()), KRValue(b.toVector())};
   const std::string mode = pick(o.mode, "Head");
+  s.modeText = mode;
   s.actions = {
       registerTarget(0.0, Target::TargetLandMarks, KRValue{KRValue(0.09f), KRValue{80, 81}}),
       call(0.0, "setMode", mode),
@@ -382,6 +387,11 @@ Scenario makeScenario(const std::string& name, const ScenarioOptions& options) {
     names += (names.empty() ? "" : ", ") + std::string(e.name);
   throw KRError("krsim", "makeScenario",
                 "unknown scenario '" + name + "' (scenarios: " + names + ")");
+}
+
+std::string findDataFile(const std::string& relative) {
+  const std::string path = std::string(KRTRACKER_ROBOTS_DIR) + "/../" + relative;
+  return std::ifstream(path).good() ? path : std::string();
 }
 
 std::string resolveRobotFile(const std::string& nameOrPath) {

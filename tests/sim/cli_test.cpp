@@ -54,7 +54,7 @@ TEST(CommandLineTest, BadInputGivesOneClearLineAndExitCodeTwo) {
       {{"angles", "--robot", "kibo"}, "angles needs either --look-at X Y Z or --point-at"},
       {{"angles", "--robot", "kibo", "--point-at", "None", "1", "0", "0"},
        "--point-at expects one of Arms, LArm, RArm, not 'None'"},
-      {{"angles", "--robot", "kibo", "--look-at", "1", "0"}, "option --look-at needs a value"},
+      {{"angles", "--robot", "kibo", "--look-at", "1", "0"}, "option --look-at needs 3 values"},
   };
   for (const auto& c : cases) {
     const Result r = run(c.args);

@@ -36,7 +36,7 @@ struct Phase {
   double acquireDegrees = 3.0;
   /// Whether the head's line of sight is measured (not in phases where only arms point).
   bool lineOfSight = true;
-  /// Arms whose pointing error is measured ("LArm", "RArm").
+  /// Arms the phase's effector commands, whose pointing error is measured ("LArm", "RArm").
   std::vector<std::string> arms;
   /// Relative position the robot is asked to keep from the target, as given to the tracker:
   /// [coordX, coordY, coordWz, thresholdX, thresholdY, thresholdWz].
@@ -48,11 +48,17 @@ struct Phase {
   /// A one-shot command rather than tracking: the line of sight too is measured from
   /// begin + settleSeconds on, whether or not the camera is on target.
   bool oneShot = false;
+  /// The target jumps at the phase start: overshoot and settling are measured.
+  bool step = false;
 };
 
 struct Scenario {
   std::string name;
   std::string description;
+  std::string file;      // the YAML file it was read from, empty for a built-in one
+  std::string modeText;  // the mode(s) it runs in, for titles
+  /// What was changed or skipped to run it on this robot, shown before the run.
+  std::vector<std::string> notes;
   std::string robotFile;   // path of the robot description
   Math::Pose2D startPose;  // map frame
   float odometryDriftLinear = 0.0f;
@@ -82,6 +88,9 @@ std::vector<ScenarioInfo> listScenarios();
 Scenario makeScenario(const std::string& name, const ScenarioOptions& options);
 /// Path of a robot file given as a path or as a name of the robots directory ("kibo").
 std::string resolveRobotFile(const std::string& nameOrPath);
+/// Path of a file of the project's data (robots/, scenarios/, tools/), found beside the robots
+/// directory; empty when it is not there.
+std::string findDataFile(const std::string& relative);
 
 }  // namespace Sim
 }  // namespace KR
