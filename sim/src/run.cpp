@@ -147,10 +147,16 @@ void ScenarioRun::xEvents() {
   static const std::string detected = KR::Tracker::Namer::getNameDetected();
   for (const auto& e : fresh) {
     const double at = std::chrono::duration<double>(e.time - fSim->clock().start()).count();
+    if (e.name == KR::Tracker::Namer::getNameLooker() ||
+        e.name == KR::Tracker::Namer::getNameMove()) {
+      // The smoother drives the lookers or movers: the tracker follows its target.
+      if (!fTrackerLost)
+        fTrackerTracked = true;
+      continue;
+    }
     if (isStream(e.name)) {
       // Observations: their values are not kept in the history, so follow them directly.
-      if (e.name != KR::Tracker::Namer::getNameLooker() &&
-          e.name != KR::Tracker::Namer::getNameMove() && fObservations.count(e.name) == 0) {
+      if (fObservations.count(e.name) == 0) {
         fObservations[e.name] = "";
         fSim->memory().subscribe(e.name, [this](const std::string&, const KRValue& v) {
           std::string text = v.toString();

@@ -1,11 +1,13 @@
 #include <krsim/scenario.h>
 
+#include <algorithm>
 #include <cmath>
 #include <fstream>
 #include <sstream>
 
 #include <kr/error.h>
 #include <kr/math/math.h>
+#include <kr/model/kinematics.h>
 #include <kr/model/modelutils.h>
 #include <kr/target/targets.h>
 #include <krsim/simulation.h>
@@ -35,6 +37,9 @@ struct Polar {
 };
 
 Path polarPath(const std::vector<Polar>& keys, double step = 0.05) {
+  if (keys.size() == 1)
+    return Path::fixed({keys[0].distance * std::cos(keys[0].bearing),
+                        keys[0].distance * std::sin(keys[0].bearing), keys[0].z});
   Path path;
   for (std::size_t i = 0; i + 1 < keys.size(); ++i) {
     const Polar& a = keys[i];
@@ -344,6 +349,94 @@ Scenario oneShotScenario(const ScenarioOptions& o) {
   return s;
 }
 
+/// Steps of 30 degrees as the camera sees them, on the wheeled robot: its camera's half field
+/// of view (30.9 degrees) keeps a target 30 degrees off its axis in sight, where the small
+/// humanoid's (29.2 degrees) would lose it at each jump. The jumps all go the same way: the
+/// head stops a little past each target (the looker's dead band), which shortens the next
+/// jump in that direction, where a jump back would be lengthened out of the field of view.
+Scenario stepScenario(const ScenarioOptions& o) {
+  Scenario s;
+  s.name = "step";
+  s.robotFile = resolveRobotFile("rover");
+  const int steps = 4;
+  const double period = 4.0;
+  s.duration = (steps + 1) * period;
+  auto robot = Model::ModelUtils::robotFromFile(s.robotFile);
+  const auto& head = robot->trackerModel().head;
+  // The camera sits ahead of the yaw axis: the jump about the axis that the camera, on the
+  // target, sees as 30 degrees, for targets on a circle about the axis at the camera's height.
+  const Position3D camera = Model::headEffectorPose(head, 0, 0.0f, 0.0f).translation();
+  const float forward = camera.x - head.headPosition.x;
+  const float radius = 4.0f;
+  const float want = 30.0f * kPi / 180.0f;
+  float jump = want;
+  for (int i = 0; i < 50; ++i)
+    jump -= std::atan2(radius * std::sin(jump), radius * std::cos(jump) - forward) - want;
+  const float z = robot->getTorsoHeight() + camera.z;
+  const auto at = [&](float bearing) {
+    return Position3D(head.headPosition.x + radius * std::cos(bearing),
+                      radius * std::sin(bearing), z);
+  };
+  float bearing = -0.5f * jump;
+  Path path;
+  path.add(0.0, at(bearing));
+  for (int k = 1; k <= steps; ++k) {
+    path.add(k * period + 0.004, at(bearing));
+    bearing += jump;
+    path.add(k * period + 0.005, at(bearing));
+  }
+  path.add(s.duration, at(bearing));
+  TargetScript ball = target("ball", Target::TargetRedBall, path, Layout::World);
+  ball.maxRange = 6.0f;
+  s.targets = {ball};
+  const std::string mode = pick(o.mode, "Head");
+  s.modeText = mode;
+  s.actions = {registerTarget(0.0, Target::TargetRedBall, KRValue(0.06f)),
+               call(0.0, "setMode", mode), call(0.0, "setEffector", pick(o.effector, "None")),
+               call(0.0, "track", Target::TargetRedBall)};
+  s.description = "a ball jumps 30 degrees to the left every 4 s and stays (" + mode + " mode)";
+  s.phases = {phase("settle", 0.0, period, "ball")};
+  for (int k = 1; k <= steps; ++k) {
+    Phase p = phase("step " + std::to_string(k), k * period, (k + 1) * period, "ball");
+    p.step = true;
+    s.phases.push_back(p);
+  }
+  return s;
+}
+
+/// A ball sweeping from side to side at half the tracker's default velocity limit
+/// (1 rad/s), for as long as asked: the one scenario with no end to its script.
+Scenario pursuitScenario(const ScenarioOptions& o) {
+  Scenario s;
+  s.name = "pursuit";
+  s.robotFile = resolveRobotFile("kibo");
+  s.openEnded = true;
+  s.duration = o.duration > 0.0 ? o.duration : 60.0;
+  const float speed = 0.5f;  // [rad/s]
+  const float amplitude = 1.0f;
+  const double sweep = 2.0 * amplitude / speed;
+  std::vector<Polar> keys{{0.0, 0.0f, 1.5f, 0.3f}, {1.0, 0.0f, 1.5f, 0.3f}};
+  double t = 1.0 + amplitude / speed;
+  float side = amplitude;
+  keys.push_back({t, side, 1.5f, 0.3f});
+  while (t < s.duration) {
+    t += sweep;
+    side = -side;
+    keys.push_back({t, side, 1.5f, 0.3f});
+  }
+  s.targets.push_back(
+      target("ball", Target::TargetRedBall, polarPath(keys, 0.2), Layout::Torso));
+  const std::string mode = pick(o.mode, "Head");
+  s.modeText = mode;
+  s.actions = {registerTarget(0.0, Target::TargetRedBall, KRValue(0.06f)),
+               call(0.0, "setMode", mode), call(0.0, "setEffector", pick(o.effector, "None")),
+               call(0.0, "track", Target::TargetRedBall)};
+  s.description = "a ball sweeping +-57 degrees at 0.5 rad/s, half the head's velocity limit (" +
+                  mode + " mode)";
+  s.phases = {phase("pursuit", 0.0, s.duration, "ball")};
+  return s;
+}
+
 struct Entry {
   const char* name;
   const char* description;
@@ -360,6 +453,10 @@ const Entry kScenarios[] = {
     {"landmarks", "two landmarks at known places relocate a drifting robot", landmarksScenario},
     {"oneshot", "lookAtAndMove to a point behind, then pointAt with each effector",
      oneShotScenario},
+    {"step", "a ball jumps 30 degrees sideways and stays, six times (wheeled robot)",
+     stepScenario},
+    {"pursuit", "a ball sweeping at half the head's velocity limit, for any duration",
+     pursuitScenario},
 };
 
 }  // namespace
@@ -378,8 +475,21 @@ Scenario makeScenario(const std::string& name, const ScenarioOptions& options) {
     Scenario s = e.make(options);
     if (!options.robotFile.empty())
       s.robotFile = options.robotFile;
+    if (options.duration > s.duration + 1e-9 && !s.openEnded) {
+      std::ostringstream os;
+      os << "--duration " << options.duration << " is past the end of scenario " << s.name
+         << "'s script (" << s.duration
+         << " s): it is refused rather than repeated; give at most " << s.duration
+         << " s, or run pursuit, whose script has no end";
+      throw KRError("krsim", "makeScenario", os.str());
+    }
     if (options.duration > 0.0)
       s.duration = options.duration;
+    for (auto& p : s.phases)
+      p.end = std::min(p.end, s.duration);
+    s.phases.erase(std::remove_if(s.phases.begin(), s.phases.end(),
+                                  [&](const Phase& p) { return p.begin >= s.duration; }),
+                   s.phases.end());
     return s;
   }
   std::string names;

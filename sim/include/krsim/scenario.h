@@ -63,7 +63,9 @@ struct Scenario {
   Math::Pose2D startPose;  // map frame
   float odometryDriftLinear = 0.0f;
   float odometryDriftAngular = 0.0f;
-  double duration = 60.0;  // [s]
+  double duration = 60.0;  // [s], the end of the script
+  /// The script is built for any duration asked (otherwise a longer one is refused).
+  bool openEnded = false;
   std::vector<TargetScript> targets;
   std::vector<Action> actions;  // in time order
   std::vector<Phase> phases;    // in time order
