@@ -106,8 +106,23 @@ void expectOneOf(const std::string& option, const std::string& value,
   throw UsageError(option + " expects one of " + list + ", not '" + value + "'");
 }
 
+/// Inputs are regular files of a reasonable size (not a device, a pipe or a folder).
+void checkInputFile(const std::string& what, const std::string& path) {
+  constexpr long kMaxInputBytes = 1 << 20;
+  struct stat st {};
+  if (::stat(path.c_str(), &st) != 0)
+    return;  // the reader names the missing file
+  if (!S_ISREG(st.st_mode))
+    throw UsageError(what + " '" + path + "' is not a regular file");
+  if (st.st_size > kMaxInputBytes) {
+    throw UsageError(what + " '" + path + "' is " + std::to_string(st.st_size) +
+                     " bytes, more than the " + std::to_string(kMaxInputBytes) + " accepted");
+  }
+}
+
 std::unique_ptr<Model::Robot> loadRobot(const std::string& nameOrPath, std::string& path) {
   path = resolveRobotFile(nameOrPath);
+  checkInputFile("robot", path);
   try {
     return Model::ModelUtils::robotFromFile(path);
   } catch (const std::exception& e) {
@@ -386,6 +401,12 @@ int runScenario(Options o, std::ostream& out, const SubModuleFactory& modules,
   so.mode = o.mode;
   so.effector = o.effector;
   Scenario scenario;
+  const auto endsWith = [&](const std::string& tail) {
+    return o.scenario.size() > tail.size() &&
+           o.scenario.compare(o.scenario.size() - tail.size(), tail.size(), tail) == 0;
+  };
+  if (o.scenario.find('/') != std::string::npos || endsWith(".yaml") || endsWith(".yml"))
+    checkInputFile("scenario", o.scenario);
   try {
     scenario = makeScenario(o.scenario, so);
   } catch (const KRError& e) {
@@ -393,7 +414,9 @@ int runScenario(Options o, std::ostream& out, const SubModuleFactory& modules,
   }
   std::string robotPath;
   const auto robot = loadRobot(scenario.robotFile, robotPath);
-  if (o.mode == "Navigate" && robot->getRobotType() != 1) {
+  // A mode the robot lacks is refused before anything runs, not replaced by another.
+  const std::string modes = o.mode.empty() ? scenario.modeText : o.mode;
+  if (modes.find("Navigate") != std::string::npos && robot->getRobotType() != 1) {
     throw UsageError("mode Navigate needs a robot of type 1; " + robot->getName() + " is of type " +
                      std::to_string(robot->getRobotType()));
   }

@@ -48,7 +48,8 @@ TEST(CommandLineTest, BadInputGivesOneClearLineAndExitCodeTwo) {
       {{"--mode", "Walk"}, "--mode expects one of Head, WholeBody, Move, Navigate, not 'Walk'"},
       {{"--effector", "Leg"}, "--effector expects one of Arms, LArm, RArm, None, not 'Leg'"},
       {{"--scenario", "dance"},
-       "unknown scenario 'dance' (scenarios: ball, face, people, navigate, landmarks, oneshot)"},
+       "unknown scenario 'dance' (scenarios: ball, face, landmarks, navigate, people, pursuit, "
+       "oneshot, step)"},
       {{"--mode", "Navigate"}, "mode Navigate needs a robot of type 1; Kibo is of type 0"},
       {{"angles", "--look-at", "1", "0", "0"}, "angles needs --robot FILE"},
       {{"angles", "--robot", "kibo"}, "angles needs either --look-at X Y Z or --point-at"},

@@ -86,8 +86,13 @@ struct ScenarioInfo {
 
 /// The built-in scenarios, the default ("ball") first.
 std::vector<ScenarioInfo> listScenarios();
-/// Builds a scenario; KRError("krsim", "makeScenario", ...) for an unknown name.
+/// Builds a scenario from a name of listScenarios() or the path of a YAML file; KRError for an
+/// unknown name, a bad file (naming file, line and field) or a duration past the end of a
+/// script that has one.
 Scenario makeScenario(const std::string& name, const ScenarioOptions& options);
+/// Reads a scenario file (format in the README); KRError("krsim", "scenario", "FILE:LINE:
+/// FIELD: what") when it is not right.
+Scenario loadScenarioFile(const std::string& path, const ScenarioOptions& options);
 /// Path of a robot file given as a path or as a name of the robots directory ("kibo").
 std::string resolveRobotFile(const std::string& nameOrPath);
 /// Path of a file of the project's data (robots/, scenarios/, tools/), found beside the robots
