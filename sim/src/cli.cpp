@@ -552,16 +552,34 @@ int runScenario(Options o, std::ostream& out, const SubModuleFactory& modules,
   for (const auto& note : scenario.notes)
     out << "note: " << note << "\n";
 
+  // A plot without a CSV of its own draws from a temporary one, removed afterwards.
+  std::string csvPath = o.csv;
+  std::string temporaryCsv;
+  if (csvPath.empty() && !o.plot.empty()) {
+    char name[] = "/tmp/krtracker-sim-XXXXXX";
+    const int fd = ::mkstemp(name);
+    if (fd < 0)
+      throw RunError("cannot create a temporary file");
+    ::close(fd);
+    csvPath = temporaryCsv = name;
+  }
+  struct Remove {
+    std::string path;
+    ~Remove() {
+      if (!path.empty())
+        std::remove(path.c_str());
+    }
+  } removeTemporary{temporaryCsv};
   std::ofstream csv;
-  if (!o.csv.empty()) {
-    csv.open(o.csv);
+  if (!csvPath.empty()) {
+    csv.open(csvPath);
     if (!csv)
-      throw RunError("cannot write " + o.csv);
+      throw RunError("cannot write " + csvPath);
   }
   const RunResult r = runOnce(scenario, config, o.realtime, o.quiet ? nullptr : &out,
-                              o.csv.empty() ? nullptr : &csv, snapshotHook);
-  if (!o.csv.empty() && !csv.flush())
-    throw RunError("cannot write " + o.csv);
+                              csvPath.empty() ? nullptr : &csv, snapshotHook);
+  if (!csvPath.empty() && !csv.flush())
+    throw RunError("cannot write " + csvPath);
   csv.close();
   info.simulatedS = r.simulatedS;
   info.cpuS = r.cpuS;
@@ -579,7 +597,9 @@ int runScenario(Options o, std::ostream& out, const SubModuleFactory& modules,
     writeText(o.json, summaryJson(info, measuresOf(r.summaries)));
     out << "JSON: " << absolutePath(o.json) << "\n";
   }
-  if (!o.plot.empty() && r.simulatedS > 0.0 && !o.csv.empty()) {
+  if (!o.plot.empty() && r.simulatedS <= 0.0)
+    out << "Plot: not drawn, nothing was simulated\n";
+  if (!o.plot.empty() && r.simulatedS > 0.0) {
     const auto& head = robot->trackerModel().head;
     constexpr double kDeg = 180.0 / 3.14159265358979323846;
     std::ostringstream variables;
@@ -590,7 +610,7 @@ int runScenario(Options o, std::ostream& out, const SubModuleFactory& modules,
     variables << "subtitle=" << gpString(subtitle.str()) << "; yawmin=" << head.yaw.min * kDeg
               << "; yawmax=" << head.yaw.max * kDeg << "; pitchmin=" << head.pitch.min * kDeg
               << "; pitchmax=" << head.pitch.max * kDeg;
-    drawPlot(absolutePath(o.csv), o.plot, variables.str());
+    drawPlot(absolutePath(csvPath), o.plot, variables.str());
     out << "Plot: " << absolutePath(o.plot) << "\n";
   }
   return r.interrupted ? 128 + gStopSignal : 0;
