@@ -1,5 +1,7 @@
 #include <krsim/summary.h>
 
+#include <cmath>
+
 #include <nlohmann/json.hpp>
 
 namespace KR {
@@ -27,8 +29,9 @@ json top(const RunInfo& info) {
   j["transport"] = info.transport;
   j["latency_s"] = info.latencyS;
   j["compensation"] = info.compensation;
-  j["simulated_s"] = info.simulatedS;
-  j["cpu_s"] = info.cpuS;
+  // Whole steps of the simulated clock, without the last bits of the division.
+  j["simulated_s"] = std::round(info.simulatedS * 1e6) / 1e6;
+  j["cpu_s"] = std::round(info.cpuS * 1e6) / 1e6;
   return j;
 }
 

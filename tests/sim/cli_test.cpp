@@ -165,11 +165,12 @@ TEST(CommandLineTest, TheJsonSummaryFollowsTheSchema) {
   EXPECT_EQ(r.err, "");
   const std::string json = readFile(dir + "/step.json");
   std::size_t at = 0;
-  for (const char* key :
-       {"scenario", "robot", "seed", "physics", "transport", "latency_s", "compensation",
-        "simulated_s", "cpu_s", "phases", "name", "time_to_on_target_s", "los_rms_deg",
-        "los_p95_deg", "los_max_deg", "los_bias_deg", "los_jitter_deg", "on_target_pct",
-        "overshoot_deg", "settling_s", "arms_rms_deg", "events"}) {
+  for (const char* key : {"scenario",       "robot",         "seed",          "physics",
+                          "transport",      "latency_s",     "compensation",  "simulated_s",
+                          "cpu_s",          "phases",        "name",          "time_to_on_target_s",
+                          "los_rms_deg",    "los_p95_deg",   "los_max_deg",   "los_bias_deg",
+                          "los_jitter_deg", "on_target_pct", "overshoot_deg", "settling_s",
+                          "arms_rms_deg",   "events"}) {
     const auto next = json.find("\"" + std::string(key) + "\":", at);
     ASSERT_NE(next, std::string::npos) << key << " missing or out of order in " << json;
     at = next;
@@ -198,7 +199,8 @@ TEST(CommandLineTest, SeedsAndComparisonsAggregateEveryMeasure) {
   EXPECT_NE(text.find("\"los_rms_deg\": {\n        \"mean\": "), std::string::npos) << text;
   EXPECT_EQ(std::count(text.begin(), text.end(), '\n') > 100, true);
   std::size_t runs = 0;
-  for (auto at = text.find("\"seed\": "); at != std::string::npos; at = text.find("\"seed\": ", at + 1))
+  for (auto at = text.find("\"seed\": "); at != std::string::npos;
+       at = text.find("\"seed\": ", at + 1))
     ++runs;
   EXPECT_EQ(runs, 4u);  // the aggregate's null and the three seeds
 
@@ -219,8 +221,8 @@ TEST(CommandLineTest, SeedsAndComparisonsAggregateEveryMeasure) {
 // A run that simulates nothing draws no picture.
 TEST(CommandLineTest, NothingSimulatedDrawsNoPlot) {
   const std::string dir = ::testing::TempDir() + "/krtracker_empty";
-  const Result r = runWithTracker({"--duration", "0.001", "--quiet", "--csv", dir + "/e.csv",
-                                   "--plot", dir + "/e.png"});
+  const Result r = runWithTracker(
+      {"--duration", "0.001", "--quiet", "--csv", dir + "/e.csv", "--plot", dir + "/e.png"});
   ASSERT_EQ(r.code, 0) << r.err;
   EXPECT_NE(r.out.find("Plot: not drawn, nothing was simulated"), std::string::npos) << r.out;
   struct stat png {};
