@@ -114,6 +114,19 @@ class Reader {
     return KRValue(s);
   }
 
+  /// A misspelt field is refused rather than silently left at its default.
+  void onlyFields(const YAML::Node& map, const std::string& where,
+                  const std::vector<std::string>& known) const {
+    if (!map.IsMap())
+      fail(fFile, map, where.empty() ? "(top)" : where.substr(0, where.size() - 1),
+           "expects a map of fields");
+    for (const auto& kv : map) {
+      const std::string key = kv.first.as<std::string>();
+      if (std::find(known.begin(), known.end(), key) == known.end())
+        fail(fFile, kv.first, where + key, "unknown field");
+    }
+  }
+
   static std::string text(const YAML::Node& n) { return n.IsScalar() ? n.Scalar() : "(a list)"; }
 
  private:
@@ -215,16 +228,9 @@ Scenario loadScenarioFile(const std::string& path, const ScenarioOptions& option
     throw KRError("krsim", "scenario", os.str());
   }
   const Reader r(path);
-  if (!root.IsMap())
-    fail(path, root, "(top)", "expects a map of scenario fields");
-  for (const auto& kv : root) {
-    static const std::vector<std::string> known = {
-        "name",    "description", "robot",  "duration", "open_ended",    "start_pose",
-        "targets", "actions",     "phases", "mode",     "odometry_drift"};
-    const std::string key = kv.first.as<std::string>();
-    if (std::find(known.begin(), known.end(), key) == known.end())
-      fail(path, kv.first, key, "unknown field");
-  }
+  r.onlyFields(root, "",
+               {"name", "description", "robot", "duration", "open_ended", "start_pose", "targets",
+                "actions", "phases", "odometry_drift"});
   Scenario s;
   s.file = path;
   s.name = r.string(r.need(root, "name", ""), "name");
@@ -252,6 +258,9 @@ Scenario loadScenarioFile(const std::string& path, const ScenarioOptions& option
   for (std::size_t i = 0; i < targets.size(); ++i) {
     const YAML::Node t = targets[i];
     const std::string where = "targets[" + std::to_string(i) + "].";
+    r.onlyFields(t, where,
+                 {"name", "kind", "layout", "max_range", "points", "polar", "fixed", "sample_s",
+                  "repeat_every", "repeat_from", "hidden"});
     TargetScript script;
     script.name = r.string(r.need(t, "name", where), where + "name");
     script.kind = r.string(r.need(t, "kind", where), where + "kind");
@@ -282,6 +291,7 @@ Scenario loadScenarioFile(const std::string& path, const ScenarioOptions& option
     for (std::size_t i = 0; i < actions.size(); ++i) {
       const YAML::Node a = actions[i];
       const std::string where = "actions[" + std::to_string(i) + "].";
+      r.onlyFields(a, where, {"time", "call", "args", "service"});
       const double time = r.number(r.need(a, "time", where), where + "time", 0.0, 1e7);
       if (time < previous)
         fail(path, a["time"], where + "time", "calls go back in time");
@@ -331,6 +341,9 @@ Scenario loadScenarioFile(const std::string& path, const ScenarioOptions& option
   for (std::size_t i = 0; i < phases.size(); ++i) {
     const YAML::Node p = phases[i];
     const std::string where = "phases[" + std::to_string(i) + "].";
+    r.onlyFields(p, where,
+                 {"name", "begin", "end", "target", "on_target_deg", "line_of_sight", "settle_s",
+                  "one_shot", "step", "localisation", "effector", "relative_position"});
     Phase phase;
     phase.name = r.string(r.need(p, "name", where), where + "name");
     phase.begin = r.number(r.need(p, "begin", where), where + "begin", 0.0, 1e7);

@@ -93,6 +93,8 @@ TEST(ScenarioFileTest, MistakesNameTheFileTheLineAndTheField) {
        ":20: phases[0].target: no target is called 'cup'"},
       {"late_call", edited("{time: 0, call: track", "{time: -1, call: track"),
        ":18: actions[2].time: expects a number from 0"},
+      {"misspelt", edited("on_target_deg: 4", "on_targt_deg: 4"),
+       ":21: phases[1].on_targt_deg: unknown field"},
       {"bad_yaml", edited("phases:\n", "phases: [\n"), ": bad YAML"},
   };
   for (const auto& c : cases) {
