@@ -4,23 +4,32 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cmath>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
 #include <iomanip>
 #include <limits>
+#include <mutex>
+#include <optional>
 #include <ostream>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
 
+#include <CLI/CLI.hpp>
+
 #include <kr/model/modelutils.h>
+#include <krsim/physics.h>
 #include <krsim/run.h>
 #include <krsim/scenario.h>
+#include <krsim/summary.h>
 #include <krtracker/tools/tools.h>
 
 namespace KR {
@@ -42,34 +51,26 @@ struct RunError : std::runtime_error {
 
 struct Options {
   bool list = false;
-  bool help = false;
   bool realtime = false;
   bool quiet = false;
   std::string scenario = "ball";
   std::string robot;
   std::string mode;
   std::string effector;
-  std::uint32_t seed = 1;
-  float noise = kDefaultNoise;
-  double duration = 0.0;
+  std::string seed = "1";
+  std::string seeds;
+  std::string noise;
+  std::string duration;
   std::string csv;
   std::string plot;
-};
-
-class Args {
- public:
-  explicit Args(const std::vector<std::string>& args) : fArgs(args) {}
-  bool done() const { return fNext >= fArgs.size(); }
-  std::string next() { return fArgs[fNext++]; }
-  std::string value(const std::string& option) {
-    if (done())
-      throw UsageError("option " + option + " needs a value");
-    return next();
-  }
-
- private:
-  const std::vector<std::string>& fArgs;
-  std::size_t fNext = 0;
+  std::string json;
+  std::string compare;
+  std::string cameraRate = "15";
+  std::string latency = "0.08";
+  std::string dropout = "0";
+  std::string compensation = "on";
+  std::string physics = "kinematic";
+  std::string snapshots;
 };
 
 double parseNumber(const std::string& option, const std::string& text) {
@@ -105,58 +106,28 @@ void expectOneOf(const std::string& option, const std::string& value,
   throw UsageError(option + " expects one of " + list + ", not '" + value + "'");
 }
 
+/// Inputs are regular files of a reasonable size (not a device, a pipe or a folder).
+void checkInputFile(const std::string& what, const std::string& path) {
+  constexpr long kMaxInputBytes = 1 << 20;
+  struct stat st {};
+  if (::stat(path.c_str(), &st) != 0)
+    return;  // the reader names the missing file
+  if (!S_ISREG(st.st_mode))
+    throw UsageError(what + " '" + path + "' is not a regular file");
+  if (st.st_size > kMaxInputBytes) {
+    throw UsageError(what + " '" + path + "' is " + std::to_string(st.st_size) +
+                     " bytes, more than the " + std::to_string(kMaxInputBytes) + " accepted");
+  }
+}
+
 std::unique_ptr<Model::Robot> loadRobot(const std::string& nameOrPath, std::string& path) {
   path = resolveRobotFile(nameOrPath);
+  checkInputFile("robot", path);
   try {
     return Model::ModelUtils::robotFromFile(path);
   } catch (const std::exception& e) {
     throw UsageError("cannot load robot '" + nameOrPath + "': " + e.what());
   }
-}
-
-Options parseRunOptions(const std::vector<std::string>& args) {
-  Options o;
-  Args a(args);
-  while (!a.done()) {
-    const std::string arg = a.next();
-    if (arg == "--list") {
-      o.list = true;
-    } else if (arg == "--help" || arg == "-h") {
-      o.help = true;
-    } else if (arg == "--realtime") {
-      o.realtime = true;
-    } else if (arg == "--quiet") {
-      o.quiet = true;
-    } else if (arg == "--scenario") {
-      o.scenario = a.value(arg);
-    } else if (arg == "--robot") {
-      o.robot = a.value(arg);
-    } else if (arg == "--mode") {
-      o.mode = a.value(arg);
-      expectOneOf(arg, o.mode, {"Head", "WholeBody", "Move", "Navigate"});
-    } else if (arg == "--effector") {
-      o.effector = a.value(arg);
-      expectOneOf(arg, o.effector, {"Arms", "LArm", "RArm", "None"});
-    } else if (arg == "--seed") {
-      o.seed = parseSeed(a.value(arg));
-    } else if (arg == "--noise") {
-      const double v = parseNumber(arg, a.value(arg));
-      if (v < 0.0)
-        throw UsageError("--noise expects a non-negative number of metres");
-      o.noise = static_cast<float>(v);
-    } else if (arg == "--duration") {
-      o.duration = parseNumber(arg, a.value(arg));
-      if (o.duration <= 0.0)
-        throw UsageError("--duration expects a positive number of seconds");
-    } else if (arg == "--csv") {
-      o.csv = a.value(arg);
-    } else if (arg == "--plot") {
-      o.plot = a.value(arg);
-    } else {
-      throw UsageError("unknown option '" + arg + "' (see --help)");
-    }
-  }
-  return o;
 }
 
 void makeParentDirectory(const std::string& path) {
@@ -171,71 +142,51 @@ void makeParentDirectory(const std::string& path) {
   }
 }
 
-void writeCsvFile(const ScenarioRun& run, const std::string& path) {
-  makeParentDirectory(path);
-  std::ofstream file(path);
-  if (!file)
-    throw RunError("cannot write " + path);
-  run.writeCsv(file);
-  if (!file.flush())
-    throw RunError("cannot write " + path);
+/// A gnuplot string in single quotes, where a quote is doubled.
+std::string gpString(const std::string& text) {
+  std::string q = "'";
+  for (char c : text)
+    q += c == '\'' ? std::string("''") : std::string(1, c);
+  return q + "'";
 }
 
-/// Draws the run with gnuplot, run as a separate process on a generated script.
-void drawPlot(const ScenarioRun& run, const std::string& png) {
-  makeParentDirectory(png);
-  char dir[] = "/tmp/krtracker-sim-XXXXXX";
-  if (::mkdtemp(dir) == nullptr)
-    throw RunError("cannot create a temporary directory");
-  const std::string data = std::string(dir) + "/run.csv";
-  const std::string script = std::string(dir) + "/plot.gp";
-  writeCsvFile(run, data);
-  {
-    std::ofstream gp(script);
-    const std::string title = "krtracker-sim: " + run.scenario().name;
-    auto quoted = [](const std::string& s) {
-      std::string q = "\"";
-      for (char c : s)
-        q += (c == '"' || c == '\\') ? std::string("\\") + c : std::string(1, c);
-      return q + "\"";
-    };
-    gp << "set terminal pngcairo size 1200,800 font 'sans,10'\n"
-       << "set output " << quoted(png) << "\n"
-       << "set datafile separator ','\n"
-       << "set key top left\n"
-       << "set grid\n"
-       << "set multiplot layout 2,1 title " << quoted(title) << "\n"
-       << "set ylabel 'yaw [deg]'\n"
-       << "plot " << quoted(data)
-       << " using 1:($11*180/pi) every ::1 with lines lw 2 title 'target bearing', '' using "
-          "1:($6*180/pi) every ::1 with lines lw 1 title 'head yaw', '' using "
-          "1:($5*180/pi) every ::1 with lines lw 1 dt 2 title 'robot heading'\n"
-       << "set xlabel 'time [s]'\n"
-       << "set ylabel 'pitch [deg]'\n"
-       << "plot " << quoted(data)
-       << " using 1:($12*180/pi) every ::1 with lines lw 2 title 'target bearing', '' using "
-          "1:($7*180/pi) every ::1 with lines lw 1 title 'head pitch'\n"
-       << "unset multiplot\n";
-    if (!gp.flush())
-      throw RunError("cannot write " + script);
-  }
+/// Draws the run's CSV with tools/plot.gp, gnuplot's own output kept off the terminal; its
+/// first error line becomes the message.
+void drawPlot(const std::string& csv, const std::string& png, const std::string& variables) {
+  const std::string script = findDataFile("tools/plot.gp");
+  if (script.empty())
+    throw RunError("cannot find tools/plot.gp");
+  char log[] = "/tmp/krtracker-sim-gnuplot-XXXXXX";
+  const int logFd = ::mkstemp(log);
+  if (logFd < 0)
+    throw RunError("cannot create a temporary file");
   const pid_t pid = ::fork();
   if (pid < 0)
     throw RunError("cannot start gnuplot");
   if (pid == 0) {
-    ::execlp("gnuplot", "gnuplot", script.c_str(), static_cast<char*>(nullptr));
+    ::dup2(logFd, 1);
+    ::dup2(logFd, 2);
+    const std::string args = "csv=" + gpString(csv) + "; png=" + gpString(png) + "; " + variables;
+    ::execlp("gnuplot", "gnuplot", "-e", args.c_str(), script.c_str(), static_cast<char*>(nullptr));
     ::_exit(127);
   }
+  ::close(logFd);
   int status = 0;
   ::waitpid(pid, &status, 0);
-  std::remove(data.c_str());
-  std::remove(script.c_str());
-  ::rmdir(dir);
-  if (!WIFEXITED(status) || WEXITSTATUS(status) == 127) {
-    throw RunError("cannot run gnuplot: install the Debian package gnuplot-nox");
+  std::string firstLine;
+  {
+    std::ifstream in(log);
+    std::string line;
+    while (std::getline(in, line) && firstLine.empty()) {
+      if (line.find_first_not_of(" ^") != std::string::npos)
+        firstLine = line;
+    }
   }
+  std::remove(log);
+  if (!WIFEXITED(status) || WEXITSTATUS(status) == 127)
+    throw RunError("cannot run gnuplot: install the Debian package gnuplot-nox");
   if (WEXITSTATUS(status) != 0)
-    throw RunError("gnuplot failed to draw " + png);
+    throw RunError("gnuplot failed to draw " + png + (firstLine.empty() ? "" : ": " + firstLine));
 }
 
 /// The full path of a file just written, so that the user can open it from anywhere.
@@ -255,31 +206,207 @@ int listScenariosTo(std::ostream& out) {
   return 0;
 }
 
-int runScenario(const std::vector<std::string>& args, std::ostream& out,
-                const SubModuleFactory& modules) {
-  Options o = parseRunOptions(args);
-  if (o.help) {
-    out << usage();
-    return 0;
+/// Set by SIGINT and SIGTERM: the run stops at the end of its step and writes what it has.
+volatile std::sig_atomic_t gStopSignal = 0;
+
+extern "C" void onStopSignal(int signal) {
+  gStopSignal = signal;
+}
+
+/// Installs the stop handlers for the life of a run, then restores the previous ones.
+class StopSignals {
+ public:
+  StopSignals() {
+    gStopSignal = 0;
+    fInt = std::signal(SIGINT, onStopSignal);
+    fTerm = std::signal(SIGTERM, onStopSignal);
   }
+  ~StopSignals() {
+    std::signal(SIGINT, fInt);
+    std::signal(SIGTERM, fTerm);
+  }
+  StopSignals(const StopSignals&) = delete;
+  StopSignals& operator=(const StopSignals&) = delete;
+
+ private:
+  void (*fInt)(int);
+  void (*fTerm)(int);
+};
+
+/// Longest simulated time a run accepts: a week, far beyond any scenario's script.
+constexpr double kMaxDurationS = 7.0 * 24.0 * 3600.0;
+
+/// Same file, whether or not both exist yet.
+bool sameFile(const std::string& a, const std::string& b) {
+  struct stat sa {};
+  struct stat sb {};
+  if (::stat(a.c_str(), &sa) == 0 && ::stat(b.c_str(), &sb) == 0)
+    return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
+  return absolutePath(a) == absolutePath(b);
+}
+
+/// The folder of an output must exist (it is created) and be writable, checked before
+/// anything runs.
+void checkWritable(const std::string& option, const std::string& path) {
+  makeParentDirectory(path);
+  const auto slash = path.find_last_of('/');
+  const std::string dir = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+  struct stat st {};
+  if (::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
+    throw UsageError(option + " " + path + " is a folder, not a file");
+  if (::access(dir.c_str(), W_OK) != 0)
+    throw UsageError(option + " " + path + ": cannot write in " + dir);
+}
+
+void checkWritableFolder(const std::string& option, const std::string& dir) {
+  ::mkdir(dir.c_str(), 0755);
+  struct stat st {};
+  if (::stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || ::access(dir.c_str(), W_OK) != 0)
+    throw UsageError(option + " " + dir + " is not a folder that can be written");
+}
+
+struct SeedRange {
+  std::uint32_t first;
+  std::uint32_t last;
+};
+
+SeedRange parseSeeds(const std::string& text) {
+  const auto dash = text.find('-');
+  if (dash == std::string::npos || dash == 0)
+    throw UsageError("--seeds expects a range A-B, not '" + text + "'");
+  try {
+    const SeedRange r{parseSeed(text.substr(0, dash)), parseSeed(text.substr(dash + 1))};
+    if (r.last < r.first || r.last - r.first >= 10000)
+      throw UsageError("--seeds expects A-B with A <= B and at most 10000 seeds, not '" + text +
+                       "'");
+    return r;
+  } catch (const UsageError&) {
+    throw UsageError(
+        "--seeds expects a range A-B of integers with A <= B and at most 10000 "
+        "seeds, not '" +
+        text + "'");
+  }
+}
+
+/// One run of a scenario with one seed; streams its CSV if `csv` is not null.
+struct RunResult {
+  std::vector<PhaseSummary> summaries;
+  double simulatedS = 0.0;
+  double cpuS = 0.0;
+  bool interrupted = false;
+};
+
+RunResult runOnce(const Scenario& scenario, const SimulationConfig& config, bool realtime,
+                  std::ostream* progress, std::ostream* csv, const ScenarioRun::PhaseHook& hook) {
+  const std::clock_t cpuStart = std::clock();
+  ScenarioRun run(scenario, config);
+  if (progress != nullptr)
+    run.setProgress([progress](const std::string& line) { *progress << line << "\n"; });
+  run.setCsv(csv);
+  if (hook)
+    run.setPhaseHook(hook);
+  RunResult result;
+  const auto wallStart = std::chrono::steady_clock::now();
+  while (!gStopSignal && run.step()) {
+    if (realtime) {
+      std::this_thread::sleep_until(wallStart +
+                                    std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                                        std::chrono::duration<double>(run.simulation().time())));
+    }
+  }
+  result.interrupted = gStopSignal != 0;
+  result.summaries = run.summaries();
+  result.simulatedS = run.simulatedSeconds();
+  result.cpuS = static_cast<double>(std::clock() - cpuStart) / CLOCKS_PER_SEC;
+  return result;
+}
+
+std::vector<PhaseMeasures> measuresOf(const std::vector<PhaseSummary>& summaries) {
+  std::vector<PhaseMeasures> m;
+  for (const auto& s : summaries)
+    m.push_back(s.measures);
+  return m;
+}
+
+void writeText(const std::string& path, const std::string& text) {
+  std::ofstream file(path);
+  file << text;
+  if (!file.flush())
+    throw RunError("cannot write " + path);
+}
+
+/// The thresholds behind "on target", stated under the table.
+std::string measuresNote(const Scenario& scenario) {
+  std::string text;
+  for (const auto& p : scenario.phases) {
+    std::ostringstream os;
+    os << p.name << " " << p.acquireDegrees << " deg";
+    text += (text.empty() ? "" : ", ") + os.str();
+  }
+  return "On target: in view and line-of-sight error under " + text + "\n";
+}
+
+int runScenario(Options o, std::ostream& out, const SubModuleFactory& modules,
+                const ScenarioRun::PhaseHook& snapshotHook) {
   if (o.list)
     return listScenariosTo(out);
-  const bool defaultOutputs = o.csv.empty() && o.plot.empty();
-  if (defaultOutputs) {
-    o.csv = "out/" + o.scenario + ".csv";
-    o.plot = "out/" + o.scenario + ".png";
+  const std::uint32_t seed = parseSeed(o.seed);
+  float noise = kDefaultNoise;
+  if (!o.noise.empty()) {
+    const double v = parseNumber("--noise", o.noise);
+    if (v < 0.0)
+      throw UsageError("--noise expects a non-negative number of metres");
+    noise = static_cast<float>(v);
   }
-
   ScenarioOptions so;
-  so.mode = o.mode;
-  so.effector = o.effector;
-  so.duration = o.duration;
+  if (!o.duration.empty()) {
+    so.duration = parseNumber("--duration", o.duration);
+    if (so.duration <= 0.0)
+      throw UsageError("--duration expects a positive number of seconds");
+    if (so.duration > kMaxDurationS) {
+      throw UsageError("--duration " + o.duration + " is beyond the longest run, " +
+                       std::to_string(static_cast<long>(kMaxDurationS)) + " s");
+    }
+  }
+  if (!o.mode.empty())
+    expectOneOf("--mode", o.mode, {"Head", "WholeBody", "Move", "Navigate"});
+  if (!o.effector.empty())
+    expectOneOf("--effector", o.effector, {"Arms", "LArm", "RArm", "None"});
+  expectOneOf("--compensation", o.compensation, {"on", "off"});
+  if (!o.compare.empty())
+    expectOneOf("--compare", o.compare, {"compensation"});
+  SimulationConfig config;
+  config.noise = noise;
+  config.modules = modules;
+  config.physics = o.physics;
+  config.cameraRateHz = parseNumber("--camera-rate", o.cameraRate);
+  if (config.cameraRateHz <= 0.0 || config.cameraRateHz > 1000.0)
+    throw UsageError("--camera-rate expects a frame rate above 0 and up to 1000 Hz");
+  config.latencyS = parseNumber("--latency", o.latency);
+  if (config.latencyS < 0.0 || config.latencyS > 10.0)
+    throw UsageError("--latency expects from 0 to 10 seconds");
+  config.dropout = parseNumber("--dropout", o.dropout);
+  if (config.dropout < 0.0 || config.dropout > 1.0)
+    throw UsageError("--dropout expects a probability from 0 to 1");
+  config.compensation = o.compensation == "on";
+  std::optional<SeedRange> seeds;
+  if (!o.seeds.empty())
+    seeds = parseSeeds(o.seeds);
+
   if (!o.robot.empty()) {
     std::string path;
     loadRobot(o.robot, path);
     so.robotFile = path;
   }
+  so.mode = o.mode;
+  so.effector = o.effector;
   Scenario scenario;
+  const auto endsWith = [&](const std::string& tail) {
+    return o.scenario.size() > tail.size() &&
+           o.scenario.compare(o.scenario.size() - tail.size(), tail.size(), tail) == 0;
+  };
+  if (o.scenario.find('/') != std::string::npos || endsWith(".yaml") || endsWith(".yml"))
+    checkInputFile("scenario", o.scenario);
   try {
     scenario = makeScenario(o.scenario, so);
   } catch (const KRError& e) {
@@ -287,95 +414,248 @@ int runScenario(const std::vector<std::string>& args, std::ostream& out,
   }
   std::string robotPath;
   const auto robot = loadRobot(scenario.robotFile, robotPath);
-  if (o.mode == "Navigate" && robot->getRobotType() != 1) {
+  // A mode the robot lacks is refused before anything runs, not replaced by another.
+  const std::string modes = o.mode.empty() ? scenario.modeText : o.mode;
+  if (modes.find("Navigate") != std::string::npos && robot->getRobotType() != 1) {
     throw UsageError("mode Navigate needs a robot of type 1; " + robot->getName() + " is of type " +
                      std::to_string(robot->getRobotType()));
   }
-
-  SimulationConfig config;
-  config.seed = o.seed;
-  config.noise = o.noise;
-  config.modules = modules;
-  out << kProgram << ": scenario " << scenario.name << ": " << scenario.description << "\n"
-      << "robot " << robot->getName() << " (" << robotPath << "), seed " << o.seed << ", "
-      << std::fixed << std::setprecision(1) << scenario.duration << " s at 100 Hz"
-      << (o.realtime ? ", real time" : "") << "\n";
-
-  const std::clock_t cpuStart = std::clock();
-  ScenarioRun run(scenario, config);
-  if (!o.quiet)
-    run.setProgress([&out](const std::string& line) { out << line << "\n"; });
-  const auto wallStart = std::chrono::steady_clock::now();
-  while (run.step()) {
-    if (o.realtime) {
-      std::this_thread::sleep_until(wallStart +
-                                    std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-                                        std::chrono::duration<double>(run.simulation().time())));
+  {
+    // The physics backend is chosen by name: an unknown one is refused before anything runs.
+    try {
+      makePhysicsBackend(config.physics, *robot);
+    } catch (const KRError& e) {
+      throw UsageError("--physics: " + e.message());
     }
   }
-  const double cpu = static_cast<double>(std::clock() - cpuStart) / CLOCKS_PER_SEC;
 
-  out << "\nSummary: " << std::fixed << std::setprecision(1) << scenario.duration
-      << " s simulated in " << std::setprecision(3) << cpu << " s of CPU\n"
-      << formatSummary(run.summaries());
-  if (!o.csv.empty()) {
-    writeCsvFile(run, o.csv);
-    out << "CSV:  " << absolutePath(o.csv) << "\n";
+  // Outputs: by default beside each other in out/; never an input, never twice the same file.
+  const bool defaultOutputs = o.csv.empty() && o.plot.empty();
+  const std::string stem = "out/" + scenario.name;
+  if (defaultOutputs) {
+    o.csv = stem + ".csv";
+    o.plot = stem + ".png";
   }
-  if (!o.plot.empty()) {
-    drawPlot(run, o.plot);
+  if (o.json.empty() && defaultOutputs)
+    o.json = stem + ".json";
+  const std::vector<std::pair<std::string, std::string>> outputs = {
+      {"--csv", o.csv}, {"--plot", o.plot}, {"--json", o.json}};
+  for (std::size_t i = 0; i < outputs.size(); ++i) {
+    const auto& [option, path] = outputs[i];
+    if (path.empty())
+      continue;
+    for (const auto& input : {robotPath, scenario.file}) {
+      if (!input.empty() && sameFile(path, input))
+        throw UsageError(option + " " + path + " is an input of the run");
+    }
+    for (std::size_t j = 0; j < i; ++j) {
+      if (!outputs[j].second.empty() && sameFile(path, outputs[j].second)) {
+        throw UsageError(option + " " + path + " is also the file of " + outputs[j].first);
+      }
+    }
+    checkWritable(option, path);
+  }
+  if (!o.snapshots.empty())
+    checkWritableFolder("--snapshots", o.snapshots);
+
+  RunInfo info;
+  info.scenario = scenario.name;
+  info.robot = robot->getName();
+  info.physics = config.physics;
+  info.latencyS = config.latencyS;
+  info.compensation = config.compensation;
+  StopSignals stopSignals;
+
+  if (seeds || !o.compare.empty()) {
+    // Many runs: summaries only (no CSV nor plot), the seeds two at a time.
+    std::vector<SimulationConfig> variants;
+    if (!o.compare.empty()) {
+      SimulationConfig on = config;
+      on.compensation = true;
+      SimulationConfig off = config;
+      off.compensation = false;
+      variants = {on, off};
+    } else {
+      variants = {config};
+    }
+    const SeedRange range = seeds ? *seeds : SeedRange{seed, seed};
+    out << kProgram << ": scenario " << scenario.name << ", robot " << robot->getName()
+        << ", seeds " << range.first << "-" << range.last << "\n";
+    std::string json;
+    for (const auto& variant : variants) {
+      const std::size_t n = range.last - range.first + 1;
+      std::vector<RunResult> results(n);
+      std::atomic<std::size_t> next{0};
+      std::mutex failureMutex;
+      std::string failure;
+      auto worker = [&] {
+        for (std::size_t i = next++; i < n; i = next++) {
+          SimulationConfig c = variant;
+          c.seed = range.first + static_cast<std::uint32_t>(i);
+          try {
+            results[i] = runOnce(scenario, c, false, nullptr, nullptr, {});
+          } catch (const std::exception& e) {
+            std::lock_guard<std::mutex> lock(failureMutex);
+            failure = e.what();
+          }
+        }
+      };
+      std::thread second(worker);
+      worker();
+      second.join();
+      if (!failure.empty())
+        throw RunError(failure);
+      std::vector<std::vector<PhaseMeasures>> runs;
+      std::vector<double> cpu;
+      RunInfo total = info;
+      total.compensation = variant.compensation;
+      total.simulatedS = total.cpuS = 0.0;
+      for (const auto& r : results) {
+        runs.push_back(measuresOf(r.summaries));
+        cpu.push_back(r.cpuS);
+        total.simulatedS += r.simulatedS;
+        total.cpuS += r.cpuS;
+      }
+      out << "\nCompensation " << (variant.compensation ? "on" : "off") << ", " << n
+          << (n == 1 ? " seed" : " seeds") << ", " << std::fixed << std::setprecision(1)
+          << total.simulatedS << " s simulated in " << std::setprecision(3) << total.cpuS
+          << " s of CPU\n"
+          << formatSeedSummary(aggregateSeeds(runs));
+      json += seedsJson(total, range.first, range.last, runs, cpu);
+    }
+    if (!o.json.empty()) {
+      // Two comparisons go into one file as a JSON list.
+      writeText(
+          o.json, variants.size() == 1 ? json : "[\n" + [&] {
+            std::string joined;
+            std::size_t at = 0;
+            for (std::size_t v = 0; v < variants.size(); ++v) {
+              const std::size_t end = json.find("\n}\n", at) + 3;
+              joined += (v ? ",\n" : "") + json.substr(at, end - at - 1);
+              at = end;
+            }
+            return joined;
+          }() + "\n]\n");
+      out << "JSON: " << absolutePath(o.json) << "\n";
+    }
+    return gStopSignal ? 128 + gStopSignal : 0;
+  }
+
+  config.seed = seed;
+  info.seed = seed;
+  out << kProgram << ": scenario " << scenario.name << ": " << scenario.description << "\n"
+      << "robot " << robot->getName() << " (" << robotPath << "), seed " << seed << ", "
+      << std::fixed << std::setprecision(1) << scenario.duration << " s at 100 Hz, physics "
+      << config.physics << ", camera " << config.cameraRateHz << " Hz, latency "
+      << std::setprecision(3) << config.latencyS << " s, compensation " << o.compensation
+      << (o.realtime ? ", real time" : "") << "\n";
+  for (const auto& note : scenario.notes)
+    out << "note: " << note << "\n";
+
+  // A plot without a CSV of its own draws from a temporary one, removed afterwards.
+  std::string csvPath = o.csv;
+  std::string temporaryCsv;
+  if (csvPath.empty() && !o.plot.empty()) {
+    char name[] = "/tmp/krtracker-sim-XXXXXX";
+    const int fd = ::mkstemp(name);
+    if (fd < 0)
+      throw RunError("cannot create a temporary file");
+    ::close(fd);
+    csvPath = temporaryCsv = name;
+  }
+  struct Remove {
+    std::string path;
+    ~Remove() {
+      if (!path.empty())
+        std::remove(path.c_str());
+    }
+  } removeTemporary{temporaryCsv};
+  std::ofstream csv;
+  if (!csvPath.empty()) {
+    csv.open(csvPath);
+    if (!csv)
+      throw RunError("cannot write " + csvPath);
+  }
+  const RunResult r = runOnce(scenario, config, o.realtime, o.quiet ? nullptr : &out,
+                              csvPath.empty() ? nullptr : &csv, snapshotHook);
+  if (!csvPath.empty() && !csv.flush())
+    throw RunError("cannot write " + csvPath);
+  csv.close();
+  info.simulatedS = r.simulatedS;
+  info.cpuS = r.cpuS;
+  if (r.interrupted) {
+    out << "\nStopped by signal " << gStopSignal << " after " << std::fixed << std::setprecision(2)
+        << r.simulatedS << " s: what ran is measured below\n";
+  }
+  out << "\nSummary: " << std::fixed << std::setprecision(1) << r.simulatedS << " s simulated in "
+      << std::setprecision(3) << r.cpuS << " s of CPU (" << std::setprecision(0)
+      << (r.cpuS > 0.0 ? r.simulatedS / r.cpuS : 0.0) << "x real time)\n"
+      << formatSummary(r.summaries) << measuresNote(scenario);
+  if (!o.csv.empty())
+    out << "CSV:  " << absolutePath(o.csv) << "\n";
+  if (!o.json.empty()) {
+    writeText(o.json, summaryJson(info, measuresOf(r.summaries)));
+    out << "JSON: " << absolutePath(o.json) << "\n";
+  }
+  if (!o.plot.empty() && r.simulatedS <= 0.0)
+    out << "Plot: not drawn, nothing was simulated\n";
+  if (!o.plot.empty() && r.simulatedS > 0.0) {
+    const auto& head = robot->trackerModel().head;
+    constexpr double kDeg = 180.0 / 3.14159265358979323846;
+    std::ostringstream variables;
+    std::ostringstream subtitle;
+    subtitle << robot->getName() << ", seed " << seed << ", mode "
+             << (o.mode.empty() ? scenario.modeText : o.mode) << ", latency " << config.latencyS
+             << " s, compensation " << o.compensation << ", physics " << config.physics;
+    variables << "subtitle=" << gpString(subtitle.str()) << "; yawmin=" << head.yaw.min * kDeg
+              << "; yawmax=" << head.yaw.max * kDeg << "; pitchmin=" << head.pitch.min * kDeg
+              << "; pitchmax=" << head.pitch.max * kDeg;
+    drawPlot(absolutePath(csvPath), o.plot, variables.str());
     out << "Plot: " << absolutePath(o.plot) << "\n";
   }
-  return 0;
+  return r.interrupted ? 128 + gStopSignal : 0;
 }
 
-int runAngles(const std::vector<std::string>& args, std::ostream& out) {
-  Args a(args);
-  std::string robotArg;
-  bool lookAt = false;
-  bool pointAt = false;
+void parsePoint(const std::string& option, const std::vector<std::string>& v, std::size_t from,
+                Math::Position3D& point) {
+  const double x = parseNumber(option, v[from]);
+  const double y = parseNumber(option, v[from + 1]);
+  const double z = parseNumber(option, v[from + 2]);
+  point = {static_cast<float>(x), static_cast<float>(y), static_cast<float>(z)};
+}
+
+struct AnglesOptions {
+  std::string robot;
+  std::vector<std::string> lookAt;
+  std::vector<std::string> pointAt;
   bool wholeBody = false;
-  int effectorId = 0;
-  std::string arm;
-  Math::Position3D point;
-  auto readPoint = [&](const std::string& option) {
-    const double x = parseNumber(option, a.value(option));
-    const double y = parseNumber(option, a.value(option));
-    const double z = parseNumber(option, a.value(option));
-    point = {static_cast<float>(x), static_cast<float>(y), static_cast<float>(z)};
-  };
-  while (!a.done()) {
-    const std::string arg = a.next();
-    if (arg == "--robot") {
-      robotArg = a.value(arg);
-    } else if (arg == "--look-at") {
-      lookAt = true;
-      readPoint(arg);
-    } else if (arg == "--point-at") {
-      pointAt = true;
-      arm = a.value(arg);
-      expectOneOf(arg, arm, {"Arms", "LArm", "RArm"});
-      readPoint(arg);
-    } else if (arg == "--whole-body") {
-      wholeBody = true;
-    } else if (arg == "--effector-id") {
-      const double v = parseNumber(arg, a.value(arg));
-      if (v != 0.0 && v != 1.0 && v != 2.0)
-        throw UsageError("--effector-id expects 0, 1 or 2");
-      effectorId = static_cast<int>(v);
-    } else {
-      throw UsageError("unknown option '" + arg + "' for angles (see --help)");
-    }
-  }
-  if (robotArg.empty())
+  std::string effectorId = "0";
+};
+
+int runAngles(const AnglesOptions& a, std::ostream& out) {
+  if (a.robot.empty())
     throw UsageError("angles needs --robot FILE");
+  const bool lookAt = !a.lookAt.empty();
+  const bool pointAt = !a.pointAt.empty();
   if (lookAt == pointAt)
     throw UsageError("angles needs either --look-at X Y Z or --point-at");
-  if (pointAt && (wholeBody || effectorId != 0)) {
-    throw UsageError("--whole-body and --effector-id go with --look-at only");
+  Math::Position3D point;
+  std::string arm;
+  if (lookAt)
+    parsePoint("--look-at", a.lookAt, 0, point);
+  if (pointAt) {
+    arm = a.pointAt[0];
+    expectOneOf("--point-at", arm, {"Arms", "LArm", "RArm"});
+    parsePoint("--point-at", a.pointAt, 1, point);
   }
+  const double id = parseNumber("--effector-id", a.effectorId);
+  if (id != 0.0 && id != 1.0 && id != 2.0)
+    throw UsageError("--effector-id expects 0, 1 or 2");
+  const int effectorId = static_cast<int>(id);
+  if (pointAt && (a.wholeBody || effectorId != 0))
+    throw UsageError("--whole-body and --effector-id go with --look-at only");
   std::string path;
-  const auto robot = loadRobot(robotArg, path);
+  const auto robot = loadRobot(a.robot, path);
   const Model::KRTrackerModel& model = robot->trackerModel();
   std::vector<std::string> names;
   std::vector<float> angles;
@@ -384,7 +664,7 @@ int runAngles(const std::vector<std::string>& args, std::ostream& out) {
   if (lookAt) {
     if (!Tracker::tools::computeLookAtAngles(point, model,
                                              static_cast<Model::TRACK_EFFECTOR>(effectorId),
-                                             wholeBody, names, angles)) {
+                                             a.wholeBody, names, angles)) {
       throw RunError("no head angles look at " + where.str());
     }
   } else {
@@ -401,44 +681,146 @@ int runAngles(const std::vector<std::string>& args, std::ostream& out) {
   return 0;
 }
 
+const char* const kMeasuresHelp =
+    "Measures, per phase (README, \"Measures\"):\n"
+    "  on target after  time from the phase start, and from each loss (target no longer\n"
+    "                   perceived, or reported lost by the tracker), to the camera on target,\n"
+    "                   search included; the longest such wait, '-' if one never ended\n"
+    "  LoS              line-of-sight error (camera axis to target) over every sample with\n"
+    "                   the target inside the camera's field of view: RMS, 95th percentile,\n"
+    "                   max, mean (bias) and standard deviation (jitter)\n"
+    "  on target [%]    share of the phase with the target in view and the error under the\n"
+    "                   phase's threshold (3 degrees unless the scenario says otherwise)\n"
+    "  overshoot        step phases: how far the camera swings past the target [deg]\n"
+    "  settling         step phases: time until the error stays within 1 degree\n"
+    "  arms RMS         pointing error of the arms the effector commands\n"
+    "  events           the tracker's events per phase, listed below the table\n";
+
+/// Both command lines, built by CLI11 on the options they fill.
+struct Parser {
+  CLI::App app{
+      "Runs the tracker on a simulated robot and reports how well it followed its "
+      "target.",
+      kProgram};
+  CLI::App* angles = nullptr;
+  Options run;
+  AnglesOptions ang;
+
+  Parser() {
+    app.footer(std::string("Without --csv and --plot, the CSV, the plot and the JSON summary go "
+                           "to out/<scenario>.{csv,png,json}.\n\n") +
+               kMeasuresHelp);
+    app.add_flag("--list", run.list, "list the scenarios");
+    app.add_option("--scenario", run.scenario,
+                   "scenario to run: a name of --list or a YAML file (default: ball)");
+    app.add_option("--robot", run.robot, "robot description: a file, or kibo or rover");
+    app.add_option("--mode", run.mode, "mode of every phase: Head, WholeBody, Move or Navigate");
+    app.add_option("--effector", run.effector, "effector of every phase: Arms, LArm, RArm, None");
+    app.add_option("--seed", run.seed, "seed of the observation noise (default: 1)");
+    app.add_option("--seeds", run.seeds,
+                   "run each seed of A-B (two at a time): mean and 95th percentile of every "
+                   "measure across them");
+    app.add_option("--noise", run.noise,
+                   "observation noise, standard deviation [m] (default: 0.005)");
+    app.add_option("--duration", run.duration, "simulated time [s] (default: the scenario's)");
+    app.add_option("--camera-rate", run.cameraRate, "camera frames per second (default: 15)");
+    app.add_option("--latency", run.latency,
+                   "capture to delivery of a detection [s] (default: 0.08)");
+    app.add_option("--dropout", run.dropout,
+                   "probability that a frame's detection is missed (default: 0)");
+    app.add_option("--compensation", run.compensation,
+                   "latency compensation of the tracking service: on or off (default: on)");
+    app.add_option("--compare", run.compare,
+                   "compensation: run with it on and off and print both rows");
+    app.add_option("--physics", run.physics, "physics backend: kinematic or mujoco");
+    app.add_flag("--realtime", run.realtime, "run at wall-clock speed");
+    app.add_option("--csv", run.csv,
+                   "stream one line per 10 ms step: pose, joints commanded and measured, "
+                   "observation, tracker state");
+    app.add_option("--plot", run.plot, "draw the run with tools/plot.gp (gnuplot)");
+    app.add_option("--json", run.json, "write the JSON summary there");
+    app.add_option("--snapshots", run.snapshots, "folder for pictures at each phase boundary");
+    app.add_flag("--quiet", run.quiet, "no progress lines");
+
+    angles = app.add_subcommand(
+        "angles", "print the joint angles that the library computes for a point, one per line");
+    angles->footer("");
+    angles->add_option("--robot", ang.robot, "robot description: a file, or kibo or rover");
+    angles
+        ->add_option("--look-at", ang.lookAt,
+                     "head angles toward X Y Z of the torso frame (of the robot frame with "
+                     "--whole-body)")
+        ->expected(3);
+    angles
+        ->add_option("--point-at", ang.pointAt,
+                     "EFFECTOR X Y Z: arm angles (LArm, RArm or Arms) toward a point of the "
+                     "torso frame")
+        ->expected(4);
+    angles->add_flag("--whole-body", ang.wholeBody, "with --look-at: the whole body looks");
+    angles->add_option("--effector-id", ang.effectorId,
+                       "with --look-at: 0 top camera, 1 bottom camera, 2 depth camera");
+  }
+};
+
+/// CLI11's message, on one line and in the words of the other errors.
+std::string parseErrorText(const CLI::ParseError& e) {
+  std::string text = e.what();
+  std::replace(text.begin(), text.end(), '\n', ' ');
+  const std::string name = e.get_name();
+  const auto colon = text.find(": ");
+  if (name == "ArgumentMismatch" && colon != std::string::npos) {
+    const std::string option = text.substr(0, colon);
+    const auto least = text.find("At least ");
+    if (least != std::string::npos) {
+      const std::string count = text.substr(least + 9, text.find(' ', least + 9) - least - 9);
+      return "option " + option + " needs " + count + " values";
+    }
+    return "option " + option + " needs a value";
+  }
+  if (text.find("not expected:") != std::string::npos) {
+    std::istringstream words(text.substr(text.find(':') + 1));
+    std::string word;
+    std::string first;
+    while (words >> word) {
+      if (word.rfind("-", 0) == 0)
+        return "unknown option '" + word + "' (see --help)";
+      if (first.empty())
+        first = word;
+    }
+    return "unexpected argument '" + first + "' (see --help)";
+  }
+  return text;
+}
+
 }  // namespace
 
 std::string usage() {
-  return "usage: krtracker-sim [options]\n"
-         "       krtracker-sim angles --robot FILE (--look-at X Y Z [--whole-body] "
-         "[--effector-id N] | --point-at EFFECTOR X Y Z)\n"
-         "\n"
-         "Runs the tracker on a simulated robot and reports how well it followed its target.\n"
-         "\n"
-         "  --list              list the scenarios\n"
-         "  --scenario NAME     scenario to run (default: ball)\n"
-         "  --robot FILE        robot description: a file, or kibo or rover from robots/\n"
-         "  --mode MODE         mode of every phase: Head, WholeBody, Move or Navigate\n"
-         "  --effector NAME     effector of every phase: Arms, LArm, RArm or None\n"
-         "  --seed N            seed of the observation noise (default: 1)\n"
-         "  --noise SIGMA       observation noise, standard deviation [m] (default: 0.005)\n"
-         "  --duration SECONDS  simulated time (default: the scenario's)\n"
-         "  --realtime          run at wall-clock speed\n"
-         "  --csv FILE          write one line per 10 ms step\n"
-         "  --plot FILE.png     draw target bearing against head yaw and pitch (gnuplot)\n"
-         "  --quiet             no progress lines\n"
-         "Without --csv and --plot, both go to out/<scenario>.csv and out/<scenario>.png.\n"
-         "\n"
-         "angles prints the joint angles that the library computes, one joint per line:\n"
-         "  --look-at X Y Z     head angles toward a point of the torso frame (of the robot\n"
-         "                      frame with --whole-body); --effector-id: 0 top camera, 1\n"
-         "                      bottom camera, 2 depth camera\n"
-         "  --point-at EFFECTOR X Y Z   arm angles (LArm, RArm or Arms) toward a point of the\n"
-         "                      torso frame\n";
+  Parser p;
+  return p.app.help() + "\n" + p.angles->help();
 }
 
 int runCommandLine(const std::vector<std::string>& args, std::ostream& out, std::ostream& err,
-                   const SubModuleFactory& modules) {
+                   const SubModuleFactory& modules, const RunHooks& hooks) {
+  Parser p;
   try {
-    if (!args.empty() && args[0] == "angles") {
-      return runAngles(std::vector<std::string>(args.begin() + 1, args.end()), out);
+    std::vector<std::string> reversed(args.rbegin(), args.rend());
+    try {
+      p.app.parse(reversed);
+    } catch (const CLI::CallForHelp&) {
+      out << (p.angles->parsed() ? p.angles->help() : usage());
+      return 0;
+    } catch (const CLI::ParseError& e) {
+      throw UsageError(parseErrorText(e));
     }
-    return runScenario(args, out, modules);
+    if (p.angles->parsed())
+      return runAngles(p.ang, out);
+    ScenarioRun::PhaseHook hook;
+    if (hooks.snapshot && !p.run.snapshots.empty()) {
+      hook = [snapshot = hooks.snapshot, folder = p.run.snapshots](const std::string& label) {
+        snapshot(folder, label);
+      };
+    }
+    return runScenario(p.run, out, modules, hook);
   } catch (const UsageError& e) {
     err << kProgram << ": " << e.what() << "\n";
     return 2;

@@ -1,7 +1,11 @@
 #include <krsim/remote.h>
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <chrono>
+#include <ctime>
+#include <fstream>
 #include <iomanip>
 #include <ostream>
 #include <thread>
@@ -22,6 +26,7 @@
 #include <krsim/modules/wholebodylooker.h>
 #include <krsim/run.h>
 #include <krsim/scenario.h>
+#include <krsim/summary.h>
 
 namespace KR {
 namespace Sim {
@@ -118,13 +123,33 @@ int runRemoteRobot(const std::string& scenarioName, std::ostream& out, std::ostr
   out << "robot: scenario " << scenario.name << ", " << std::fixed << std::setprecision(1)
       << scenario.duration << " s in real time, tracking service in another process (dds)\n"
       << std::flush;
+  const std::clock_t cpuStart = std::clock();
   const auto wallStart = std::chrono::steady_clock::now();
   while (run.step()) {
     std::this_thread::sleep_until(wallStart +
                                   std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                                       std::chrono::duration<double>(run.simulation().time())));
   }
-  out << "\nSummary (transport: dds)\n" << formatSummary(run.summaries());
+  const auto summaries = run.summaries();
+  out << "\nSummary (transport: dds)\n" << formatSummary(summaries);
+  // The same JSON summary as a one-process run, marked as run over DDS.
+  RunInfo info;
+  info.scenario = scenario.name;
+  info.robot = run.simulation().robot().getName();
+  info.seed = config.seed;
+  info.physics = config.physics;
+  info.transport = "dds";
+  info.latencyS = config.latencyS;
+  info.compensation = config.compensation;
+  info.simulatedS = run.simulatedSeconds();
+  info.cpuS = static_cast<double>(std::clock() - cpuStart) / CLOCKS_PER_SEC;
+  std::vector<PhaseMeasures> phases;
+  for (const auto& s : summaries)
+    phases.push_back(s.measures);
+  ::mkdir("out", 0755);
+  const std::string json = "out/" + scenario.name + ".json";
+  std::ofstream(json) << summaryJson(info, phases);
+  out << "JSON: " << json << "\n";
   remote->close();
   return 0;
 }

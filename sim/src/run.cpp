@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <fstream>
 #include <iomanip>
+#include <mutex>
 #include <ostream>
 #include <sstream>
 
@@ -69,10 +70,15 @@ ScenarioRun::ScenarioRun(Scenario scenario, SimulationConfig base)
   fSim->motion().setOdometryDrift(fScenario.odometryDriftLinear, fScenario.odometryDriftAngular);
   for (const auto& t : fScenario.targets)
     fSim->world().addTarget(t);
-  fAcquireSeconds.assign(fScenario.phases.size(), -1.0);
-  fLocalisation.resize(fScenario.phases.size());
-  fLocalisationMissing.assign(fScenario.phases.size(), 0);
-  fSamples.reserve(static_cast<std::size_t>(fScenario.duration * 100.0) + 2);
+  for (const Phase& p : fScenario.phases) {
+    fMeters.emplace_back(PhaseSpec{p.name, p.begin, p.acquireDegrees, p.lineOfSight, p.step});
+    PhaseSummary extra;
+    extra.begin = p.begin;
+    extra.end = p.end;
+    fExtra.push_back(extra);
+  }
+  fReached.assign(fScenario.phases.size(), false);
+  fJoints = fSim->motion().jointNames();
 }
 
 void ScenarioRun::setProgress(Progress progress, double statusPeriodSeconds) {
@@ -81,8 +87,18 @@ void ScenarioRun::setProgress(Progress progress, double statusPeriodSeconds) {
   fNextStatus = statusPeriodSeconds;
 }
 
+void ScenarioRun::setCsv(std::ostream* out) {
+  fCsv = out;
+  if (fCsv != nullptr)
+    *fCsv << csvHeader() << "\n";
+}
+
 bool ScenarioRun::finished() const {
   return fSim->time() + 0.005 >= fScenario.duration;
+}
+
+double ScenarioRun::simulatedSeconds() const {
+  return fSim->time();
 }
 
 bool ScenarioRun::step() {
@@ -96,9 +112,12 @@ bool ScenarioRun::step() {
     a.run(*fSim);
   }
   fSim->step();
+  xEvents();
   xRecord();
   if (fProgress)
     xReport();
+  if (finished() && fPhaseHook)
+    fPhaseHook("end");
   return true;
 }
 
@@ -120,6 +139,58 @@ bool ScenarioRun::xInReach(const std::string& armName, const Math::Position3D& p
          wz <= arm.joints[1].max;
 }
 
+void ScenarioRun::xEvents() {
+  // The history is read and emptied every step, so that it does not grow with the run.
+  const auto fresh = fSim->memory().eventHistorySince(0);
+  fSim->memory().clearEventHistory();
+  static const std::string lost = KR::Tracker::Namer::getNameLost();
+  static const std::string detected = KR::Tracker::Namer::getNameDetected();
+  for (const auto& e : fresh) {
+    const double at = std::chrono::duration<double>(e.time - fSim->clock().start()).count();
+    if (e.name == KR::Tracker::Namer::getNameLooker() ||
+        e.name == KR::Tracker::Namer::getNameMove()) {
+      // The smoother drives the lookers or movers: the tracker follows its target.
+      if (!fTrackerLost)
+        fTrackerTracked = true;
+      continue;
+    }
+    if (isStream(e.name)) {
+      // Observations: their values are not kept in the history, so follow them directly.
+      if (fObservations.count(e.name) == 0) {
+        fObservations[e.name] = "";
+        fSim->memory().subscribe(e.name, [this](const std::string&, const KRValue& v) {
+          std::string text = v.toString();
+          std::replace(text.begin(), text.end(), ',', ' ');
+          std::lock_guard<std::mutex> lock(fObservationMutex);
+          fObservation = std::move(text);
+        });
+      }
+      continue;
+    }
+    if (e.name == detected) {
+      fTrackerTracked = true;
+      fTrackerLost = false;
+    } else if (e.name == lost) {
+      fTrackerTracked = false;
+      fTrackerLost = true;
+    }
+    // Calls made at a phase's start belong to it; the run's last instant to the last phase.
+    for (std::size_t i = 0; i < fScenario.phases.size(); ++i) {
+      const Phase& p = fScenario.phases[i];
+      if (at >= p.begin - 1e-9 && (at < p.end - 1e-9 || p.end >= fScenario.duration)) {
+        fMeters[i].addEvent(e.name);
+        break;
+      }
+    }
+    if (fProgress)
+      fProgress(timeTag(at) + "event " + e.name);
+    // For the CSV: the event's name without the service's prefix.
+    const auto slash = e.name.find('/');
+    fStepEvents += (fStepEvents.empty() ? "" : " ") +
+                   (slash == std::string::npos ? e.name : e.name.substr(slash + 1));
+  }
+}
+
 void ScenarioRun::xRecord() {
   Simulation& sim = *fSim;
   Sample s;
@@ -132,97 +203,96 @@ void ScenarioRun::xRecord() {
   }
   if (s.phase != fPhase) {
     fPhase = s.phase;
-    fAcquired = false;
-    fPerceivedSince = -1.0;
+    if (fPhase >= 0 && !fReached[static_cast<std::size_t>(fPhase)]) {
+      fReached[static_cast<std::size_t>(fPhase)] = true;
+      if (fPhaseHook)
+        fPhaseHook(fScenario.phases[static_cast<std::size_t>(fPhase)].name);
+    }
   }
   s.robot = sim.motion().getTruePose();
   const auto& head = sim.robot().trackerModel().head;
   s.headYaw = sim.motion().getAngle(head.yaw.name);
   s.headPitch = sim.motion().getAngle(head.pitch.name);
-  if (s.phase < 0) {
-    fSamples.push_back(s);
-    return;
-  }
-  const Phase& phase = fScenario.phases[static_cast<std::size_t>(s.phase)];
-  const TargetState state = sim.world().state(phase.target);
-  s.hasTarget = true;
-  s.target = state.position;
-  s.inView = state.inFieldOfView;
-  s.perceived = state.perceived;
+  s.tracked = fTrackerTracked;
+  if (s.phase >= 0) {
+    const auto index = static_cast<std::size_t>(s.phase);
+    const Phase& phase = fScenario.phases[index];
+    const TargetState state = sim.world().state(phase.target);
+    s.hasTarget = true;
+    s.target = state.position;
+    s.inView = state.inFieldOfView;
+    s.perceived = state.perceived;
 
-  const Math::Transform torsoToMap = Math::pinv(sim.motion().getMapToTorso());
-  const Math::Position3D inTorso = torsoToMap * state.position;
-  const auto polar = Math::polar3DFromPosition3D(inTorso - head.headPosition);
-  s.bearingYaw = std::get<1>(polar);
-  s.bearingPitch = std::get<2>(polar);
-  s.lineOfSightDeg =
-      aimErrorDeg(sim.motion().getMapToHeadEffector(sim.world().getCameraEffector()), s.target);
+    const Math::Transform torsoToMap = Math::pinv(sim.motion().getMapToTorso());
+    const Math::Position3D inTorso = torsoToMap * state.position;
+    const auto polar = Math::polar3DFromPosition3D(inTorso - head.headPosition);
+    s.bearingYaw = std::get<1>(polar);
+    s.bearingPitch = std::get<2>(polar);
+    const Math::Transform camera =
+        sim.motion().getMapToHeadEffector(sim.world().getCameraEffector());
+    s.lineOfSightDeg = aimErrorDeg(camera, s.target);
+    const Math::Position3D inCamera = Math::pinv(camera) * s.target;
+    s.horizontalDeg = static_cast<float>(std::atan2(inCamera.y, inCamera.x) * kRadToDeg);
 
-  // Acquisition.
-  if (!s.perceived) {
-    fAcquired = false;
-    fPerceivedSince = -1.0;
-  } else {
-    if (fPerceivedSince < 0.0)
-      fPerceivedSince = s.time;
-    if (!fAcquired && s.lineOfSightDeg < phase.acquireDegrees) {
-      fAcquired = true;
-      double& first = fAcquireSeconds[static_cast<std::size_t>(s.phase)];
-      if (first < 0.0)
-        first = s.time - fPerceivedSince;
+    MeasureSample m;
+    m.time = s.time;
+    m.inView = s.inView;
+    m.perceived = s.perceived;
+    m.trackerLost = fTrackerLost;
+    m.hasLineOfSight = true;
+    m.lineOfSightDeg = s.lineOfSightDeg;
+    m.horizontalDeg = s.horizontalDeg;
+    // Arms the effector commands, once they have had time to rise, while the target is
+    // followed (or, for one-shot commands, at any time) and within reach.
+    const bool armsReady = s.time >= phase.begin + phase.settleSeconds - 1e-9;
+    if (armsReady && (s.tracked || phase.oneShot)) {
+      for (const auto& arm : phase.arms) {
+        if (!xInReach(arm, inTorso))
+          continue;
+        const float e = aimErrorDeg(sim.motion().getTorsoToForearm(arm), inTorso);
+        (arm == "LArm" ? s.leftArmDeg : s.rightArmDeg) = e;
+        m.armDeg.push_back(e);
+      }
     }
-  }
-  s.tracked = fAcquired && s.perceived;
-  const bool settled = phase.oneShot && s.time >= phase.begin + phase.settleSeconds - 1e-9;
-  const bool measuring = s.tracked || settled;
+    fMeters[index].add(m);
 
-  const bool armsReady = s.time >= phase.begin + phase.settleSeconds - 1e-9;
-  if (measuring && armsReady) {
-    for (const auto& arm : phase.arms) {
-      if (!xInReach(arm, inTorso))
-        continue;
-      const float e = aimErrorDeg(sim.motion().getTorsoToForearm(arm), inTorso);
-      (arm == "LArm" ? s.leftArmDeg : s.rightArmDeg) = e;
+    PhaseSummary& extra = fExtra[index];
+    if (phase.relativePosition && s.perceived) {
+      const Math::Position3D inRobot =
+          Math::pinv(Math::transformFromPose2D(s.robot)) * state.position;
+      const auto& r = *phase.relativePosition;
+      s.relativeErrorM = std::hypot(inRobot.x - r[0], inRobot.y - r[1]);
+      extra.relativeErrorM.add(s.relativeErrorM);
     }
-  }
-  if (phase.relativePosition && s.perceived) {
-    const Math::Position3D inRobot =
-        Math::pinv(Math::transformFromPose2D(s.robot)) * state.position;
-    const auto& r = *phase.relativePosition;
-    s.relativeErrorM = std::hypot(inRobot.x - r[0], inRobot.y - r[1]);
-  }
-  if (phase.measureLocalisation) {
-    const long second = static_cast<long>(std::floor(s.time + 1e-9));
-    if (second != fLastLocalisationSecond && s.time >= phase.begin + 1.0) {
-      fLastLocalisationSecond = second;
-      const auto position = sim.callTracker<std::vector<float>>("getRobotPosition");
-      if (position.size() == 6) {
-        const Math::Pose2D truth = s.robot;
-        const double dm = std::hypot(position[0] - truth.x, position[1] - truth.y);
-        const double da = std::fabs(Math::modulo2PI(position[5] - truth.theta)) * kRadToDeg;
-        fLocalisation[static_cast<std::size_t>(s.phase)].emplace_back(dm, da);
-      } else {
-        ++fLocalisationMissing[static_cast<std::size_t>(s.phase)];
+    if (phase.measureLocalisation) {
+      const long second = static_cast<long>(std::floor(s.time + 1e-9));
+      if (second != fLastLocalisationSecond && s.time >= phase.begin + 1.0) {
+        fLastLocalisationSecond = second;
+        const auto position = sim.callTracker<std::vector<float>>("getRobotPosition");
+        if (position.size() == 6) {
+          const Math::Pose2D truth = s.robot;
+          extra.localisationM.add(std::hypot(position[0] - truth.x, position[1] - truth.y));
+          extra.localisationDeg.add(std::fabs(Math::modulo2PI(position[5] - truth.theta)) *
+                                    kRadToDeg);
+        } else {
+          ++extra.localisationMissing;
+        }
       }
     }
   }
-  fSamples.push_back(s);
+  fLast = s;
+  if (fCsv != nullptr)
+    xWriteCsv(s);
+  if (fSampleObserver)
+    fSampleObserver(s);
 }
 
 void ScenarioRun::xReport() {
   const double t = fSim->time();
-  const auto fresh = fSim->memory().eventHistorySince(fHistorySeen);
-  fHistorySeen += fresh.size();
-  for (const auto& e : fresh) {
-    if (isStream(e.name))
-      continue;
-    const double at = std::chrono::duration<double>(e.time - fSim->clock().start()).count();
-    fProgress(timeTag(at) + "event " + e.name);
-  }
-  if (t + 1e-9 < fNextStatus || fSamples.empty())
+  if (t + 1e-9 < fNextStatus)
     return;
   fNextStatus += fStatusPeriod;
-  const Sample& s = fSamples.back();
+  const Sample& s = fLast;
   std::ostringstream os;
   os << timeTag(t);
   if (s.phase >= 0) {
@@ -234,7 +304,7 @@ void ScenarioRun::xReport() {
                          : "out of view")
        << std::fixed << std::setprecision(1) << ", line of sight " << s.lineOfSightDeg << " deg";
   } else {
-    os << "no phase";
+    os << "between phases";
   }
   os << std::fixed << std::setprecision(2) << " | robot (" << s.robot.x << ", " << s.robot.y << ", "
      << std::setprecision(1) << s.robot.theta * kRadToDeg << " deg)";
@@ -243,61 +313,31 @@ void ScenarioRun::xReport() {
 
 std::vector<PhaseSummary> ScenarioRun::summaries() const {
   std::vector<PhaseSummary> out;
-  const auto history = fSim->memory().eventHistory();
   for (std::size_t i = 0; i < fScenario.phases.size(); ++i) {
-    const Phase& p = fScenario.phases[i];
-    PhaseSummary sum;
-    sum.name = p.name;
-    sum.begin = p.begin;
-    sum.end = std::min(p.end, fScenario.duration);
-    sum.acquireSeconds = fAcquireSeconds[i];
-    const bool settledOnly = p.oneShot;
-    for (const auto& s : fSamples) {
-      if (s.phase != static_cast<int>(i))
-        continue;
-      const bool settled = settledOnly && s.time >= p.begin + p.settleSeconds - 1e-9;
-      if (p.lineOfSight && (s.tracked || settled))
-        sum.lineOfSightDeg.add(s.lineOfSightDeg);
-      if (s.leftArmDeg >= 0.0f)
-        sum.armDeg.add(s.leftArmDeg);
-      if (s.rightArmDeg >= 0.0f)
-        sum.armDeg.add(s.rightArmDeg);
-      if (s.relativeErrorM >= 0.0f)
-        sum.relativeErrorM.add(s.relativeErrorM);
-    }
-    for (const auto& l : fLocalisation[i]) {
-      sum.localisationM.add(l.first);
-      sum.localisationDeg.add(l.second);
-    }
-    sum.localisationMissing = fLocalisationMissing[i];
-    for (const auto& e : history) {
-      const double at = std::chrono::duration<double>(e.time - fSim->clock().start()).count();
-      // Calls made at a phase's start belong to it; the run's last instant to the last phase.
-      const bool inside =
-          at >= p.begin - 1e-9 && (at < p.end - 1e-9 || p.end >= fScenario.duration);
-      if (!inside || isStream(e.name))
-        continue;
-      auto it = std::find_if(sum.events.begin(), sum.events.end(),
-                             [&](const auto& c) { return c.first == e.name; });
-      if (it == sum.events.end()) {
-        sum.events.emplace_back(e.name, 1);
-      } else {
-        ++it->second;
-      }
-    }
+    if (!fReached[i])
+      continue;
+    PhaseSummary sum = fExtra[i];
+    sum.end = std::min(sum.end, fSim->time());
+    sum.measures = fMeters[i].result();
     out.push_back(std::move(sum));
   }
   return out;
 }
 
-std::string ScenarioRun::csvHeader() {
-  return "time,phase,robot_x,robot_y,robot_theta,head_yaw,head_pitch,target_x,target_y,"
-         "target_z,bearing_yaw,bearing_pitch,in_view,perceived,tracked,line_of_sight_deg,"
-         "larm_deg,rarm_deg,relative_error_m";
+std::string ScenarioRun::csvHeader() const {
+  std::string header =
+      "time,phase,robot_x,robot_y,robot_theta,head_yaw,head_pitch,target_x,target_y,"
+      "target_z,bearing_yaw,bearing_pitch,in_view,perceived,tracked,line_of_sight_deg,"
+      "horizontal_deg,larm_deg,rarm_deg,relative_error_m,phase_index,on_target_deg,events,"
+      "observation";
+  // Each joint as commanded, then as measured.
+  for (const auto& joint : fJoints)
+    header += ",cmd_" + joint + "," + joint;
+  return header;
 }
 
-void ScenarioRun::writeCsv(std::ostream& out) const {
-  out << csvHeader() << "\n";
+void ScenarioRun::xWriteCsv(const Sample& s) {
+  std::ostream& out = *fCsv;
   char buf[512];
   auto optional = [](float v, char* dst, std::size_t n) {
     if (v < 0.0f) {
@@ -306,106 +346,149 @@ void ScenarioRun::writeCsv(std::ostream& out) const {
       std::snprintf(dst, n, "%.3f", static_cast<double>(v));
     }
   };
-  for (const auto& s : fSamples) {
-    const std::string phase =
-        s.phase >= 0 ? fScenario.phases[static_cast<std::size_t>(s.phase)].name : "";
-    int n =
-        std::snprintf(buf, sizeof buf, "%.2f,%s,%.4f,%.4f,%.4f,%.4f,%.4f,", s.time, phase.c_str(),
-                      s.robot.x, s.robot.y, s.robot.theta, s.headYaw, s.headPitch);
+  const std::string phase =
+      s.phase >= 0 ? fScenario.phases[static_cast<std::size_t>(s.phase)].name : "";
+  int n = std::snprintf(buf, sizeof buf, "%.2f,%s,%.4f,%.4f,%.4f,%.4f,%.4f,", s.time, phase.c_str(),
+                        s.robot.x, s.robot.y, s.robot.theta, s.headYaw, s.headPitch);
+  out.write(buf, n);
+  if (s.hasTarget) {
+    n = std::snprintf(buf, sizeof buf, "%.4f,%.4f,%.4f,%.4f,%.4f,%d,%d,%d,%.3f,%.3f,", s.target.x,
+                      s.target.y, s.target.z, s.bearingYaw, s.bearingPitch, s.inView ? 1 : 0,
+                      s.perceived ? 1 : 0, s.tracked ? 1 : 0, s.lineOfSightDeg, s.horizontalDeg);
     out.write(buf, n);
-    if (s.hasTarget) {
-      n = std::snprintf(buf, sizeof buf, "%.4f,%.4f,%.4f,%.4f,%.4f,%d,%d,%d,%.3f,", s.target.x,
-                        s.target.y, s.target.z, s.bearingYaw, s.bearingPitch, s.inView ? 1 : 0,
-                        s.perceived ? 1 : 0, s.tracked ? 1 : 0, s.lineOfSightDeg);
-      out.write(buf, n);
-    } else {
-      out << ",,,,,,,,,";
-    }
-    char l[32], r[32], m[32];
-    optional(s.leftArmDeg, l, sizeof l);
-    optional(s.rightArmDeg, r, sizeof r);
-    optional(s.relativeErrorM, m, sizeof m);
-    out << l << ',' << r << ',' << m << '\n';
+  } else {
+    out << ",,,,,,," << (s.tracked ? 1 : 0) << ",,,";
   }
+  char l[32], r[32], m[32];
+  optional(s.leftArmDeg, l, sizeof l);
+  optional(s.rightArmDeg, r, sizeof r);
+  optional(s.relativeErrorM, m, sizeof m);
+  out << l << ',' << r << ',' << m << ',' << s.phase << ',';
+  if (s.phase >= 0)
+    out << fScenario.phases[static_cast<std::size_t>(s.phase)].acquireDegrees;
+  out << ',' << fStepEvents << ',';
+  fStepEvents.clear();
+  {
+    std::lock_guard<std::mutex> lock(fObservationMutex);
+    out << fObservation;
+    fObservation.clear();
+  }
+  for (const auto& joint : fJoints) {
+    n = std::snprintf(buf, sizeof buf, ",%.4f,%.4f", fSim->motion().getCommand(joint),
+                      fSim->motion().getAngle(joint));
+    out.write(buf, n);
+  }
+  out << '\n';
 }
 
+namespace {
+
+std::string fixed(const std::optional<double>& v, int precision) {
+  if (!v)
+    return "-";
+  std::ostringstream os;
+  os << std::fixed << std::setprecision(precision) << *v;
+  return os.str();
+}
+
+std::string table(const std::vector<std::vector<std::string>>& header,
+                  const std::vector<std::vector<std::string>>& rows) {
+  std::vector<std::size_t> width(header[0].size(), 0);
+  for (const auto* block : {&header, &rows}) {
+    for (const auto& r : *block) {
+      for (std::size_t c = 0; c < r.size(); ++c)
+        width[c] = std::max(width[c], r[c].size());
+    }
+  }
+  std::ostringstream os;
+  auto line = [&](const std::vector<std::string>& cells) {
+    std::string text;
+    for (std::size_t c = 0; c < cells.size(); ++c) {
+      std::ostringstream cell;
+      if (c == 0) {
+        cell << std::left << std::setw(static_cast<int>(width[c])) << cells[c];
+      } else {
+        cell << "  " << std::right << std::setw(static_cast<int>(width[c])) << cells[c];
+      }
+      text += cell.str();
+    }
+    while (!text.empty() && text.back() == ' ')
+      text.pop_back();
+    os << text << "\n";
+  };
+  for (const auto& h : header)
+    line(h);
+  for (const auto& r : rows)
+    line(r);
+  return os.str();
+}
+
+std::vector<std::vector<std::string>> measuresHeader() {
+  return {{"phase", "on target", "LoS RMS", "p95", "max", "bias", "jitter", "on target",
+           "overshoot", "settling", "arms RMS"},
+          {"", "after [s]", "[deg]", "[deg]", "[deg]", "[deg]", "[deg]", "[%]", "[deg]", "[s]",
+           "[deg]"}};
+}
+
+std::vector<std::string> measuresRow(const std::string& label, const PhaseMeasures& m) {
+  return {label,
+          fixed(m.timeToOnTargetS, 2),
+          fixed(m.losRmsDeg, 2),
+          fixed(m.losP95Deg, 2),
+          fixed(m.losMaxDeg, 2),
+          fixed(m.losBiasDeg, 2),
+          fixed(m.losJitterDeg, 2),
+          fixed(m.onTargetPct, 1),
+          fixed(m.overshootDeg, 2),
+          fixed(m.settlingS, 2),
+          fixed(m.armsRmsDeg, 2)};
+}
+
+}  // namespace
+
 std::string formatSummary(const std::vector<PhaseSummary>& summaries) {
-  auto number = [](const ErrorStats& st, bool rms, int precision) -> std::string {
-    if (st.count == 0)
-      return "-";
-    std::ostringstream os;
-    os << std::fixed << std::setprecision(precision) << (rms ? st.rms() : st.max);
-    return os.str();
+  auto stat = [](const ErrorStats& st, bool rms, int precision) -> std::string {
+    return st.count == 0 ? "-" : fixed(rms ? st.rms() : st.max, precision);
   };
   const bool anyRelative = std::any_of(summaries.begin(), summaries.end(),
                                        [](const auto& s) { return s.relativeErrorM.count > 0; });
   const bool anyLocalisation = std::any_of(summaries.begin(), summaries.end(), [](const auto& s) {
     return s.localisationM.count > 0 || s.localisationMissing > 0;
   });
-  std::vector<std::string> header{"phase",         "acquire [s]",    "LoS RMS [deg]",
-                                  "LoS max [deg]", "arms RMS [deg]", "arms max [deg]"};
+  auto header = measuresHeader();
   if (anyRelative) {
-    header.push_back("follow RMS [m]");
-    header.push_back("follow max [m]");
+    header[0].insert(header[0].end(), {"follow RMS", "follow max"});
+    header[1].insert(header[1].end(), {"[m]", "[m]"});
   }
   if (anyLocalisation) {
-    header.push_back("pose max [m]");
-    header.push_back("pose max [deg]");
+    header[0].insert(header[0].end(), {"pose max", "pose max"});
+    header[1].insert(header[1].end(), {"[m]", "[deg]"});
   }
-  header.push_back("events");
   std::vector<std::vector<std::string>> rows;
+  std::string events;
   for (const auto& s : summaries) {
-    std::vector<std::string> row{s.name};
-    if (s.acquireSeconds < 0.0) {
-      row.push_back("-");
-    } else {
-      std::ostringstream os;
-      os << std::fixed << std::setprecision(2) << s.acquireSeconds;
-      row.push_back(os.str());
-    }
-    row.push_back(number(s.lineOfSightDeg, true, 2));
-    row.push_back(number(s.lineOfSightDeg, false, 2));
-    row.push_back(number(s.armDeg, true, 2));
-    row.push_back(number(s.armDeg, false, 2));
-    if (anyRelative) {
-      row.push_back(number(s.relativeErrorM, true, 3));
-      row.push_back(number(s.relativeErrorM, false, 3));
-    }
+    auto row = measuresRow(s.measures.name, s.measures);
+    if (anyRelative)
+      row.insert(row.end(), {stat(s.relativeErrorM, true, 3), stat(s.relativeErrorM, false, 3)});
     if (anyLocalisation) {
-      row.push_back(number(s.localisationM, false, 3));
-      row.push_back(number(s.localisationDeg, false, 2));
+      row.insert(row.end(), {stat(s.localisationM, false, 3), stat(s.localisationDeg, false, 2)});
     }
-    std::string events;
-    for (const auto& e : s.events) {
-      events += (events.empty() ? "" : ", ") + e.first + " x" + std::to_string(e.second);
-    }
-    row.push_back(events.empty() ? "-" : events);
     rows.push_back(std::move(row));
+    std::string list;
+    for (const auto& e : s.measures.events)
+      list += (list.empty() ? "" : ", ") + e.first + " x" + std::to_string(e.second);
+    events += "  " + s.measures.name + ": " + (list.empty() ? "none" : list) + "\n";
   }
-  std::vector<std::size_t> width(header.size());
-  for (std::size_t c = 0; c < header.size(); ++c) {
-    width[c] = header[c].size();
-    for (const auto& r : rows)
-      width[c] = std::max(width[c], r[c].size());
+  return table(header, rows) + "Events:\n" + events;
+}
+
+std::string formatSeedSummary(const std::vector<SeedAggregate>& phases) {
+  std::vector<std::vector<std::string>> rows;
+  for (const auto& p : phases) {
+    rows.push_back(measuresRow(p.mean.name + " mean", p.mean));
+    rows.push_back(measuresRow(p.p95.name + " p95", p.p95));
   }
-  std::ostringstream os;
-  auto line = [&](const std::vector<std::string>& cells) {
-    for (std::size_t c = 0; c < cells.size(); ++c) {
-      const bool last = c + 1 == cells.size();
-      if (c == 0) {
-        os << std::left << std::setw(static_cast<int>(width[c])) << cells[c];
-      } else if (last) {
-        os << "  " << cells[c];
-      } else {
-        os << "  " << std::right << std::setw(static_cast<int>(width[c])) << cells[c];
-      }
-    }
-    os << "\n";
-  };
-  line(header);
-  for (const auto& r : rows)
-    line(r);
-  return os.str();
+  return table(measuresHeader(), rows);
 }
 
 }  // namespace Sim

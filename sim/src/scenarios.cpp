@@ -1,11 +1,15 @@
 #include <krsim/scenario.h>
 
+#include <dirent.h>
+#include <algorithm>
+
 #include <cmath>
 #include <fstream>
 #include <sstream>
 
 #include <kr/error.h>
 #include <kr/math/math.h>
+#include <kr/model/kinematics.h>
 #include <kr/model/modelutils.h>
 #include <kr/target/targets.h>
 #include <krsim/simulation.h>
@@ -24,34 +28,6 @@ using Math::Position3D;
 namespace Target = KR::Tracker::Target;
 
 constexpr float kPi = Math::kPi;
-
-/// A target that moves in polar coordinates about the map origin: keyframes of (time,
-/// bearing, distance, height), interpolated linearly in those coordinates and sampled.
-struct Polar {
-  double time;
-  float bearing;   // [rad]
-  float distance;  // [m]
-  float z;         // [m]
-};
-
-Path polarPath(const std::vector<Polar>& keys, double step = 0.05) {
-  Path path;
-  for (std::size_t i = 0; i + 1 < keys.size(); ++i) {
-    const Polar& a = keys[i];
-    const Polar& b = keys[i + 1];
-    const double span = b.time - a.time;
-    const long n = span > 0.0 ? static_cast<long>(std::ceil(span / step - 1e-9)) : 0;
-    for (long k = (i == 0 ? 0 : 1); k <= n; ++k) {
-      const double t = n > 0 ? std::min(b.time, a.time + static_cast<double>(k) * step) : a.time;
-      const float u = span > 0.0 ? static_cast<float>((t - a.time) / span) : 1.0f;
-      const float bearing = a.bearing + (b.bearing - a.bearing) * u;
-      const float distance = a.distance + (b.distance - a.distance) * u;
-      const float z = a.z + (b.z - a.z) * u;
-      path.add(t, {distance * std::cos(bearing), distance * std::sin(bearing), z});
-    }
-  }
-  return path;
-}
 
 std::string quoted(const std::string& s) {
   return "\"" + s + "\"";
@@ -74,25 +50,6 @@ Action call(double time, const std::string& method, const std::string& argument)
 Action registerTarget(double time, const std::string& name, const KRValue& params) {
   return {time, "registerTarget(" + quoted(name) + ", " + params.toString() + ")",
           [name, params](Simulation& s) { s.callTracker("registerTarget", name, params); }};
-}
-
-Action setRelativePosition(double time, const std::array<float, 6>& p) {
-  const std::vector<float> v(p.begin(), p.end());
-  return {time, "setRelativePosition(" + listText(v) + ")",
-          [v](Simulation& s) { s.callTracker("setRelativePosition", KRValue(v)); }};
-}
-
-Action toggleSearch(double time, bool on) {
-  return {time, std::string("toggleSearch(") + (on ? "true" : "false") + ")",
-          [on](Simulation& s) { s.callTracker("toggleSearch", on); }};
-}
-
-Action motionMoveTo(double time, float x, float y, float theta) {
-  std::ostringstream os;
-  os << "KRMotion.moveTo(" << x << ", " << y << ", " << theta << ")";
-  return {time, os.str(), [x, y, theta](Simulation& s) {
-            s.broker().getProxy("KRMotion", 0)->call<void>("moveTo", x, y, theta);
-          }};
 }
 
 Phase phase(const std::string& name, double begin, double end, const std::string& targetName,
@@ -120,163 +77,6 @@ TargetScript target(const std::string& name, const std::string& kind, Path path,
 }
 
 // ---- the scenarios ---------------------------------------------------------------------
-
-/// The small humanoid follows a red ball with its head, then with its whole body pointing both
-/// arms at it; the ball then rolls out of sight behind the robot, which searches and finds it.
-Scenario ballScenario(const ScenarioOptions& o) {
-  Scenario s;
-  s.name = "ball";
-  s.robotFile = resolveRobotFile("kibo");
-  s.duration = 60.0;
-  // At most 0.45 rad/s seen from the robot: under half the head's default velocity limit.
-  s.targets.push_back(target("ball", Target::TargetRedBall,
-                             polarPath({{0.0, 1.3f, 1.5f, 0.3f},
-                                        {2.0, 1.3f, 1.5f, 0.3f},
-                                        {6.0, -0.3f, 1.5f, 0.3f},
-                                        {10.0, -1.5f, 1.5f, 0.3f},
-                                        {16.0, 0.9f, 1.3f, 0.3f},
-                                        {20.0, 0.2f, 1.0f, 0.25f},
-                                        {24.0, -0.6f, 0.9f, 0.35f},
-                                        {32.0, 1.4f, 1.0f, 0.3f},
-                                        {36.0, 0.4f, 0.9f, 0.4f},
-                                        {38.0, 0.0f, 1.0f, 0.3f},
-                                        {39.0, 0.0f, 1.0f, 0.3f},
-                                        {42.0, kPi, 1.3f, 0.3f},
-                                        {60.0, kPi - 0.4f, 1.3f, 0.3f}}),
-                             Layout::Torso));
-  s.targets.back().hidden = {{39.0, 44.5}};
-  const std::string firstMode = pick(o.mode, "Head");
-  const std::string secondMode = pick(o.mode, "WholeBody");
-  s.actions = {registerTarget(0.0, Target::TargetRedBall, KRValue(0.06f)),
-               call(0.0, "setMode", firstMode),
-               call(0.0, "setEffector", pick(o.effector, "None")),
-               toggleSearch(0.0, true),
-               call(0.0, "track", Target::TargetRedBall),
-               call(20.0, "setMode", secondMode),
-               call(20.0, "setEffector", pick(o.effector, "Arms"))};
-  s.description = "ball followed in " + firstMode + " mode, then " + secondMode +
-                  " mode with the " + pick(o.effector, "Arms") +
-                  " effector; lost behind the robot, searched for and found again";
-  Phase head = phase("head tracking", 0.0, 20.0, "ball");
-  Phase body = phase("whole body + arms", 20.0, 38.0, "ball", 6.0);
-  body.arms = {"LArm", "RArm"};
-  body.settleSeconds = 1.0;
-  Phase lost = phase("lost and found", 38.0, 60.0, "ball", 6.0);
-  s.phases = {head, body, lost};
-  return s;
-}
-
-/// Two people sitting on the floor, faces at the small robot's eye level; the nearer leaves
-/// and the robot searches for the other one.
-Scenario faceScenario(const ScenarioOptions& o) {
-  Scenario s;
-  s.name = "face";
-  s.robotFile = resolveRobotFile("kibo");
-  s.duration = 30.0;
-  TargetScript ann = target("Ann", Target::TargetFace,
-                            polarPath({{0.0, 0.3f, 1.4f, 0.8f},
-                                       {8.0, -0.2f, 1.3f, 0.8f},
-                                       {12.0, 0.4f, 1.5f, 0.8f},
-                                       {16.0, 1.2f, 3.5f, 0.8f},
-                                       {30.0, 1.2f, 4.0f, 0.8f}}),
-                            Layout::Torso);
-  TargetScript bob = target(
-      "Bob", Target::TargetFace,
-      polarPath(
-          {{0.0, -0.6f, 2.2f, 0.85f}, {20.0, -0.9f, 2.0f, 0.85f}, {30.0, -0.3f, 2.1f, 0.85f}}),
-      Layout::Torso);
-  ann.maxRange = bob.maxRange = 2.5f;  // a face is too small to detect farther
-  s.targets = {ann, bob};
-  const std::string mode = pick(o.mode, "Head");
-  s.actions = {registerTarget(0.0, Target::TargetFace, KRValue(0.1f)), call(0.0, "setMode", mode),
-               call(0.0, "setEffector", pick(o.effector, "None")), toggleSearch(0.0, true),
-               call(0.0, "track", Target::TargetFace)};
-  s.description =
-      "faces followed in " + mode + " mode; the nearer person leaves, the other is found";
-  s.phases = {phase("Ann", 0.0, 13.0, "Ann"), phase("Bob", 13.0, 30.0, "Bob")};
-  return s;
-}
-
-/// A person walks away and turns; the robot walks after them keeping its distance.
-Scenario peopleScenario(const ScenarioOptions& o) {
-  Scenario s;
-  s.name = "people";
-  s.robotFile = resolveRobotFile("kibo");
-  s.duration = 40.0;
-  Path walk;
-  walk.add(0.0, {1.4f, 0.0f, 0.9f})
-      .add(3.0, {1.4f, 0.0f, 0.9f})
-      .add(13.0, {2.4f, 0.0f, 0.9f})
-      .add(25.0, {2.4f, 1.2f, 0.9f})
-      .add(40.0, {2.4f, 1.2f, 0.9f});
-  s.targets = {target("person", Target::TargetPeople, walk, Layout::World)};
-  const std::array<float, 6> relative{0.9f, 0.0f, 0.0f, 0.15f, 0.15f, 0.3f};
-  const std::string mode = pick(o.mode, "Move");
-  s.actions = {registerTarget(0.0, Target::TargetPeople, KRValue(1)), call(0.0, "setMode", mode),
-               call(0.0, "setEffector", pick(o.effector, "None")),
-               setRelativePosition(0.0, relative), call(0.0, "track", Target::TargetPeople)};
-  s.description = "a walking person followed in " + mode + " mode at 0.9 m";
-  Phase follow = phase("follow", 0.0, 40.0, "person", 5.0);
-  follow.relativePosition = relative;
-  s.phases = {follow};
-  return s;
-}
-
-/// The wheeled robot follows a person across the room by navigating.
-Scenario navigateScenario(const ScenarioOptions& o) {
-  Scenario s;
-  s.name = "navigate";
-  s.robotFile = resolveRobotFile("rover");
-  s.duration = 40.0;
-  Path walk;
-  walk.add(0.0, {2.0f, 0.0f, 1.1f})
-      .add(4.0, {2.0f, 0.0f, 1.1f})
-      .add(14.0, {4.5f, 0.5f, 1.1f})
-      .add(24.0, {4.5f, 3.0f, 1.1f})
-      .add(40.0, {4.5f, 3.0f, 1.1f});
-  s.targets = {target("person", Target::TargetPeople, walk, Layout::World)};
-  const std::array<float, 6> relative{1.2f, 0.0f, 0.0f, 0.2f, 0.2f, 0.3f};
-  const std::string mode = pick(o.mode, "Navigate");
-  s.actions = {registerTarget(0.0, Target::TargetPeople, KRValue(1)), call(0.0, "setMode", mode),
-               call(0.0, "setEffector", pick(o.effector, "None")),
-               setRelativePosition(0.0, relative), call(0.0, "track", Target::TargetPeople)};
-  s.description = "the wheeled robot follows a person in " + mode + " mode at 1.2 m";
-  Phase follow = phase("navigate", 0.0, 40.0, "person", 5.0);
-  follow.relativePosition = relative;
-  s.phases = {follow};
-  return s;
-}
-
-/// Two landmarks at known places relocate a robot whose odometry drifts.
-Scenario landmarksScenario(const ScenarioOptions& o) {
-  Scenario s;
-  s.name = "landmarks";
-  s.robotFile = resolveRobotFile("kibo");
-  s.duration = 30.0;
-  s.startPose = {0.4f, -0.3f, 0.15f};
-  s.odometryDriftLinear = 0.03f;
-  s.odometryDriftAngular = 0.05f;
-  const Position3D a(2.2f, 0.35f, 0.45f);
-  const Position3D b(2.2f, -0.35f, 0.45f);
-  s.targets = {target("landmark A", Target::TargetLandMarks, Path::fixed(a), Layout::Torso),
-               target("landmark B", Target::TargetLandMarks, Path::fixed(b), Layout::Torso)};
-  const KRValue coordinates{KRValue(a.toVector()), KRValue(b.toVector())};
-  const std::string mode = pick(o.mode, "Head");
-  s.actions = {
-      registerTarget(0.0, Target::TargetLandMarks, KRValue{KRValue(0.09f), KRValue{80, 81}}),
-      call(0.0, "setMode", mode),
-      call(0.0, "setEffector", pick(o.effector, "None")),
-      {0.0, "setTargetCoordinates(" + coordinates.toString() + ")",
-       [coordinates](Simulation& sim) { sim.callTracker("setTargetCoordinates", coordinates); }},
-      call(0.0, "track", Target::TargetLandMarks),
-      motionMoveTo(8.0, 0.3f, 0.25f, -0.2f),
-      motionMoveTo(18.0, -0.2f, 0.0f, 0.3f)};
-  s.description = "landmarks at known places relocate the robot (" + mode + " mode)";
-  Phase localise = phase("localisation", 0.0, 30.0, "landmark A", 6.0);
-  localise.measureLocalisation = true;
-  s.phases = {localise};
-  return s;
-}
 
 /// One-shot commands: look at a point behind (the robot turns), then point with each effector.
 Scenario oneShotScenario(const ScenarioOptions& o) {
@@ -339,49 +139,192 @@ Scenario oneShotScenario(const ScenarioOptions& o) {
   return s;
 }
 
+/// Steps of 30 degrees as the camera sees them, on the wheeled robot: its camera's half field
+/// of view (30.9 degrees) keeps a target 30 degrees off its axis in sight, where the small
+/// humanoid's (29.2 degrees) would lose it at each jump. The jumps all go the same way: the
+/// head stops a little past each target (the looker's dead band), which shortens the next
+/// jump in that direction, where a jump back would be lengthened out of the field of view.
+Scenario stepScenario(const ScenarioOptions& o) {
+  Scenario s;
+  s.name = "step";
+  s.robotFile = resolveRobotFile("rover");
+  const int steps = 4;
+  const double period = 4.0;
+  s.duration = (steps + 1) * period;
+  auto robot = Model::ModelUtils::robotFromFile(s.robotFile);
+  const auto& head = robot->trackerModel().head;
+  // The camera sits ahead of the yaw axis: the jump about the axis that the camera, on the
+  // target, sees as 30 degrees, for targets on a circle about the axis at the camera's height.
+  const Position3D camera = Model::headEffectorPose(head, 0, 0.0f, 0.0f).translation();
+  const float forward = camera.x - head.headPosition.x;
+  const float radius = 4.0f;
+  const float want = 30.0f * kPi / 180.0f;
+  float jump = want;
+  for (int i = 0; i < 50; ++i)
+    jump -= std::atan2(radius * std::sin(jump), radius * std::cos(jump) - forward) - want;
+  const float z = robot->getTorsoHeight() + camera.z;
+  const auto at = [&](float bearing) {
+    return Position3D(head.headPosition.x + radius * std::cos(bearing), radius * std::sin(bearing),
+                      z);
+  };
+  float bearing = -0.5f * jump;
+  Path path;
+  path.add(0.0, at(bearing));
+  for (int k = 1; k <= steps; ++k) {
+    path.add(k * period + 0.004, at(bearing));
+    bearing += jump;
+    path.add(k * period + 0.005, at(bearing));
+  }
+  path.add(s.duration, at(bearing));
+  TargetScript ball = target("ball", Target::TargetRedBall, path, Layout::World);
+  ball.maxRange = 6.0f;
+  s.targets = {ball};
+  const std::string mode = pick(o.mode, "Head");
+  s.modeText = mode;
+  s.actions = {registerTarget(0.0, Target::TargetRedBall, KRValue(0.06f)),
+               call(0.0, "setMode", mode), call(0.0, "setEffector", pick(o.effector, "None")),
+               call(0.0, "track", Target::TargetRedBall)};
+  s.description = "a ball jumps 30 degrees to the left every 4 s and stays (" + mode + " mode)";
+  s.phases = {phase("settle", 0.0, period, "ball")};
+  for (int k = 1; k <= steps; ++k) {
+    Phase p = phase("step " + std::to_string(k), k * period, (k + 1) * period, "ball");
+    p.step = true;
+    s.phases.push_back(p);
+  }
+  return s;
+}
+
 struct Entry {
   const char* name;
   const char* description;
   Scenario (*make)(const ScenarioOptions&);
 };
 
+/// The scenarios whose geometry is computed from the robot description; the others are files
+/// of scenarios/.
 const Entry kScenarios[] = {
-    {"ball", "red ball: head, then whole body with both arms; lost behind, searched, found",
-     ballScenario},
-    {"face", "faces of two seated people; the nearer leaves", faceScenario},
-    {"people", "a walking person followed in Move mode", peopleScenario},
-    {"navigate", "a person followed across the room by the wheeled robot (Navigate)",
-     navigateScenario},
-    {"landmarks", "two landmarks at known places relocate a drifting robot", landmarksScenario},
     {"oneshot", "lookAtAndMove to a point behind, then pointAt with each effector",
      oneShotScenario},
+    {"step", "a ball jumps 30 degrees sideways and stays, four times (wheeled robot)",
+     stepScenario},
 };
+
+/// The YAML files of scenarios/, "ball" first.
+std::vector<std::string> scenarioFiles() {
+  std::vector<std::string> names;
+  const std::string dir = findDataFile("scenarios");
+  if (dir.empty())
+    return names;
+  if (DIR* d = ::opendir(dir.c_str())) {
+    while (const dirent* e = ::readdir(d)) {
+      const std::string n = e->d_name;
+      if (n.size() > 5 && n.compare(n.size() - 5, 5, ".yaml") == 0)
+        names.push_back(n.substr(0, n.size() - 5));
+    }
+    ::closedir(d);
+  }
+  std::sort(names.begin(), names.end(), [](const std::string& a, const std::string& b) {
+    return (a != "ball") != (b != "ball") ? a == "ball" : a < b;
+  });
+  return names;
+}
+
+bool isPath(const std::string& name) {
+  return name.find('/') != std::string::npos ||
+         (name.size() > 5 && name.compare(name.size() - 5, 5, ".yaml") == 0) ||
+         (name.size() > 4 && name.compare(name.size() - 4, 4, ".yml") == 0);
+}
 
 }  // namespace
 
 std::vector<ScenarioInfo> listScenarios() {
   std::vector<ScenarioInfo> out;
+  for (const auto& name : scenarioFiles()) {
+    std::string description;
+    try {
+      description = loadScenarioFile(findDataFile("scenarios/" + name + ".yaml"), {}).description;
+    } catch (const KRError& e) {
+      description = "(unreadable: " + e.message() + ")";
+    }
+    out.push_back({name, description});
+  }
   for (const auto& e : kScenarios)
     out.push_back({e.name, e.description});
   return out;
 }
 
-Scenario makeScenario(const std::string& name, const ScenarioOptions& options) {
+namespace {
+
+Scenario buildScenario(const std::string& name, const ScenarioOptions& options) {
+  if (isPath(name))
+    return loadScenarioFile(name, options);
+  const std::string file = findDataFile("scenarios/" + name + ".yaml");
+  if (!file.empty())
+    return loadScenarioFile(file, options);
   for (const auto& e : kScenarios) {
-    if (name != e.name)
-      continue;
-    Scenario s = e.make(options);
-    if (!options.robotFile.empty())
-      s.robotFile = options.robotFile;
-    if (options.duration > 0.0)
-      s.duration = options.duration;
-    return s;
+    if (name == e.name) {
+      Scenario s = e.make(options);
+      if (!options.robotFile.empty())
+        s.robotFile = options.robotFile;
+      return s;
+    }
   }
   std::string names;
-  for (const auto& e : kScenarios)
-    names += (names.empty() ? "" : ", ") + std::string(e.name);
+  for (const auto& s : listScenarios())
+    names += (names.empty() ? "" : ", ") + s.name;
   throw KRError("krsim", "makeScenario",
                 "unknown scenario '" + name + "' (scenarios: " + names + ")");
+}
+
+}  // namespace
+
+Scenario makeScenario(const std::string& name, const ScenarioOptions& options) {
+  Scenario s = buildScenario(name, options);
+  if (options.duration > s.duration + 1e-9 && !s.openEnded) {
+    std::ostringstream os;
+    os << "--duration " << options.duration << " is past the end of scenario " << s.name
+       << "'s script (" << s.duration << " s): it is refused rather than repeated; give at most "
+       << s.duration << " s, or run pursuit, whose script has no end";
+    throw KRError("krsim", "makeScenario", os.str());
+  }
+  if (options.duration > 0.0)
+    s.duration = options.duration;
+  for (auto& p : s.phases)
+    p.end = std::min(p.end, s.duration);
+  s.phases.erase(std::remove_if(s.phases.begin(), s.phases.end(),
+                                [&](const Phase& p) { return p.begin >= s.duration; }),
+                 s.phases.end());
+  // A robot that cannot point runs the scenario to its end without the pointing.
+  std::unique_ptr<Model::Robot> robot;
+  try {
+    robot = Model::ModelUtils::robotFromFile(s.robotFile);
+  } catch (const std::exception&) {
+    return s;  // the caller reports the robot file
+  }
+  if (!robot->canPointAt()) {
+    for (auto& p : s.phases) {
+      if (p.arms.empty())
+        continue;
+      p.arms.clear();
+      s.notes.push_back(robot->getName() + " cannot point: phase '" + p.name +
+                        "' measures no arms");
+    }
+    const auto before = s.actions.size();
+    s.actions.erase(
+        std::remove_if(s.actions.begin(), s.actions.end(),
+                       [](const Action& a) { return a.description.rfind("pointAt(", 0) == 0; }),
+        s.actions.end());
+    if (s.actions.size() != before) {
+      s.notes.push_back(robot->getName() + " cannot point: " +
+                        std::to_string(before - s.actions.size()) + " pointAt call(s) skipped");
+    }
+  }
+  return s;
+}
+
+std::string findDataFile(const std::string& relative) {
+  const std::string path = std::string(KRTRACKER_ROBOTS_DIR) + "/../" + relative;
+  return std::ifstream(path).good() ? path : std::string();
 }
 
 std::string resolveRobotFile(const std::string& nameOrPath) {

@@ -5,6 +5,8 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <csignal>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -97,12 +99,39 @@ TEST(CommandLineErrors, EachBadOptionIsNamedAndNothingIsWritten) {
       // A later bad option after good ones still refuses the whole line.
       {{"--seed", "3", "--duration", "2", "--frobnicate"}, {"'--frobnicate'"}},
       {{"--robot", dir + "/missing.xml"}, {"cannot load robot", dir + "/missing.xml"}},
+      // New options: values out of their range, non-finite, of the wrong kind.
+      {{"--latency", "nan"}, {"--latency", "'nan'"}},
+      {{"--latency", "-0.1"}, {"--latency", "0 to 10"}},
+      {{"--dropout", "1.5"}, {"--dropout", "probability"}},
+      {{"--camera-rate", "0"}, {"--camera-rate", "above 0"}},
+      {{"--camera-rate", "inf"}, {"--camera-rate", "'inf'"}},
+      {{"--compensation", "maybe"}, {"--compensation", "'maybe'"}},
+      {{"--compare", "latency"}, {"--compare", "'latency'"}},
+      {{"--seeds", "5-2"}, {"--seeds", "'5-2'"}},
+      {{"--seeds", "1-x"}, {"--seeds", "'1-x'"}},
+      {{"--physics", "bullet"}, {"--physics", "bullet"}},
+      // A duration the run cannot hold, or past the end of the script (refused, not repeated).
+      {{"--duration", "1e9"}, {"--duration", "longest run"}},
+      {{"--duration", "61"}, {"past the end", "ball", "60 s", "refused rather than repeated"}},
+      // A scenario that needs a mode the robot lacks: refused, not run in another mode.
+      {{"--scenario", "navigate", "--robot", "kibo"}, {"Navigate", "Kibo"}},
+      // Inputs that are not regular files.
+      {{"--robot", "/dev/zero"}, {"robot", "/dev/zero", "not a regular file"}},
+      {{"--robot", dir}, {"robot", "not a regular file"}},
+      {{"--scenario", "/dev/null"}, {"scenario", "not a regular file"}},
+      // Outputs: an input, twice the same file, a folder that cannot be written.
+      {{"--csv", dir + "/x.csv", "--plot", dir + "/x.png", "--json", dir + "/x.csv"},
+       {"--json", "also the file of --csv"}},
+      {{"--csv", KRTRACKER_ROBOTS_DIR "/kibo.xml", "--plot", dir + "/x.png"},
+       {"--csv", "kibo.xml", "input"}},
+      {{"--csv", "/proc/krtracker/run.csv", "--plot", dir + "/x.png"}, {"--csv", "cannot write"}},
+      {{"--snapshots", "/proc/krtracker"}, {"--snapshots", "not a folder that can be written"}},
       // The angles dry run.
       {{"angles", "--robot", "kibo", "--look-at", "1", "x", "0"}, {"--look-at", "'x'"}},
       {{"angles", "--robot", "kibo", "--look-at", "1e39", "0", "0"}, {"--look-at", "'1e39'"}},
       {{"angles", "--robot", "kibo", "--point-at", "RArm", "1", "-4e38", "0"},
        {"--point-at", "'-4e38'"}},
-      {{"angles", "--robot", "kibo", "--point-at", "Arms", "1", "0"}, {"--point-at", "value"}},
+      {{"angles", "--robot", "kibo", "--point-at", "Arms", "1", "0"}, {"--point-at", "4 values"}},
       {{"angles", "--robot", "kibo", "--look-at", "1", "0", "0", "--effector-id", "3"},
        {"--effector-id"}},
       {{"angles", "--robot", "kibo", "--point-at", "LArm", "1", "0", "0", "--whole-body"},
@@ -114,7 +143,9 @@ TEST(CommandLineErrors, EachBadOptionIsNamedAndNothingIsWritten) {
   };
   for (const auto& c : cases) {
     std::vector<std::string> args = c.args;
-    if (args.empty() || args[0] != "angles") {
+    const bool ownOutputs = std::find(args.begin(), args.end(), "--plot") != args.end() &&
+                            std::find(args.begin(), args.end(), "--csv") != args.end();
+    if ((args.empty() || args[0] != "angles") && !ownOutputs) {
       args.insert(args.begin(), outputs.begin(), outputs.end());
     }
     std::string line;
@@ -174,6 +205,51 @@ TEST(CommandLineErrors, BadRobotDescriptionsNameTheFileAndTheLine) {
     expectOneLineRefusal(run({"angles", "--robot", file, "--look-at", "1", "0", "0"}), fragments,
                          outputs);
   }
+}
+
+// A big robot description is refused before it is read.
+TEST(CommandLineErrors, AnOversizedRobotDescriptionIsRefused) {
+  const std::string dir = freshDirectory("big");
+  const std::string outputs = freshDirectory("big_outputs");
+  const std::string file = dir + "/big.xml";
+  std::ofstream(file) << krtest::readRobotFile("kibo.xml") << "<!--" << std::string(2 << 20, 'x')
+                      << "-->\n";
+  expectOneLineRefusal(
+      run({"--robot", file, "--csv", outputs + "/run.csv", "--plot", outputs + "/run.png"}),
+      {"robot", file, "bytes"}, outputs);
+}
+
+// SIGTERM in the middle of a run: it stops, measures what ran, flushes the CSV and the JSON
+// and exits non-zero. The signal is raised from the hook of the second phase's start.
+TEST(CommandLineErrors, ASignalStopsTheRunWithEverythingMeasuredSoFarWritten) {
+  const std::string dir = freshDirectory("signal");
+  KR::Sim::RunHooks hooks;
+  hooks.snapshot = [](const std::string&, const std::string& label) {
+    if (label == "whole body + arms")
+      std::raise(SIGTERM);
+  };
+  std::ostringstream out;
+  std::ostringstream err;
+  const int code = KR::Sim::runCommandLine({"--quiet", "--csv", dir + "/run.csv", "--json",
+                                            dir + "/run.json", "--snapshots", dir + "/pictures"},
+                                           out, err, &KR::Sim::createTrackerModules, hooks);
+  EXPECT_EQ(code, 128 + SIGTERM) << err.str();
+  EXPECT_NE(out.str().find("Stopped by signal"), std::string::npos) << out.str();
+  EXPECT_NE(out.str().find("head tracking"), std::string::npos);
+  std::ifstream csv(dir + "/run.csv");
+  std::string line;
+  std::string last;
+  int rows = -1;
+  while (std::getline(csv, line)) {
+    ++rows;
+    last = line;
+  }
+  EXPECT_EQ(rows, 2001);  // 20 s, and the step in which the signal came
+  std::ifstream json(dir + "/run.json");
+  std::stringstream text;
+  text << json.rdbuf();
+  EXPECT_NE(text.str().find("\"simulated_s\": 20.01"), std::string::npos) << text.str();
+  EXPECT_NE(text.str().find("\"name\": \"whole body + arms\""), std::string::npos);
 }
 
 }  // namespace

@@ -1,3 +1,5 @@
+#include <sys/stat.h>
+
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -48,13 +50,14 @@ TEST(CommandLineTest, BadInputGivesOneClearLineAndExitCodeTwo) {
       {{"--mode", "Walk"}, "--mode expects one of Head, WholeBody, Move, Navigate, not 'Walk'"},
       {{"--effector", "Leg"}, "--effector expects one of Arms, LArm, RArm, None, not 'Leg'"},
       {{"--scenario", "dance"},
-       "unknown scenario 'dance' (scenarios: ball, face, people, navigate, landmarks, oneshot)"},
+       "unknown scenario 'dance' (scenarios: ball, face, landmarks, navigate, people, pursuit, "
+       "oneshot, step)"},
       {{"--mode", "Navigate"}, "mode Navigate needs a robot of type 1; Kibo is of type 0"},
       {{"angles", "--look-at", "1", "0", "0"}, "angles needs --robot FILE"},
       {{"angles", "--robot", "kibo"}, "angles needs either --look-at X Y Z or --point-at"},
       {{"angles", "--robot", "kibo", "--point-at", "None", "1", "0", "0"},
        "--point-at expects one of Arms, LArm, RArm, not 'None'"},
-      {{"angles", "--robot", "kibo", "--look-at", "1", "0"}, "option --look-at needs a value"},
+      {{"angles", "--robot", "kibo", "--look-at", "1", "0"}, "option --look-at needs 3 values"},
   };
   for (const auto& c : cases) {
     const Result r = run(c.args);
@@ -137,6 +140,93 @@ TEST(CommandLineTest, ARunWithoutTrackingServiceFailsWithOneLine) {
   EXPECT_EQ(r.err.rfind("krtracker-sim: ", 0), 0u);
   EXPECT_NE(r.err.find("KRTracker"), std::string::npos) << r.err;
   EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+}
+
+Result runWithTracker(const std::vector<std::string>& args) {
+  std::ostringstream out;
+  std::ostringstream err;
+  const int code = runCommandLine(args, out, err, &KR::Sim::createTrackerModules);
+  return {code, out.str(), err.str()};
+}
+
+std::string readFile(const std::string& path) {
+  std::stringstream text;
+  text << std::ifstream(path).rdbuf();
+  return text.str();
+}
+
+// One run: the JSON summary has the documented keys in order, null where a measure does not
+// apply; nothing is left of gnuplot on the terminal.
+TEST(CommandLineTest, TheJsonSummaryFollowsTheSchema) {
+  const std::string dir = ::testing::TempDir() + "/krtracker_json";
+  const Result r = runWithTracker({"--scenario", "step", "--quiet", "--csv", dir + "/step.csv",
+                                   "--plot", dir + "/step.png", "--json", dir + "/step.json"});
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(r.err, "");
+  const std::string json = readFile(dir + "/step.json");
+  std::size_t at = 0;
+  for (const char* key : {"scenario",       "robot",         "seed",          "physics",
+                          "transport",      "latency_s",     "compensation",  "simulated_s",
+                          "cpu_s",          "phases",        "name",          "time_to_on_target_s",
+                          "los_rms_deg",    "los_p95_deg",   "los_max_deg",   "los_bias_deg",
+                          "los_jitter_deg", "on_target_pct", "overshoot_deg", "settling_s",
+                          "arms_rms_deg",   "events"}) {
+    const auto next = json.find("\"" + std::string(key) + "\":", at);
+    ASSERT_NE(next, std::string::npos) << key << " missing or out of order in " << json;
+    at = next;
+  }
+  EXPECT_NE(json.find("\"transport\": \"inproc\""), std::string::npos);
+  EXPECT_NE(json.find("\"arms_rms_deg\": null"), std::string::npos);  // effector None
+  EXPECT_NE(json.find("\"name\": \"step 4\""), std::string::npos);
+  struct stat png {};
+  ASSERT_EQ(::stat((dir + "/step.png").c_str(), &png), 0);
+  EXPECT_GT(png.st_size, 10000);
+}
+
+// Many seeds, and compensation on against off: a mean and a p95 row per phase, both in the
+// table and in the JSON, with each seed's own summary kept.
+TEST(CommandLineTest, SeedsAndComparisonsAggregateEveryMeasure) {
+  const std::string json = ::testing::TempDir() + "/krtracker_seeds.json";
+  const Result seeds =
+      runWithTracker({"--scenario", "step", "--seeds", "3-5", "--json", json, "--quiet"});
+  ASSERT_EQ(seeds.code, 0) << seeds.err;
+  EXPECT_NE(seeds.out.find("seeds 3-5"), std::string::npos) << seeds.out;
+  EXPECT_NE(seeds.out.find("\nstep 2 mean "), std::string::npos) << seeds.out;
+  EXPECT_NE(seeds.out.find("\nstep 2 p95 "), std::string::npos) << seeds.out;
+  const std::string text = readFile(json);
+  EXPECT_NE(text.find("\"seeds\": {\n    \"first\": 3,\n    \"last\": 5\n  }"), std::string::npos)
+      << text;
+  EXPECT_NE(text.find("\"los_rms_deg\": {\n        \"mean\": "), std::string::npos) << text;
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n') > 100, true);
+  std::size_t runs = 0;
+  for (auto at = text.find("\"seed\": "); at != std::string::npos;
+       at = text.find("\"seed\": ", at + 1))
+    ++runs;
+  EXPECT_EQ(runs, 4u);  // the aggregate's null and the three seeds
+
+  const Result compare =
+      runWithTracker({"--scenario", "step", "--compare", "compensation", "--json", json});
+  ASSERT_EQ(compare.code, 0) << compare.err;
+  const auto on = compare.out.find("Compensation on");
+  const auto off = compare.out.find("Compensation off");
+  ASSERT_NE(on, std::string::npos);
+  ASSERT_NE(off, std::string::npos);
+  EXPECT_LT(on, off);
+  const std::string both = readFile(json);
+  EXPECT_EQ(both.front(), '[');
+  EXPECT_NE(both.find("\"compensation\": true"), std::string::npos);
+  EXPECT_NE(both.find("\"compensation\": false"), std::string::npos);
+}
+
+// A run that simulates nothing draws no picture.
+TEST(CommandLineTest, NothingSimulatedDrawsNoPlot) {
+  const std::string dir = ::testing::TempDir() + "/krtracker_empty";
+  const Result r = runWithTracker(
+      {"--duration", "0.001", "--quiet", "--csv", dir + "/e.csv", "--plot", dir + "/e.png"});
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_NE(r.out.find("Plot: not drawn, nothing was simulated"), std::string::npos) << r.out;
+  struct stat png {};
+  EXPECT_NE(::stat((dir + "/e.png").c_str(), &png), 0);
 }
 
 }  // namespace

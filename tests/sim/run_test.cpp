@@ -42,6 +42,7 @@ class RunTest : public ::testing::Test {
                inTorso, model, KR::Model::TRACK_EFFECTOR_CAMERA_TOP, false, names, angles));
            KR::Tracker::tools::computePointAtAngles(inTorso, model.leftArm, names, angles);
            sim.motion().setAngles(names, angles, {1.0f});
+           sim.memory().raiseEvent("KRTracker/TargetDetected", KR::KRValue(true));
          }},
         {2.0, "events", [](Simulation& sim) {
            sim.memory().raiseEvent("KRTracker/TargetLost", KR::KRValue(true));
@@ -53,7 +54,7 @@ class RunTest : public ::testing::Test {
     look.begin = 0.0;
     look.end = 3.0;
     look.target = "ball";
-    look.arms = {"LArm", "RArm"};
+    look.arms = {"LArm"};  // the effector commands the left arm only
     look.settleSeconds = 1.5;
     s.phases = {look};
     return s;
@@ -62,43 +63,48 @@ class RunTest : public ::testing::Test {
   static inline const Position3D kBall{1.0f, 0.4f, 0.3f};
 };
 
-TEST_F(RunTest, AcquisitionLineOfSightPointingAndEventsAreMeasuredPerPhase) {
+TEST_F(RunTest, MeasuresComeFromEverySampleInViewAndTheTrackersOwnState) {
   std::vector<std::string> progress;
+  std::vector<KR::Sim::Sample> samples;
+  std::vector<std::string> hooks;
   ScenarioRun run(scenario(), KR::Sim::SimulationConfig());
   run.setProgress([&](const std::string& line) { progress.push_back(line); }, 1.0);
+  run.setSampleObserver([&](const KR::Sim::Sample& s) { samples.push_back(s); });
+  run.setPhaseHook([&](const std::string& label) { hooks.push_back(label); });
   run.runToEnd();
   EXPECT_FALSE(run.step());
-  ASSERT_EQ(run.samples().size(), 300u);
+  ASSERT_EQ(samples.size(), 300u);
+  EXPECT_EQ(hooks, (std::vector<std::string>{"look", "end"}));
 
   const auto summaries = run.summaries();
   ASSERT_EQ(summaries.size(), 1u);
-  const auto& look = summaries[0];
-  // In view from the start; on target once the head has turned, a few steps after 1 s.
-  EXPECT_GT(look.acquireSeconds, 1.0);
-  EXPECT_LT(look.acquireSeconds, 1.15);
-  EXPECT_LT(look.lineOfSightDeg.max, 3.0);  // acquired below 3 degrees, then converging
-  EXPECT_LT(run.samples().back().lineOfSightDeg, 0.05);
-  // Tracked from acquisition to the end, except while hidden.
-  EXPECT_NEAR(static_cast<double>(look.lineOfSightDeg.count), 300 - 100 * look.acquireSeconds - 50,
-              2.0);
-  // The left arm points exactly; the right arm is not commanded but the ball is in its reach.
-  EXPECT_EQ(look.armDeg.count, 2u * 101u);  // 1.50 s to 3.00 s, less the hidden 2.00 to 2.49 s
-  EXPECT_GT(look.armDeg.max, 30.0);
-  double leftMax = 0.0;
-  for (const auto& s : run.samples())
-    leftMax = std::max(leftMax, double(s.leftArmDeg));
-  EXPECT_LT(leftMax, 0.05);
-  // Observations and the smoother's streams are not counted.
-  ASSERT_EQ(look.events.size(), 1u);
-  EXPECT_EQ(look.events[0], std::make_pair(std::string("KRTracker/TargetLost"), std::size_t{1}));
-
-  const auto at = [&](double t) { return run.samples()[static_cast<std::size_t>(t * 100) - 1]; };
-  EXPECT_FALSE(at(0.5).tracked);
-  EXPECT_TRUE(at(0.5).perceived);
-  EXPECT_TRUE(at(1.5).tracked);
+  const auto& look = summaries[0].measures;
+  // In view from the start, on target once the head has turned a few steps after 1 s; the
+  // occlusion at 2 s keeps the camera on the ball, so no wait follows it.
+  ASSERT_TRUE(look.timeToOnTargetS && look.losMaxDeg && look.onTargetPct && look.armsRmsDeg);
+  EXPECT_GT(*look.timeToOnTargetS, 1.0);
+  EXPECT_LT(*look.timeToOnTargetS, 1.15);
+  // Every sample in view counts, the second before the head turned too.
+  double firstError = samples.front().lineOfSightDeg;
+  EXPECT_NEAR(*look.losMaxDeg, firstError, 1e-4);
+  EXPECT_GT(firstError, 20.0);
+  EXPECT_NEAR(*look.onTargetPct, 100.0 * (3.0 - *look.timeToOnTargetS) / 3.0, 0.5);
+  EXPECT_LT(samples.back().lineOfSightDeg, 0.05);
+  // Only the commanded left arm, only while the tracker tracks (detection at 1 s, loss at 2 s)
+  // and once the arms have risen (1.5 s).
+  EXPECT_LT(*look.armsRmsDeg, 0.05);
+  const auto at = [&](double t) { return samples[static_cast<std::size_t>(t * 100) - 1]; };
+  for (const auto& s : samples) {
+    EXPECT_EQ(s.rightArmDeg, -1.0f);
+    EXPECT_EQ(s.leftArmDeg >= 0.0f, s.time > 1.495 && s.time < 2.005) << s.time;
+    EXPECT_EQ(s.tracked, s.time > 1.005 && s.time < 2.005) << s.time;
+  }
   EXPECT_TRUE(at(2.2).inView);
   EXPECT_FALSE(at(2.2).perceived);
-  EXPECT_TRUE(at(2.8).tracked);
+  EXPECT_TRUE(at(2.8).perceived);
+  // Observations and the smoother's streams are not counted.
+  EXPECT_EQ(look.events, (std::vector<std::pair<std::string, std::size_t>>{
+                             {"KRTracker/TargetDetected", 1}, {"KRTracker/TargetLost", 1}}));
 
   EXPECT_NE(std::find(progress.begin(), progress.end(), "[   1.00 s] aim"), progress.end());
   EXPECT_NE(std::find(progress.begin(), progress.end(), "[   2.00 s] event KRTracker/TargetLost"),
@@ -107,15 +113,25 @@ TEST_F(RunTest, AcquisitionLineOfSightPointingAndEventsAreMeasuredPerPhase) {
     EXPECT_EQ(line.find("ObjectLookAt"), std::string::npos);
 }
 
-TEST_F(RunTest, CsvHasOneLinePerStepAndTheSummaryOneRowPerPhase) {
+TEST_F(RunTest, CsvIsStreamedOneLinePerStepAndTheTableListsEventsBelow) {
   ScenarioRun run(scenario(), KR::Sim::SimulationConfig());
-  run.runToEnd();
   std::ostringstream csv;
-  run.writeCsv(csv);
+  run.setCsv(&csv);
+  std::size_t streamed = 0;
+  run.setSampleObserver([&](const KR::Sim::Sample& s) {
+    // Each line is out as soon as its step is done.
+    const std::string text = csv.str();
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), static_cast<long>(++streamed) + 1)
+        << s.time;
+  });
+  run.runToEnd();
   std::istringstream lines(csv.str());
   std::string line;
   ASSERT_TRUE(std::getline(lines, line));
-  EXPECT_EQ(line, ScenarioRun::csvHeader());
+  EXPECT_EQ(line, run.csvHeader());
+  // Every joint commanded and measured.
+  for (const std::string joint : {"HeadYaw", "LShoulderPitch", "RElbowRoll"})
+    EXPECT_NE(line.find(",cmd_" + joint + "," + joint), std::string::npos) << line;
   const auto columns = std::count(line.begin(), line.end(), ',');
   int rows = 0;
   while (std::getline(lines, line)) {
@@ -125,21 +141,23 @@ TEST_F(RunTest, CsvHasOneLinePerStepAndTheSummaryOneRowPerPhase) {
       EXPECT_EQ(line.rfind("1.50,look,0.0000,0.0000,0.0000,", 0), 0u) << line;
       EXPECT_NE(line.find(",1,1,1,"), std::string::npos) << line;  // in view, perceived, tracked
     }
+    if (rows == 101) {
+      EXPECT_NE(line.find(",TargetDetected,"), std::string::npos) << line;
+    }
   }
   EXPECT_EQ(rows, 300);
 
-  const std::string table = KR::Sim::formatSummary(run.summaries());
-  std::istringstream tableLines(table);
-  std::string header;
-  std::string row;
-  ASSERT_TRUE(std::getline(tableLines, header));
-  ASSERT_TRUE(std::getline(tableLines, row));
-  EXPECT_EQ(header.rfind("phase  acquire [s]  LoS RMS [deg]  LoS max [deg]", 0), 0u) << header;
-  EXPECT_EQ(header.find("follow"), std::string::npos);  // no phase measures it
-  EXPECT_EQ(row.rfind("look ", 0), 0u) << row;
-  EXPECT_EQ(row.substr(row.size() - std::string("KRTracker/TargetLost x1").size()),
-            "KRTracker/TargetLost x1");
-  EXPECT_FALSE(std::getline(tableLines, row));
+  std::istringstream table(KR::Sim::formatSummary(run.summaries()));
+  std::vector<std::string> rowsOut;
+  while (std::getline(table, line))
+    rowsOut.push_back(line);
+  ASSERT_EQ(rowsOut.size(), 5u);
+  EXPECT_EQ(rowsOut[0].rfind("phase  on target  LoS RMS", 0), 0u) << rowsOut[0];
+  EXPECT_EQ(rowsOut[0].find("follow"), std::string::npos);  // no phase measures it
+  EXPECT_LE(rowsOut[0].size(), 110u);
+  EXPECT_EQ(rowsOut[2].rfind("look ", 0), 0u) << rowsOut[2];
+  EXPECT_EQ(rowsOut[3], "Events:");
+  EXPECT_EQ(rowsOut[4], "  look: KRTracker/TargetDetected x1, KRTracker/TargetLost x1");
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 // it, or ("angles") prints the joint angles that the library computes for a point without
 // simulating anything. Kept in the library so that tests drive it like the program does.
 
+#include <functional>
 #include <iosfwd>
 #include <string>
 #include <vector>
@@ -12,12 +13,21 @@
 namespace KR {
 namespace Sim {
 
-/// Exit codes: 0 success, 1 failure while running (plot not drawn, file not written),
-/// 2 bad command line or robot description. Errors are one line on `err`.
-int runCommandLine(const std::vector<std::string>& args, std::ostream& out, std::ostream& err,
-                   const SubModuleFactory& modules);
+/// What the program around the command line may plug in.
+struct RunHooks {
+  /// Called at each phase boundary of a single run (the phase's name, "end" at the end) when
+  /// --snapshots is given, e.g. to store a picture of the scene in that folder.
+  std::function<void(const std::string& folder, const std::string& label)> snapshot;
+};
 
-/// The usage text of --help.
+/// Exit codes: 0 success, 1 failure while running (plot not drawn, file not written),
+/// 2 bad command line, robot description or scenario file, 128 + the signal's number when
+/// SIGINT or SIGTERM stopped the run (what ran is measured and written). Errors are one line
+/// on `err`.
+int runCommandLine(const std::vector<std::string>& args, std::ostream& out, std::ostream& err,
+                   const SubModuleFactory& modules, const RunHooks& hooks = {});
+
+/// The usage text of --help (the main command, then angles).
 std::string usage();
 
 }  // namespace Sim

@@ -1,18 +1,16 @@
 #pragma once
 // ScenarioRun: plays a scenario on a simulation and measures it. Each step it records a
-// sample (robot, head, the current phase's target, line-of-sight and pointing errors) and it
-// sums every phase up at the end.
+// sample (robot, joints commanded and measured, the current phase's target, the observation
+// as the tracker received it, the tracker's state, line-of-sight and pointing errors), streams
+// it to the CSV if one is given, and feeds it to the phase's meter (krsim/measures.h); nothing
+// grows with the length of the run.
 //
-// Measures:
 // - line of sight: angle between the x axis of the head camera that the world uses and the
 //   direction from that camera to the target;
-// - acquisition: the target is on target once perceived and within the phase's
-//   acquireDegrees; "time to acquire" runs from the moment the target was last perceived
-//   anew to the first acquisition of the phase. It is "tracked" from then on while perceived;
+// - tracked: the tracker's own state, from its events: a detection since its last loss;
 // - pointing: angle between a forearm's x axis and the direction from the elbow to the
-//   target, counted once the phase has settled, while the target is tracked (or, in one-shot
-//   phases, at any time) and lies within the arm's reach (its shoulder angles toward the
-//   target within limits);
+//   target, for the arms the phase's effector commands, once the phase has settled, while
+//   the target lies within the arm's reach (its shoulder angles toward it within limits);
 // - relative position: the target in the robot frame against the requested offset;
 // - localisation: the tracker's landmark-based robot position against the true pose, asked
 //   once per second.
@@ -22,10 +20,12 @@
 #include <iosfwd>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include <krsim/measures.h>
 #include <krsim/scenario.h>
 #include <krsim/simulation.h>
 
@@ -44,8 +44,9 @@ struct Sample {
   float bearingPitch = 0.0f;  // positive looks down, like the head pitch [rad]
   bool inView = false;
   bool perceived = false;
-  bool tracked = false;
+  bool tracked = false;  // the tracker's state: detected since its last loss
   float lineOfSightDeg = 0.0f;
+  float horizontalDeg = 0.0f;    // signed horizontal part, positive: target to the left
   float leftArmDeg = -1.0f;      // -1: not measured
   float rightArmDeg = -1.0f;     // -1: not measured
   float relativeErrorM = -1.0f;  // -1: not measured
@@ -60,72 +61,93 @@ struct ErrorStats {
   double rms() const;
 };
 
+/// The measures of a phase (krsim/measures.h) and the follow and localisation figures of the
+/// phases that ask for them.
 struct PhaseSummary {
-  std::string name;
+  PhaseMeasures measures;
   double begin = 0.0;
   double end = 0.0;
-  double acquireSeconds = -1.0;  // -1: never acquired
-  ErrorStats lineOfSightDeg;
-  ErrorStats armDeg;
   ErrorStats relativeErrorM;
   ErrorStats localisationM;
   ErrorStats localisationDeg;
   std::size_t localisationMissing = 0;  // answers without a position
-  /// Events raised during the phase, in order of first appearance; observations and the
-  /// smoother's per-step streams (Namer::getNameLooker(), getNameMove()) are left out.
-  std::vector<std::pair<std::string, std::size_t>> events;
 };
 
 class ScenarioRun {
  public:
   using Progress = std::function<void(const std::string& line)>;
+  using PhaseHook = std::function<void(const std::string& label)>;
 
   /// Builds the simulation for the scenario (robot, start pose, drift, targets); `base`
-  /// gives the seed, the noise and the sub-module factory.
+  /// gives the seed, the noise, the perception settings and the sub-module factory.
   ScenarioRun(Scenario scenario, SimulationConfig base);
 
   const Scenario& scenario() const { return fScenario; }
   Simulation& simulation() { return *fSim; }
   void setProgress(Progress progress, double statusPeriodSeconds = 5.0);
+  /// Streams one CSV line per step to `out` (the header at once); the stream must outlive
+  /// the run.
+  void setCsv(std::ostream* out);
+  /// Called at the start of each phase and at the end of the run with the phase's name (or
+  /// "end"), e.g. to take a picture of the scene.
+  void setPhaseHook(PhaseHook hook) { fPhaseHook = std::move(hook); }
+  /// Called with every sample.
+  void setSampleObserver(std::function<void(const Sample&)> observer) {
+    fSampleObserver = std::move(observer);
+  }
 
   /// Runs the actions that are due, one simulation step, and records it. False once the
   /// scenario's duration is over (nothing is done then).
   bool step();
   void runToEnd();
   bool finished() const;
+  /// Seconds simulated so far.
+  double simulatedSeconds() const;
 
-  const std::vector<Sample>& samples() const { return fSamples; }
+  const Sample& lastSample() const { return fLast; }
+  /// The phases reached so far, measured up to now.
   std::vector<PhaseSummary> summaries() const;
-  /// One line per step; the same scenario and seed give the same bytes.
-  void writeCsv(std::ostream& out) const;
-  static std::string csvHeader();
+  /// The CSV columns: the sample, then each joint commanded and measured.
+  std::string csvHeader() const;
 
  private:
   void xRecord();
+  void xEvents();
   void xReport();
+  void xWriteCsv(const Sample& s);
   bool xInReach(const std::string& arm, const Math::Position3D& torsoTarget) const;
 
   Scenario fScenario;
+  // Written by the observation subscribers; declared before the simulation that calls them.
+  mutable std::mutex fObservationMutex;
+  std::string fObservation;  // the last observation received during the current step
   std::unique_ptr<Simulation> fSim;
   std::size_t fNextAction = 0;
-  std::vector<Sample> fSamples;
-  // Acquisition state of the current phase.
+  Sample fLast;
+  std::vector<PhaseMeter> fMeters;
+  std::vector<PhaseSummary> fExtra;  // follow and localisation
+  std::vector<bool> fReached;
   int fPhase = -1;
-  bool fAcquired = false;
-  double fPerceivedSince = -1.0;
-  std::vector<double> fAcquireSeconds;
-  std::vector<std::vector<std::pair<double, double>>> fLocalisation;  // per phase: m, deg
-  std::vector<std::size_t> fLocalisationMissing;
+  bool fTrackerTracked = false;
+  bool fTrackerLost = false;
   long fLastLocalisationSecond = -1;
+  std::vector<std::string> fJoints;
+  std::map<std::string, std::string> fObservations;  // observation events followed
+  std::ostream* fCsv = nullptr;
+  std::string fStepEvents;  // the tracker's events of the current step, for the CSV
+  PhaseHook fPhaseHook;
+  std::function<void(const Sample&)> fSampleObserver;
   // Progress.
   Progress fProgress;
   double fStatusPeriod = 5.0;
   double fNextStatus = 0.0;
-  std::size_t fHistorySeen = 0;
 };
 
-/// The summary table printed at the end of a run.
+/// The summary table printed at the end of a run: one narrow row per phase, the events
+/// listed below it.
 std::string formatSummary(const std::vector<PhaseSummary>& summaries);
+/// The table of a many-seed run: a mean and a 95th-percentile row per phase.
+std::string formatSeedSummary(const std::vector<SeedAggregate>& phases);
 
 }  // namespace Sim
 }  // namespace KR

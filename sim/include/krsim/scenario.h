@@ -36,7 +36,7 @@ struct Phase {
   double acquireDegrees = 3.0;
   /// Whether the head's line of sight is measured (not in phases where only arms point).
   bool lineOfSight = true;
-  /// Arms whose pointing error is measured ("LArm", "RArm").
+  /// Arms the phase's effector commands, whose pointing error is measured ("LArm", "RArm").
   std::vector<std::string> arms;
   /// Relative position the robot is asked to keep from the target, as given to the tracker:
   /// [coordX, coordY, coordWz, thresholdX, thresholdY, thresholdWz].
@@ -48,16 +48,24 @@ struct Phase {
   /// A one-shot command rather than tracking: the line of sight too is measured from
   /// begin + settleSeconds on, whether or not the camera is on target.
   bool oneShot = false;
+  /// The target jumps at the phase start: overshoot and settling are measured.
+  bool step = false;
 };
 
 struct Scenario {
   std::string name;
   std::string description;
+  std::string file;      // the YAML file it was read from, empty for a built-in one
+  std::string modeText;  // the mode(s) it runs in, for titles
+  /// What was changed or skipped to run it on this robot, shown before the run.
+  std::vector<std::string> notes;
   std::string robotFile;   // path of the robot description
   Math::Pose2D startPose;  // map frame
   float odometryDriftLinear = 0.0f;
   float odometryDriftAngular = 0.0f;
-  double duration = 60.0;  // [s]
+  double duration = 60.0;  // [s], the end of the script
+  /// The script is built for any duration asked (otherwise a longer one is refused).
+  bool openEnded = false;
   std::vector<TargetScript> targets;
   std::vector<Action> actions;  // in time order
   std::vector<Phase> phases;    // in time order
@@ -78,10 +86,18 @@ struct ScenarioInfo {
 
 /// The built-in scenarios, the default ("ball") first.
 std::vector<ScenarioInfo> listScenarios();
-/// Builds a scenario; KRError("krsim", "makeScenario", ...) for an unknown name.
+/// Builds a scenario from a name of listScenarios() or the path of a YAML file; KRError for an
+/// unknown name, a bad file (naming file, line and field) or a duration past the end of a
+/// script that has one.
 Scenario makeScenario(const std::string& name, const ScenarioOptions& options);
+/// Reads a scenario file (format in the README); KRError("krsim", "scenario", "FILE:LINE:
+/// FIELD: what") when it is not right.
+Scenario loadScenarioFile(const std::string& path, const ScenarioOptions& options);
 /// Path of a robot file given as a path or as a name of the robots directory ("kibo").
 std::string resolveRobotFile(const std::string& nameOrPath);
+/// Path of a file of the project's data (robots/, scenarios/, tools/), found beside the robots
+/// directory; empty when it is not there.
+std::string findDataFile(const std::string& relative);
 
 }  // namespace Sim
 }  // namespace KR

@@ -1,0 +1,129 @@
+#pragma once
+// The measures of a run, defined once: a PhaseMeter takes the samples of one phase as they are
+// produced and sums them up at constant memory. The README's "Measures" section and --help
+// describe the same figures.
+//
+// - on target: the target is inside the camera's field of view and the line-of-sight error is
+//   under the phase's threshold;
+// - time to on-target: from the phase start, and from each loss (the target stops being
+//   perceived, or the tracker reports it lost, after it had been on target), to the next
+//   sample on target, search included; the longest of these intervals is reported, none when
+//   one of them never ends;
+// - line of sight: over every sample with the target inside the camera's field of view, RMS,
+//   95th percentile, max, mean (bias) and standard deviation (jitter) of the error's size;
+// - on target [%]: share of the phase's samples on target;
+// - step phases: overshoot is how far the camera's horizontal error goes past the target,
+//   against the direction of the step; settling is the time from the phase start until the
+//   error stays within 1 degree to the phase end;
+// - arms: pointing error of the arms the effector commands, RMS over the samples measured.
+
+#include <array>
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace KR {
+namespace Sim {
+
+/// One step of a phase as the measures see it.
+struct MeasureSample {
+  double time = 0.0;         // [s]
+  bool inView = false;       // inside the camera's field of view (occluded or not)
+  bool perceived = false;    // the camera can see it (in view and not occluded)
+  bool trackerLost = false;  // the tracker's own state: lost since its last detection
+  bool hasLineOfSight = false;
+  double lineOfSightDeg = 0.0;  // size of the error between camera axis and target
+  double horizontalDeg = 0.0;   // signed horizontal part of it, positive to the left
+  std::vector<double> armDeg;   // one per commanded arm that is measured this step
+};
+
+struct PhaseSpec {
+  std::string name;
+  double begin = 0.0;  // [s]
+  double onTargetDeg = 3.0;
+  bool lineOfSight = true;  // false where only arms point
+  bool step = false;        // overshoot and settling apply
+};
+
+/// What a phase measured; empty optionals are printed "-" and written null.
+struct PhaseMeasures {
+  std::string name;
+  std::optional<double> timeToOnTargetS;
+  std::optional<double> losRmsDeg;
+  std::optional<double> losP95Deg;
+  std::optional<double> losMaxDeg;
+  std::optional<double> losBiasDeg;
+  std::optional<double> losJitterDeg;
+  std::optional<double> onTargetPct;
+  std::optional<double> overshootDeg;
+  std::optional<double> settlingS;
+  std::optional<double> armsRmsDeg;
+  /// Events the tracker raised during the phase, in order of first appearance, with counts.
+  std::vector<std::pair<std::string, std::size_t>> events;
+};
+
+/// The settling band of step phases [deg].
+constexpr double kSettlingDeg = 1.0;
+
+class PhaseMeter {
+ public:
+  explicit PhaseMeter(PhaseSpec spec);
+  void add(const MeasureSample& s);
+  void addEvent(const std::string& name);
+  PhaseMeasures result() const;
+  const PhaseSpec& spec() const { return fSpec; }
+
+ private:
+  // Line-of-sight error sizes by 0.01 degree, for the percentile at constant memory.
+  static constexpr double kBinDeg = 0.01;
+  static constexpr std::size_t kBins = 18001;
+
+  PhaseSpec fSpec;
+  std::size_t fSamples = 0;
+  std::size_t fOnTarget = 0;
+  // Time to on-target.
+  std::optional<double> fWaitingSince;  // phase start or loss not yet followed by on-target
+  bool fOnTargetSinceLoss = false;
+  double fLongestWait = 0.0;
+  // Line of sight.
+  std::size_t fLosCount = 0;
+  double fLosSum = 0.0;
+  double fLosSquares = 0.0;
+  double fLosMax = 0.0;
+  std::vector<std::size_t> fHistogram;
+  // Steps.
+  int fStepSign = 0;  // sign of the horizontal error at the first sample in view
+  bool fCrossed = false;
+  double fOvershoot = 0.0;
+  std::optional<double> fSettledSince;
+  bool fAnyLos = false;
+  // Arms.
+  std::size_t fArmCount = 0;
+  double fArmSquares = 0.0;
+  std::vector<std::pair<std::string, std::size_t>> fEvents;
+};
+
+/// Every figure of PhaseMeasures, for code that treats them alike.
+inline constexpr std::optional<double> PhaseMeasures::*kMeasureFields[] = {
+    &PhaseMeasures::timeToOnTargetS, &PhaseMeasures::losRmsDeg,    &PhaseMeasures::losP95Deg,
+    &PhaseMeasures::losMaxDeg,       &PhaseMeasures::losBiasDeg,   &PhaseMeasures::losJitterDeg,
+    &PhaseMeasures::onTargetPct,     &PhaseMeasures::overshootDeg, &PhaseMeasures::settlingS,
+    &PhaseMeasures::armsRmsDeg};
+
+/// A phase over many seeds: the mean and the 95th percentile of each figure across them.
+struct SeedAggregate {
+  PhaseMeasures mean;
+  PhaseMeasures p95;
+};
+
+/// Phases matched by position over runs of the same scenario with different seeds.
+std::vector<SeedAggregate> aggregateSeeds(const std::vector<std::vector<PhaseMeasures>>& runs);
+
+/// Mean and 95th percentile (nearest rank) of the values present; none when none is.
+std::pair<std::optional<double>, std::optional<double>> meanAndP95(
+    const std::vector<std::optional<double>>& values);
+
+}  // namespace Sim
+}  // namespace KR
