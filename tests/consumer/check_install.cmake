@@ -13,6 +13,12 @@ set(prefix ${WORK_DIR}/prefix)
 file(REMOVE_RECURSE ${WORK_DIR})
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
 
+# Internal headers are not part of the package.
+file(GLOB_RECURSE internal_headers ${prefix}/include/*internal.h)
+if(internal_headers)
+  message(FATAL_ERROR "internal headers installed: ${internal_headers}")
+endif()
+
 file(GLOB_RECURSE exports ${prefix}/*/krtrackerTargets*.cmake)
 if(NOT exports)
   message(FATAL_ERROR "no krtrackerTargets*.cmake under ${prefix}")
