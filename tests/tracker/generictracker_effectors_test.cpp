@@ -9,10 +9,7 @@
 
 namespace {
 
-using ko::log::Level;
-using krtest::TrackerTest;
-using Calls = std::vector<std::string>;
-using Records = std::vector<ko::log::Record>;
+using namespace krtest;
 
 const Calls kNoCall = {};
 const Calls kStopLooker = {"_ArmsLooker.stopLooker()"};
