@@ -66,13 +66,10 @@ Fixture& fixture() {
 void convertEvent(benchmark::State& state, const KRValue& event) {
   const std::shared_ptr<KR::KRProxy>& motion = fixture().motion;
   TrackInfos out;
-  const std::uint64_t before = krbench::heapAllocations();
-  for (auto _ : state) {
+  krbench::timeWithAllocations(state, [&] {
     benchmark::DoNotOptimize(
         tools::convertTrackerEventToTrackInfo(event, kCaller, kEventName, motion, out));
-    benchmark::ClobberMemory();
-  }
-  krbench::reportAllocations(state, before);
+  });
 }
 
 void BM_ConvertEvent_LayoutW(benchmark::State& state) {
@@ -89,66 +86,48 @@ BENCHMARK(BM_ConvertEvent_LayoutT);
 
 void BM_TrackInfos_RoundTrip(benchmark::State& state) {
   const TrackInfos record = sampleRecord();
-  const std::uint64_t before = krbench::heapAllocations();
-  for (auto _ : state) {
+  krbench::timeWithAllocations(state, [&] {
     const KRValue value = record.toKRValue();
     const TrackInfos back(value);
     benchmark::DoNotOptimize(back);
-  }
-  krbench::reportAllocations(state, before);
+  });
 }
 BENCHMARK(BM_TrackInfos_RoundTrip);
 
 void BM_TrackInfos_ToKRValue(benchmark::State& state) {
   const TrackInfos record = sampleRecord();
-  const std::uint64_t before = krbench::heapAllocations();
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(record.toKRValue());
-  }
-  krbench::reportAllocations(state, before);
+  krbench::timeWithAllocations(state, [&] { benchmark::DoNotOptimize(record.toKRValue()); });
 }
 BENCHMARK(BM_TrackInfos_ToKRValue);
 
 void BM_TrackInfos_FromKRValue(benchmark::State& state) {
   const KRValue value = sampleRecord().toKRValue();
-  const std::uint64_t before = krbench::heapAllocations();
-  for (auto _ : state) {
+  krbench::timeWithAllocations(state, [&] {
     const TrackInfos back(value);
     benchmark::DoNotOptimize(back);
-  }
-  krbench::reportAllocations(state, before);
+  });
 }
 BENCHMARK(BM_TrackInfos_FromKRValue);
 
 // ---- configuration and proxies -------------------------------------------------------------
 
 void BM_GetConfigFloatValue(benchmark::State& state) {
-  const std::uint64_t before = krbench::heapAllocations();
-  for (auto _ : state) {
+  krbench::timeWithAllocations(state, [&] {
     benchmark::DoNotOptimize(KR::Tracker::getConfigFloatValue(KR::Tracker::HEAD_THRESHOLD));
-  }
-  krbench::reportAllocations(state, before);
+  });
 }
 BENCHMARK(BM_GetConfigFloatValue);
 
 void BM_ProxyCall_NoArgs(benchmark::State& state) {
   KR::KRProxy& bench = *fixture().bench;
-  const std::uint64_t before = krbench::heapAllocations();
-  for (auto _ : state) {
-    bench.call<void>("ping");
-    benchmark::ClobberMemory();
-  }
-  krbench::reportAllocations(state, before);
+  krbench::timeWithAllocations(state, [&] { bench.call<void>("ping"); });
 }
 BENCHMARK(BM_ProxyCall_NoArgs);
 
 void BM_ProxyCall_SixFloats(benchmark::State& state) {
   KR::KRProxy& bench = *fixture().bench;
-  const std::uint64_t before = krbench::heapAllocations();
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(bench.call<std::vector<float>>("getSixFloats"));
-  }
-  krbench::reportAllocations(state, before);
+  krbench::timeWithAllocations(
+      state, [&] { benchmark::DoNotOptimize(bench.call<std::vector<float>>("getSixFloats")); });
 }
 BENCHMARK(BM_ProxyCall_SixFloats);
 
@@ -156,23 +135,15 @@ BENCHMARK(BM_ProxyCall_SixFloats);
 // to read an event from memory or to publish one.
 void BM_ProxyCall_EventResult(benchmark::State& state) {
   KR::KRProxy& bench = *fixture().bench;
-  const std::uint64_t before = krbench::heapAllocations();
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(bench.call<KRValue>("getEvent"));
-  }
-  krbench::reportAllocations(state, before);
+  krbench::timeWithAllocations(state,
+                               [&] { benchmark::DoNotOptimize(bench.call<KRValue>("getEvent")); });
 }
 BENCHMARK(BM_ProxyCall_EventResult);
 
 void BM_ProxyCall_EventArgument(benchmark::State& state) {
   KR::KRProxy& bench = *fixture().bench;
   const KRValue event = krbench::trackerEvent();
-  const std::uint64_t before = krbench::heapAllocations();
-  for (auto _ : state) {
-    bench.call<void>("putEvent", event);
-    benchmark::ClobberMemory();
-  }
-  krbench::reportAllocations(state, before);
+  krbench::timeWithAllocations(state, [&] { bench.call<void>("putEvent", event); });
 }
 BENCHMARK(BM_ProxyCall_EventArgument);
 
@@ -180,21 +151,15 @@ BENCHMARK(BM_ProxyCall_EventArgument);
 
 void BM_GetWorldToTorsoTransform(benchmark::State& state) {
   const std::shared_ptr<KR::KRProxy>& motion = fixture().motion;
-  const std::uint64_t before = krbench::heapAllocations();
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(tools::getWorldToTorsoTransform(motion));
-  }
-  krbench::reportAllocations(state, before);
+  krbench::timeWithAllocations(
+      state, [&] { benchmark::DoNotOptimize(tools::getWorldToTorsoTransform(motion)); });
 }
 BENCHMARK(BM_GetWorldToTorsoTransform);
 
 void BM_GetWorldToRobotTransform(benchmark::State& state) {
   const std::shared_ptr<KR::KRProxy>& motion = fixture().motion;
-  const std::uint64_t before = krbench::heapAllocations();
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(tools::getWorldToRobotTransform(motion));
-  }
-  krbench::reportAllocations(state, before);
+  krbench::timeWithAllocations(
+      state, [&] { benchmark::DoNotOptimize(tools::getWorldToRobotTransform(motion)); });
 }
 BENCHMARK(BM_GetWorldToRobotTransform);
 
@@ -202,11 +167,8 @@ void BM_GetSensorTransform(benchmark::State& state) {
   KR::KRProxy& motion = *fixture().motion;
   const std::string sensor = "CameraTop";
   const KR::KRTimePoint time(std::chrono::seconds(10));
-  const std::uint64_t before = krbench::heapAllocations();
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(tools::getSensorTransform(motion, sensor, time));
-  }
-  krbench::reportAllocations(state, before);
+  krbench::timeWithAllocations(
+      state, [&] { benchmark::DoNotOptimize(tools::getSensorTransform(motion, sensor, time)); });
 }
 BENCHMARK(BM_GetSensorTransform);
 
@@ -216,11 +178,8 @@ void frameConversion(benchmark::State& state,
                      KR::Math::FRAME frame) {
   const std::shared_ptr<KR::KRProxy>& motion = fixture().motion;
   const Position3D point(1.0f, 0.2f, 0.3f);
-  const std::uint64_t before = krbench::heapAllocations();
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(convert(motion, point, frame));
-  }
-  krbench::reportAllocations(state, before);
+  krbench::timeWithAllocations(state,
+                               [&] { benchmark::DoNotOptimize(convert(motion, point, frame)); });
 }
 
 void BM_ConvertToTorsoFrame_FromWorld(benchmark::State& state) {

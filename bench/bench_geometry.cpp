@@ -84,14 +84,11 @@ void BM_LookAtAngles_Head(benchmark::State& state) {
   const KRTrackerModel& model = kibo();
   PathWalker walker;
   Lists lists;
-  const std::uint64_t before = krbench::heapAllocations();
-  for (auto _ : state) {
+  krbench::timeWithAllocations(state, [&] {
     lists.clear();
     benchmark::DoNotOptimize(tools::computeLookAtAngles(
         walker.next(), model, TRACK_EFFECTOR_CAMERA_TOP, false, lists.names, lists.angles));
-    benchmark::ClobberMemory();
-  }
-  krbench::reportAllocations(state, before);
+  });
 }
 BENCHMARK(BM_LookAtAngles_Head);
 
@@ -101,14 +98,11 @@ void BM_LookAtAnglesWithThreshold(benchmark::State& state) {
   PathWalker walker;
   Lists lists;
   KR::Model::TrackerHeadAngle remembered;
-  const std::uint64_t before = krbench::heapAllocations();
-  for (auto _ : state) {
+  krbench::timeWithAllocations(state, [&] {
     benchmark::DoNotOptimize(tools::computeLookAtAnglesWithThreshold(
         walker.next(), model.head, TRACK_EFFECTOR_CAMERA_TOP, threshold, remembered, lists.names,
         lists.angles));
-    benchmark::ClobberMemory();
-  }
-  krbench::reportAllocations(state, before);
+  });
 }
 BENCHMARK(BM_LookAtAnglesWithThreshold);
 
@@ -121,15 +115,12 @@ void BM_LookAtWB(benchmark::State& state) {
   lists.names.resize(2);
   lists.angles.resize(2);
   KR::Model::TrackerHeadAngle remembered;
-  const std::uint64_t before = krbench::heapAllocations();
-  for (auto _ : state) {
+  krbench::timeWithAllocations(state, [&] {
     i = i + 1 == path.size() ? 0 : i + 1;
     benchmark::DoNotOptimize(tools::computeLookAtWB(path[i], model, TRACK_EFFECTOR_CAMERA_TOP,
                                                     threshold, remembered, lists.names,
                                                     lists.angles));
-    benchmark::ClobberMemory();
-  }
-  krbench::reportAllocations(state, before);
+  });
 }
 BENCHMARK(BM_LookAtWB);
 
@@ -137,13 +128,10 @@ void BM_PointAtAngles_OneArm(benchmark::State& state) {
   const KRTrackerModel& model = kibo();
   PathWalker walker;
   Lists lists;
-  const std::uint64_t before = krbench::heapAllocations();
-  for (auto _ : state) {
+  krbench::timeWithAllocations(state, [&] {
     lists.clear();
     tools::computePointAtAngles(walker.next(), model.leftArm, lists.names, lists.angles);
-    benchmark::ClobberMemory();
-  }
-  krbench::reportAllocations(state, before);
+  });
 }
 BENCHMARK(BM_PointAtAngles_OneArm);
 
@@ -151,15 +139,12 @@ void BM_PointAtAngles_BothArms(benchmark::State& state) {
   const KRTrackerModel& model = kibo();
   PathWalker walker;
   Lists lists;
-  const std::uint64_t before = krbench::heapAllocations();
-  for (auto _ : state) {
+  krbench::timeWithAllocations(state, [&] {
     lists.clear();
     const Position3D& target = walker.next();
     tools::computePointAtAngles(target, model.leftArm, lists.names, lists.angles);
     tools::computePointAtAngles(target, model.rightArm, lists.names, lists.angles);
-    benchmark::ClobberMemory();
-  }
-  krbench::reportAllocations(state, before);
+  });
 }
 BENCHMARK(BM_PointAtAngles_BothArms);
 
@@ -168,14 +153,11 @@ void BM_PointAtAnglesWithThreshold_OneArm(benchmark::State& state) {
   PathWalker walker;
   Lists lists;
   KR::Model::TrackerArmAngle remembered;
-  const std::uint64_t before = krbench::heapAllocations();
-  for (auto _ : state) {
+  krbench::timeWithAllocations(state, [&] {
     lists.clear();
     benchmark::DoNotOptimize(tools::computePointAtAnglesWithThreshold(
         walker.next(), model.leftArm, remembered, lists.names, lists.angles));
-    benchmark::ClobberMemory();
-  }
-  krbench::reportAllocations(state, before);
+  });
 }
 BENCHMARK(BM_PointAtAnglesWithThreshold_OneArm);
 
@@ -185,17 +167,14 @@ void BM_PointAtAnglesWithThreshold_BothArms(benchmark::State& state) {
   Lists lists;
   KR::Model::TrackerArmAngle left;
   KR::Model::TrackerArmAngle right;
-  const std::uint64_t before = krbench::heapAllocations();
-  for (auto _ : state) {
+  krbench::timeWithAllocations(state, [&] {
     lists.clear();
     const Position3D& target = walker.next();
     benchmark::DoNotOptimize(tools::computePointAtAnglesWithThreshold(target, model.leftArm, left,
                                                                       lists.names, lists.angles));
     benchmark::DoNotOptimize(tools::computePointAtAnglesWithThreshold(target, model.rightArm, right,
                                                                       lists.names, lists.angles));
-    benchmark::ClobberMemory();
-  }
-  krbench::reportAllocations(state, before);
+  });
 }
 BENCHMARK(BM_PointAtAnglesWithThreshold_BothArms);
 
@@ -252,12 +231,8 @@ void BM_KdlLookAt(benchmark::State& state) {
   PathWalker walker;
   float yaw = 0.0f;
   float pitch = 0.0f;
-  const std::uint64_t before = krbench::heapAllocations();
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(peer.solve(walker.next(), yaw, pitch));
-    benchmark::ClobberMemory();
-  }
-  krbench::reportAllocations(state, before);
+  krbench::timeWithAllocations(
+      state, [&] { benchmark::DoNotOptimize(peer.solve(walker.next(), yaw, pitch)); });
 }
 BENCHMARK(BM_KdlLookAt);
 
@@ -265,12 +240,8 @@ void BM_KdlPointAt_OneArm(benchmark::State& state) {
   krbench::KdlArmPeer peer(kibo().leftArm);
   PathWalker walker;
   float a[3];
-  const std::uint64_t before = krbench::heapAllocations();
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(peer.solve(walker.next(), a[0], a[1], a[2]));
-    benchmark::ClobberMemory();
-  }
-  krbench::reportAllocations(state, before);
+  krbench::timeWithAllocations(
+      state, [&] { benchmark::DoNotOptimize(peer.solve(walker.next(), a[0], a[1], a[2])); });
 }
 BENCHMARK(BM_KdlPointAt_OneArm);
 
@@ -279,14 +250,11 @@ void BM_KdlPointAt_BothArms(benchmark::State& state) {
   krbench::KdlArmPeer right(kibo().rightArm);
   PathWalker walker;
   float a[3];
-  const std::uint64_t before = krbench::heapAllocations();
-  for (auto _ : state) {
+  krbench::timeWithAllocations(state, [&] {
     const Position3D& target = walker.next();
     benchmark::DoNotOptimize(left.solve(target, a[0], a[1], a[2]));
     benchmark::DoNotOptimize(right.solve(target, a[0], a[1], a[2]));
-    benchmark::ClobberMemory();
-  }
-  krbench::reportAllocations(state, before);
+  });
 }
 BENCHMARK(BM_KdlPointAt_BothArms);
 

@@ -25,6 +25,18 @@ using krtest::heapAllocations;
 /// Reports the allocations made since `before`, per iteration, as the counter "allocs".
 void reportAllocations(benchmark::State& state, std::uint64_t before);
 
+/// Times body() once an iteration, memory clobbered after each, and reports the allocations
+/// made per iteration as the counter "allocs".
+template <typename Body>
+void timeWithAllocations(benchmark::State& state, Body&& body) {
+  const std::uint64_t before = heapAllocations();
+  for (auto _ : state) {
+    body();
+    benchmark::ClobberMemory();
+  }
+  reportAllocations(state, before);
+}
+
 /// The tracker model of robots/kibo.xml, the small humanoid.
 KR::Model::KRTrackerModel loadKibo();
 

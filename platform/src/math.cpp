@@ -42,35 +42,19 @@ float at(const std::vector<float>& v, std::size_t i) {
   return i < v.size() ? v[i] : 0.0f;
 }
 
-// The three elementary rotations as (cos, sin) patterns, shared by Rotation and Transform.
-template <typename M>
-void setRotX(M& m, float angle) {
+// An elementary rotation, shared by Rotation and Transform: the one turning row/column I
+// toward J (x: 1, 2; y: 2, 0; z: 0, 1).
+template <typename M, int I, int J>
+M elementaryRotation(float angle) {
+  M m;
+  auto e = map(m);
   const float c = std::cos(angle);
   const float s = std::sin(angle);
-  m.r2_c2 = c;
-  m.r2_c3 = -s;
-  m.r3_c2 = s;
-  m.r3_c3 = c;
-}
-
-template <typename M>
-void setRotY(M& m, float angle) {
-  const float c = std::cos(angle);
-  const float s = std::sin(angle);
-  m.r1_c1 = c;
-  m.r1_c3 = s;
-  m.r3_c1 = -s;
-  m.r3_c3 = c;
-}
-
-template <typename M>
-void setRotZ(M& m, float angle) {
-  const float c = std::cos(angle);
-  const float s = std::sin(angle);
-  m.r1_c1 = c;
-  m.r1_c2 = -s;
-  m.r2_c1 = s;
-  m.r2_c2 = c;
+  e(I, I) = c;
+  e(I, J) = -s;
+  e(J, I) = s;
+  e(J, J) = c;
+  return m;
 }
 
 // R = Rz(wz) * Ry(wy) * Rx(wx), written into the 3x3 block of m.
@@ -139,21 +123,15 @@ bool Rotation::operator==(const Rotation& o) const {
 }
 
 Rotation Rotation::fromRotX(float angle) {
-  Rotation r;
-  setRotX(r, angle);
-  return r;
+  return elementaryRotation<Rotation, 1, 2>(angle);
 }
 
 Rotation Rotation::fromRotY(float angle) {
-  Rotation r;
-  setRotY(r, angle);
-  return r;
+  return elementaryRotation<Rotation, 2, 0>(angle);
 }
 
 Rotation Rotation::fromRotZ(float angle) {
-  Rotation r;
-  setRotZ(r, angle);
-  return r;
+  return elementaryRotation<Rotation, 0, 1>(angle);
 }
 
 Transform::Transform(const std::vector<float>& v) {
@@ -203,21 +181,15 @@ std::vector<float> Transform::toVector() const {
 }
 
 Transform Transform::fromRotX(float angle) {
-  Transform t;
-  setRotX(t, angle);
-  return t;
+  return elementaryRotation<Transform, 1, 2>(angle);
 }
 
 Transform Transform::fromRotY(float angle) {
-  Transform t;
-  setRotY(t, angle);
-  return t;
+  return elementaryRotation<Transform, 2, 0>(angle);
 }
 
 Transform Transform::fromRotZ(float angle) {
-  Transform t;
-  setRotZ(t, angle);
-  return t;
+  return elementaryRotation<Transform, 0, 1>(angle);
 }
 
 Transform Transform::fromPosition(float x, float y, float z) {

@@ -9,20 +9,32 @@ function(run)
   endif()
 endfunction()
 
+# Fails when one of files has text matching regex.
+function(refuse_match files regex what)
+  foreach(f ${files})
+    file(READ ${f} text)
+    if(text MATCHES "${regex}")
+      message(FATAL_ERROR "${f} ${what}: ${CMAKE_MATCH_0}")
+    endif()
+  endforeach()
+endfunction()
+
 set(prefix ${WORK_DIR}/prefix)
 file(REMOVE_RECURSE ${WORK_DIR})
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
+
+# Internal headers are not part of the package.
+file(GLOB_RECURSE internal_headers ${prefix}/include/*internal.h)
+if(internal_headers)
+  message(FATAL_ERROR "internal headers installed: ${internal_headers}")
+endif()
 
 file(GLOB_RECURSE exports ${prefix}/*/krtrackerTargets*.cmake)
 if(NOT exports)
   message(FATAL_ERROR "no krtrackerTargets*.cmake under ${prefix}")
 endif()
-foreach(f ${exports})
-  file(READ ${f} text)
-  if(text MATCHES "[ ;\"]-W[a-z]|-fsanitize|-fno-sanitize|krtracker_options")
-    message(FATAL_ERROR "${f} exports build flags: ${CMAKE_MATCH_0}")
-  endif()
-endforeach()
+refuse_match("${exports}" "[ ;\"]-W[a-z]|-fsanitize|-fno-sanitize|krtracker_options"
+  "exports build flags")
 
 # A sanitized build installs sanitized static libraries: their consumer links the runtime.
 run(${CMAKE_COMMAND} -S ${CONSUMER_DIR} -B ${WORK_DIR}/build -DCMAKE_PREFIX_PATH=${prefix}
@@ -30,12 +42,7 @@ run(${CMAKE_COMMAND} -S ${CONSUMER_DIR} -B ${WORK_DIR}/build -DCMAKE_PREFIX_PATH
     "-DCMAKE_EXE_LINKER_FLAGS=${CONSUMER_FLAGS}")
 run(${CMAKE_COMMAND} --build ${WORK_DIR}/build)
 file(GLOB_RECURSE flags ${WORK_DIR}/build/*/flags.make)
-foreach(f ${flags})
-  file(READ ${f} text)
-  if(text MATCHES "-Wall|-Wextra|-Wpedantic")
-    message(FATAL_ERROR "the consumer was compiled with the project's warnings: ${f}")
-  endif()
-endforeach()
+refuse_match("${flags}" "-Wall|-Wextra|-Wpedantic" "compiled the consumer with the project's warnings")
 if(NOT flags)
   message(FATAL_ERROR "no flags.make in the consumer build: cannot check its flags")
 endif()

@@ -17,20 +17,17 @@
 
 namespace {
 
-using ko::log::Level;
-using KR::KRValue;
+using namespace krtest;
 using KR::Math::FRAME_ROBOT;
 using KR::Math::FRAME_TORSO;
 using KR::Math::FRAME_WORLD;
 using KR::Math::Position3D;
 namespace tools = KR::Tracker::tools;
-using Calls = std::vector<std::string>;
-using Records = std::vector<ko::log::Record>;
 
 constexpr float kTorsoHeight = 0.3f;  // torso above the robot frame in the scripted motion
 
 std::string motionCall(const std::string& method, std::vector<KRValue> args, bool posted = false) {
-  return krtest::formatCall({"KRMotion", method, std::move(args), posted});
+  return formatCall({"KRMotion", method, std::move(args), posted});
 }
 
 std::string getTransformCall(KR::Math::FRAME frame) {
@@ -54,10 +51,10 @@ std::vector<std::string> concat(std::vector<std::vector<std::string>> parts) {
   return out;
 }
 
-class CommandsTest : public krtest::TrackerTest {
+class CommandsTest : public TrackerTest {
  protected:
   void SetUp() override {
-    krtest::TrackerTest::SetUp();
+    TrackerTest::SetUp();
     // The torso is the robot frame raised by kTorsoHeight; the world is the torso frame.
     module("KRMotion").answerWith("getTransform", [](const std::vector<KRValue>& args) {
       const bool robot = args.size() > 1 && args[1] == KRValue(2);
@@ -133,7 +130,7 @@ TEST_F(CommandsTest, InvalidArgumentsAreRefusedBeforeAnyRemoteCall) {
   // An unknown arm is refused too.
   EXPECT_THROW(tracker->pointAt("Head", ok, FRAME_TORSO, 0.5f), std::runtime_error);
   for (const Case& c : cases) {
-    EXPECT_EQ(krtest::errorOf(c.command), "KRTracker.GenericTracker::" + c.message) << c.what;
+    EXPECT_EQ(errorOf(c.command), "KRTracker.GenericTracker::" + c.message) << c.what;
     EXPECT_TRUE(take().empty()) << c.what;
   }
 }
@@ -263,8 +260,8 @@ TEST_F(CommandsTest, PointingBehindTurnsByTheWholeBearingWhenTheRobotCan) {
   const auto arm = pointAngles({range, 0.0f, 0.2f}, {&tracker->fModel.rightArm});
   const std::vector<KR::KRCallRecord> sent = harness.recorder->records();
   ASSERT_EQ(sent.size(), 3u);
-  EXPECT_EQ(krtest::formatCall(sent[0]), getTransformCall(FRAME_TORSO));
-  EXPECT_EQ(krtest::formatCall(sent[1]), moveToCall(bodyAngle, false));
+  EXPECT_EQ(formatCall(sent[0]), getTransformCall(FRAME_TORSO));
+  EXPECT_EQ(formatCall(sent[1]), moveToCall(bodyAngle, false));
   // The rotated point carries float rounding: compare the angles, not the text.
   EXPECT_EQ(sent[2].method, "_trackerWithSpeed");
   ASSERT_EQ(sent[2].args.size(), 5u);

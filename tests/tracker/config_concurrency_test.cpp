@@ -1,11 +1,12 @@
 // Readers of the configuration getters against writers that change the kind of the stored
-// values; run under ThreadSanitizer in CI. The getters read without a lock, so a torn or stale
-// word would show here as a value that was never stored, or as a race report.
+// values and the log directory; run under ThreadSanitizer in CI. The getters read without a lock,
+// so a torn or stale word would show here as a value that was never stored, or as a race report.
 
 #include <krtracker/config/krgenerictrackerconfig.h>
 
 #include <atomic>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -42,6 +43,7 @@ TEST(ConfigConcurrency, LockFreeGettersSeeOnlyStoredValuesWhileKindsChange) {
       setConfigValue(LOG_HEAD_COMMAND, 1);
       setConfigValue(HEAD_THRESHOLD, "x");
       setConfigValue(LOG_HEAD_COMMAND, false);
+      setLogDirectory("/tmp/krtracker-concurrency/");
     }
     stop = true;
   });
@@ -61,6 +63,12 @@ TEST(ConfigConcurrency, LockFreeGettersSeeOnlyStoredValuesWhileKindsChange) {
         } catch (const std::runtime_error&) {
           // the int is refused
         }
+        // The locked readers of the same table.
+        const std::string dir = getLogDirectory();
+        if (dir != "/tmp/tarvo/" && dir != "/tmp/krtracker-concurrency/")
+          ++unexpected;
+        if (configToString().empty() || getConfigKeyFromStr("ARMS_THRESHOLD") != ARMS_THRESHOLD)
+          ++unexpected;
         ++reads;
       }
     });

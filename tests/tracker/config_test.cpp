@@ -1,12 +1,9 @@
 #include <krtracker/config/krgenerictrackerconfig.h>
 
-#include <atomic>
 #include <functional>
 #include <map>
 #include <stdexcept>
 #include <string>
-#include <thread>
-#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -221,53 +218,6 @@ TEST_F(ConfigTest, GettersFollowEveryKindOfWrite) {
   // A key outside the table takes the locked path and is refused, not read out of bounds.
   EXPECT_THROW(getConfigFloatValue(static_cast<ConfigKey>(40)), std::runtime_error);
   EXPECT_THROW(getConfigBoolValue(static_cast<ConfigKey>(-1)), std::runtime_error);
-}
-
-// Writers and readers of the global table at once; run under ThreadSanitizer in CI.
-TEST(ConfigConcurrency, ReadersSeeWholeValuesWhileWritersChangeThem) {
-  resetConfig();
-  const float defaultThreshold = getConfigFloatValue(HEAD_THRESHOLD);
-  constexpr int kReaders = 3;
-  std::atomic<int> started{0}, reads{0}, unexpected{0};
-  std::atomic<bool> stop{false};
-  const auto waitForAll = [&] {
-    ++started;
-    while (started.load() < kReaders + 1)
-      std::this_thread::yield();
-  };
-
-  std::vector<std::thread> threads;
-  threads.emplace_back([&] {
-    waitForAll();
-    // Keep writing until the readers have read a good number of times alongside.
-    for (int i = 0; i < 200 || reads.load() < 200; ++i) {
-      setConfigValue(HEAD_THRESHOLD, 0.25f);
-      setLogDirectory("/tmp/krtracker-concurrency/");
-      if (i % 10 == 0)
-        resetConfig();
-    }
-    stop = true;
-  });
-  for (int r = 0; r < kReaders; ++r) {
-    threads.emplace_back([&] {
-      waitForAll();
-      while (!stop) {
-        const float value = getConfigFloatValue(HEAD_THRESHOLD);
-        if (value != 0.25f && value != defaultThreshold)
-          ++unexpected;
-        const std::string dir = getLogDirectory();
-        if (dir != "/tmp/tarvo/" && dir != "/tmp/krtracker-concurrency/")
-          ++unexpected;
-        if (configToString().empty() || getConfigKeyFromStr("ARMS_THRESHOLD") != ARMS_THRESHOLD)
-          ++unexpected;
-        ++reads;
-      }
-    });
-  }
-  for (auto& t : threads)
-    t.join();
-  EXPECT_EQ(unexpected.load(), 0);
-  resetConfig();
 }
 
 }  // namespace

@@ -27,11 +27,7 @@
 
 namespace {
 
-using KR::KRValue;
-using krtest::FakeModule;
-using krtest::Fault;
-using krtest::TrackerProbe;
-using Calls = std::vector<std::string>;
+using namespace krtest;
 namespace tools = KR::Tracker::tools;
 
 // ---- the rig: the shared harness with its fakes behind faulty modules -----------------------

@@ -9,10 +9,7 @@
 
 namespace {
 
-using ko::log::Level;
-using krtest::TrackerTest;
-using Calls = std::vector<std::string>;
-using Records = std::vector<ko::log::Record>;
+using namespace krtest;
 
 const Calls kNoCall = {};
 const Calls kStopLooker = {"_ArmsLooker.stopLooker()"};
@@ -30,8 +27,17 @@ struct EffectorCase {
   Calls calls;
 };
 
+using Setter = void (KR::Tracker::GenericTracker::*)(const std::string&);
+
 class EffectorTest : public TrackerTest {
  protected:
+  const ko::log::Record kAddWarning =
+      rec(Level::warning, "addEffector",
+          "DEPRECATED Function: addEffector(). Use setEffector() instead.");
+  const ko::log::Record kRemoveWarning =
+      rec(Level::warning, "removeEffector",
+          "DEPRECATED Function: removeEffector(). Use setEffector(\"None\") instead.");
+
   void prepare(const EffectorCase& c) {
     if (c.stored == "None") {
       tracker->addEffector("None");
@@ -51,71 +57,66 @@ class EffectorTest : public TrackerTest {
   }
 };
 
-TEST_F(EffectorTest, SetEffector) {
-  const std::vector<EffectorCase> cases = {
-      {"", false, "LArm", "LArm", kNoCall},
-      {"", true, "LArm", "LArm", startLooker("LArm")},
-      {"LArm", true, "RArm", "RArm", startLooker("RArm")},  // no stop first
-      {"LArm", true, "LArm", "LArm", kNoCall},
-      {"", false, "None", "", kStopLooker},  // not caught by the equality test
-      {"Arms", true, "None", "", kStopLooker},
+// The three setters, each over its table; the deprecated two warn on every call.
+TEST_F(EffectorTest, SetAddAndRemoveEffector) {
+  struct Operation {
+    const char* name;
+    Setter setter;
+    Records logs;
+    std::vector<EffectorCase> cases;
   };
-  for (const EffectorCase& c : cases) {
-    SCOPED_TRACE("'" + c.stored + "' + " + c.name + (c.active ? " active" : ""));
-    prepare(c);
-    tracker->setEffector(c.name);
-    EXPECT_EQ(tracker->storedEffector(), c.after);
-    EXPECT_EQ(tracker->getEffector(), c.after.empty() ? "None" : c.after);
-    EXPECT_EQ(take(), c.calls);
-    EXPECT_EQ(records(), Records{});
-    reset();
-  }
-}
-
-TEST_F(EffectorTest, AddEffectorCombines) {
-  const std::vector<EffectorCase> cases = {
-      {"", true, "RArm", "RArm", startLooker("RArm")},
-      {"", true, "None", "None", startLooker("None")},  // the word itself is stored
-      {"LArm", true, "RArm", "Arms", startLooker("Arms")},
-      {"LArm", false, "None", "Arms", kNoCall},
-      {"RArm", true, "RArm", "RArm", kNoCall},
-      {"Arms", true, "LArm", "Arms", startLooker("Arms")},
-      {"None", false, "LArm", "LArm", kNoCall},
+  const Operation operations[] = {
+      {"setEffector",
+       &KR::Tracker::GenericTracker::setEffector,
+       {},
+       {
+           {"", false, "LArm", "LArm", kNoCall},
+           {"", true, "LArm", "LArm", startLooker("LArm")},
+           {"LArm", true, "RArm", "RArm", startLooker("RArm")},  // no stop first
+           {"LArm", true, "LArm", "LArm", kNoCall},
+           {"", false, "None", "", kStopLooker},  // not caught by the equality test
+           {"Arms", true, "None", "", kStopLooker},
+       }},
+      {"addEffector",
+       &KR::Tracker::GenericTracker::addEffector,
+       {kAddWarning},
+       {
+           {"", true, "RArm", "RArm", startLooker("RArm")},
+           {"", true, "None", "None", startLooker("None")},  // the word itself is stored
+           {"LArm", true, "RArm", "Arms", startLooker("Arms")},
+           {"LArm", false, "None", "Arms", kNoCall},
+           {"RArm", true, "RArm", "RArm", kNoCall},
+           {"Arms", true, "LArm", "Arms", startLooker("Arms")},
+           {"None", false, "LArm", "LArm", kNoCall},
+       }},
+      {"removeEffector",  // reduces without looking at the state
+       &KR::Tracker::GenericTracker::removeEffector,
+       {kRemoveWarning},
+       {
+           {"Arms", false, "Arms", "", kStopLooker},
+           {"Arms", false, "LArm", "RArm", {"_ArmsLooker.setImplParam([\"RArm\", false])"}},
+           {"Arms", true, "RArm", "LArm", {"_ArmsLooker.setImplParam([\"LArm\", false])"}},
+           {"LArm", false, "Arms", "", kStopLooker},
+           {"LArm", false, "RArm", "LArm", kNoCall},
+           {"LArm", true, "LArm", "", kStopLooker},
+           {"", false, "None", "", kNoCall},
+           {"None", false, "None", "", kStopLooker},
+       }},
   };
-  for (const EffectorCase& c : cases) {
-    SCOPED_TRACE("'" + c.stored + "' + " + c.name + (c.active ? " active" : ""));
-    prepare(c);
-    tracker->addEffector(c.name);
-    EXPECT_EQ(tracker->storedEffector(), c.after);
-    EXPECT_EQ(take(), c.calls);
-    EXPECT_EQ(records(), (Records{rec(Level::warning, "addEffector",
-                                      "DEPRECATED Function: addEffector(). Use setEffector() "
-                                      "instead.")}));
-    reset();
-  }
-}
-
-TEST_F(EffectorTest, RemoveEffectorReducesWithoutLookingAtTheState) {
-  const std::vector<EffectorCase> cases = {
-      {"Arms", false, "Arms", "", kStopLooker},
-      {"Arms", false, "LArm", "RArm", {"_ArmsLooker.setImplParam([\"RArm\", false])"}},
-      {"Arms", true, "RArm", "LArm", {"_ArmsLooker.setImplParam([\"LArm\", false])"}},
-      {"LArm", false, "Arms", "", kStopLooker},
-      {"LArm", false, "RArm", "LArm", kNoCall},
-      {"LArm", true, "LArm", "", kStopLooker},
-      {"", false, "None", "", kNoCall},
-      {"None", false, "None", "", kStopLooker},
-  };
-  for (const EffectorCase& c : cases) {
-    SCOPED_TRACE("'" + c.stored + "' - " + c.name + (c.active ? " active" : ""));
-    prepare(c);
-    tracker->removeEffector(c.name);
-    EXPECT_EQ(tracker->storedEffector(), c.after);
-    EXPECT_EQ(take(), c.calls);
-    EXPECT_EQ(records(), (Records{rec(Level::warning, "removeEffector",
-                                      "DEPRECATED Function: removeEffector(). Use "
-                                      "setEffector(\"None\") instead.")}));
-    reset();
+  for (const Operation& op : operations) {
+    for (const EffectorCase& c : op.cases) {
+      SCOPED_TRACE(std::string(op.name) + "(" + c.name + ") on '" + c.stored + "'" +
+                   (c.active ? " active" : ""));
+      prepare(c);
+      (tracker->*op.setter)(c.name);
+      EXPECT_EQ(tracker->storedEffector(), c.after);
+      if (op.setter == &KR::Tracker::GenericTracker::setEffector) {
+        EXPECT_EQ(tracker->getEffector(), c.after.empty() ? "None" : c.after);
+      }
+      EXPECT_EQ(take(), c.calls);
+      EXPECT_EQ(records(), op.logs);
+      reset();
+    }
   }
   // The whole-body flag follows the mode, read before the effector is reduced.
   tracker->setMode("WholeBody");
@@ -128,15 +129,10 @@ TEST_F(EffectorTest, RemoveEffectorReducesWithoutLookingAtTheState) {
 TEST_F(EffectorTest, InvalidNamesThrowBeforeAnythingChanges) {
   tracker->setEffector("LArm");
   startTracking();
-  using Setter = void (KR::Tracker::GenericTracker::*)(const std::string&);
   const std::vector<std::pair<Setter, Records>> setters = {
       {&KR::Tracker::GenericTracker::setEffector, {}},
-      {&KR::Tracker::GenericTracker::addEffector,
-       {rec(Level::warning, "addEffector",
-            "DEPRECATED Function: addEffector(). Use setEffector() instead.")}},
-      {&KR::Tracker::GenericTracker::removeEffector,
-       {rec(Level::warning, "removeEffector",
-            "DEPRECATED Function: removeEffector(). Use setEffector(\"None\") instead.")}},
+      {&KR::Tracker::GenericTracker::addEffector, {kAddWarning}},
+      {&KR::Tracker::GenericTracker::removeEffector, {kRemoveWarning}},
   };
   for (const auto& setter : setters) {
     for (const std::string& bad : {std::string("larm"), std::string("")}) {
@@ -161,17 +157,10 @@ TEST_F(EffectorTest, ArmsLookerFailuresAreLoggedUnderTheOperation) {
   tracker->setEffector("RArm");
   tracker->removeEffector("RArm");
   EXPECT_EQ(tracker->getEffector(), "None");
-  EXPECT_EQ(records(),
-            (Records{rec(Level::error, "xStartArmLooker", "boom"),
-                     rec(Level::warning, "removeEffector",
-                         "DEPRECATED Function: removeEffector(). Use setEffector(\"None\") "
-                         "instead."),
-                     rec(Level::error, "setEffector", "stuck"),
-                     rec(Level::error, "xStartArmLooker", "boom"),
-                     rec(Level::warning, "removeEffector",
-                         "DEPRECATED Function: removeEffector(). Use setEffector(\"None\") "
-                         "instead."),
-                     rec(Level::error, "removeEffector", "stuck")}));
+  EXPECT_EQ(records(), (Records{rec(Level::error, "xStartArmLooker", "boom"), kRemoveWarning,
+                                rec(Level::error, "setEffector", "stuck"),
+                                rec(Level::error, "xStartArmLooker", "boom"), kRemoveWarning,
+                                rec(Level::error, "removeEffector", "stuck")}));
 }
 
 TEST_F(EffectorTest, StopArmLookerRaisesTheEventOnlyWithAnEffector) {

@@ -11,24 +11,15 @@
 
 namespace {
 
-using ko::log::Level;
-using krtest::TrackerHarness;
-using krtest::TrackerTest;
-using Calls = std::vector<std::string>;
+using namespace krtest;
 
 // What track("Face") sends from idle in "Head" mode with no effector and no searching.
-const Calls kStartFace = {"_KRTargetManager.isTargetManaged(\"Face\")",
-                          "_KRTargetManager.setActiveTarget(\"Face\")",
-                          "_MotionMove.stopMove()",
-                          "_NavigationMove.stopMove()",
-                          "_WholeBodyLooker.stopLooker()",
-                          "_HeadLooker.setImplParam([1, 10])",
-                          "_HeadLooker.start()",
-                          "_KRTargetManager.start()",
-                          "_KRTargetManager.getEventName()",
-                          "_Smoother.stopSmoother()",
-                          "_Smoother.setTarget([0, 0, 0, 0, 0, 0])",
-                          "_Smoother.startEvent(\"evt\")"};
+const Calls kStartFace = [] {
+  Calls calls = trackStartCalls("Face");
+  calls.insert(calls.end(), {"_Smoother.stopSmoother()", "_Smoother.setTarget([0, 0, 0, 0, 0, 0])",
+                             "_Smoother.startEvent(\"evt\")"});
+  return calls;
+}();
 
 const Calls kStopAll = {
     "_RoundSearcher.stopSearcher()", "_Smoother.stopSmoother()",   "_KRTargetManager.stopManager()",

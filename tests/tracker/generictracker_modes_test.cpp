@@ -10,12 +10,7 @@
 
 namespace {
 
-using ko::log::Level;
-using KR::KRValue;
-using krtest::TrackerHarness;
-using krtest::TrackerTest;
-using Calls = std::vector<std::string>;
-using Records = std::vector<ko::log::Record>;
+using namespace krtest;
 
 const Calls kHead = {"_MotionMove.stopMove()", "_NavigationMove.stopMove()",
                      "_WholeBodyLooker.stopLooker()", "_HeadLooker.setImplParam([1, 10])",

@@ -11,14 +11,7 @@
 
 namespace {
 
-using ko::log::Level;
-using KR::KRValue;
-using krtest::TrackerHarness;
-using krtest::TrackerTest;
-using Calls = std::vector<std::string>;
-using Records = std::vector<ko::log::Record>;
-
-using krtest::errorOf;
+using namespace krtest;
 
 TEST(GenericTrackerLimits, VelocityIsBoundedByTheSlowerHeadJoint) {
   // Kibo's head joints: 7.3 and 6.6 rad/s; Rover's: 6.8 and 6.2 rad/s.

@@ -9,11 +9,7 @@
 
 namespace {
 
-using ko::log::Level;
-using KR::KRValue;
-using krtest::TrackerTest;
-using Calls = std::vector<std::string>;
-using Records = std::vector<ko::log::Record>;
+using namespace krtest;
 
 TEST_F(TrackerTest, TrackOfTheTrackedTargetOnlySaysSo) {
   startTracking("Face");
@@ -78,20 +74,11 @@ TEST_F(TrackerTest, TrackEventGoesOnWhenTheTargetManagerFails) {
 
 TEST_F(TrackerTest, LandmarksFeedTheSmootherTwoEventsAndTheIds) {
   const KRValue coordinates{KRValue{1.0f, 2.0f, 0.5f}, KRValue{1.0f, -2.0f, 0.5f}};
-  const Calls head = {
-      "_KRTargetManager.isTargetManaged(\"LandMarks\")",
-      "_KRTargetManager.setActiveTarget(\"LandMarks\")",
-      "_MotionMove.stopMove()",
-      "_NavigationMove.stopMove()",
-      "_WholeBodyLooker.stopLooker()",
-      "_HeadLooker.setImplParam([1, 10])",
-      "_HeadLooker.start()",
-      "_KRTargetManager.start()",
-      "_KRTargetManager.getEventName()",
-      "_KRTargetManager.getSecondEventName()",
-      "_KRTargetManager.getTargetIds(\"LandMarks\")",
-      "_KRTargetManager.getTargetIds(\"LandMarks\")",  // recomputing the coordinates
-  };
+  // The ids are asked twice: the second time to recompute the coordinates.
+  Calls head = trackStartCalls("LandMarks");
+  head.insert(head.end(), {"_KRTargetManager.getSecondEventName()",
+                           "_KRTargetManager.getTargetIds(\"LandMarks\")",
+                           "_KRTargetManager.getTargetIds(\"LandMarks\")"});
   const std::string badIds = "setTargetCoordinates -> coordinates not set not get valid ids.";
   struct Case {
     std::vector<int> ids;

@@ -14,9 +14,8 @@
 
 namespace {
 
-using KR::Math::Position3D;
+using namespace geomtest;
 using krtest::allocationsOf;
-namespace tools = KR::Tracker::tools;
 
 TEST(GeometryAllocation, CountingSeesAnAllocation) {
   // Guards the measure itself: a growing vector must be seen.
@@ -25,7 +24,7 @@ TEST(GeometryAllocation, CountingSeesAnAllocation) {
 }
 
 TEST(GeometryAllocation, NoHeapUseOnceTheListsHaveRoom) {
-  const KR::Model::KRTrackerModel model = geomtest::loadModel("kibo.xml");
+  const KR::Model::KRTrackerModel model = loadModel("kibo.xml");
   std::vector<std::string> names;
   std::vector<float> angles;
   names.reserve(16);

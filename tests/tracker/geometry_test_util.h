@@ -15,7 +15,16 @@
 #include <kr/model/trackermodel.h>
 #include <support/fake_module.h>
 
+#include <krtracker/tools/tools.h>
+
 namespace geomtest {
+
+// The vocabulary of the geometry tests, which open this namespace.
+using KR::KRValue;
+using KR::Math::Position3D;
+using KR::Math::Transform;
+using KR::Model::KRTrackerModel;
+namespace tools = KR::Tracker::tools;
 
 /// Fixed seed of every random sweep; change it here to explore other inputs.
 constexpr unsigned kSeed = 20261121u;

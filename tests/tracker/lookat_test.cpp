@@ -20,24 +20,19 @@
 
 namespace {
 
-using KR::KRValue;
-using KR::Math::Position3D;
-using KR::Math::Transform;
-using KR::Model::KRTrackerModel;
+using namespace geomtest;
+using KR::Math::aimError;
 using KR::Model::TRACK_EFFECTOR;
 using KR::Model::TrackerHeadAngle;
-namespace tools = KR::Tracker::tools;
-using geomtest::atLimit;
-using KR::Math::aimError;
 
 const char* const kRobotFiles[] = {"kibo.xml", "rover.xml"};
 
 // ---- head only -------------------------------------------------------------------------------
 
 TEST(HeadLookAt, HeadPoseLooksAtReachableTargets) {
-  std::mt19937 rng(geomtest::kSeed);
+  std::mt19937 rng(kSeed);
   for (const char* file : kRobotFiles) {
-    const KRTrackerModel model = geomtest::loadModel(file);
+    const KRTrackerModel model = loadModel(file);
     const KR::Model::TrackerHead& head = model.head;
     for (int effector = 0; effector < 3; ++effector) {
       const auto e = static_cast<TRACK_EFFECTOR>(effector);
@@ -47,8 +42,8 @@ TEST(HeadLookAt, HeadPoseLooksAtReachableTargets) {
       int checked = 0;
       const int samples = 400;
       for (int i = 0; i < samples; ++i) {
-        const Position3D target = geomtest::pointInDirection(head.headPosition, yawDist(rng),
-                                                             pitchDist(rng), distanceDist(rng));
+        const Position3D target =
+            pointInDirection(head.headPosition, yawDist(rng), pitchDist(rng), distanceDist(rng));
         std::vector<std::string> names;
         std::vector<float> angles;
         ASSERT_TRUE(tools::computeLookAtAngles(target, model, e, false, names, angles))
@@ -71,7 +66,7 @@ TEST(HeadLookAt, HeadPoseLooksAtReachableTargets) {
 }
 
 TEST(HeadLookAt, AppendsYawThenPitchAndFailsAtTheHeadPosition) {
-  const KRTrackerModel model = geomtest::loadModel("kibo.xml");
+  const KRTrackerModel model = loadModel("kibo.xml");
   std::vector<std::string> names{"Other"};
   std::vector<float> angles{7.0f};
 
@@ -108,7 +103,7 @@ TEST(HeadLookAt, AnUnfilledModelNeverClips) {
 }
 
 TEST(HeadLookAt, ClipsToTheJointLimits) {
-  const KRTrackerModel model = geomtest::loadModel("kibo.xml");
+  const KRTrackerModel model = loadModel("kibo.xml");
   struct Case {
     Position3D target;
     float yaw, pitch;
@@ -129,9 +124,9 @@ TEST(HeadLookAt, ClipsToTheJointLimits) {
 // ---- whole body ------------------------------------------------------------------------------
 
 TEST(WholeBodyLookAt, LooksAtTargetsWithinTheBounds) {
-  std::mt19937 rng(geomtest::kSeed + 1);
+  std::mt19937 rng(kSeed + 1);
   for (const char* file : kRobotFiles) {
-    const KRTrackerModel model = geomtest::loadModel(file);
+    const KRTrackerModel model = loadModel(file);
     const Position3D lookAtOrigin(0.0f, 0.0f, model.wbLookAtHeight);
     // The whole-body gaze turns about the look-at origin; of the sensors, only the tilt of the
     // tilted one counts: that sensor, not the head, is the one aimed at the target.
@@ -145,7 +140,7 @@ TEST(WholeBodyLookAt, LooksAtTargetsWithinTheBounds) {
     std::uniform_real_distribution<float> distanceDist(0.3f, 6.0f);
     for (int i = 0; i < 300; ++i) {
       const Position3D target =
-          geomtest::pointInDirection(lookAtOrigin, yawDist(rng), pitchDist(rng), distanceDist(rng));
+          pointInDirection(lookAtOrigin, yawDist(rng), pitchDist(rng), distanceDist(rng));
       for (int effector = 0; effector < 3; ++effector) {
         std::vector<std::string> names;
         std::vector<float> angles;
@@ -162,7 +157,7 @@ TEST(WholeBodyLookAt, LooksAtTargetsWithinTheBounds) {
 }
 
 TEST(WholeBodyLookAt, ReplacesTheListsByExactlyTwoEntries) {
-  const KRTrackerModel model = geomtest::loadModel("rover.xml");
+  const KRTrackerModel model = loadModel("rover.xml");
   std::vector<std::string> names{"a", "b", "c", "d"};
   std::vector<float> angles{1.0f, 2.0f, 3.0f};
   // Even the degenerate target at the look-at origin reports success.
@@ -230,7 +225,7 @@ class HeadThresholdTest : public ::testing::Test {
     return {yaw, pitch};
   }
 
-  const KRTrackerModel model_ = geomtest::loadModel("kibo.xml");
+  const KRTrackerModel model_ = loadModel("kibo.xml");
   TrackerHeadAngle remembered_;
   std::vector<std::string> names_{"", ""};
   std::vector<float> angles_{0.0f, 0.0f};
@@ -305,7 +300,7 @@ TEST_F(HeadThresholdTest, ConfiguredYawLimitBoundsOnlyTheYawAndIsReadEveryCall) 
 }
 
 TEST(HeadApplyThreshold, WritesTheFirstTwoEntriesInPlace) {
-  const KRTrackerModel model = geomtest::loadModel("rover.xml");
+  const KRTrackerModel model = loadModel("rover.xml");
   TrackerHeadAngle remembered;
   remembered.yaw = 0.1f, remembered.pitch = 0.2f;
   std::vector<std::string> names{"x", "y", "z"};
@@ -389,7 +384,7 @@ class ToolsLookAtTest : public ::testing::Test {
       std::make_shared<krtest::FakeModule>("KRMotion");
   std::shared_ptr<KR::KRProxy> motion_;
   krtest::CallRecorder recorder_{broker_};
-  const KRTrackerModel model_ = geomtest::loadModel("kibo.xml");
+  const KRTrackerModel model_ = loadModel("kibo.xml");
 };
 
 TEST_F(ToolsLookAtTest, SendsTheComputedAnglesAtTheGivenSpeed) {

@@ -18,15 +18,9 @@
 
 namespace {
 
-using KR::KRValue;
-using KR::Math::Position3D;
-using KR::Math::Transform;
-using KR::Model::KRTrackerModel;
+using namespace geomtest;
 using KR::Model::TrackerArm;
 using KR::Model::TrackerArmAngle;
-namespace tools = KR::Tracker::tools;
-using geomtest::angleBetween;
-using geomtest::atLimit;
 
 constexpr double kOneDegree = 3.14159265358979 / 180.0;
 
@@ -41,9 +35,9 @@ Angles solve(const Position3D& target, const TrackerArm& arm) {
 }
 
 TEST(ArmPointAt, ForearmPointsAtTargetsWithinTheJointLimits) {
-  std::mt19937 rng(geomtest::kSeed + 2);
+  std::mt19937 rng(kSeed + 2);
   for (const char* file : {"kibo.xml", "rover.xml"}) {
-    const KRTrackerModel model = geomtest::loadModel(file);
+    const KRTrackerModel model = loadModel(file);
     for (const TrackerArm* arm : {&model.leftArm, &model.rightArm}) {
       std::uniform_real_distribution<float> pitchDist(arm->joints[0].min, arm->joints[0].max);
       std::uniform_real_distribution<float> rollDist(arm->joints[1].min, arm->joints[1].max);
@@ -101,7 +95,7 @@ TEST(ArmPointAt, ListsHoldTheWristOnlyWhenTheArmHasOne) {
         "RShoulderRoll", "RElbowYaw", "RElbowRoll"}},
   };
   for (const Case& c : cases) {
-    const KRTrackerModel model = geomtest::loadModel(c.file);
+    const KRTrackerModel model = loadModel(c.file);
     const Position3D target(0.8f, 0.1f, 0.3f);
     std::vector<std::string> names{"Head"};
     std::vector<float> angles{0.5f};
@@ -118,7 +112,7 @@ TEST(ArmPointAt, ListsHoldTheWristOnlyWhenTheArmHasOne) {
 }
 
 TEST(ArmPointAt, TargetAtTheShoulderGivesTheRestPose) {
-  const KRTrackerModel model = geomtest::loadModel("kibo.xml");
+  const KRTrackerModel model = loadModel("kibo.xml");
   for (const TrackerArm* arm : {&model.leftArm, &model.rightArm}) {
     float a[5] = {9, 9, 9, 9, 9};
     tools::xComputePointAtAngles(arm->shoulderPosition + Position3D(0.0005f, 0, 0), *arm, a[0],
@@ -201,7 +195,7 @@ class ArmThresholdTest : public ::testing::Test {
     KR::Tracker::setConfigValue(KR::Tracker::ARMS_THRESHOLD, v);
   }
 
-  const KRTrackerModel kibo_ = geomtest::loadModel("kibo.xml");
+  const KRTrackerModel kibo_ = loadModel("kibo.xml");
   TrackerArmAngle remembered_;
   std::vector<std::string> names_;
   std::vector<float> angles_;
@@ -254,7 +248,7 @@ TEST_F(ArmThresholdTest, AThresholdOfTheWrongKindIsReportedUnderThisComputation)
 }
 
 TEST(ArmApplyThreshold, AnArmWithoutWristAppendsFourAndIgnoresTheFifthAngle) {
-  const KRTrackerModel rover = geomtest::loadModel("rover.xml");
+  const KRTrackerModel rover = loadModel("rover.xml");
   TrackerArmAngle remembered;
   remembered.angles = {0.1f, 0.2f, 0.3f, 0.4f, 0.5f};
   std::vector<std::string> names;

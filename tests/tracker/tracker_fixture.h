@@ -22,6 +22,26 @@
 
 namespace krtest {
 
+// The vocabulary of the tracker tests, which open this namespace.
+using Calls = std::vector<std::string>;
+using Records = std::vector<ko::log::Record>;
+using ko::log::Level;
+using KR::KRValue;
+
+/// What track(target) sends first from idle in "Head" mode with no effector and no searching,
+/// up to the target manager's event name.
+inline Calls trackStartCalls(const std::string& target) {
+  return {"_KRTargetManager.isTargetManaged(\"" + target + "\")",
+          "_KRTargetManager.setActiveTarget(\"" + target + "\")",
+          "_MotionMove.stopMove()",
+          "_NavigationMove.stopMove()",
+          "_WholeBodyLooker.stopLooker()",
+          "_HeadLooker.setImplParam([1, 10])",
+          "_HeadLooker.start()",
+          "_KRTargetManager.start()",
+          "_KRTargetManager.getEventName()"};
+}
+
 /// Modules the tracker opens, in the order it opens them.
 inline const std::vector<std::string>& trackerModuleNames() {
   static const std::vector<std::string> kNames = {

@@ -186,39 +186,48 @@ class KRRemote::Impl : public std::enable_shared_from_this<KRRemote::Impl> {
     std::vector<std::uint8_t> args;
   };
 
-  static void onRequests(dds_entity_t reader, void* arg) {
-    auto* self = static_cast<Impl*>(arg);
+  // Takes the reader's samples, in loans of up to 16, until none is left: handle(sample, info)
+  // sees each one, and done() runs after each loan is returned.
+  template <typename Sample, typename Handle, typename Done>
+  static void takeAll(dds_entity_t reader, Handle&& handle, Done&& done) {
     void* samples[16] = {nullptr};
     dds_sample_info_t infos[16];
     for (;;) {
       const int n = dds_take(reader, samples, infos, 16, 16);
       if (n <= 0)
         return;
-      std::vector<Incoming> batch;
-      for (int i = 0; i < n; ++i) {
-        if (!infos[i].valid_data)
-          continue;
-        const auto* r = static_cast<const krremote_Request*>(samples[i]);
-        if (!self->hosts(r->target))
-          continue;  // another process hosts it
-        batch.push_back(Incoming{
-            r->client, r->id, r->target, r->method, r->posted,
-            std::vector<std::uint8_t>(r->args._buffer, r->args._buffer + r->args._length)});
-      }
+      for (int i = 0; i < n; ++i)
+        handle(*static_cast<const Sample*>(samples[i]), infos[i]);
       dds_return_loan(reader, samples, n);
-      if (!batch.empty()) {
-        {
-          std::lock_guard<std::mutex> lock(self->fQueueMutex);
-          for (Incoming& in : batch)
-            self->fQueue.push_back(std::move(in));
-        }
-        if (batch.size() == 1) {
-          self->fQueueCv.notify_one();
-        } else {
-          self->fQueueCv.notify_all();
-        }
-      }
+      done();
     }
+  }
+
+  static void onRequests(dds_entity_t reader, void* arg) {
+    auto* self = static_cast<Impl*>(arg);
+    std::vector<Incoming> batch;
+    const auto take = [&](const krremote_Request& r, const dds_sample_info_t& info) {
+      if (info.valid_data && self->hosts(r.target))  // else another process hosts it
+        batch.push_back(
+            Incoming{r.client, r.id, r.target, r.method, r.posted,
+                     std::vector<std::uint8_t>(r.args._buffer, r.args._buffer + r.args._length)});
+    };
+    const auto queue = [&] {
+      if (batch.empty())
+        return;
+      {
+        std::lock_guard<std::mutex> lock(self->fQueueMutex);
+        for (Incoming& in : batch)
+          self->fQueue.push_back(std::move(in));
+      }
+      if (batch.size() == 1) {
+        self->fQueueCv.notify_one();
+      } else {
+        self->fQueueCv.notify_all();
+      }
+      batch.clear();
+    };
+    takeAll<krremote_Request>(reader, take, queue);
   }
 
   void serveLoop() {
@@ -340,19 +349,13 @@ class KRRemote::Impl : public std::enable_shared_from_this<KRRemote::Impl> {
 
   static void onReplies(dds_entity_t reader, void* arg) {
     auto* self = static_cast<Impl*>(arg);
-    void* samples[16] = {nullptr};
-    dds_sample_info_t infos[16];
-    for (;;) {
-      const int n = dds_take(reader, samples, infos, 16, 16);
-      if (n <= 0)
-        return;
-      for (int i = 0; i < n; ++i) {
-        const auto* r = static_cast<const krremote_Reply*>(samples[i]);
-        if (infos[i].valid_data && self->fClientId == r->client)
-          self->deliver(*r);
-      }
-      dds_return_loan(reader, samples, n);
-    }
+    takeAll<krremote_Reply>(
+        reader,
+        [self](const krremote_Reply& r, const dds_sample_info_t& info) {
+          if (info.valid_data && self->fClientId == r.client)
+            self->deliver(r);
+        },
+        [] {});
   }
 
   void deliver(const krremote_Reply& r) {
@@ -379,31 +382,22 @@ class KRRemote::Impl : public std::enable_shared_from_this<KRRemote::Impl> {
 
   static void onAnnounces(dds_entity_t reader, void* arg) {
     auto* self = static_cast<Impl*>(arg);
-    void* samples[16] = {nullptr};
-    dds_sample_info_t infos[16];
-    for (;;) {
-      const int n = dds_take(reader, samples, infos, 16, 16);
-      if (n <= 0)
-        return;
-      {
-        std::lock_guard<std::mutex> lock(self->fAnnounceMutex);
-        for (int i = 0; i < n; ++i) {
-          const auto* a = static_cast<const krremote_Announce*>(samples[i]);
-          if (infos[i].valid_data && self->fClientId == a->host)
-            continue;  // our own module
+    takeAll<krremote_Announce>(
+        reader,
+        [self](const krremote_Announce& a, const dds_sample_info_t& info) {
+          if (info.valid_data && self->fClientId == a.host)
+            return;  // our own module
+          std::lock_guard<std::mutex> lock(self->fAnnounceMutex);
           // Invalid samples carry the key: the module's host stopped publishing it or died.
-          if (infos[i].instance_state == DDS_IST_ALIVE && infos[i].valid_data) {
-            self->fAnnounced[a->target] = a->host;
+          if (info.instance_state == DDS_IST_ALIVE && info.valid_data) {
+            self->fAnnounced[a.target] = a.host;
           } else {
-            auto it = self->fAnnounced.find(a->target);
-            if (it != self->fAnnounced.end() && (!infos[i].valid_data || it->second == a->host))
+            auto it = self->fAnnounced.find(a.target);
+            if (it != self->fAnnounced.end() && (!info.valid_data || it->second == a.host))
               self->fAnnounced.erase(it);
           }
-        }
-      }
-      dds_return_loan(reader, samples, n);
-      self->fAnnounceCv.notify_all();
-    }
+        },
+        [self] { self->fAnnounceCv.notify_all(); });
   }
 
   bool waitForModule(const std::string& name, std::chrono::milliseconds timeout) const {

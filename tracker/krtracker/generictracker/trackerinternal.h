@@ -20,33 +20,30 @@ inline const std::string kEffectorLArm = "LArm";
 inline const std::string kEffectorRArm = "RArm";
 inline const std::string kEffectorNone = "None";
 
-// Texts that clients match. Each is part of the interface: never reword it.
-
-/// Part of the interface; must not be reworded.
+// Texts that clients match: each is part of the interface and must not be reworded. A text
+// that follows another is noted beside it.
 inline const char* const kTextNoTargetAtStart =
     "Tracker is not initialized. Register a target name please.";
-/// Part of the interface; must not be reworded.
 inline const char* const kTextNoTargetAtRestart =
     "Do not restart tracking because target name is not valid.";
-/// Part of the interface; must not be reworded (follows "<category>::start").
+// follows "<category>::start"
 inline const char* const kTextNotInitializedCorrectly = ": Tracker is not initialized correctly.";
-/// Part of the interface; must not be reworded.
 inline const char* const kTextInvalidSmootherMode = "Invalid Smoother mode.";
-/// Part of the interface; must not be reworded (follows "Invalid effector name: \"<name>\".").
+// follows "Invalid effector name: \"<name>\"."
 inline const char* const kTextEffectorChoices = " Could be: Arms, LArm, RArm or None.";
-/// Part of the interface; must not be reworded (follows "<category>::lookAt").
+// follows "<category>::lookAt"
 inline const char* const kTextLookAtPosition = ": Position is not valid. Must be [x, y, z].";
-/// Part of the interface; must not be reworded (follows "<category>::lookAt").
+// follows "<category>::lookAt"
 inline const char* const kTextLookAtTorsoPosition =
     ": Position is not valid. Must be [x, y, z] in FRAME_TORSO.";
-/// Part of the interface; must not be reworded (follows "<category>::pointAt").
+// follows "<category>::pointAt"
 inline const char* const kTextPointAtPosition =
     ": Position is not valid could be [x, y, z] in FRAME_TORSO.";
-/// Part of the interface; must not be reworded (follows "<category>::lookAt").
+// follows "<category>::lookAt"
 inline const char* const kTextEffectorId = ": EffectorId is not valid.";
-/// Part of the interface; must not be reworded (follows "<category>::lookAt" or "::pointAt").
+// follows "<category>::lookAt" or "::pointAt"
 inline const char* const kTextFraction = ": Expected a fraction for pFractionMaxSpeed.";
-/// Part of the interface; must not be reworded (follows "<category>::pointAt").
+// follows "<category>::pointAt"
 inline const char* const kTextCannotPointAt = ": is not possible with this robot.";
 
 /// The rule for a remote call: run pCall; a Caught exception is logged at error level under
