@@ -20,6 +20,8 @@ Simulation::Simulation(SimulationConfig config) {
   fContext.world =
       std::make_shared<World>(fContext.clock, fContext.memory, fContext.motion, config.seed);
   fContext.world->setNoise(config.noise);
+  fContext.world->setPerception(config.perception());
+  fContext.compensation = config.compensation;
   fContext.broker->addModule(fContext.motion);
   fContext.broker->addModule(fContext.memory);
   fContext.broker->addModule(fRobotModel);

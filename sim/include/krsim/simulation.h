@@ -22,6 +22,7 @@
 
 #include <krsim/module.h>
 #include <krsim/robotmodel.h>
+#include <krsim/world.h>
 
 namespace KR {
 namespace Sim {
@@ -33,12 +34,27 @@ struct SimulationConfig {
   Math::Pose2D startPose;    // the robot's pose in the map frame
   SubModuleFactory modules;  // empty: services only, no tracking service
 
-  // Perception, actuation and the tracking service's latency compensation.
-  std::string physics = "kinematic";  // "kinematic" or "mujoco"
-  double cameraRateHz = 15.0;         // detections per second of the head camera
-  double latencyS = 0.08;             // capture to delivery of a detection [s]
-  double dropout = 0.0;               // probability that a frame's detection is missed
-  bool compensation = true;           // sub-modules use capture-time poses and prediction
+  // Perception (see World's Perception for the defaults and where they come from), actuation
+  // and the tracking service's latency compensation.
+  std::string physics = "kinematic";                 // "kinematic" or "mujoco"
+  double cameraRateHz = Perception().cameraRateHz;   // frames per second; 0: every step
+  double latencyS = Perception().latencyS;           // capture to delivery of a detection [s]
+  double dropout = Perception().dropout;             // probability that a frame is missed
+  float angleNoise = Perception().angleNoise;        // [rad]
+  float distanceNoise = Perception().distanceNoise;  // distance error over distance^2 [1/m]
+  bool compensation = true;  // sub-modules use capture-time poses and prediction
+
+  Perception perception() const {
+    return {cameraRateHz, latencyS, dropout, angleNoise, distanceNoise};
+  }
+  SimulationConfig& setPerception(const Perception& p) {
+    cameraRateHz = p.cameraRateHz;
+    latencyS = p.latencyS;
+    dropout = p.dropout;
+    angleNoise = p.angleNoise;
+    distanceNoise = p.distanceNoise;
+    return *this;
+  }
 };
 
 class Simulation {
