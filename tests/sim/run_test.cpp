@@ -64,7 +64,10 @@ class RunTest : public ::testing::Test {
 
 TEST_F(RunTest, AcquisitionLineOfSightPointingAndEventsAreMeasuredPerPhase) {
   std::vector<std::string> progress;
-  ScenarioRun run(scenario(), KR::Sim::SimulationConfig());
+  KR::Sim::SimulationConfig ideal;  // an ideal camera and ideal servos: known answers
+  ideal.setPerception(KR::Sim::Perception::ideal());
+  ideal.servo = KR::Sim::ServoModel::ideal();
+  ScenarioRun run(scenario(), ideal);
   run.setProgress([&](const std::string& line) { progress.push_back(line); }, 1.0);
   run.runToEnd();
   EXPECT_FALSE(run.step());

@@ -24,6 +24,7 @@ std::unique_ptr<ScenarioRun> runScenario(const std::string& name, ScenarioOption
   config.seed = seed;
   config.noise = noise;
   config.setPerception(KR::Sim::Perception::ideal());
+  config.servo = KR::Sim::ServoModel::ideal();
   config.modules = &KR::Sim::createTrackerModules;
   auto run = std::make_unique<ScenarioRun>(KR::Sim::makeScenario(name, options), config);
   run->runToEnd();

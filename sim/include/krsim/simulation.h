@@ -20,6 +20,7 @@
 #include <kr/broker/broker.h>
 #include <kr/math/types.h>
 
+#include <krsim/kinematic.h>
 #include <krsim/module.h>
 #include <krsim/robotmodel.h>
 #include <krsim/world.h>
@@ -43,6 +44,7 @@ struct SimulationConfig {
   float angleNoise = Perception().angleNoise;        // [rad]
   float distanceNoise = Perception().distanceNoise;  // distance error over distance^2 [1/m]
   bool compensation = true;  // sub-modules use capture-time poses and prediction
+  ServoModel servo;          // joints of the kinematic backend
 
   Perception perception() const {
     return {cameraRateHz, latencyS, dropout, angleNoise, distanceNoise};
