@@ -17,7 +17,7 @@ class ConstantVelocityFilter {
  public:
   struct Gains {
     float alpha = 0.7f;          // share of the position residual taken
-    float beta = 0.4f;          // share of the residual per period taken into the velocity
+    float beta = 0.3f;           // share of the residual per period taken into the velocity
     float jumpGate = 0.35f;      // residual beyond which the filter restarts [m]
     double resetAfter = 0.5;     // silence after which the filter restarts [s]
     double maxPrediction = 0.3;  // farthest prediction past the last measurement [s]
