@@ -4,8 +4,9 @@
 // tracking service's sub-modules with the "KRTracker" host.
 //
 // One step is 10 ms of simulated time, always in this order: the clock advances; the motion
-// service integrates joints and base up to the new time; the world moves its targets and
-// raises the observations that are due (subscribers run at once); each sub-module's update()
+// service integrates joints and base up to the new time; the world moves its targets, takes
+// a camera frame when one is due and raises the detections whose latency has passed
+// (subscribers run at once); each sub-module's update()
 // runs, in the factory's order; the calls posted to the broker's worker are waited for; the
 // step observer runs. Calls to the tracker made between steps also wait for their posted
 // calls, so a run depends only on its configuration and seed.
@@ -31,7 +32,7 @@ namespace Sim {
 struct SimulationConfig {
   std::string robotXml;  // robot description served by "KRRobotModel"
   std::uint32_t seed = 1;
-  float noise = 0.0f;        // standard deviation of observation noise [m]
+  float noise = 0.0f;        // extra Gaussian noise on each map coordinate of a detection [m]
   Math::Pose2D startPose;    // the robot's pose in the map frame
   SubModuleFactory modules;  // empty: services only, no tracking service
 
