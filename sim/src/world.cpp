@@ -296,25 +296,27 @@ std::optional<KRValue> World::xMakeEvent(const Detection& detection) {
   int usec = 0;
   SimClock::split(detection.captured, sec, usec);
   const KRValue stamp{KRValue(sec), KRValue(usec)};
-  KRValue::Array event;
-  std::vector<float> values;
+  // One or two poses of six floats: FRAME_WORLD, or the torso and the robot frame.
+  std::vector<std::vector<float>> poses;
   if (detection.layout == Layout::World) {
-    const Math::Transform worldToObject = Math::pinv(fMotion->getMapToOdometry()) * mapToObject;
-    values = Math::position6DFromTransform(worldToObject).toVector();
-    event.push_back(KRValue(values));
+    poses.push_back(
+        Math::position6DFromTransform(Math::pinv(fMotion->getMapToOdometry()) * mapToObject)
+            .toVector());
   } else {
     const Math::Transform torsoToObject = Math::pinv(fMotion->getMapToTorso()) * mapToObject;
-    const Math::Transform robotToObject =
-        Math::Transform::fromPosition(0.0f, 0.0f, fMotion->robot().getTorsoHeight()) *
-        torsoToObject;
-    values = Math::position6DFromTransform(torsoToObject).toVector();
-    const std::vector<float> robotValues = Math::position6DFromTransform(robotToObject).toVector();
-    values.insert(values.end(), robotValues.begin(), robotValues.end());
-    event.push_back(KRValue(Math::position6DFromTransform(torsoToObject).toVector()));
-    event.push_back(KRValue(robotValues));
+    poses.push_back(Math::position6DFromTransform(torsoToObject).toVector());
+    poses.push_back(
+        Math::position6DFromTransform(
+            Math::Transform::fromPosition(0.0f, 0.0f, fMotion->robot().getTorsoHeight()) *
+            torsoToObject)
+            .toVector());
   }
-  if (!std::all_of(values.begin(), values.end(), [](float v) { return std::isfinite(v); }))
-    return std::nullopt;
+  KRValue::Array event;
+  for (const auto& pose : poses) {
+    if (!std::all_of(pose.begin(), pose.end(), [](float v) { return std::isfinite(v); }))
+      return std::nullopt;
+    event.push_back(KRValue(pose));
+  }
   event.push_back(stamp);
   event.push_back(KRValue(detection.effector));
   if (detection.headThreshold >= 0.0f)
