@@ -26,8 +26,19 @@ BaseLimits BaseLimits::forRobotType(int type) {
   if (type == 1) {
     limits.maxLinearSpeed = 0.45f;
     limits.maxAngularSpeed = 1.2f;
+    limits.maxLinearAcceleration = 1.2f;
+    limits.maxAngularAcceleration = 3.5f;
   }
   return limits;
+}
+
+float brakingSpeed(float distance, float acceleration, float dt) {
+  // Speeds k * a * dt, k = n..1, cover a * dt^2 * n (n + 1) / 2: the largest n within distance.
+  const float step = acceleration * dt * dt;
+  if (!(step > 0.0f))
+    return distance / dt;
+  const float n = std::sqrt(0.25f + 2.0f * distance / step) - 0.5f;
+  return std::max(n * acceleration * dt, 0.0f);
 }
 
 Math::Pose2D displace(const Math::Pose2D& pose, const Math::Pose2D& d) {
@@ -83,34 +94,50 @@ void BaseController::lookAt(float pitch, float yaw, float fraction) {
 
 Math::Pose2D BaseController::plan(double dt) {
   const float fdt = static_cast<float>(dt);
+  if (!(fdt > 0.0f))
+    return {};
+  Math::Pose2D wanted;  // robot frame [m/s, rad/s]
   if (fMode == Mode::Velocity)
-    return {fVelocity.x * fdt, fVelocity.y * fdt, fVelocity.theta * fdt};
+    wanted = fVelocity;
   if (fMode == Mode::Goal) {
     const float ex = fGoal.x - fOdometry.x;
     const float ey = fGoal.y - fOdometry.y;
     const float et = Math::modulo2PI(fGoal.theta - fOdometry.theta);
     const float dist = std::hypot(ex, ey);
     if (dist >= kGoalLinearTolerance || std::fabs(et) >= kGoalAngularTolerance) {
-      const float step = std::min(fLimits.maxLinearSpeed * fdt, dist);
-      const float ang = fLimits.maxAngularSpeed * fdt;
+      // As fast as the limits allow while still able to brake to rest on the goal.
+      const float speed =
+          std::min({fLimits.maxLinearSpeed, brakingSpeed(dist, fLimits.maxLinearAcceleration, fdt),
+                    dist / fdt});
+      const float turn = std::min({fLimits.maxAngularSpeed,
+                                   brakingSpeed(std::fabs(et), fLimits.maxAngularAcceleration, fdt),
+                                   std::fabs(et) / fdt});
       const float c = std::cos(fOdometry.theta);
       const float s = std::sin(fOdometry.theta);
       const float ux = dist > 0.0f ? ex / dist : 0.0f;
       const float uy = dist > 0.0f ? ey / dist : 0.0f;
-      return {step * (c * ux + s * uy), step * (-s * ux + c * uy), clampf(et, -ang, ang)};
+      wanted = {speed * (c * ux + s * uy), speed * (-s * ux + c * uy), std::copysign(turn, et)};
+    } else {
+      fMode = Mode::Idle;
     }
-    fMode = Mode::Idle;
   }
-  // Idle: a whole-body gaze turns the base when the head would go beyond its comfort yaw.
-  if (fGaze.active) {
+  if (fMode == Mode::Idle && fGaze.active) {
+    // A whole-body gaze turns the base when the head would go beyond its comfort yaw.
     const float rel = Math::modulo2PI(fGaze.yaw - fOdometry.theta);
     const float excess = std::fabs(rel) - kComfortYaw;
     if (excess > 0.0f) {
-      const float omega = std::min(fLimits.maxAngularSpeed, kGazeTurnGain * excess);
-      return {0.0f, 0.0f, std::copysign(omega * fdt, rel)};
+      wanted.theta = std::copysign(std::min(fLimits.maxAngularSpeed, kGazeTurnGain * excess), rel);
     }
   }
-  return {};
+  const float dv = fLimits.maxLinearAcceleration * fdt;
+  const float dw = fLimits.maxAngularAcceleration * fdt;
+  const float ax = wanted.x - fPlanned.x;
+  const float ay = wanted.y - fPlanned.y;
+  const float change = std::hypot(ax, ay);
+  const float scale = change > dv ? dv / change : 1.0f;
+  fPlanned = {fPlanned.x + ax * scale, fPlanned.y + ay * scale,
+              fPlanned.theta + clampf(wanted.theta - fPlanned.theta, -dw, dw)};
+  return {fPlanned.x * fdt, fPlanned.y * fdt, fPlanned.theta * fdt};
 }
 
 Math::Pose2D BaseController::odometryAfter(const Math::Pose2D& d) const {
@@ -120,6 +147,7 @@ Math::Pose2D BaseController::odometryAfter(const Math::Pose2D& d) const {
 
 void BaseController::reset() {
   fOdometry = {};
+  fPlanned = {};
   fMode = Mode::Idle;
   fGaze.active = false;
 }

@@ -1,6 +1,7 @@
 #include <krsim/kinematic.h>
 
 #include <algorithm>
+#include <cmath>
 
 #include <kr/error.h>
 
@@ -9,7 +10,8 @@
 namespace KR {
 namespace Sim {
 
-KinematicBackend::KinematicBackend(std::size_t jointCount) : fJoints(jointCount) {}
+KinematicBackend::KinematicBackend(std::size_t jointCount, ServoModel servo)
+    : fServo(servo), fJoints(jointCount) {}
 
 const KinematicBackend::Joint& KinematicBackend::xJoint(std::size_t joint) const {
   if (joint >= fJoints.size()) {
@@ -22,8 +24,9 @@ const KinematicBackend::Joint& KinematicBackend::xJoint(std::size_t joint) const
 
 void KinematicBackend::setJointTarget(std::size_t joint, float target, float maxSpeed) {
   xJoint(joint);
-  fJoints[joint].target = target;
-  fJoints[joint].maxSpeed = maxSpeed;
+  fJoints[joint].received = {target, maxSpeed};
+  if (!fServo.commandDelay)
+    fJoints[joint].active = fJoints[joint].received;
 }
 
 void KinematicBackend::setBaseVelocity(const Math::Pose2D& velocity) {
@@ -34,11 +37,33 @@ void KinematicBackend::step(double dt) {
   const float fdt = static_cast<float>(dt);
   fBase =
       displace(fBase, {fBaseVelocity.x * fdt, fBaseVelocity.y * fdt, fBaseVelocity.theta * fdt});
+  const float lag = fServo.lagTime > 0.0f ? 1.0f - std::exp(-fdt / fServo.lagTime) : 1.0f;
+  const float accel = fServo.acceleration;
   for (auto& j : fJoints) {
-    const float maxStep = j.maxSpeed * fdt;
-    const float move = std::max(-maxStep, std::min(maxStep, j.target - j.angle));
-    j.angle += move;
-    j.velocity = fdt > 0.0f ? move / fdt : 0.0f;
+    const float error = j.active.target - j.reference;
+    const float maxSpeed = std::max(0.0f, j.active.maxSpeed);
+    if (accel <= 0.0f) {
+      // No acceleration limit: at the commanded speed at once.
+      const float move = std::clamp(error, -maxSpeed * fdt, maxSpeed * fdt);
+      j.reference += move;
+      j.speed = fdt > 0.0f ? move / fdt : 0.0f;
+    } else {
+      // The speed that still brakes to rest on the target, reached within the acceleration.
+      const float braking = brakingSpeed(std::fabs(error), accel, fdt);
+      const float wanted = std::copysign(std::min(maxSpeed, braking), error);
+      j.speed += std::clamp(wanted - j.speed, -accel * fdt, accel * fdt);
+      const float move = j.speed * fdt;
+      if (std::fabs(move) >= std::fabs(error) && move * error >= 0.0f) {
+        j.reference = j.active.target;  // arrives within this step
+        j.speed = 0.0f;
+      } else {
+        j.reference += move;
+      }
+    }
+    const float before = j.angle;
+    j.angle += (j.reference - j.angle) * lag;
+    j.velocity = fdt > 0.0f ? (j.angle - before) / fdt : 0.0f;
+    j.active = j.received;
   }
 }
 
@@ -52,7 +77,7 @@ float KinematicBackend::jointVelocity(std::size_t joint) const {
 
 void KinematicBackend::resetJoint(std::size_t joint, float angle) {
   xJoint(joint);
-  fJoints[joint] = {angle, 0.0f, angle, 0.0f};
+  fJoints[joint] = {angle, 0.0f, angle, 0.0f, {angle, 0.0f}, {angle, 0.0f}};
 }
 
 void KinematicBackend::resetBase(const Math::Pose2D& mapPose) {

@@ -18,6 +18,10 @@ Math::Transform torsoOffset(float height) {
   return Math::Transform::fromPosition(0, 0, height);
 }
 
+double secondsBetween(KRTimePoint from, KRTimePoint to) {
+  return std::chrono::duration<double>(to - from).count();
+}
+
 }  // namespace
 
 SimMotion::SimMotion(const Model::Robot& robot, std::shared_ptr<const SimClock> clock,
@@ -361,13 +365,28 @@ Math::Transform SimMotion::getTransform(const std::string& name, int frame) cons
 
 Math::Transform SimMotion::getTransformAtTime(const std::string& name, KRTimePoint time) const {
   std::lock_guard<std::mutex> lock(fMutex);
-  const Snapshot* found = &fHistory.front();
-  for (const auto& s : fHistory) {
-    if (s.time <= time)
-      found = &s;
+  // The two states about `time`, interpolated; the oldest or newest one outside the history.
+  const auto after = std::lower_bound(fHistory.begin(), fHistory.end(), time,
+                                      [](const Snapshot& s, KRTimePoint t) { return s.time < t; });
+  Snapshot state;
+  if (after == fHistory.begin()) {
+    state = fHistory.front();
+  } else if (after == fHistory.end()) {
+    state = fHistory.back();
+  } else {
+    const Snapshot& a = *(after - 1);
+    const Snapshot& b = *after;
+    const float u =
+        static_cast<float>(secondsBetween(a.time, time) / secondsBetween(a.time, b.time));
+    state.odometry = {a.odometry.x + (b.odometry.x - a.odometry.x) * u,
+                      a.odometry.y + (b.odometry.y - a.odometry.y) * u,
+                      Math::modulo2PI(a.odometry.theta +
+                                      Math::modulo2PI(b.odometry.theta - a.odometry.theta) * u)};
+    state.headYaw = a.headYaw + (b.headYaw - a.headYaw) * u;
+    state.headPitch = a.headPitch + (b.headPitch - a.headPitch) * u;
   }
-  return Math::transformFromPose2D(found->odometry) * torsoOffset(fRobot.getTorsoHeight()) *
-         xTorsoToFrame(name, found->headYaw, found->headPitch);
+  return Math::transformFromPose2D(state.odometry) * torsoOffset(fRobot.getTorsoHeight()) *
+         xTorsoToFrame(name, state.headYaw, state.headPitch);
 }
 
 Math::Transform SimMotion::getTorsoToHeadEffector(int effector) const {

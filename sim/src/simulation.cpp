@@ -15,11 +15,17 @@ Simulation::Simulation(SimulationConfig config) {
   fContext.robotXml = config.robotXml;
   fContext.memory = std::make_shared<SimMemory>(fContext.clock);
   fContext.motion = std::make_shared<SimMotion>(
-      *fContext.robot, fContext.clock, makePhysicsBackend(config.physics, *fContext.robot));
+      *fContext.robot, fContext.clock,
+      config.physics == "kinematic" ? std::make_unique<KinematicBackend>(
+                                          simulatedJoints(*fContext.robot).size(), config.servo)
+                                    : makePhysicsBackend(config.physics, *fContext.robot));
+
   fContext.motion->resetPose(config.startPose);
   fContext.world =
       std::make_shared<World>(fContext.clock, fContext.memory, fContext.motion, config.seed);
   fContext.world->setNoise(config.noise);
+  fContext.world->setPerception(config.perception());
+  fContext.compensation = config.compensation;
   fContext.broker->addModule(fContext.motion);
   fContext.broker->addModule(fContext.memory);
   fContext.broker->addModule(fRobotModel);

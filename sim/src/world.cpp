@@ -151,6 +151,22 @@ void World::setNoise(float sigma) {
   fNoise = std::max(0.0f, sigma);
 }
 
+void World::setPerception(const Perception& p) {
+  if (!(p.cameraRateHz >= 0.0) || !(p.latencyS >= 0.0) || !(p.dropout >= 0.0 && p.dropout <= 1.0) ||
+      !(p.angleNoise >= 0.0f) || !(p.distanceNoise >= 0.0f)) {
+    throw KRError("World", "setPerception",
+                  "the camera rate, latency and noise must not be negative and the dropout must "
+                  "lie in [0, 1]");
+  }
+  std::lock_guard<std::mutex> lock(fMutex);
+  fPerception = p;
+}
+
+Perception World::getPerception() const {
+  std::lock_guard<std::mutex> lock(fMutex);
+  return fPerception;
+}
+
 void World::setCameraEffector(int effector) {
   if (effector < 0 || effector >= Model::kTrackEffectorCount) {
     throw KRError("World", "setCameraEffector", "effector must be 0, 1 or 2");
@@ -222,38 +238,89 @@ bool World::isInFieldOfView(const Math::Position3D& mapPoint, float range) const
   return inCameraView(local, fMotion->robot(), range);
 }
 
-Math::Position3D World::xNoisy(const Math::Position3D& p) {
-  if (fNoise <= 0.0f)
-    return p;
-  std::normal_distribution<float> n(0.0f, fNoise);
-  const float dx = n(fRandom);
-  const float dy = n(fRandom);
-  const float dz = n(fRandom);
-  return {p.x + dx, p.y + dy, p.z + dz};
+bool World::xFrameDue(std::int64_t elapsedNs) {
+  if (fPerception.cameraRateHz <= 0.0)
+    return true;
+  if (elapsedNs < fNextFrameNs)
+    return false;
+  const auto period = static_cast<std::int64_t>(std::llround(1e9 / fPerception.cameraRateHz));
+  fNextFrameNs += period;
+  if (fNextFrameNs <= elapsedNs)
+    fNextFrameNs = elapsedNs + period;
+  return true;
 }
 
-KRValue World::xMakeEvent(const Target& target, KRTimePoint now) {
-  const Math::Transform mapToObject = Math::transformFromPosition3D(xNoisy(target.state.position));
+void World::xDetect(const Target& target, const std::string& eventName, KRTimePoint now,
+                    const Math::Transform& mapToCamera, std::int64_t elapsedNs) {
+  if (fPerception.dropout > 0.0 &&
+      std::uniform_real_distribution<double>(0.0, 1.0)(fRandom) < fPerception.dropout) {
+    return;
+  }
+  Math::Position3D p = Math::pinv(mapToCamera) * target.state.position;
+  if (fPerception.angleNoise > 0.0f || fPerception.distanceNoise > 0.0f) {
+    // The detector sees a direction and a distance: errors on both, in the camera frame.
+    const float d = p.norm();
+    float azimuth = std::atan2(p.y, p.x);
+    float elevation = std::atan2(p.z, std::hypot(p.x, p.y));
+    float range = d;
+    if (fPerception.angleNoise > 0.0f) {
+      std::normal_distribution<float> angle(0.0f, fPerception.angleNoise);
+      azimuth += angle(fRandom);
+      elevation += angle(fRandom);
+    }
+    if (fPerception.distanceNoise > 0.0f) {
+      std::normal_distribution<float> distance(0.0f, fPerception.distanceNoise * d * d);
+      range = std::max(0.0f, d + distance(fRandom));
+    }
+    p = {range * std::cos(elevation) * std::cos(azimuth),
+         range * std::cos(elevation) * std::sin(azimuth), range * std::sin(elevation)};
+  }
+  if (fNoise > 0.0f) {
+    std::normal_distribution<float> n(0.0f, fNoise);
+    const float dx = n(fRandom);
+    const float dy = n(fRandom);
+    const float dz = n(fRandom);
+    const Math::Position3D onMap = mapToCamera * p;
+    p = Math::pinv(mapToCamera) * Math::Position3D(onMap.x + dx, onMap.y + dy, onMap.z + dz);
+  }
+  const auto latency = static_cast<std::int64_t>(std::llround(fPerception.latencyS * 1e9));
+  fInFlight.push_back({elapsedNs + latency, now, eventName, p, target.script.layout, fEffector,
+                       target.script.headThreshold});
+}
+
+std::optional<KRValue> World::xMakeEvent(const Detection& detection) {
+  // Converted with the pose of the moment of publication (see the header).
+  const Math::Transform mapToObject = Math::transformFromPosition3D(
+      fMotion->getMapToHeadEffector(detection.effector) * detection.cameraToObject);
   int sec = 0;
   int usec = 0;
-  SimClock::split(now, sec, usec);
+  SimClock::split(detection.captured, sec, usec);
   const KRValue stamp{KRValue(sec), KRValue(usec)};
-  KRValue::Array event;
-  if (target.script.layout == Layout::World) {
-    const Math::Transform worldToObject = Math::pinv(fMotion->getMapToOdometry()) * mapToObject;
-    event.push_back(KRValue(Math::position6DFromTransform(worldToObject).toVector()));
+  // One or two poses of six floats: FRAME_WORLD, or the torso and the robot frame.
+  std::vector<std::vector<float>> poses;
+  if (detection.layout == Layout::World) {
+    poses.push_back(
+        Math::position6DFromTransform(Math::pinv(fMotion->getMapToOdometry()) * mapToObject)
+            .toVector());
   } else {
     const Math::Transform torsoToObject = Math::pinv(fMotion->getMapToTorso()) * mapToObject;
-    const Math::Transform robotToObject =
-        Math::Transform::fromPosition(0.0f, 0.0f, fMotion->robot().getTorsoHeight()) *
-        torsoToObject;
-    event.push_back(KRValue(Math::position6DFromTransform(torsoToObject).toVector()));
-    event.push_back(KRValue(Math::position6DFromTransform(robotToObject).toVector()));
+    poses.push_back(Math::position6DFromTransform(torsoToObject).toVector());
+    poses.push_back(
+        Math::position6DFromTransform(
+            Math::Transform::fromPosition(0.0f, 0.0f, fMotion->robot().getTorsoHeight()) *
+            torsoToObject)
+            .toVector());
+  }
+  KRValue::Array event;
+  for (const auto& pose : poses) {
+    if (!std::all_of(pose.begin(), pose.end(), [](float v) { return std::isfinite(v); }))
+      return std::nullopt;
+    event.push_back(KRValue(pose));
   }
   event.push_back(stamp);
-  event.push_back(KRValue(fEffector));
-  if (target.script.headThreshold >= 0.0f)
-    event.push_back(KRValue(target.script.headThreshold));
+  event.push_back(KRValue(detection.effector));
+  if (detection.headThreshold >= 0.0f)
+    event.push_back(KRValue(detection.headThreshold));
   return KRValue(std::move(event));
 }
 
@@ -285,10 +352,11 @@ void World::update() {
     }
 
     const std::int64_t elapsed = fClock->elapsed().count();
+    const bool frame = xFrameDue(elapsed);
     for (auto& entry : fPublications) {
       const std::string& kind = entry.first;
       Publication& pub = entry.second;
-      if (elapsed < pub.nextDueNs)
+      if (!frame || elapsed < pub.nextDueNs)
         continue;
       const std::int64_t period =
           static_cast<std::int64_t>(
@@ -302,9 +370,8 @@ void World::update() {
         for (const auto& target : fTargets) {
           if (target.script.kind != kind)
             continue;
-          if (index < pub.eventNames.size() && target.state.perceived) {
-            events.emplace_back(pub.eventNames[index], xMakeEvent(target, now));
-          }
+          if (index < pub.eventNames.size() && target.state.perceived)
+            xDetect(target, pub.eventNames[index], now, mapToCamera, elapsed);
           ++index;
         }
         continue;
@@ -320,9 +387,23 @@ void World::update() {
           nearest = &target;
         }
       }
-      if (nearest != nullptr && !pub.eventNames.empty()) {
-        events.emplace_back(pub.eventNames.front(), xMakeEvent(*nearest, now));
+      if (nearest != nullptr && !pub.eventNames.empty())
+        xDetect(*nearest, pub.eventNames.front(), now, mapToCamera, elapsed);
+    }
+    // Latencies are equal, so the queue is in order of delivery.
+    while (!fInFlight.empty() && fInFlight.front().deliverNs <= elapsed) {
+      const Detection d = std::move(fInFlight.front());
+      fInFlight.pop_front();
+      // A kind that stopped meanwhile is not delivered any more.
+      bool wanted = false;
+      for (const auto& p : fPublications) {
+        wanted = wanted || std::find(p.second.eventNames.begin(), p.second.eventNames.end(),
+                                     d.eventName) != p.second.eventNames.end();
       }
+      if (!wanted)
+        continue;
+      if (auto event = xMakeEvent(d))
+        events.emplace_back(d.eventName, std::move(*event));
     }
   }
   for (const auto& e : events)

@@ -22,9 +22,11 @@ namespace krtest {
 
 class ModulesTest : public ::testing::Test {
  protected:
-  /// Builds the simulation; call from each test (robot file of robots/, noise-free world).
+  /// Builds the simulation; call from each test (robot file of robots/, an ideal camera: a
+  /// frame every step, no latency, no noise).
   void build(const std::string& robotFile = "kibo.xml", KR::Math::Pose2D startPose = {}) {
     KR::Sim::SimulationConfig config;
+    config.setPerception(KR::Sim::Perception::ideal());
     config.robotXml = readRobotFile(robotFile);
     config.seed = 3;
     config.startPose = startPose;

@@ -1,6 +1,9 @@
 // The smoother: lost and detected events with the time-out, the maximum distance, the
 // search event, what it publishes for the movers, the landmarks' robot position.
 
+#include <cmath>
+#include <limits>
+
 #include <kr/error.h>
 #include <kr/target/targets.h>
 #include <krsim/modules/smoother.h>
@@ -55,6 +58,32 @@ TEST_F(SmootherTest, ATargetNeverSeenIsLostOneTimeOutAfterTheStart) {
   const auto lost = eventTimes(Namer::getNameLost());
   ASSERT_EQ(lost.size(), 1u);
   EXPECT_NEAR(lost[0], 0.5, 0.02);
+}
+
+TEST_F(SmootherTest, ObservationsThatAreNotFiniteNeverReachTheLookers) {
+  addTarget("ball", Target::TargetRedBall, {-2.0f, 0.0f, 0.45f});  // behind: never seen
+  track(Target::TargetRedBall);
+  sim->callTracker("setTimeOut", 500);
+  sim->runUntil(1.0);
+  ASSERT_TRUE(smoother()->snapshot().lost);
+  const std::string event = smoother()->snapshot().events.at(0);
+  auto observation = [&](float x) {
+    int sec = 0;
+    int usec = 0;
+    KR::Sim::SimClock::split(sim->clock().now(), sec, usec);
+    return KRValue{KRValue(std::vector<float>{x, 0.0f, 0.4f, 0.0f, 0.0f, 0.0f}),
+                   KRValue{KRValue(sec), KRValue(usec)}, KRValue(0)};
+  };
+  for (const float bad : {std::nanf(""), std::numeric_limits<float>::infinity()}) {
+    sim->memory().raiseEvent(event, observation(bad));
+    sim->step();
+  }
+  EXPECT_EQ(events(Namer::getNameDetected()), 0u);
+  EXPECT_EQ(events(Namer::getNameLooker()), 0u);
+  sim->memory().raiseEvent(event, observation(1.0f));  // the same, finite: taken
+  sim->step();
+  EXPECT_EQ(events(Namer::getNameDetected()), 1u);
+  EXPECT_GT(events(Namer::getNameLooker()), 0u);
 }
 
 TEST_F(SmootherTest, ObservationsBeyondTheMaximumDistanceAreDropped) {

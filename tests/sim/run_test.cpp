@@ -67,7 +67,10 @@ TEST_F(RunTest, MeasuresComeFromEverySampleInViewAndTheTrackersOwnState) {
   std::vector<std::string> progress;
   std::vector<KR::Sim::Sample> samples;
   std::vector<std::string> hooks;
-  ScenarioRun run(scenario(), KR::Sim::SimulationConfig());
+  KR::Sim::SimulationConfig ideal;  // an ideal camera and ideal servos: known answers
+  ideal.setPerception(KR::Sim::Perception::ideal());
+  ideal.servo = KR::Sim::ServoModel::ideal();
+  ScenarioRun run(scenario(), ideal);
   run.setProgress([&](const std::string& line) { progress.push_back(line); }, 1.0);
   run.setSampleObserver([&](const KR::Sim::Sample& s) { samples.push_back(s); });
   run.setPhaseHook([&](const std::string& label) { hooks.push_back(label); });

@@ -44,6 +44,8 @@ Recorded runScenario(const std::string& name, ScenarioOptions options = {}, std:
   KR::Sim::SimulationConfig config;
   config.seed = seed;
   config.noise = noise;
+  config.setPerception(KR::Sim::Perception::ideal());
+  config.servo = KR::Sim::ServoModel::ideal();
   config.modules = &KR::Sim::createTrackerModules;
   Recorded r;
   r.run = std::make_unique<ScenarioRun>(KR::Sim::makeScenario(name, options), config);

@@ -55,6 +55,7 @@ class WorldTest : public ::testing::Test {
     memory = std::make_shared<SimMemory>(clock);
     motion = std::make_shared<SimMotion>(*robot, clock);
     world = std::make_shared<World>(clock, memory, motion, 7);
+    world->setPerception(KR::Sim::Perception::ideal());
     broker->addModule(motion);
   }
   void TearDown() override { broker->shutdown(); }
@@ -159,6 +160,7 @@ TEST_F(WorldTest, BothLayoutsConvertBackToTheTargetInTheOdometryFrame) {
   for (Layout layout : {Layout::World, Layout::Torso}) {
     world->stopPublishingAll();
     World fresh(clock, memory, motion, 7);
+    fresh.setPerception(KR::Sim::Perception::ideal());
     TargetScript script = ball(Path::fixed(target), layout);
     script.headThreshold = 0.25f;
     fresh.addTarget(script);
@@ -221,6 +223,7 @@ TEST_F(WorldTest, TheNearestTargetOfAKindIsPublishedAndLandmarksGoToTheirOwnEven
 TEST_F(WorldTest, NoiseDependsOnlyOnTheSeed) {
   auto observe = [&](std::uint32_t seed, float noise) {
     World w(clock, memory, motion, seed);
+    w.setPerception(KR::Sim::Perception::ideal());
     w.addTarget(ball(Path::fixed(ahead(1.0f)), Layout::World));
     w.setNoise(noise);
     w.setPeriodMs("RedBall", 10);
@@ -244,6 +247,110 @@ TEST_F(WorldTest, NoiseDependsOnlyOnTheSeed) {
   for (std::size_t i = 0; i < exact.size(); ++i)
     sum += std::pow(noisy[i] - exact[i], 2);
   EXPECT_NEAR(std::sqrt(sum / 50.0), 0.01, 0.004);
+}
+
+/// Seconds since the start of the stamp of an observation of either layout.
+double stampOf(const KRValue& event, const SimClock& clock) {
+  const KRValue& t = event[event[0].size() == 6 && event[1].size() == 2 ? 1 : 2];
+  const auto stamp = std::chrono::seconds(t[0].asInt()) + std::chrono::microseconds(t[1].asInt());
+  return std::chrono::duration<double>(KR::KRTimePoint(stamp) - clock.start()).count();
+}
+
+TEST_F(WorldTest, DetectionsComeAtTheCameraRateLateByTheLatencyStampedWithTheirCapture) {
+  struct Case {
+    double rateHz, latencyS, dropout;
+    std::size_t minCount, maxCount;
+  };
+  for (const Case c : {Case{15.0, 0.08, 0.0, 29, 31}, Case{10.0, 0.15, 0.0, 19, 21},
+                       Case{30.0, 0.04, 0.5, 18, 42}, Case{30.0, 0.0, 1.0, 0, 0}}) {
+    World w(clock, memory, motion, 5);
+    w.setPerception({c.rateHz, c.latencyS, c.dropout, 0.0f, 0.0f});
+    w.addTarget(ball(Path::fixed(ahead(1.0f))));
+    w.setPeriodMs("RedBall", 10);
+    w.startPublishing("RedBall", {"Obs"});
+    std::vector<std::pair<double, double>> seen;  // arrival, stamp
+    const int id = memory->subscribe("Obs", [&](const std::string&, const KRValue& v) {
+      seen.emplace_back(clock->seconds(), stampOf(v, *clock));
+    });
+    const double start = clock->seconds();
+    for (int i = 0; i < 200; ++i) {
+      clock->advance(std::chrono::milliseconds(10));
+      w.update();
+    }
+    memory->unsubscribe(id);
+    EXPECT_GE(seen.size(), c.minCount) << c.rateHz;
+    EXPECT_LE(seen.size(), c.maxCount) << c.rateHz;
+    for (std::size_t i = 0; i < seen.size(); ++i) {
+      // Delivered at the first step after the latency, stamped when the frame was taken.
+      EXPECT_GE(seen[i].first - seen[i].second, c.latencyS - 1e-6);
+      EXPECT_LT(seen[i].first - seen[i].second, c.latencyS + 0.01);
+      EXPECT_GT(seen[i].second, start);
+      if (i > 0 && c.dropout == 0.0) {
+        EXPECT_NEAR(seen[i].second - seen[i - 1].second, 1.0 / c.rateHz, 0.0101);
+      }
+    }
+  }
+}
+
+TEST_F(WorldTest, ADetectionOutsideTheFieldOfViewNeverReachesTheTracker) {
+  // A noisy camera, and a ball that sweeps from far left to far right of it and back.
+  KR::Sim::Perception perception;
+  perception.angleNoise = 0.05f;
+  perception.dropout = 0.1;
+  world->setPerception(perception);
+  const auto camera = motion->getMapToHeadEffector(0);
+  const float half = 0.5f * robot->getCameraHorizontalFov();
+  Path sweep;
+  for (int i = 0; i <= 8; ++i) {
+    const float a = (i % 2 == 0 ? -1.5f : 1.5f) * half;
+    sweep.add(0.5 * i, camera * Position3D(2.0f * std::cos(a), 2.0f * std::sin(a), 0.0f));
+  }
+  world->addTarget(ball(sweep, Layout::World));
+  world->startPublishing("RedBall", {"Obs"});
+  const auto events = run(4.5);
+  ASSERT_GT(events.size(), 10u);
+  std::size_t outside = 0;
+  for (double t = 0.0; t < 4.5; t += 0.01) {
+    outside += world->isInFieldOfView(sweep.at(t), 10.0f) ? 0 : 1;
+  }
+  ASSERT_GT(outside, 100u) << "the sweep must leave the field of view";
+  for (const auto& e : events) {
+    const double captured = stampOf(e.second, *clock);
+    EXPECT_TRUE(world->isInFieldOfView(sweep.at(captured), 10.0f)) << captured;
+  }
+}
+
+TEST_F(WorldTest, TheErrorIsAnAngleAndADistanceErrorThatGrowsWithDistance) {
+  // Standard deviations of the bearing [rad] and of the distance [m] seen at distance d.
+  auto spread = [&](float d) {
+    World w(clock, memory, motion, 11);
+    w.setPerception({0.0, 0.0, 0.0, 0.004f, 0.02f});
+    w.addTarget(ball(Path::fixed(ahead(d)), Layout::World));
+    w.setPeriodMs("RedBall", 10);
+    w.startPublishing("RedBall", {"Obs"});
+    const auto cameraToMap = KR::Math::pinv(motion->getMapToHeadEffector(0));
+    double bearing = 0.0, distance = 0.0;
+    int n = 0;
+    const int id = memory->subscribe("Obs", [&](const std::string&, const KRValue& v) {
+      const Position3D p =
+          cameraToMap * Position3D(v[0][0].asFloat(), v[0][1].asFloat(), v[0][2].asFloat());
+      bearing += std::pow(std::atan2(p.y, p.x), 2);
+      distance += std::pow(p.norm() - d, 2);
+      ++n;
+    });
+    for (int i = 0; i < 2000; ++i) {
+      clock->advance(std::chrono::milliseconds(10));
+      w.update();
+    }
+    memory->unsubscribe(id);
+    return std::make_pair(std::sqrt(bearing / n), std::sqrt(distance / n));
+  };
+  const auto near = spread(1.0f);
+  const auto far = spread(3.0f);
+  EXPECT_NEAR(near.first, 0.004, 0.0004);
+  EXPECT_NEAR(far.first, 0.004, 0.0004);
+  EXPECT_NEAR(near.second, 0.02, 0.002);
+  EXPECT_NEAR(far.second, 0.18, 0.018);
 }
 
 }  // namespace

@@ -1,7 +1,9 @@
 #pragma once
 // BaseController: what the simulated robot's base is asked to do and where it believes it is.
 // "moveTo" (a relative goal), "move" (a velocity) and the turn of a whole-body gaze each give a
-// robot-frame displacement per step, which the physics backend carries out. Odometry
+// robot-frame velocity, reached within the base's acceleration limits (a goal is approached
+// braking so as to stop on it; a stop decelerates), and from it a displacement per step,
+// which the physics backend carries out. Odometry
 // integrates the measured displacement with a relative drift; FRAME_WORLD is its frame.
 //
 // Not thread-safe: SimMotion calls it under its lock.
@@ -11,13 +13,20 @@
 namespace KR {
 namespace Sim {
 
-/// Limits of the base [m/s], [rad/s].
+/// Limits of the base [m/s], [rad/s], [m/s^2], [rad/s^2]. A walking humanoid gets up to
+/// speed in about half a second; a wheeled base in about a third of a second.
 struct BaseLimits {
   float maxLinearSpeed = 0.15f;
   float maxAngularSpeed = 0.8f;
+  float maxLinearAcceleration = 0.3f;
+  float maxAngularAcceleration = 1.6f;
   /// Defaults for a robot type: a small humanoid walks slowly, a wheeled one rolls faster.
   static BaseLimits forRobotType(int type);
 };
+
+/// The highest speed from which steps of dt seconds, each slowing down by acceleration * dt,
+/// still stop within `distance` (all magnitudes, non-negative).
+float brakingSpeed(float distance, float acceleration, float dt);
 
 /// A pose moved by a robot-frame displacement, integrated at the mid heading.
 Math::Pose2D displace(const Math::Pose2D& pose, const Math::Pose2D& displacement);
@@ -55,6 +64,8 @@ class BaseController {
 
   /// The robot-frame displacement for the next dt seconds; ends a goal that is reached.
   Math::Pose2D plan(double dt);
+  /// The velocity of the last planned step, robot frame.
+  const Math::Pose2D& plannedVelocity() const { return fPlanned; }
   /// Odometry after a robot-frame displacement (drift included).
   Math::Pose2D odometryAfter(const Math::Pose2D& displacement) const;
   /// Records a measured robot-frame displacement in the odometry.
@@ -74,6 +85,7 @@ class BaseController {
   Mode fMode = Mode::Idle;
   Math::Pose2D fGoal;      // odometry frame
   Math::Pose2D fVelocity;  // robot frame
+  Math::Pose2D fPlanned;   // velocity of the last step, robot frame
   Gaze fGaze;
   Math::Pose2D fOdometry;  // FRAME_WORLD
   float fDriftLinear = 0.0f;

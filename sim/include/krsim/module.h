@@ -29,6 +29,9 @@ struct SimContext {
   std::shared_ptr<World> world;
   std::shared_ptr<const Model::Robot> robot;
   std::string robotXml;  // the description that "KRRobotModel" serves
+  /// The smoother places detections with the pose at their capture time and predicts the
+  /// target to when the command takes effect; off: latest pose, no prediction.
+  bool compensation = true;
 };
 
 /// A module of the tracking service that runs a periodic loop. The simulation calls update()

@@ -22,8 +22,10 @@
 //   "getTransform"(name, frame int, useSensors bool) -> 12 floats (pose of `name` in frame)
 //   "getPosition"(name, frame int, useSensors bool) -> 6 floats (x, y, z, wx, wy, wz)
 //   "getRobotPosition"(useSensors bool) -> [x, y, theta] in FRAME_WORLD (odometry)
-//   "_getSensorTransformAtTime"(name, time) -> 12 floats: the sensor's pose in FRAME_WORLD at
-//       that time (from a short history of states; the oldest kept when older)
+//   "_getSensorTransformAtTime"(name, time) -> 12 floats: the pose of a named frame (a
+//       sensor, "Head" or "Torso") in FRAME_WORLD at that time, interpolated between the two
+//       states of the history about it (kHistorySize steps); the oldest or newest state
+//       outside the history
 //   "areResourcesAvailable"(names) -> bool: no name (joint or chain) is taken
 //   "robotIsWakeUp"() -> bool
 //   "moveTo"(x, y, theta): relative goal in the robot frame; returns at once, the walk
@@ -76,6 +78,8 @@ class SimMotion : public KR::KRModule {
   static constexpr float kWholeBodyComfortYaw = BaseController::kComfortYaw;
   /// Speed fraction of a "_lookAtWb" gaze, which carries none.
   static constexpr float kWholeBodyGazeFraction = 0.3f;
+  /// States kept for "_getSensorTransformAtTime": 2 s of 10 ms steps, well beyond any
+  /// detection latency.
   static constexpr std::size_t kHistorySize = 200;
 
   struct JointState {
@@ -157,8 +161,9 @@ class SimMotion : public KR::KRModule {
   /// "LForeArm", "RForeArm", "LArm", "RArm") in FRAME_TORSO, FRAME_WORLD or FRAME_ROBOT.
   /// KRError for an unknown name or frame.
   Math::Transform getTransform(const std::string& name, int frame) const;
-  /// Pose of a named frame in FRAME_WORLD at a past time, from the history (the oldest state
-  /// kept when the time is older).
+  /// Pose of a named frame in FRAME_WORLD at a past time, interpolated in the history of
+  /// base and head states (the oldest or newest state outside it). Arms: their current pose
+  /// on the base of that time.
   Math::Transform getTransformAtTime(const std::string& name, KRTimePoint time) const;
 
   const Model::Robot& robot() const { return fRobot; }

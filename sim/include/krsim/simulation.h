@@ -4,8 +4,9 @@
 // tracking service's sub-modules with the "KRTracker" host.
 //
 // One step is 10 ms of simulated time, always in this order: the clock advances; the motion
-// service integrates joints and base up to the new time; the world moves its targets and
-// raises the observations that are due (subscribers run at once); each sub-module's update()
+// service integrates joints and base up to the new time; the world moves its targets, takes
+// a camera frame when one is due and raises the detections whose latency has passed
+// (subscribers run at once); each sub-module's update()
 // runs, in the factory's order; the calls posted to the broker's worker are waited for; the
 // step observer runs. Calls to the tracker made between steps also wait for their posted
 // calls, so a run depends only on its configuration and seed.
@@ -20,8 +21,10 @@
 #include <kr/broker/broker.h>
 #include <kr/math/types.h>
 
+#include <krsim/kinematic.h>
 #include <krsim/module.h>
 #include <krsim/robotmodel.h>
+#include <krsim/world.h>
 
 namespace KR {
 namespace Sim {
@@ -29,16 +32,32 @@ namespace Sim {
 struct SimulationConfig {
   std::string robotXml;  // robot description served by "KRRobotModel"
   std::uint32_t seed = 1;
-  float noise = 0.0f;        // standard deviation of observation noise [m]
+  float noise = 0.0f;        // extra Gaussian noise on each map coordinate of a detection [m]
   Math::Pose2D startPose;    // the robot's pose in the map frame
   SubModuleFactory modules;  // empty: services only, no tracking service
 
-  // Perception, actuation and the tracking service's latency compensation.
-  std::string physics = "kinematic";  // "kinematic" or "mujoco"
-  double cameraRateHz = 15.0;         // detections per second of the head camera
-  double latencyS = 0.08;             // capture to delivery of a detection [s]
-  double dropout = 0.0;               // probability that a frame's detection is missed
-  bool compensation = true;           // sub-modules use capture-time poses and prediction
+  // Perception (see World's Perception for the defaults and where they come from), actuation
+  // and the tracking service's latency compensation.
+  std::string physics = "kinematic";                 // "kinematic" or "mujoco"
+  double cameraRateHz = Perception().cameraRateHz;   // frames per second; 0: every step
+  double latencyS = Perception().latencyS;           // capture to delivery of a detection [s]
+  double dropout = Perception().dropout;             // probability that a frame is missed
+  float angleNoise = Perception().angleNoise;        // [rad]
+  float distanceNoise = Perception().distanceNoise;  // distance error over distance^2 [1/m]
+  bool compensation = true;  // sub-modules use capture-time poses and prediction
+  ServoModel servo;          // joints of the kinematic backend
+
+  Perception perception() const {
+    return {cameraRateHz, latencyS, dropout, angleNoise, distanceNoise};
+  }
+  SimulationConfig& setPerception(const Perception& p) {
+    cameraRateHz = p.cameraRateHz;
+    latencyS = p.latencyS;
+    dropout = p.dropout;
+    angleNoise = p.angleNoise;
+    distanceNoise = p.distanceNoise;
+    return *this;
+  }
 };
 
 class Simulation {

@@ -3,24 +3,36 @@
 // by the head camera (or heard, for a sound source) and published as tracker events in
 // platform memory, the way the robot's detection modules would.
 //
-// A target is seen when it lies in the field of view of the head camera of the configured
-// effector (0: top camera by default) and within range. Its observations are raised on
-// KRMemory under the event name(s) that the target manager gives for its kind, one every
-// period of that kind, in one of the two tracker event layouts:
+// The head camera takes frames at Perception::cameraRateHz. On a frame, a target is detected
+// when it lies in the field of view of the head camera of the configured effector (0: top
+// camera by default) and within range, unless the frame misses it (Perception::dropout). The
+// detection is a point in the camera frame, with an angular error and a distance error that
+// grows with the distance. It is delivered Perception::latencyS later, stamped with the
+// capture time: the detection module converts it into the event's frame with the head and
+// base pose it reads when it publishes, as a robot's vision service does, so a consumer that
+// wants the pose at capture time asks KRMotion for it ("_getSensorTransformAtTime").
+//
+// Observations are raised on KRMemory under the event name(s) that the target manager gives
+// for its kind, on the first frame of every period of that kind, in one of the two tracker
+// event layouts:
 //   Layout::World  [[x, y, z, wx, wy, wz] (FRAME_WORLD), [sec, usec], effector(, threshold)]
 //   Layout::Torso  [[torso 6D], [robot 6D], [sec, usec], effector(, threshold)]
 // FRAME_WORLD is the motion service's odometry frame, so a drifting odometry shows in the
-// events as it would on a robot. Noise, when set, is Gaussian on each coordinate, drawn from
-// one std::mt19937 seeded at construction, in a fixed order: the same seed gives the same run.
+// events as it would on a robot. Every random draw (dropout, angle, distance, then the extra
+// Gaussian noise on each map coordinate) comes from one std::mt19937 seeded at construction,
+// in a fixed order: the same seed gives the same run. An observation that is not finite is
+// never raised.
 //
 // Kinds are the platform's target names ("RedBall", "Face", "People", "Sound", "LandMarks").
 // When several targets of one kind are seen, the nearest is published; "LandMarks" is the
 // exception: its i-th target goes to the i-th event name, so two landmarks need two names.
 
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <random>
 #include <string>
 #include <utility>
@@ -71,6 +83,31 @@ struct TimeInterval {
 
 enum class Layout { World, Torso };
 
+/// How the head camera and its on-board detector see. The defaults are those of a typical
+/// robot head camera running a face or ball detector on board:
+/// - 15 Hz: detectors on an embedded CPU or a small accelerator run at 10 to 30 Hz; 15 Hz is
+///   the middle of that range (one frame in two of a 30 fps sensor).
+/// - 80 ms: capture to delivery adds half a frame of exposure and readout (17 ms at 30 fps),
+///   the detector's inference (30 to 50 ms) and the transport to the robot's middleware
+///   (10 ms); published measurements of such pipelines lie between 30 and 150 ms.
+/// - 3 mrad of angular error: about 2 pixels of centroid jitter for a 640-pixel-wide image
+///   across a 60-degree lens (560 pixels of focal length).
+/// - distance error 0.02 * d^2 [m] at d metres: the distance comes from the apparent size of
+///   the target, whose pixel error is relative to a size that shrinks as 1/d; 2 % at 1 m is
+///   one pixel on the 30-pixel image of a 6 cm ball, then growing with the square.
+/// - no dropout by default, so that a run shows the latency alone; 0.1 is a typical miss
+///   rate of a detector on a moving target.
+struct Perception {
+  double cameraRateHz = 15.0;   // frames per second; 0: a frame every update
+  double latencyS = 0.08;       // capture to delivery [s]
+  double dropout = 0.0;         // probability that a frame misses the target
+  float angleNoise = 0.003f;    // standard deviation of each of two angles [rad]
+  float distanceNoise = 0.02f;  // standard deviation of the distance over its square [1/m]
+
+  /// A frame every update, delivered at once, exact and never missed.
+  static Perception ideal() { return {0.0, 0.0, 0.0, 0.0f, 0.0f}; }
+};
+
 struct TargetScript {
   std::string name;  // unique in the world, e.g. "ball"
   std::string kind;  // "RedBall", "Face", "People", "Sound" or "LandMarks"
@@ -107,8 +144,12 @@ class World {
   std::vector<TargetState> states() const;
   TargetState state(const std::string& name) const;
 
-  /// Standard deviation of the noise on each published coordinate [m]; 0 by default.
+  /// Standard deviation of extra noise on each map coordinate [m]; 0 by default.
   void setNoise(float sigma);
+  /// The camera and detector; KRError for a negative rate, latency or noise, or a dropout
+  /// outside [0, 1].
+  void setPerception(const Perception& perception);
+  Perception getPerception() const;
   /// Which head camera (TRACK_EFFECTOR 0, 1, 2) sees, and which effector the events carry.
   void setCameraEffector(int effector);
   int getCameraEffector() const;
@@ -141,9 +182,21 @@ class World {
     std::vector<std::string> eventNames;
     std::int64_t nextDueNs = -1;  // clock elapsed time of the next observation [ns]
   };
+  /// A detection on its way to the tracker.
+  struct Detection {
+    std::int64_t deliverNs = 0;  // clock elapsed time of delivery [ns]
+    KRTimePoint captured;
+    std::string eventName;
+    Math::Position3D cameraToObject;  // camera frame at capture [m]
+    Layout layout = Layout::Torso;
+    int effector = 0;
+    float headThreshold = -1.0f;
+  };
 
-  KRValue xMakeEvent(const Target& target, KRTimePoint now);
-  Math::Position3D xNoisy(const Math::Position3D& p);
+  void xDetect(const Target& target, const std::string& eventName, KRTimePoint now,
+               const Math::Transform& mapToCamera, std::int64_t elapsedNs);
+  std::optional<KRValue> xMakeEvent(const Detection& detection);
+  bool xFrameDue(std::int64_t elapsedNs);
 
   std::shared_ptr<const SimClock> fClock;
   std::shared_ptr<SimMemory> fMemory;
@@ -154,6 +207,9 @@ class World {
   std::map<std::string, int> fPeriodsMs;
   float fNoise = 0.0f;
   int fEffector = 0;
+  Perception fPerception;
+  std::int64_t fNextFrameNs = 0;
+  std::deque<Detection> fInFlight;  // in order of delivery
   std::mt19937 fRandom;
 };
 

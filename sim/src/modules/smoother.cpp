@@ -42,6 +42,21 @@ KRTimePoint timeOf(const TrackInfos& info) {
   return KRTimePoint(std::chrono::nanoseconds(info.getTimestamp()));
 }
 
+const char* const kCameraNames[] = {"CameraTop", "CameraBottom", "DepthCamera"};
+
+bool isFinite(const Math::Position6D& p) {
+  for (float v : p.toVector()) {
+    if (!std::isfinite(v))
+      return false;
+  }
+  return true;
+}
+
+/// Clock time as the filter's seconds.
+double filterTime(KRTimePoint t) {
+  return std::chrono::duration<double>(t.time_since_epoch()).count();
+}
+
 }  // namespace
 
 Smoother::Smoother(const SimContext& context, std::shared_ptr<const TargetManager> targets)
@@ -50,6 +65,7 @@ Smoother::Smoother(const SimContext& context, std::shared_ptr<const TargetManage
       fMemory(context.memory),
       fMotion(context.broker->getProxy("KRMotion", 0)),
       fTargets(std::move(targets)),
+      fCompensation(context.compensation),
       fMaxDistance(std::numeric_limits<float>::max()) {
   // High-rate publications: counted in the memory's history, values not kept.
   fMemory->setKeepValues(Namer::getNameLooker(), false);
@@ -165,6 +181,21 @@ void Smoother::xOnEvent(int generation, std::size_t index, const std::string& na
     info = withHeadThreshold(
         info, headThresholdForKind(fTargets ? fTargets->kindOfEvent(name) : std::string()));
   }
+  if (fCompensation) {
+    // Converted with the camera of the delivery: put back where the camera was at capture.
+    const char* camera =
+        kCameraNames[std::clamp(info.getTrackEffector(), 0, Model::kTrackEffectorCount - 1)];
+    const Math::Transform atCapture =
+        Tracker::tools::getSensorTransform(*fMotion, camera, timeOf(info));
+    const Math::Transform atDelivery =
+        Tracker::tools::getSensorTransform(*fMotion, camera, fClock->now());
+    const Math::Transform worldToObject = atCapture * Math::pinv(atDelivery) *
+                                          Math::transformFromPosition6D(info.getWorldToObject6D());
+    info = withPose(info, Math::position6DFromTransform(worldToObject), timeOf(info));
+  }
+  if (!isFinite(info.getWorldToObject6D()) || !std::isfinite(info.getDistance())) {
+    return;  // never handed on
+  }
 
   const bool logInput = configSwitch(Tracker::LOG_INPUT_DATA);
   bool detected = false;
@@ -179,22 +210,10 @@ void Smoother::xOnEvent(int generation, std::size_t index, const std::string& na
     }
     Track& t = fTracks[index];
     const KRTimePoint time = timeOf(info);
-    const Math::Position3D z = info.getWorldToObject3D();
-    const double dt = secondsBetween(t.lastTime, time);
-    if (!t.hasSample || time - t.lastTime > kFilterReset) {
-      t.position = z;
-      t.velocity = Math::Position3D();
-    } else if (dt <= 0.0) {
-      t.position += (z - t.position) * kAlpha;
-    } else {
-      const Math::Position3D predicted = t.position + t.velocity * static_cast<float>(dt);
-      const Math::Position3D residual = z - predicted;
-      t.position = predicted + residual * kAlpha;
-      t.velocity += residual * (kBeta / static_cast<float>(dt));
-    }
+    t.filter.update(filterTime(time), info.getWorldToObject3D());
     t.hasSample = true;
     t.last = info;
-    t.lastTime = time;
+    t.lastTime = std::max(t.lastTime, time);
     fEverSeen = true;
     fLastSample = info;
     if (fLost) {
@@ -245,21 +264,26 @@ void Smoother::update(KRTimePoint now) {
       events.emplace_back(Namer::getNameLost(), fLastSample ? fLastSample->toKRValue() : KRValue());
     }
     if (!fLost && latest != nullptr) {
-      const auto age = now - latest->lastTime;
-      const bool predicting = age < kMaxPrediction;
-      const auto horizon = std::clamp<std::chrono::nanoseconds>(age, {}, kMaxPrediction);
-      const Math::Position3D p =
-          latest->position +
-          latest->velocity * static_cast<float>(std::chrono::duration<double>(horizon).count());
+      // With compensation, the lookers get where the target will be when a joint command sent
+      // now takes effect, the movers where it is now; without, both get the filtered estimate
+      // at its last measurement.
+      const ConstantVelocityFilter& f = latest->filter;
       const Math::Position6D last = latest->last.getWorldToObject6D();
-      const Math::Position6D pose(p.x, p.y, p.z, last.wx, last.wy, last.wz);
-      const TrackInfos sample = withPose(latest->last, pose, now);
-      const KRValue sampleValue = sample.toKRValue();
-      events.emplace_back(Namer::getNameLooker(), sampleValue);
+      auto at = [&](KRTimePoint t) {
+        const Math::Position3D p = fCompensation ? f.predict(filterTime(t)) : f.position();
+        return Math::Position6D(p.x, p.y, p.z, last.wx, last.wy, last.wz);
+      };
+      const bool predicting =
+          now - latest->lastTime < std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                       std::chrono::duration<double>(f.gains().maxPrediction));
+      events.emplace_back(Namer::getNameLooker(),
+                          withPose(latest->last, at(now + kCommandLead), now).toKRValue());
+      const Math::Position6D pose = at(now);
+      const KRValue sampleValue = withPose(latest->last, pose, now).toKRValue();
 
       // A moving target is published in steps of the hysteresis; where it comes to rest is
       // published once more, so that the movers do not stop short of it.
-      const Math::Position3D v = predicting ? latest->velocity : Math::Position3D();
+      const Math::Position3D v = predicting ? f.velocity() : Math::Position3D();
       const bool resting = std::hypot(v.x, v.y) < kRestSpeed;
       const bool moved = !fLastMove || std::fabs(pose.x - fLastMove->x) > fMoveHysteresis[0] ||
                          std::fabs(pose.y - fLastMove->y) > fMoveHysteresis[1] ||
@@ -407,7 +431,7 @@ KRValue Smoother::getPosition() {
       if (!t.hasSample || inMap == fMap.end()) {
         return KRValue();
       }
-      observed[i] = t.position;
+      observed[i] = t.filter.position();
       mapped[i] = inMap->second;
     }
   }

@@ -1,12 +1,19 @@
 #pragma once
 // Smoother: the sub-module "_Smoother". It follows the tracker events of the active target
 // (one event, or the two events of the landmarks), converts each observation into a
-// TrackInfos record in FRAME_WORLD, drops those beyond the maximum distance, and filters the
-// position with an alpha-beta filter (position and velocity). Every step while the target is
-// followed it publishes the filtered target, predicted to the current time, for the lookers
+// TrackInfos record in FRAME_WORLD, drops those beyond the maximum distance and those that
+// are not finite, and filters the position with a constant-velocity filter. Every step while
+// the target is followed it publishes the filtered target for the lookers
 // (Namer::getNameLooker()), and, when it has moved by more than the move hysteresis or has
 // come to rest, for the movers (Namer::getNameMove(), and the move event when one is set).
 // Payloads: see common.h.
+//
+// Latency compensation (on unless the context turns it off). A detection reaches the
+// smoother late, converted with the camera pose of its delivery; the smoother moves it to
+// where the camera was at its capture time ("_getSensorTransformAtTime", through the library's
+// getSensorTransform), files it at that time in the filter, and publishes the target
+// predicted to when a command sent now takes effect (kCommandLead ahead). Off: the detection
+// as delivered, filed at its capture time, published as filtered, without prediction.
 //
 // Lost and found: when no observation has arrived for the time-out (counted from the start
 // when the target was never seen) it raises "KRTracker/TargetLost" once; the next
@@ -38,6 +45,7 @@
 
 #include <krtracker/types/types/trackinfos.h>
 
+#include <krsim/filter.h>
 #include <krsim/module.h>
 
 namespace KR {
@@ -48,13 +56,9 @@ class TargetManager;
 class Smoother : public SimModule {
  public:
   static constexpr int kDefaultTimeOutMs = 3000;
-  /// The filtered target is extrapolated at most this long after its last observation.
-  static constexpr std::chrono::milliseconds kMaxPrediction{300};
-  /// After a longer silence the filter restarts from the next observation.
-  static constexpr std::chrono::milliseconds kFilterReset{500};
-  /// Alpha-beta gains of the position filter.
-  static constexpr float kAlpha = 0.7f;
-  static constexpr float kBeta = 0.25f;
+  /// A command sent at an update moves the joints this much later: it reaches the servo
+  /// bus at the next control period, acts one period after, and the servo lags about 20 ms.
+  static constexpr std::chrono::milliseconds kCommandLead{40};
   /// Below this speed the target is at rest [m/s].
   static constexpr float kRestSpeed = 0.05f;
 
@@ -102,8 +106,7 @@ class Smoother : public SimModule {
     bool hasSample = false;
     Tracker::types::TrackInfos last;  // last accepted observation
     KRTimePoint lastTime{};           // its timestamp
-    Math::Position3D position;        // filtered, FRAME_WORLD [m]
-    Math::Position3D velocity;        // [m/s]
+    ConstantVelocityFilter filter;    // FRAME_WORLD [m], times since fStartTime [s]
   };
 
   void xSubscribe(const std::vector<std::string>& events);
@@ -116,6 +119,7 @@ class Smoother : public SimModule {
   std::shared_ptr<SimMemory> fMemory;
   std::shared_ptr<KR::KRProxy> fMotion;
   std::shared_ptr<const TargetManager> fTargets;
+  const bool fCompensation;
 
   mutable std::mutex fMutex;
   bool fRunning = false;
