@@ -24,6 +24,7 @@
 #include <thread>
 
 #include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
 
 #include <kr/model/modelutils.h>
 #include <krsim/physics.h>
@@ -481,7 +482,7 @@ int runScenario(Options o, std::ostream& out, const SubModuleFactory& modules,
     const SeedRange range = seeds ? *seeds : SeedRange{seed, seed};
     out << kProgram << ": scenario " << scenario.name << ", robot " << robot->getName()
         << ", seeds " << range.first << "-" << range.last << "\n";
-    std::string json;
+    nlohmann::json json = nlohmann::json::array();
     for (const auto& variant : variants) {
       const std::size_t n = range.last - range.first + 1;
       std::vector<RunResult> results(n);
@@ -520,22 +521,13 @@ int runScenario(Options o, std::ostream& out, const SubModuleFactory& modules,
           << (n == 1 ? " seed" : " seeds") << ", " << std::fixed << std::setprecision(1)
           << total.simulatedS << " s simulated in " << std::setprecision(3) << total.cpuS
           << " s of CPU\n"
-          << formatSeedSummary(aggregateSeeds(runs));
-      json += seedsJson(total, range.first, range.last, runs, cpu);
+          << formatSeedSummary(aggregateSeeds(runs), n);
+      json.push_back(nlohmann::json::parse(seedsJson(total, range.first, range.last, runs, cpu)));
     }
     if (!o.json.empty()) {
       // Two comparisons go into one file as a JSON list.
-      writeText(
-          o.json, variants.size() == 1 ? json : "[\n" + [&] {
-            std::string joined;
-            std::size_t at = 0;
-            for (std::size_t v = 0; v < variants.size(); ++v) {
-              const std::size_t end = json.find("\n}\n", at) + 3;
-              joined += (v ? ",\n" : "") + json.substr(at, end - at - 1);
-              at = end;
-            }
-            return joined;
-          }() + "\n]\n");
+      // Two comparisons go into one file as a JSON list.
+      writeText(o.json, (json.size() == 1 ? json.front() : json).dump(2) + "\n");
       out << "JSON: " << absolutePath(o.json) << "\n";
     }
     return gStopSignal ? 128 + gStopSignal : 0;

@@ -482,9 +482,13 @@ std::string formatSummary(const std::vector<PhaseSummary>& summaries) {
   return table(header, rows) + "Events:\n" + events;
 }
 
-std::string formatSeedSummary(const std::vector<SeedAggregate>& phases) {
+std::string formatSeedSummary(const std::vector<SeedAggregate>& phases, std::size_t seeds) {
   std::vector<std::vector<std::string>> rows;
   for (const auto& p : phases) {
+    if (seeds == 1) {
+      rows.push_back(measuresRow(p.mean.name, p.mean));
+      continue;
+    }
     rows.push_back(measuresRow(p.mean.name + " mean", p.mean));
     rows.push_back(measuresRow(p.p95.name + " p95", p.p95));
   }

@@ -146,8 +146,9 @@ class ScenarioRun {
 /// The summary table printed at the end of a run: one narrow row per phase, the events
 /// listed below it.
 std::string formatSummary(const std::vector<PhaseSummary>& summaries);
-/// The table of a many-seed run: a mean and a 95th-percentile row per phase.
-std::string formatSeedSummary(const std::vector<SeedAggregate>& phases);
+/// The table of a many-seed run: a mean and a 95th-percentile row per phase; one row per phase,
+/// unlabelled, when `seeds` is 1.
+std::string formatSeedSummary(const std::vector<SeedAggregate>& phases, std::size_t seeds);
 
 }  // namespace Sim
 }  // namespace KR
