@@ -225,4 +225,37 @@ TEST(MujocoFaults, AnUnstableSimulationStopsWithAnErrorInsteadOfReportingFigures
                 testing::ContainsRegex("HeadYaw at .* far outside its range|non-finite"))));
 }
 
+std::unique_ptr<KR::Sim::ScenarioRun> playScenario(const std::string& name,
+                                                   const std::string& physics) {
+  KR::Sim::SimulationConfig config;
+  config.noise = 0.005f;
+  config.physics = physics;
+  config.modules = &KR::Sim::createTrackerModules;
+  auto run = std::make_unique<KR::Sim::ScenarioRun>(KR::Sim::makeScenario(name, {}), config);
+  run->runToEnd();
+  return run;
+}
+
+// Every built-in scenario on MuJoCo beside the kinematic robot (about 1 s of CPU in all): the
+// tracker acquires what it acquires there and follows as closely, although its servos now
+// fight gravity and inertia.
+TEST(MujocoEndToEnd, EveryScenarioTracksOnThePhysicsRobotAsOnTheKinematicOne) {
+  for (const auto& info : KR::Sim::listScenarios()) {
+    const auto kinematic = playScenario(info.name, "kinematic");
+    const auto mujoco = playScenario(info.name, "mujoco");
+    EXPECT_EQ(mujoco->simulation().motion().physicsName(), "mujoco");
+    const auto expected = kinematic->summaries();
+    const auto actual = mujoco->summaries();
+    ASSERT_EQ(actual.size(), expected.size());
+    for (std::size_t i = 0; i < actual.size(); ++i) {
+      SCOPED_TRACE(info.name + ": " + actual[i].name);
+      EXPECT_EQ(actual[i].acquireSeconds >= 0.0, expected[i].acquireSeconds >= 0.0);
+      EXPECT_EQ(actual[i].lineOfSightDeg.count > 0, expected[i].lineOfSightDeg.count > 0);
+      EXPECT_LE(actual[i].lineOfSightDeg.rms(), expected[i].lineOfSightDeg.rms() + 0.5);
+      EXPECT_LE(actual[i].lineOfSightDeg.max, expected[i].lineOfSightDeg.max + 2.0);
+      EXPECT_LE(actual[i].armDeg.rms(), expected[i].armDeg.rms() + 1.5);
+    }
+  }
+}
+
 }  // namespace
