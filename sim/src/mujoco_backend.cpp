@@ -22,6 +22,9 @@ constexpr const char* kModule = "KRMotion";
 constexpr double kBaseTimeConstant = 0.01;  // base velocity response [s]
 constexpr double kUpperArmShare = 0.6;      // of an arm's mass; the forearm has the rest
 constexpr double kForearmLength = 0.9;      // times the upper arm's length
+// The cameras of head effectors 0, 1 and 2.
+constexpr const char* kCameras[Model::kTrackEffectorCount] = {"CameraTop", "CameraBottom",
+                                                              "DepthCamera"};
 
 // MuJoCo reports warnings (instability among them) through a global hook, by default to
 // stdout and a log file in the working directory. They go to our log instead; step() turns
@@ -176,11 +179,10 @@ std::string ModelWriter::xml() {
         << "<geom type=\"sphere\" pos=\"0 0 " << fmt(top) << "\" size=\"" << fmt(0.9 * reach)
         << "\" rgba=\"0.95 0.95 1 1\"/>\n";
   // A MuJoCo camera looks along its -z axis with y up: x = -(effector y), y = effector z.
-  const char* cameras[] = {"CameraTop", "CameraBottom", "DepthCamera"};
   const double fovy = fRobot.getCameraVerticalFov() * 180.0 / M_PI;
   for (int i = 0; i < Model::kTrackEffectorCount; ++i) {
     const Math::Transform& e = m.head.effectorTransforms[i];
-    fBody << "<camera name=\"" << cameras[i] << "\" pos=\"" << vec(e.translation())
+    fBody << "<camera name=\"" << kCameras[i] << "\" pos=\"" << vec(e.translation())
           << "\" xyaxes=\"" << vec(-e.yAxis()) << " " << vec(e.zAxis()) << "\" fovy=\"" << fmt(fovy)
           << "\"/>\n";
   }
@@ -439,6 +441,20 @@ void MujocoBackend::setTargetPosition(int index, const Math::Position3D& mapPosi
   p[0] = mapPosition.x;
   p[1] = mapPosition.y;
   p[2] = mapPosition.z;
+}
+
+Math::Transform MujocoBackend::effectorPose(int effector) const {
+  if (effector < 0 || effector >= Model::kTrackEffectorCount)
+    throw KRError(kModule, "mujoco", "no head effector " + std::to_string(effector));
+  const int cam = mj_name2id(fModel.get(), mjOBJ_CAMERA, kCameras[effector]);
+  const mjtNum* p = fData->cam_xpos + 3 * cam;
+  const mjtNum* r = fData->cam_xmat + 9 * cam;  // row-major; columns: the camera's axes
+  // Effector x = camera -z, y = camera -x, z = camera y.
+  Math::Transform t;
+  t.r1_c1 = -r[2], t.r1_c2 = -r[0], t.r1_c3 = r[1], t.r1_c4 = p[0];
+  t.r2_c1 = -r[5], t.r2_c2 = -r[3], t.r2_c3 = r[4], t.r2_c4 = p[1];
+  t.r3_c1 = -r[8], t.r3_c2 = -r[6], t.r3_c3 = r[7], t.r3_c4 = p[2];
+  return t;
 }
 
 void MujocoBackend::forward() {

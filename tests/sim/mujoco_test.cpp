@@ -3,15 +3,19 @@
 
 #include <algorithm>
 #include <cmath>
-#include <regex>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <kr/error.h>
 #include <kr/model/modelutils.h>
+#include <krsim/motion.h>
 #include <krsim/mujoco_backend.h>
 #include <krsim/run.h>
+#include <krsim/snapshot.h>
 
 #include "support/fake_module.h"
 
@@ -87,6 +91,31 @@ TEST(MujocoModel, EachDescriptionBecomesAModelThatLoadsWithItsJointsServosAndCam
   EXPECT_THAT([] { kiboWith("maxVelocity=\"7.3\"", "maxVelocity=\"7.3\" maxTorque=\"-1\""); },
               testing::ThrowsMessage<KR::KRError>(
                   AllOf(HasSubstr("joint[role=yaw]"), HasSubstr("'maxTorque' must be positive"))));
+}
+
+TEST(MujocoModel, CamerasSitWhereTheMotionServiceComputesTheHeadEffectors) {
+  for (const std::string file : {"kibo.xml", "rover.xml"}) {
+    SCOPED_TRACE(file);
+    const auto robot = robotFile(file);
+    auto clock = std::make_shared<KR::Sim::SimClock>();
+    KR::Sim::SimMotion motion(*robot, clock);
+    MujocoBackend backend(*robot);
+    const Pose2D base{0.4f, -1.2f, 2.5f};
+    motion.resetPose(base);
+    backend.resetBase(base);
+    for (const auto& angles : {std::pair<float, float>{0.0f, 0.0f}, {1.1f, -0.4f}, {-1.8f, 0.3f}}) {
+      motion.setAngleNow("HeadYaw", angles.first);
+      motion.setAngleNow("HeadPitch", angles.second);
+      backend.resetJoint(0, angles.first);
+      backend.resetJoint(1, angles.second);
+      for (int e = 0; e < KR::Model::kTrackEffectorCount; ++e) {
+        EXPECT_TRUE(backend.effectorPose(e).isNear(motion.getMapToHeadEffector(e), 1e-4f))
+            << "effector " << e << " yaw " << angles.first << "\n"
+            << backend.effectorPose(e) << "\n"
+            << motion.getMapToHeadEffector(e);
+      }
+    }
+  }
 }
 
 TEST(MujocoBackend, ServosReachTheirTargetNoFasterThanCommandedAndWithinTheirLimits) {
@@ -256,6 +285,44 @@ TEST(MujocoEndToEnd, EveryScenarioTracksOnThePhysicsRobotAsOnTheKinematicOne) {
       EXPECT_LE(actual[i].armDeg.rms(), expected[i].armDeg.rms() + 1.5);
     }
   }
+}
+
+// Runs under Xvfb as the ctest "snapshot_xvfb"; without a display it checks the error.
+TEST(Snapshot, DrawsTheRobotItsTargetAndTheLineOfSightOffScreen) {
+  KR::Sim::ScenarioOptions options;
+  options.duration = 3.0;
+  KR::Sim::SimulationConfig config;
+  config.modules = &KR::Sim::createTrackerModules;
+  KR::Sim::ScenarioRun run(KR::Sim::makeScenario("ball", options), config);
+  run.runToEnd();
+  const std::string path = testing::TempDir() + "krtracker_snapshot_test.png";
+  if (!std::getenv("DISPLAY")) {
+    EXPECT_THAT([&] { KR::Sim::writeSnapshot(run.simulation(), path); },
+                testing::ThrowsMessage<KR::KRError>(
+                    AllOf(HasSubstr("no display"), HasSubstr("xvfb-run -a"))));
+    return;
+  }
+  KR::Sim::SnapshotRenderer renderer(run.simulation().robot(), 320, 240);
+  const KR::Sim::Picture picture = renderer.render(run.simulation(), "ball");
+  ASSERT_EQ(picture.rgb.size(), 320u * 240u * 3u);
+  // The yellow line of sight and the red ball are in the picture.
+  auto count = [&](auto test) {
+    int n = 0;
+    for (std::size_t i = 0; i < picture.rgb.size(); i += 3)
+      n += test(picture.rgb[i], picture.rgb[i + 1], picture.rgb[i + 2]) ? 1 : 0;
+    return n;
+  };
+  EXPECT_GT(count([](int r, int g, int b) { return r > 150 && g > 120 && b < 80; }), 20);
+  EXPECT_GT(count([](int r, int g, int b) { return r > 120 && g < 70 && b < 70; }), 20);
+
+  renderer.write(run.simulation(), path);
+  std::ifstream png(path, std::ios::binary);
+  std::string head(8, '\0');
+  png.read(&head[0], 8);
+  EXPECT_EQ(head, "\x89PNG\r\n\x1a\n");
+  std::remove(path.c_str());
+  EXPECT_THAT([&] { renderer.write(run.simulation(), "/nonexistent/dir/x.png"); },
+              testing::ThrowsMessage<KR::KRError>(HasSubstr("/nonexistent/dir/x.png")));
 }
 
 }  // namespace

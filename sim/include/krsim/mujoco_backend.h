@@ -65,6 +65,9 @@ class MujocoBackend : public PhysicsBackend {
 
   /// Places motion-capture body `index` (0 to kTargetCount - 1) at a map point.
   void setTargetPosition(int index, const Math::Position3D& mapPosition);
+  /// Pose in the map frame of head effector 0, 1 or 2 (its x axis the line of sight), as the
+  /// model's camera of that effector sits after the last step or forward().
+  Math::Transform effectorPose(int effector) const;
   /// Brings the bodies' poses up to date without advancing time (after a reset or a target
   /// move, before reading poses or drawing).
   void forward();
