@@ -24,8 +24,9 @@ namespace {
 
 constexpr const char* kModule = "krsim";
 
+// GLFW stays initialised until the process ends: terminating it unloads the OpenGL driver,
+// which leaves a few of its allocations behind.
 std::mutex gGlfwMutex;
-int gGlfwUsers = 0;
 std::string gGlfwError;  // the last error GLFW reported, under gGlfwMutex
 
 [[noreturn]] void fail(const std::string& what) {
@@ -77,15 +78,11 @@ SnapshotRenderer::SnapshotRenderer(const Model::Robot& robot, int width, int hei
       fail("cannot draw off-screen: no display for OpenGL (" + gGlfwError +
            "); run under Xvfb, e.g. xvfb-run -a <command>");
     }
-    ++gGlfwUsers;
     glfwWindowHint(GLFW_VISIBLE, GLFW_FALSE);
     glfwWindowHint(GLFW_DOUBLEBUFFER, GLFW_FALSE);
     fImpl->window = glfwCreateWindow(width, height, "krtracker snapshot", nullptr, nullptr);
-    if (!fImpl->window) {
-      if (--gGlfwUsers == 0)
-        glfwTerminate();
+    if (!fImpl->window)
       fail("cannot open an OpenGL context (" + gGlfwError + ")");
-    }
   }
   glfwMakeContextCurrent(fImpl->window);
   mjv_makeScene(m, &fImpl->scene, 2000);
@@ -105,8 +102,6 @@ SnapshotRenderer::~SnapshotRenderer() {
   std::lock_guard<std::mutex> lock(gGlfwMutex);
   if (fImpl->window) {
     glfwDestroyWindow(fImpl->window);
-    if (--gGlfwUsers == 0)
-      glfwTerminate();
   }
 }
 
