@@ -40,6 +40,10 @@ struct Description {
   float cameraHFov = 0.0f;
   float cameraVFov = 0.0f;
   float cameraRange = 0.0f;
+  float torsoMass = Robot().getTorsoMass();
+  float headMass = Robot().getHeadMass();
+  std::array<float, 2> armMass{Robot().getArmMass("LArm"), Robot().getArmMass("RArm")};
+  std::map<std::string, JointServo> servos;
   KRTrackerModel model;
   std::map<std::string, TrackerJoint> joints;
 };
@@ -197,6 +201,16 @@ class DescriptionParser {
     }
   }
 
+  // An optional positive attribute; `fallback` when absent.
+  float optionalPositive(const pugi::xml_node& node, const char* name, float fallback) {
+    if (!node.attribute(name)) {
+      return fallback;
+    }
+    const float v = number(node, name);
+    checkPositive(node, name, v);
+    return v;
+  }
+
   // position="x y z" and optional rpy="roll pitch yaw" (R = Rz * Ry * Rx).
   Math::Transform transform(const pugi::xml_node& node) {
     checkAttributes(node, {"role", "position", "rpy"});
@@ -216,7 +230,8 @@ class DescriptionParser {
   }
 
   TrackerJoint joint(const pugi::xml_node& node, Description& robot) {
-    checkAttributes(node, {"role", "name", "min", "max", "maxVelocity"});
+    checkAttributes(
+        node, {"role", "name", "min", "max", "maxVelocity", "stiffness", "maxTorque", "armature"});
     checkChildren(node, {});
     TrackerJoint j;
     j.name = text(node, "name");
@@ -234,6 +249,10 @@ class DescriptionParser {
     if (!robot.joints.emplace(j.name, j).second) {
       fail(node, "joint name '" + j.name + "' is used twice");
     }
+    JointServo& servo = robot.servos[j.name];
+    servo.stiffness = optionalPositive(node, "stiffness", servo.stiffness);
+    servo.maxTorque = optionalPositive(node, "maxTorque", servo.maxTorque);
+    servo.armature = optionalPositive(node, "armature", servo.armature);
     return j;
   }
 
@@ -270,7 +289,8 @@ class DescriptionParser {
   }
 
   void head(const pugi::xml_node& node, Description& robot) {
-    checkAttributes(node, {"position"});
+    checkAttributes(node, {"position", "mass"});
+    robot.headMass = optionalPositive(node, "mass", robot.headMass);
     checkChildren(node, {"joint", "effector"});
     TrackerHead& h = robot.model.head;
     const std::vector<float> p = numbers(node, "position", 3);
@@ -287,8 +307,9 @@ class DescriptionParser {
     }
   }
 
-  void arm(const pugi::xml_node& node, TrackerArm& a, Description& robot) {
-    checkAttributes(node, {"side"});
+  void arm(const pugi::xml_node& node, TrackerArm& a, float& mass, Description& robot) {
+    checkAttributes(node, {"side", "mass"});
+    mass = optionalPositive(node, "mass", mass);
     checkChildren(node, {"shoulder", "upperArm", "joint"});
     a.shoulderPosition = position(child(node, "shoulder"));
     a.armTransform = transform(child(node, "upperArm"));
@@ -341,12 +362,13 @@ Description DescriptionParser::parse() {
   robot.canPointAt = boolean(root, "canPointAt");
 
   const pugi::xml_node torso = child(root, "torso");
-  checkAttributes(torso, {"height"});
+  checkAttributes(torso, {"height", "mass"});
   checkChildren(torso, {});
   robot.torsoHeight = number(torso, "height");
   if (robot.torsoHeight < 0.0f) {
     fail(torso, "attribute 'height' must not be negative");
   }
+  robot.torsoMass = optionalPositive(torso, "mass", robot.torsoMass);
 
   const pugi::xml_node camera = child(root, "camera");
   checkAttributes(camera, {"horizontalFov", "verticalFov", "range"});
@@ -394,10 +416,10 @@ Description DescriptionParser::parse() {
     }
   }
   if (sides[0]) {
-    arm(sides[0], m.leftArm, robot);
+    arm(sides[0], m.leftArm, robot.armMass[0], robot);
   }
   if (sides[1]) {
-    arm(sides[1], m.rightArm, robot);
+    arm(sides[1], m.rightArm, robot.armMass[1], robot);
   }
   return robot;
 }
@@ -417,6 +439,10 @@ std::unique_ptr<Robot> ModelUtils::robotFromXml(const std::string& xml) {
   robot->fCameraRange = d.cameraRange;
   robot->fModel = std::move(d.model);
   robot->fJoints = std::move(d.joints);
+  robot->fTorsoMass = d.torsoMass;
+  robot->fHeadMass = d.headMass;
+  robot->fArmMass = d.armMass;
+  robot->fServos = std::move(d.servos);
   return robot;
 }
 

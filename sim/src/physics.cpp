@@ -7,6 +7,7 @@
 #include <kr/model/robot.h>
 
 #include <krsim/kinematic.h>
+#include <krsim/mujoco_backend.h>
 
 namespace KR {
 namespace Sim {
@@ -41,8 +42,10 @@ std::unique_ptr<PhysicsBackend> makePhysicsBackend(const std::string& name,
                                                    const Model::Robot& robot) {
   if (name == "kinematic")
     return std::make_unique<KinematicBackend>(simulatedJoints(robot).size());
+  if (name == "mujoco")
+    return std::make_unique<MujocoBackend>(robot);
   throw KRError("KRMotion", "physics",
-                "unknown physics backend \"" + name + "\" (accepted: kinematic)");
+                "unknown physics backend \"" + name + "\" (accepted: kinematic, mujoco)");
 }
 
 }  // namespace Sim

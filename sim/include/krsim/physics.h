@@ -62,8 +62,8 @@ struct SimJoint {
 /// other joints of the robot description by name.
 std::vector<SimJoint> simulatedJoints(const Model::Robot& robot);
 
-/// The backend called `name` ("kinematic"), its joints and base at rest; KRError naming the
-/// accepted names for any other.
+/// The backend called `name` ("kinematic" or "mujoco"), its joints and base at rest; KRError
+/// naming the accepted names for any other.
 std::unique_ptr<PhysicsBackend> makePhysicsBackend(const std::string& name,
                                                    const Model::Robot& robot);
 

@@ -1,6 +1,7 @@
 #pragma once
 // A robot description: geometry, joints and capabilities, as read by ModelUtils::robotFromXml.
 
+#include <array>
 #include <map>
 #include <string>
 #include <vector>
@@ -10,6 +11,13 @@
 
 namespace KR {
 namespace Model {
+
+/// How a joint's position servo behaves on a physics engine (the tracker does not use it).
+struct JointServo {
+  float stiffness = 20.0f;  // position gain [N m/rad]
+  float maxTorque = 3.0f;   // [N m]
+  float armature = 0.005f;  // rotor inertia seen through the gearbox [kg m^2]
+};
 
 class Robot {
  public:
@@ -34,6 +42,17 @@ class Robot {
   float getCameraVerticalFov() const { return fCameraVFov; }
   float getCameraRange() const { return fCameraRange; }
 
+  /// Masses [kg]: torso with legs or base (everything below the head and arms), head, and
+  /// the arm of chain "LArm" or "RArm" (upper arm and forearm).
+  float getTorsoMass() const { return fTorsoMass; }
+  float getHeadMass() const { return fHeadMass; }
+  float getArmMass(const std::string& arm) const { return fArmMass[arm == "RArm" ? 1 : 0]; }
+  /// Servo of a joint of getJoints(); the defaults for an unknown name.
+  JointServo getServo(const std::string& joint) const {
+    const auto it = fServos.find(joint);
+    return it == fServos.end() ? JointServo{} : it->second;
+  }
+
  private:
   friend class ModelUtils;
   std::string fName;
@@ -44,6 +63,10 @@ class Robot {
   float fCameraHFov = 1.0f;
   float fCameraVFov = 0.8f;
   float fCameraRange = 5.0f;
+  float fTorsoMass = 3.0f;
+  float fHeadMass = 0.6f;
+  std::array<float, 2> fArmMass{0.35f, 0.35f};  // left, right
+  std::map<std::string, JointServo> fServos;
   KRTrackerModel fModel;
   std::map<std::string, TrackerJoint> fJoints;
 };
