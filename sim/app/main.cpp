@@ -1,12 +1,17 @@
 // krtracker-sim: the tracker on a simulated robot. See `krtracker-sim --help`.
 
+#include <iomanip>
 #include <iostream>
+#include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include <krsim/cli.h>
 #include <krsim/module.h>
 #include <krsim/remote.h>
+#include <krsim/simulation.h>
+#include <krsim/snapshot.h>
 
 int main(int argc, char** argv) {
   const std::vector<std::string> args(argv + 1, argv + argc);
@@ -15,5 +20,19 @@ int main(int argc, char** argv) {
     return KR::Sim::runRemoteTrackingService(std::cout, std::cerr);
   if (!args.empty() && args[0] == "remote-robot")
     return KR::Sim::runRemoteRobot(args.size() > 1 ? args[1] : "ball", std::cout, std::cerr);
-  return KR::Sim::runCommandLine(args, std::cout, std::cerr, &KR::Sim::createTrackerModules);
+
+  // --snapshots: one picture per phase boundary, numbered in the order they were taken. The
+  // renderer opens its off-screen context on the first picture, on the simulating thread.
+  std::unique_ptr<KR::Sim::SnapshotRenderer> renderer;
+  int taken = 0;
+  KR::Sim::RunHooks hooks;
+  hooks.snapshot = [&](KR::Sim::Simulation& sim, const std::string& folder,
+                       const std::string& label) {
+    if (!renderer)
+      renderer = std::make_unique<KR::Sim::SnapshotRenderer>(sim.robot());
+    std::ostringstream path;
+    path << folder << "/" << std::setw(2) << std::setfill('0') << ++taken << "-" << label << ".png";
+    renderer->write(sim, path.str());
+  };
+  return KR::Sim::runCommandLine(args, std::cout, std::cerr, &KR::Sim::createTrackerModules, hooks);
 }

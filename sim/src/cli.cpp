@@ -38,8 +38,11 @@ namespace Sim {
 
 namespace {
 
+/// Called at each phase boundary of a single run with the simulation and the label.
+using SnapshotHook = std::function<void(Simulation& sim, const std::string& label)>;
+
 constexpr const char* kProgram = "krtracker-sim";
-constexpr float kDefaultNoise = 0.005f;  // [m]
+constexpr float kDefaultNoise = 0.0f;  // [m], on top of the camera's own errors
 
 /// A command-line error: one line for the user, exit code 2.
 struct UsageError : std::runtime_error {
@@ -70,7 +73,7 @@ struct Options {
   std::string latency = "0.08";
   std::string dropout = "0";
   std::string compensation = "on";
-  std::string physics = "kinematic";
+  std::string physics = "mujoco";
   std::string snapshots;
 };
 
@@ -298,14 +301,14 @@ struct RunResult {
 };
 
 RunResult runOnce(const Scenario& scenario, const SimulationConfig& config, bool realtime,
-                  std::ostream* progress, std::ostream* csv, const ScenarioRun::PhaseHook& hook) {
+                  std::ostream* progress, std::ostream* csv, const SnapshotHook& hook) {
   const std::clock_t cpuStart = std::clock();
   ScenarioRun run(scenario, config);
   if (progress != nullptr)
     run.setProgress([progress](const std::string& line) { *progress << line << "\n"; });
   run.setCsv(csv);
   if (hook)
-    run.setPhaseHook(hook);
+    run.setPhaseHook([&run, &hook](const std::string& label) { hook(run.simulation(), label); });
   RunResult result;
   const auto wallStart = std::chrono::steady_clock::now();
   while (!gStopSignal && run.step()) {
@@ -348,7 +351,7 @@ std::string measuresNote(const Scenario& scenario) {
 }
 
 int runScenario(Options o, std::ostream& out, const SubModuleFactory& modules,
-                const ScenarioRun::PhaseHook& snapshotHook) {
+                const SnapshotHook& snapshotHook) {
   if (o.list)
     return listScenariosTo(out);
   const std::uint32_t seed = parseSeed(o.seed);
@@ -712,8 +715,9 @@ struct Parser {
     app.add_option("--seeds", run.seeds,
                    "run each seed of A-B (two at a time): mean and 95th percentile of every "
                    "measure across them");
-    app.add_option("--noise", run.noise,
-                   "observation noise, standard deviation [m] (default: 0.005)");
+    app.add_option(
+        "--noise", run.noise,
+        "extra observation noise on top of the camera's, standard deviation [m] (default: 0)");
     app.add_option("--duration", run.duration, "simulated time [s] (default: the scenario's)");
     app.add_option("--camera-rate", run.cameraRate, "camera frames per second (default: 15)");
     app.add_option("--latency", run.latency,
@@ -724,7 +728,8 @@ struct Parser {
                    "latency compensation of the tracking service: on or off (default: on)");
     app.add_option("--compare", run.compare,
                    "compensation: run with it on and off and print both rows");
-    app.add_option("--physics", run.physics, "physics backend: kinematic or mujoco");
+    app.add_option("--physics", run.physics,
+                   "physics backend: mujoco or kinematic (default: mujoco)");
     app.add_flag("--realtime", run.realtime, "run at wall-clock speed");
     app.add_option("--csv", run.csv,
                    "stream one line per 10 ms step: pose, joints commanded and measured, "
@@ -806,11 +811,10 @@ int runCommandLine(const std::vector<std::string>& args, std::ostream& out, std:
     }
     if (p.angles->parsed())
       return runAngles(p.ang, out);
-    ScenarioRun::PhaseHook hook;
+    SnapshotHook hook;
     if (hooks.snapshot && !p.run.snapshots.empty()) {
-      hook = [snapshot = hooks.snapshot, folder = p.run.snapshots](const std::string& label) {
-        snapshot(folder, label);
-      };
+      hook = [snapshot = hooks.snapshot, folder = p.run.snapshots](
+                 Simulation& sim, const std::string& label) { snapshot(sim, folder, label); };
     }
     return runScenario(p.run, out, modules, hook);
   } catch (const UsageError& e) {

@@ -224,7 +224,7 @@ TEST(CommandLineErrors, AnOversizedRobotDescriptionIsRefused) {
 TEST(CommandLineErrors, ASignalStopsTheRunWithEverythingMeasuredSoFarWritten) {
   const std::string dir = freshDirectory("signal");
   KR::Sim::RunHooks hooks;
-  hooks.snapshot = [](const std::string&, const std::string& label) {
+  hooks.snapshot = [](KR::Sim::Simulation&, const std::string&, const std::string& label) {
     if (label == "whole body + arms")
       std::raise(SIGTERM);
   };

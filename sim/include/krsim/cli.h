@@ -13,11 +13,14 @@
 namespace KR {
 namespace Sim {
 
+class Simulation;
+
 /// What the program around the command line may plug in.
 struct RunHooks {
   /// Called at each phase boundary of a single run (the phase's name, "end" at the end) when
   /// --snapshots is given, e.g. to store a picture of the scene in that folder.
-  std::function<void(const std::string& folder, const std::string& label)> snapshot;
+  std::function<void(Simulation& sim, const std::string& folder, const std::string& label)>
+      snapshot;
 };
 
 /// Exit codes: 0 success, 1 failure while running (plot not drawn, file not written),
