@@ -1,5 +1,6 @@
 // krtracker-sim: the tracker on a simulated robot. See `krtracker-sim --help`.
 
+#include <algorithm>
 #include <iomanip>
 #include <iostream>
 #include <memory>
