@@ -485,7 +485,7 @@ int runScenario(Options o, std::ostream& out, const SubModuleFactory& modules,
     const SeedRange range = seeds ? *seeds : SeedRange{seed, seed};
     out << kProgram << ": scenario " << scenario.name << ", robot " << robot->getName()
         << ", seeds " << range.first << "-" << range.last << "\n";
-    nlohmann::json json = nlohmann::json::array();
+    nlohmann::ordered_json json = nlohmann::ordered_json::array();
     for (const auto& variant : variants) {
       const std::size_t n = range.last - range.first + 1;
       std::vector<RunResult> results(n);
@@ -525,7 +525,7 @@ int runScenario(Options o, std::ostream& out, const SubModuleFactory& modules,
           << total.simulatedS << " s simulated in " << std::setprecision(3) << total.cpuS
           << " s of CPU\n"
           << formatSeedSummary(aggregateSeeds(runs), n);
-      json.push_back(nlohmann::json::parse(seedsJson(total, range.first, range.last, runs, cpu)));
+      json.push_back(nlohmann::ordered_json::parse(seedsJson(total, range.first, range.last, runs, cpu)));
     }
     if (!o.json.empty()) {
       // Two comparisons go into one file as a JSON list.
