@@ -19,8 +19,23 @@ int main(int argc, char** argv) {
   // The two processes of a run over DDS (see krsim/remote.h).
   if (!args.empty() && args[0] == "remote-tracker")
     return KR::Sim::runRemoteTrackingService(std::cout, std::cerr);
-  if (!args.empty() && args[0] == "remote-robot")
-    return KR::Sim::runRemoteRobot(args.size() > 1 ? args[1] : "ball", std::cout, std::cerr);
+  if (!args.empty() && args[0] == "remote-robot") {
+    // remote-robot [SCENARIO] [--physics mujoco|kinematic]
+    std::string scenario = "ball";
+    std::string physics = "mujoco";
+    for (std::size_t i = 1; i < args.size(); ++i) {
+      if (args[i] == "--physics" && i + 1 < args.size())
+        physics = args[++i];
+      else
+        scenario = args[i];
+    }
+    try {
+      return KR::Sim::runRemoteRobot(scenario, std::cout, std::cerr, physics);
+    } catch (const std::exception& e) {
+      std::cerr << "krtracker-sim remote-robot: " << e.what() << "\n";
+      return 2;
+    }
+  }
 
   // --snapshots: one picture per phase boundary, numbered in the order they were taken. The
   // renderer opens its off-screen context on the first picture, on the simulating thread.

@@ -15,15 +15,7 @@
 #include <kr/error.h>
 
 #include <krsim/module.h>
-#include <krsim/modules/armslooker.h>
-#include <krsim/modules/headlooker.h>
-#include <krsim/modules/motionmove.h>
-#include <krsim/modules/navigationmove.h>
-#include <krsim/modules/roundsearcher.h>
-#include <krsim/modules/smoother.h>
-#include <krsim/modules/targetmanager.h>
 #include <krsim/modules/trackerservice.h>
-#include <krsim/modules/wholebodylooker.h>
 #include <krsim/run.h>
 #include <krsim/scenario.h>
 #include <krsim/summary.h>
@@ -86,33 +78,19 @@ int runRemoteTrackingService(std::ostream& out, std::ostream& err, double maxSec
   return 0;
 }
 
-int runRemoteRobot(const std::string& scenarioName, std::ostream& out, std::ostream& err) {
+int runRemoteRobot(const std::string& scenarioName, std::ostream& out, std::ostream& err,
+                   const std::string& physics) {
   std::shared_ptr<KRRemote> remote;
   bool found = true;
   SimulationConfig config;
+  config.physics = physics;
   config.modules = [&](const SimContext& context) -> std::vector<std::shared_ptr<SimModule>> {
-    auto targetManager = std::make_shared<TargetManager>(context);
-    auto smoother = std::make_shared<Smoother>(context, targetManager);
-    auto searcher = std::make_shared<RoundSearcher>(context);
-    auto headLooker = std::make_shared<HeadLooker>(context);
-    auto wholeBodyLooker = std::make_shared<WholeBodyLooker>(context);
-    auto armsLooker = std::make_shared<ArmsLooker>(context);
-    auto motionMove = std::make_shared<MotionMove>(context);
-    auto navigationMove = std::make_shared<NavigationMove>(context);
-    context.broker->addModule(targetManager);
-    context.broker->addModule(smoother);
-    context.broker->addModule(searcher);
-    context.broker->addModule(headLooker);
-    context.broker->addModule(wholeBodyLooker);
-    context.broker->addModule(armsLooker);
-    context.broker->addModule(motionMove);
-    context.broker->addModule(navigationMove);
+    auto modules = createSubModules(context);
     remote = KRRemote::attach(context.broker, remoteOptionsFromEnvironment());
     remote->publishAll();
     out << "robot: waiting for the tracking service\n" << std::flush;
     found = remote->waitForModule("KRTracker", 120s);
-    return {smoother,   searcher,   headLooker,    wholeBodyLooker,
-            armsLooker, motionMove, navigationMove};
+    return modules;
   };
   const Scenario scenario = makeScenario(scenarioName, ScenarioOptions{});
   ScenarioRun run(scenario, config);

@@ -54,6 +54,9 @@ using SubModuleFactory =
 
 /// The factory of the tracking service's sub-modules (defined with them, in sim/src/modules).
 std::vector<std::shared_ptr<SimModule>> createTrackerModules(const SimContext& context);
+/// The eight sub-modules alone, without the "KRTracker" host: the robot side of a run whose
+/// tracking service is another process. Same update order.
+std::vector<std::shared_ptr<SimModule>> createSubModules(const SimContext& context);
 
 }  // namespace Sim
 }  // namespace KR

@@ -21,8 +21,10 @@ namespace Sim {
 int runRemoteTrackingService(std::ostream& out, std::ostream& err, double maxSeconds = 3600.0);
 
 /// Plays a built-in scenario in real time on the robot side, with the tracking service in
-/// another process, and prints the summary. Returns 0, or 1 when the service never appeared.
-int runRemoteRobot(const std::string& scenario, std::ostream& out, std::ostream& err);
+/// another process, on the physics backend `physics`, and prints the summary. Returns 0, or 1
+/// when the service never appeared.
+int runRemoteRobot(const std::string& scenario, std::ostream& out, std::ostream& err,
+                   const std::string& physics = "mujoco");
 
 }  // namespace Sim
 }  // namespace KR

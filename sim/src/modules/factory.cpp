@@ -16,7 +16,7 @@
 namespace KR {
 namespace Sim {
 
-std::vector<std::shared_ptr<SimModule>> createTrackerModules(const SimContext& context) {
+std::vector<std::shared_ptr<SimModule>> createSubModules(const SimContext& context) {
   auto targetManager = std::make_shared<TargetManager>(context);
   auto smoother = std::make_shared<Smoother>(context, targetManager);
   auto searcher = std::make_shared<RoundSearcher>(context);
@@ -35,11 +35,16 @@ std::vector<std::shared_ptr<SimModule>> createTrackerModules(const SimContext& c
   broker.addModule(armsLooker);
   broker.addModule(motionMove);
   broker.addModule(navigationMove);
-  broker.addModule(std::make_shared<TrackerService>(context.broker));
 
   // Update order: the smoother publishes the step's target before the searcher and the
   // lookers act on it, and the movers come last. The target manager has no periodic work.
   return {smoother, searcher, headLooker, wholeBodyLooker, armsLooker, motionMove, navigationMove};
+}
+
+std::vector<std::shared_ptr<SimModule>> createTrackerModules(const SimContext& context) {
+  auto modules = createSubModules(context);
+  context.broker->addModule(std::make_shared<TrackerService>(context.broker));
+  return modules;
 }
 
 }  // namespace Sim
