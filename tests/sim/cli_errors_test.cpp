@@ -16,21 +16,15 @@
 
 #include <krsim/cli.h>
 
+#include "cli_fixture.h"
 #include "support/fake_module.h"
 
 namespace {
 
-struct Result {
-  int code;
-  std::string out;
-  std::string err;
-};
+using Result = krtest::CommandResult;
 
 Result run(const std::vector<std::string>& args) {
-  std::ostringstream out;
-  std::ostringstream err;
-  const int code = KR::Sim::runCommandLine(args, out, err, KR::Sim::SubModuleFactory());
-  return {code, out.str(), err.str()};
+  return krtest::runCli(args);
 }
 
 // An empty directory of its own for each test's outputs.

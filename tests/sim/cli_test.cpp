@@ -11,23 +11,15 @@
 #include <krsim/scenario.h>
 #include <krtracker/tools/tools.h>
 
+#include "cli_fixture.h"
 #include "support/fake_module.h"
 
 namespace {
 
-using KR::Sim::runCommandLine;
-
-struct Result {
-  int code;
-  std::string out;
-  std::string err;
-};
+using Result = krtest::CommandResult;
 
 Result run(const std::vector<std::string>& args) {
-  std::ostringstream out;
-  std::ostringstream err;
-  const int code = runCommandLine(args, out, err, KR::Sim::SubModuleFactory());
-  return {code, out.str(), err.str()};
+  return krtest::runCli(args);
 }
 
 std::string robotPath(const std::string& file) {
@@ -143,10 +135,7 @@ TEST(CommandLineTest, ARunWithoutTrackingServiceFailsWithOneLine) {
 }
 
 Result runWithTracker(const std::vector<std::string>& args) {
-  std::ostringstream out;
-  std::ostringstream err;
-  const int code = runCommandLine(args, out, err, &KR::Sim::createTrackerModules);
-  return {code, out.str(), err.str()};
+  return krtest::runCli(args, &KR::Sim::createTrackerModules);
 }
 
 std::string readFile(const std::string& path) {
