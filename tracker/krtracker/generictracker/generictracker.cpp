@@ -776,7 +776,8 @@ void GenericTracker::xStopSearcher() {
 }
 
 void GenericTracker::xStartHeadLooker() {
-  const KRValue limits{fLimits[2].load(), fLimits[1].load()};  // velocity, acceleration
+  // [velocity, acceleration], as a two-float vector.
+  const KRValue limits(std::vector<float>{fLimits[2].load(), fLimits[1].load()});
   fHeadLookerProxy->call("setImplParam", limits);
   fHeadLookerProxy->call("start");
 }
