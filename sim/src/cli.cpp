@@ -525,7 +525,8 @@ int runScenario(Options o, std::ostream& out, const SubModuleFactory& modules,
           << total.simulatedS << " s simulated in " << std::setprecision(3) << total.cpuS
           << " s of CPU\n"
           << formatSeedSummary(aggregateSeeds(runs), n);
-      json.push_back(nlohmann::ordered_json::parse(seedsJson(total, range.first, range.last, runs, cpu)));
+      json.push_back(
+          nlohmann::ordered_json::parse(seedsJson(total, range.first, range.last, runs, cpu)));
     }
     if (!o.json.empty()) {
       // Two comparisons go into one file as a JSON list.
