@@ -18,6 +18,9 @@ inphase(dummy) = column("phase_index") >= 0
 
 stats csv using (column("time")) nooutput
 set xrange [0:STATS_max]
+# Long runs draw every stride-th sample (at most about 20,000 per line; events are all kept),
+# so that a 10-hour CSV plots in bounded memory.
+stride = STATS_records > 20000 ? int(STATS_records / 20000) : 1
 
 set terminal pngcairo size 1400,1000 font "sans,10"
 set output png
@@ -33,15 +36,15 @@ set boxwidth 0.01 absolute
 set ylabel "line-of-sight error, camera frame [deg]"
 set logscale y
 set yrange [0.05:300]
-plot csv using (t(0)):(inphase(0) ? 300 : 1/0):(column("phase_index") + 1) \
+plot csv every stride using (t(0)):(inphase(0) ? 300 : 1/0):(column("phase_index") + 1) \
        with boxes lc variable notitle, \
-     '' using (t(0)):(inphase(0) ? column("line_of_sight_deg") : 1/0) \
+     '' every stride using (t(0)):(inphase(0) ? column("line_of_sight_deg") : 1/0) \
        with lines lw 1.5 lc rgb "#1f77b4" title "line-of-sight error", \
-     '' using (t(0)):(inphase(0) ? column("on_target_deg") : 1/0) \
+     '' every stride using (t(0)):(inphase(0) ? column("on_target_deg") : 1/0) \
        with steps lw 1.5 dt 2 lc rgb "#2ca02c" title "on-target threshold", \
-     '' using (t(0)):(inphase(0) && column("perceived") == 0 ? 150 : 1/0) \
+     '' every stride using (t(0)):(inphase(0) && column("perceived") == 0 ? 150 : 1/0) \
        with points pt 7 ps 0.25 lc rgb "#7f7f7f" title "target not perceived", \
-     '' using (t(0)):(inphase(0) && column("tracked") == 0 ? 90 : 1/0) \
+     '' every stride using (t(0)):(inphase(0) && column("tracked") == 0 ? 90 : 1/0) \
        with points pt 7 ps 0.25 lc rgb "#d62728" title "tracker not tracking", \
      '' using (t(0)):(strlen(stringcolumn("events")) > 0 ? 0.07 : 1/0):(stringcolumn("events")) \
        with labels rotate by 90 left font ",7" point pt 2 ps 0.6 lc rgb "#9467bd" \
@@ -51,11 +54,11 @@ set yrange [*:*]
 
 # 2. Target and head, torso frame.
 set ylabel "yaw, torso frame [deg]"
-plot csv using (t(0)):(column("bearing_yaw") * deg) with lines lw 2 lc rgb "#ff7f0e" \
+plot csv every stride using (t(0)):(column("bearing_yaw") * deg) with lines lw 2 lc rgb "#ff7f0e" \
        title "target bearing", \
-     '' using (t(0)):(column("head_yaw") * deg) with lines lw 1.2 lc rgb "#1f77b4" \
+     '' every stride using (t(0)):(column("head_yaw") * deg) with lines lw 1.2 lc rgb "#1f77b4" \
        title "head yaw", \
-     '' using (t(0)):(column("robot_theta") * deg) with lines lw 1 dt 2 lc rgb "#8c564b" \
+     '' every stride using (t(0)):(column("robot_theta") * deg) with lines lw 1 dt 2 lc rgb "#8c564b" \
        title "robot heading (map frame)"
 
 # 3. Head joints, joint space, against their limits.
@@ -66,11 +69,11 @@ set arrow 2 from graph 0, first yawmin to graph 1, first yawmin nohead dt 3 lc r
 set arrow 3 from graph 0, first pitchmax to graph 1, first pitchmax nohead dt 3 lc rgb "#2ca02c"
 set arrow 4 from graph 0, first pitchmin to graph 1, first pitchmin nohead dt 3 lc rgb "#2ca02c"
 set yrange [(yawmin < pitchmin ? yawmin : pitchmin) - 10:(yawmax > pitchmax ? yawmax : pitchmax) + 10]
-plot csv using (t(0)):(column("head_yaw") * deg) with lines lw 1.2 lc rgb "#1f77b4" \
+plot csv every stride using (t(0)):(column("head_yaw") * deg) with lines lw 1.2 lc rgb "#1f77b4" \
        title "yaw measured", \
-     '' using (t(0)):(column("head_pitch") * deg) with lines lw 1.2 lc rgb "#2ca02c" \
+     '' every stride using (t(0)):(column("head_pitch") * deg) with lines lw 1.2 lc rgb "#2ca02c" \
        title "pitch measured", \
-     '' using (t(0)):(column("bearing_pitch") * deg) with lines lw 1 dt 2 lc rgb "#ff7f0e" \
+     '' every stride using (t(0)):(column("bearing_pitch") * deg) with lines lw 1 dt 2 lc rgb "#ff7f0e" \
        title "target pitch bearing", \
      1/0 with lines dt 3 lc rgb "#7f7f7f" title "joint limits"
 unset multiplot
