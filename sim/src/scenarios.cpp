@@ -130,6 +130,13 @@ Scenario oneShotScenario(const ScenarioOptions& o) {
   Phase look = phase("look behind", 1.0, 6.0, "point behind");
   look.oneShot = true;
   look.settleSeconds = 3.0;
+  // Without the look-behind turn the head only goes as far as its yaw limit: the command still
+  // runs, but the phase has no line of sight to measure.
+  if (!robot->canLookBehind()) {
+    look.lineOfSight = false;
+    s.notes.push_back(robot->getName() + " cannot look behind: phase '" + look.name +
+                      "' runs without the turn and measures no line of sight");
+  }
   Phase pointLeft = phase("point LArm", 6.0, 10.0, "left point");
   pointLeft.arms = {"LArm"};
   Phase pointRight = phase("point RArm", 10.0, 14.0, "right point");

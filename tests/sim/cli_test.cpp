@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <kr/model/modelutils.h>
 #include <krsim/cli.h>
@@ -216,6 +217,46 @@ TEST(CommandLineTest, NothingSimulatedDrawsNoPlot) {
   EXPECT_NE(r.out.find("Plot: not drawn, nothing was simulated"), std::string::npos) << r.out;
   struct stat png {};
   EXPECT_NE(::stat((dir + "/e.png").c_str(), &png), 0);
+}
+
+}  // namespace
+
+namespace {
+
+// A robot without the look-behind turn and without pointing runs the one-shot scenario to its
+// end: the skipped steps are named in notes and their measures left out, never run otherwise.
+TEST(CommandLineTest, ARobotLackingCapabilitiesRunsToTheEndWithNotes) {
+  std::ifstream in(robotPath("kibo.xml"));
+  std::stringstream text;
+  text << in.rdbuf();
+  std::string xml = text.str();
+  for (const std::string attribute : {"canLookBehind=\"true\"", "canPointAt=\"true\""}) {
+    const auto at = xml.find(attribute);
+    ASSERT_NE(at, std::string::npos) << attribute;
+    xml.replace(at, attribute.size(), attribute.substr(0, attribute.find('=')) + "=\"false\"");
+  }
+  const std::string robot = ::testing::TempDir() + "/krtracker_limited_robot.xml";
+  std::ofstream(robot) << xml;
+  const std::string json = ::testing::TempDir() + "/krtracker_limited.json";
+  const Result r = runWithTracker(
+      {"--scenario", "oneshot", "--robot", robot, "--physics", "kinematic", "--quiet", "--csv",
+       ::testing::TempDir() + "/krtracker_limited.csv", "--json", json});
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_NE(r.out.find("note: Kibo cannot look behind: phase 'look behind' runs without the turn"),
+            std::string::npos)
+      << r.out;
+  EXPECT_NE(r.out.find("note: Kibo cannot point: 3 pointAt call(s) skipped"), std::string::npos)
+      << r.out;
+  // Every phase ran; none has a line of sight or an arm measured.
+  const auto summary = nlohmann::json::parse(std::ifstream(json));
+  std::vector<std::string> phases;
+  for (const auto& phase : summary.at("phases")) {
+    phases.push_back(phase.at("name").get<std::string>());
+    EXPECT_TRUE(phase.at("los_rms_deg").is_null()) << phases.back();
+    EXPECT_TRUE(phase.at("arms_rms_deg").is_null()) << phases.back();
+  }
+  EXPECT_EQ(phases,
+            (std::vector<std::string>{"look behind", "point LArm", "point RArm", "point Arms"}));
 }
 
 }  // namespace
