@@ -1,6 +1,7 @@
 // krtracker-sim: the tracker on a simulated robot. See `krtracker-sim --help`.
 
 #include <algorithm>
+#include <cstdlib>
 #include <iomanip>
 #include <iostream>
 #include <memory>
@@ -37,6 +38,15 @@ int main(int argc, char** argv) {
     }
   }
 
+  // Pictures need an X display (Xvfb on a headless machine): refused before anything runs.
+  const bool snapshots = std::find(args.begin(), args.end(), "--snapshots") != args.end();
+  const char* display = std::getenv("DISPLAY");
+  if (snapshots && (display == nullptr || *display == '\0')) {
+    std::cerr << "krtracker-sim: --snapshots needs an X display; on a headless machine run under "
+                 "Xvfb, e.g. xvfb-run -a krtracker-sim ...\n";
+    return 2;
+  }
+
   // --snapshots: one picture per phase boundary, numbered in the order they were taken. The
   // renderer opens its off-screen context on the first picture, on the simulating thread.
   std::unique_ptr<KR::Sim::SnapshotRenderer> renderer;
@@ -47,7 +57,9 @@ int main(int argc, char** argv) {
     if (!renderer)
       renderer = std::make_unique<KR::Sim::SnapshotRenderer>(sim.robot());
     std::ostringstream path;
-    path << folder << "/" << std::setw(2) << std::setfill('0') << ++taken << "-" << label << ".png";
+    std::string name = label;
+    std::replace(name.begin(), name.end(), ' ', '-');
+    path << folder << "/" << std::setw(2) << std::setfill('0') << ++taken << "-" << name << ".png";
     renderer->write(sim, path.str());
   };
   return KR::Sim::runCommandLine(args, std::cout, std::cerr, &KR::Sim::createTrackerModules, hooks);
