@@ -45,8 +45,7 @@ demo: build
 # in real time. DDS stays on loopback; the topic prefix keeps concurrent demos apart.
 DEMO_SCENARIO ?= ball
 demo-remote: build
-	@export CYCLONEDDS_URI=file://$(CURDIR)/config/cyclonedds-loopback.xml \
-	  KRTRACKER_REMOTE_PREFIX=krdemo_$$$$; \
+	@unset KRTRACKER_DDS_CONFIG CYCLONEDDS_URI; export KRTRACKER_REMOTE_PREFIX=krdemo_$$$$; \
 	./$(BUILD)/sim/krtracker-sim remote-tracker & tracker=$$!; \
 	./$(BUILD)/sim/krtracker-sim remote-robot $(DEMO_SCENARIO); rc=$$?; \
 	wait $$tracker; exit $$rc
@@ -69,7 +68,7 @@ bench:
 bench-remote:
 	$(MAKE) build BUILD=build-bench EXTRA_PACKAGES=liborocos-kdl-dev BUILD_TARGETS=remote_latency \
 	  CMAKE_ARGS="-DKRTRACKER_BUILD_BENCH=ON -DCMAKE_BUILD_TYPE=Release"
-	CYCLONEDDS_URI=file://$(CURDIR)/config/cyclonedds-loopback.xml build-bench/bench/remote_latency
+	build-bench/bench/remote_latency
 
 FUZZ_SECONDS ?= 60
 FUZZ_TARGETS := trackinfos tracker_event tracker_config namer robot_xml

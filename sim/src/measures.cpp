@@ -6,13 +6,13 @@
 namespace KR {
 namespace Sim {
 
-PhaseMeter::PhaseMeter(PhaseSpec spec)
-    : fSpec(std::move(spec)), fWaitingSince(fSpec.begin), fHistogram(kBins, 0) {}
+PhaseMeter::PhaseMeter(PhaseSetup setup)
+    : fPhase(std::move(setup)), fWaitingSince(fPhase.begin), fHistogram(kBins, 0) {}
 
 void PhaseMeter::add(const MeasureSample& s) {
   ++fSamples;
-  const bool measured = fSpec.lineOfSight && s.hasLineOfSight && s.inView;
-  const bool onTarget = measured && s.lineOfSightDeg < fSpec.onTargetDeg;
+  const bool measured = fPhase.lineOfSight && s.hasLineOfSight && s.inView;
+  const bool onTarget = measured && s.lineOfSightDeg < fPhase.onTargetDeg;
   if (onTarget) {
     ++fOnTarget;
     if (fWaitingSince) {
@@ -33,7 +33,7 @@ void PhaseMeter::add(const MeasureSample& s) {
     fLosMax = std::max(fLosMax, e);
     const auto bin = static_cast<std::size_t>(std::lround(e / kBinDeg));
     ++fHistogram[std::min(bin, kBins - 1)];
-    if (fSpec.step) {
+    if (fPhase.step) {
       if (fStepSign == 0 && std::fabs(s.horizontalDeg) > kSettlingDeg)
         fStepSign = s.horizontalDeg > 0.0 ? 1 : -1;
       if (fStepSign != 0)
@@ -64,11 +64,11 @@ void PhaseMeter::addEvent(const std::string& name) {
 
 PhaseMeasures PhaseMeter::result() const {
   PhaseMeasures m;
-  m.name = fSpec.name;
+  m.name = fPhase.name;
   m.events = fEvents;
   if (fArmCount > 0)
     m.armsRmsDeg = std::sqrt(fArmSquares / static_cast<double>(fArmCount));
-  if (!fSpec.lineOfSight)
+  if (!fPhase.lineOfSight)
     return m;
   if (!fWaitingSince)
     m.timeToOnTargetS = fLongestWait;
@@ -91,10 +91,10 @@ PhaseMeasures PhaseMeter::result() const {
       }
     }
   }
-  if (fSpec.step && fAnyLos) {
+  if (fPhase.step && fAnyLos) {
     m.overshootDeg = fOvershoot;
     if (fSettledSince)
-      m.settlingS = *fSettledSince - fSpec.begin;
+      m.settlingS = *fSettledSince - fPhase.begin;
   }
   return m;
 }

@@ -71,7 +71,7 @@ ScenarioRun::ScenarioRun(Scenario scenario, SimulationConfig base)
   for (const auto& t : fScenario.targets)
     fSim->world().addTarget(t);
   for (const Phase& p : fScenario.phases) {
-    fMeters.emplace_back(PhaseSpec{p.name, p.begin, p.acquireDegrees, p.lineOfSight, p.step});
+    fMeters.emplace_back(PhaseSetup{p.name, p.begin, p.acquireDegrees, p.lineOfSight, p.step});
     PhaseSummary extra;
     extra.begin = p.begin;
     extra.end = p.end;

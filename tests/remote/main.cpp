@@ -1,6 +1,6 @@
 // The cross-process tests' entry point. With --host PREFIX MODULES the binary is the child
-// process hosting fake modules; otherwise it runs the tests. Either way DDS is kept on the
-// loopback interface by the project's configuration file.
+// process hosting fake modules; otherwise it runs the tests. Either way DDS stays on the
+// loopback interface (no multicast, 127.0.0.1 as the one peer): the transport's default.
 
 #include <cstdlib>
 #include <cstring>
@@ -19,7 +19,9 @@ extern "C" const char* __tsan_default_suppressions() {
 }
 
 int main(int argc, char** argv) {
-  ::setenv("CYCLONEDDS_URI", "file://" KRTRACKER_DDS_CONFIG, 1);
+  // The transport's default network, loopback only, whatever the environment asks for.
+  ::unsetenv("KRTRACKER_DDS_CONFIG");
+  ::unsetenv("CYCLONEDDS_URI");
   if (argc == 4 && std::strcmp(argv[1], "--host") == 0)
     return remotetest::runHost(argv[2], argv[3]);
   ::testing::InitGoogleTest(&argc, argv);

@@ -191,6 +191,16 @@ TEST_F(RemoteModules, ClosedTransportFailsCallsAtOnce) {
 }
 
 // Two callers at once, each checking that it gets its own replies (run under ThreadSanitizer).
+// Programs started by hand stay on loopback unless told otherwise.
+TEST(RemoteOptions, TheNetworkIsLoopbackUnlessTheEnvironmentNamesAnother) {
+  EXPECT_EQ(KR::remoteOptionsFromEnvironment().ddsConfig, KR::kLoopbackDdsConfig);
+  ::setenv("KRTRACKER_DDS_CONFIG", "file:///etc/robot-network.xml", 1);
+  EXPECT_EQ(KR::remoteOptionsFromEnvironment().ddsConfig, "file:///etc/robot-network.xml");
+  ::setenv("KRTRACKER_DDS_CONFIG", "engine", 1);
+  EXPECT_EQ(KR::remoteOptionsFromEnvironment().ddsConfig, "");
+  ::unsetenv("KRTRACKER_DDS_CONFIG");
+}
+
 TEST(RemoteModulesConcurrency, TwoCallersGetTheirOwnReplies) {
   const std::string prefix = remotetest::uniquePrefix();
   HostProcess host(prefix);

@@ -10,7 +10,7 @@ namespace {
 
 using KR::Sim::MeasureSample;
 using KR::Sim::PhaseMeter;
-using KR::Sim::PhaseSpec;
+using KR::Sim::PhaseSetup;
 
 MeasureSample seen(double t, double horizontalDeg) {
   MeasureSample s;

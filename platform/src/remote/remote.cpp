@@ -47,6 +47,19 @@ std::string makeClientId() {
   return std::to_string(::getpid()) + "-" + std::to_string(rd());
 }
 
+/// Creates the DDS domain with the given network configuration before the first participant
+/// joins it. The domain then lives as long as the process, shared by every KRRemote of it;
+/// once it exists (created by an earlier KRRemote), the configuration it has stays.
+void configureDomain(dds_domainid_t domain, const std::string& config) {
+  static std::mutex mutex;
+  std::lock_guard<std::mutex> lock(mutex);
+  const dds_entity_t created = dds_create_domain(domain, config.c_str());
+  if (created < 0 && created != DDS_RETCODE_PRECONDITION_NOT_MET) {
+    throw KRError("KRRemote", "attach",
+                  std::string("cannot configure the DDS domain: ") + dds_strretcode(created));
+  }
+}
+
 }  // namespace
 
 /// The transport: one DDS participant, writers and readers of the three topics, the calls
@@ -62,8 +75,11 @@ class KRRemote::Impl : public std::enable_shared_from_this<KRRemote::Impl> {
   ~Impl() { close(); }
 
   void open() {
-    const dds_domainid_t domain =
-        fOptions.domainId < 0 ? DDS_DOMAIN_DEFAULT : static_cast<dds_domainid_t>(fOptions.domainId);
+    dds_domainid_t domain = static_cast<dds_domainid_t>(fOptions.domainId);
+    if (fOptions.domainId < 0)
+      domain = fOptions.ddsConfig.empty() ? DDS_DOMAIN_DEFAULT : 0;
+    if (!fOptions.ddsConfig.empty())
+      configureDomain(domain, fOptions.ddsConfig);
     fParticipant = dds_create_participant(domain, nullptr, nullptr);
     if (fParticipant < 0) {
       throw KRError("KRRemote", "attach",
@@ -549,6 +565,8 @@ void KRRemote::close() {
 
 KRRemoteOptions remoteOptionsFromEnvironment() {
   KRRemoteOptions options;
+  if (const char* config = std::getenv("KRTRACKER_DDS_CONFIG"); config && *config)
+    options.ddsConfig = std::string(config) == "engine" ? std::string() : std::string(config);
   if (const char* prefix = std::getenv("KRTRACKER_REMOTE_PREFIX"); prefix && *prefix)
     options.topicPrefix = prefix;
   if (const char* ms = std::getenv("KRTRACKER_REMOTE_TIMEOUT_MS"); ms && *ms)

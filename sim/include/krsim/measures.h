@@ -39,7 +39,7 @@ struct MeasureSample {
   std::vector<double> armDeg;   // one per commanded arm that is measured this step
 };
 
-struct PhaseSpec {
+struct PhaseSetup {
   std::string name;
   double begin = 0.0;  // [s]
   double onTargetDeg = 3.0;
@@ -69,18 +69,18 @@ constexpr double kSettlingDeg = 1.0;
 
 class PhaseMeter {
  public:
-  explicit PhaseMeter(PhaseSpec spec);
+  explicit PhaseMeter(PhaseSetup setup);
   void add(const MeasureSample& s);
   void addEvent(const std::string& name);
   PhaseMeasures result() const;
-  const PhaseSpec& spec() const { return fSpec; }
+  const PhaseSetup& setup() const { return fPhase; }
 
  private:
   // Line-of-sight error sizes by 0.01 degree, for the percentile at constant memory.
   static constexpr double kBinDeg = 0.01;
   static constexpr std::size_t kBins = 18001;
 
-  PhaseSpec fSpec;
+  PhaseSetup fPhase;
   std::size_t fSamples = 0;
   std::size_t fOnTarget = 0;
   // Time to on-target.

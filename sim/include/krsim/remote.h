@@ -7,8 +7,8 @@
 //   krtracker-sim remote-tracker                 # start first (or second: each waits)
 //   krtracker-sim remote-robot [scenario]        # plays the scenario, prints its summary
 //
-// Both take the topic prefix from KRTRACKER_REMOTE_PREFIX and the network settings from
-// CYCLONEDDS_URI (config/cyclonedds-loopback.xml keeps them on loopback).
+// Both take the topic prefix from KRTRACKER_REMOTE_PREFIX and stay on the loopback interface
+// (no multicast, 127.0.0.1 as the one peer) unless KRTRACKER_DDS_CONFIG names another network.
 
 #include <iosfwd>
 #include <string>

@@ -5,8 +5,9 @@
 // and a reply topic with correlation ids; a call that gets no reply within the timeout fails
 // with a KRError; replies that arrive after their call gave up are dropped.
 //
-// The DDS network settings come from the engine's configuration (CYCLONEDDS_URI); the
-// project's config/cyclonedds-loopback.xml keeps every packet on the loopback interface.
+// The DDS network is set by KRRemoteOptions::ddsConfig: by default the loopback interface
+// only, with no multicast and 127.0.0.1 as the one discovery peer, so nothing leaves the
+// machine unless a program asks for another network.
 
 #include <chrono>
 #include <cstdint>
@@ -18,13 +19,26 @@
 
 namespace KR {
 
+/// Cyclone DDS configuration that keeps every packet on this machine: the loopback interface,
+/// no multicast, 127.0.0.1 as the one discovery peer.
+inline constexpr const char* kLoopbackDdsConfig =
+    "<CycloneDDS><Domain id=\"any\"><General><Interfaces><NetworkInterface name=\"lo\"/>"
+    "</Interfaces><AllowMulticast>false</AllowMulticast></General><Discovery>"
+    "<ParticipantIndex>auto</ParticipantIndex><MaxAutoParticipantIndex>40"
+    "</MaxAutoParticipantIndex><Peers><Peer address=\"127.0.0.1\"/></Peers></Discovery>"
+    "</Domain></CycloneDDS>";
+
 struct KRRemoteOptions {
   /// Prefix of the topic names: only processes with the same prefix see each other.
   std::string topicPrefix = "kr";
   /// How long a call waits for its reply, and getProxy for a module to be discovered.
   std::chrono::milliseconds timeout{1000};
-  /// The DDS domain; negative for the configuration's default.
+  /// The DDS domain; negative for domain 0 (or, with an empty ddsConfig, the engine's default).
   int domainId = -1;
+  /// The network: a Cyclone DDS configuration (XML text or a file:// URI) applied to the
+  /// domain. Empty leaves it to the engine's own configuration (CYCLONEDDS_URI), e.g. to reach
+  /// other machines.
+  std::string ddsConfig = kLoopbackDdsConfig;
   /// Threads running incoming calls, so that calls nested across processes do not wait on
   /// one another.
   unsigned servingThreads = 4;
@@ -70,7 +84,9 @@ class KRRemote {
 };
 
 /// Options from the environment, for programs started by hand: KRTRACKER_REMOTE_PREFIX (topic
-/// prefix), KRTRACKER_REMOTE_TIMEOUT_MS (timeout), KRTRACKER_REMOTE_DOMAIN (domain id).
+/// prefix), KRTRACKER_REMOTE_TIMEOUT_MS (timeout), KRTRACKER_REMOTE_DOMAIN (domain id),
+/// KRTRACKER_DDS_CONFIG (the network: a Cyclone DDS configuration, or "engine" to use
+/// CYCLONEDDS_URI); loopback only when it is not set.
 KRRemoteOptions remoteOptionsFromEnvironment();
 
 }  // namespace KR
