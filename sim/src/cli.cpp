@@ -24,7 +24,6 @@
 #include <thread>
 
 #include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
 
 #include <kr/model/modelutils.h>
 #include <krsim/physics.h>
@@ -485,7 +484,7 @@ int runScenario(Options o, std::ostream& out, const SubModuleFactory& modules,
     const SeedRange range = seeds ? *seeds : SeedRange{seed, seed};
     out << kProgram << ": scenario " << scenario.name << ", robot " << robot->getName()
         << ", seeds " << range.first << "-" << range.last << "\n";
-    nlohmann::ordered_json json = nlohmann::ordered_json::array();
+    std::vector<std::string> json;  // one summary per variant
     for (const auto& variant : variants) {
       const std::size_t n = range.last - range.first + 1;
       std::vector<RunResult> results(n);
@@ -525,13 +524,12 @@ int runScenario(Options o, std::ostream& out, const SubModuleFactory& modules,
           << total.simulatedS << " s simulated in " << std::setprecision(3) << total.cpuS
           << " s of CPU\n"
           << formatSeedSummary(aggregateSeeds(runs), n);
-      json.push_back(
-          nlohmann::ordered_json::parse(seedsJson(total, range.first, range.last, runs, cpu)));
+      json.push_back(seedsJson(total, range.first, range.last, runs, cpu));
     }
     if (!o.json.empty()) {
-      // Two comparisons go into one file as a JSON list.
-      // Two comparisons go into one file as a JSON list.
-      writeText(o.json, (json.size() == 1 ? json.front() : json).dump(2) + "\n");
+      // Two comparisons go into one file as a JSON list of the two summaries.
+      writeText(o.json,
+                json.size() == 1 ? json.front() : "[\n" + json[0] + ",\n" + json[1] + "]\n");
       out << "JSON: " << absolutePath(o.json) << "\n";
     }
     return gStopSignal ? 128 + gStopSignal : 0;
