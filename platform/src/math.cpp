@@ -347,6 +347,9 @@ bool computeLookAtAngles(const Position3D& target, const Position3D& headPositio
   if (!(dd > 1e-12)) {
     return false;
   }
+  // The effector terms do not depend on the target, so the reciprocal is ready before the
+  // square root below needs it: a product on the dependency chain instead of a division.
+  const double invDd = 1.0 / dd;
 
   // |o + s d|^2 = |t|^2  ->  dd s^2 + 2 (o.d) s + |o|^2 - |t|^2 = 0, larger root.
   const double od = ox * dx + oy * dy + oz * dz;
@@ -355,15 +358,20 @@ bool computeLookAtAngles(const Position3D& target, const Position3D& headPositio
   if (!(disc >= 0.0)) {
     return false;
   }
-  const double s = (std::sqrt(disc) - od) / dd;
+  // Ry(pitch) keeps qy and turns (qx, qz) onto (u, tz) with u >= 0 (looking forward). Since
+  // |q| = |t|, u^2 = qx^2 + qz^2 - tz^2 = tx^2 + ty^2 - qy^2. With the line of sight in the
+  // head's sagittal plane (dy = 0, the usual mounting) qy = oy does not wait for s, and the two
+  // square roots run side by side.
+  const double txy = tx * tx + ty * ty;
+  double u2 = txy - oy * oy;
+  const double s = (std::sqrt(disc) - od) * invDd;
   if (!(s > 0.0)) {
     return false;
   }
   const double qx = ox + s * dx, qy = oy + s * dy, qz = oz + s * dz;
-
-  // Ry(pitch) keeps qy and turns (qx, qz) onto (u, tz) with u >= 0 (looking forward).
-  const double r2 = qx * qx + qz * qz;
-  const double u2 = r2 - tz * tz;
+  if (dy != 0.0) {
+    u2 = txy - qy * qy;
+  }
   if (u2 < -1e-12 * std::max(1.0, tt)) {
     return false;
   }
