@@ -11,32 +11,11 @@
 
 #include <krsim/cli.h>
 #include <krsim/module.h>
-#include <krsim/remote.h>
 #include <krsim/simulation.h>
 #include <krsim/snapshot.h>
 
 int main(int argc, char** argv) {
   const std::vector<std::string> args(argv + 1, argv + argc);
-  // The two processes of a run over DDS (see krsim/remote.h).
-  if (!args.empty() && args[0] == "remote-tracker")
-    return KR::Sim::runRemoteTrackingService(std::cout, std::cerr);
-  if (!args.empty() && args[0] == "remote-robot") {
-    // remote-robot [SCENARIO] [--physics mujoco|kinematic]
-    std::string scenario = "ball";
-    std::string physics = "mujoco";
-    for (std::size_t i = 1; i < args.size(); ++i) {
-      if (args[i] == "--physics" && i + 1 < args.size())
-        physics = args[++i];
-      else
-        scenario = args[i];
-    }
-    try {
-      return KR::Sim::runRemoteRobot(scenario, std::cout, std::cerr, physics);
-    } catch (const std::exception& e) {
-      std::cerr << "krtracker-sim remote-robot: " << e.what() << "\n";
-      return 2;
-    }
-  }
 
   // Pictures need an X display (Xvfb on a headless machine): refused before anything runs.
   const bool snapshots = std::find(args.begin(), args.end(), "--snapshots") != args.end();

@@ -27,6 +27,7 @@
 
 #include <kr/model/modelutils.h>
 #include <krsim/physics.h>
+#include <krsim/remote.h>
 #include <krsim/run.h>
 #include <krsim/scenario.h>
 #include <krsim/summary.h>
@@ -690,6 +691,31 @@ const char* const kMeasuresHelp =
     "  arms RMS         pointing error of the arms the effector commands\n"
     "  events           the tracker's events per phase, listed below the table\n";
 
+/// remote-robot: the robot side of a run over DDS.
+struct RemoteRobotOptions {
+  std::string scenario = "ball";
+  std::string physics = "mujoco";
+};
+
+/// The scenario and the backend are checked before the robot side waits for the tracking
+/// service, so that a typo is reported at once rather than after a two-minute wait.
+int runRemoteRobotCommand(const RemoteRobotOptions& o, std::ostream& out, std::ostream& err) {
+  Scenario scenario;
+  try {
+    scenario = makeScenario(o.scenario, ScenarioOptions{});
+  } catch (const KRError& e) {
+    throw UsageError(e.message());
+  }
+  std::string robotPath;
+  const auto robot = loadRobot(scenario.robotFile, robotPath);
+  try {
+    makePhysicsBackend(o.physics, *robot);
+  } catch (const KRError& e) {
+    throw UsageError("--physics: " + e.message());
+  }
+  return runRemoteRobot(o.scenario, out, err, o.physics);
+}
+
 /// Both command lines, built by CLI11 on the options they fill.
 struct Parser {
   CLI::App app{
@@ -697,8 +723,11 @@ struct Parser {
       "target.",
       kProgram};
   CLI::App* angles = nullptr;
+  CLI::App* remoteTracker = nullptr;
+  CLI::App* remoteRobot = nullptr;
   Options run;
   AnglesOptions ang;
+  RemoteRobotOptions remote;
 
   Parser() {
     app.footer(std::string("Without --csv and --plot, the CSV, the plot and the JSON summary go "
@@ -755,6 +784,19 @@ struct Parser {
     angles->add_flag("--whole-body", ang.wholeBody, "with --look-at: the whole body looks");
     angles->add_option("--effector-id", ang.effectorId,
                        "with --look-at: 0 top camera, 1 bottom camera, 2 depth camera");
+
+    // A run over DDS on loopback in two processes (make demo-remote starts both).
+    remoteTracker = app.add_subcommand(
+        "remote-tracker", "the tracking service alone, serving the robot side of remote-robot");
+    remoteRobot = app.add_subcommand(
+        "remote-robot",
+        "the robot side: plays a built-in scenario in real time, the tracking service in "
+        "another process (remote-tracker)");
+    remoteTracker->footer("");
+    remoteRobot->footer("");
+    remoteRobot->add_option("scenario", remote.scenario, "built-in scenario (default: ball)");
+    remoteRobot->add_option("--physics", remote.physics,
+                            "physics backend: mujoco or kinematic (default: mujoco)");
   }
 };
 
@@ -803,13 +845,23 @@ int runCommandLine(const std::vector<std::string>& args, std::ostream& out, std:
     try {
       p.app.parse(reversed);
     } catch (const CLI::CallForHelp&) {
-      out << (p.angles->parsed() ? p.angles->help() : usage());
+      for (const CLI::App* sub : {p.angles, p.remoteTracker, p.remoteRobot}) {
+        if (sub->parsed()) {
+          out << sub->help();
+          return 0;
+        }
+      }
+      out << usage();
       return 0;
     } catch (const CLI::ParseError& e) {
       throw UsageError(parseErrorText(e));
     }
     if (p.angles->parsed())
       return runAngles(p.ang, out);
+    if (p.remoteTracker->parsed())
+      return runRemoteTrackingService(out, err);
+    if (p.remoteRobot->parsed())
+      return runRemoteRobotCommand(p.remote, out, err);
     SnapshotHook hook;
     if (hooks.snapshot && !p.run.snapshots.empty()) {
       hook = [snapshot = hooks.snapshot, folder = p.run.snapshots](
