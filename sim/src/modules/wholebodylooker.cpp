@@ -15,7 +15,7 @@ constexpr float kMaxLead = 1.0f;       // [s] never aim further ahead than this
 }  // namespace
 
 WholeBodyLooker::WholeBodyLooker(const SimContext& context)
-    : LookerBase(kWholeBodyLookerModule, context, "") {
+    : LookerBase(kWholeBodyLookerModule, context, ""), fLead(context.compensation) {
   fNames.resize(2);
   fAngles.resize(2);
 }
@@ -42,7 +42,7 @@ Math::Position3D WholeBodyLooker::xLead(const Tracker::types::TrackInfos& info,
   const float sightX = position.x - robot.x;
   const float sightY = position.y - robot.y;
   const float range = std::hypot(sightX, sightY);
-  if (!(range > 1e-3f) || !(threshold > 0.0f)) {
+  if (!fLead || !(range > 1e-3f) || !(threshold > 0.0f)) {
     return Math::Position3D();
   }
   const float across = std::fabs(sightX * s.velocity.y - sightY * s.velocity.x) / range;

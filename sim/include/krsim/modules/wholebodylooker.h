@@ -6,7 +6,8 @@
 // turns and the base turns with it when the target lies far to the side or behind.
 // A target that moves is aimed at ahead of where it is, by half the dead band along its
 // motion: the gaze then swings from half a band ahead of the target to half a band behind it
-// between two commands, instead of trailing it by up to a whole band.
+// between two commands, instead of trailing it by up to a whole band. That lead is a
+// prediction: without latency compensation (SimContext::compensation) there is none.
 // With LOG_HEAD_COMMAND on, each gaze goes to the angle log "WholeBodyLooker.txt".
 //
 // Remote methods: "start"(), "stopLooker"() (cancels the gaze it commanded), "exit"().
@@ -39,6 +40,7 @@ class WholeBodyLooker : public LookerBase<WholeBodyLookerState> {
   bool xFollow(const TargetInput::Sample& sample, KRTimePoint now) override;
   void xOnStart() override;
   void xOnStop() override;
+  const bool fLead;  // aim ahead of a moving target (with compensation)
   /// Updates the velocity estimate; returns how far ahead [m, FRAME_WORLD] to aim, seen from
   /// the robot at `robot` (FRAME_WORLD) with a dead band of `threshold` [rad].
   Math::Position3D xLead(const Tracker::types::TrackInfos& info, const Math::Pose2D& robot,
