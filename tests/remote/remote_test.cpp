@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <climits>
+#include <numeric>
 #include <thread>
 
 #include <gmock/gmock.h>
@@ -11,6 +12,7 @@
 
 #include <ko/log.h>
 #include <kr/error.h>
+#include <support/error_of.h>
 #include <support/fake_module.h>
 
 #include "remote_fixture.h"
@@ -64,31 +66,18 @@ TEST_F(RemoteModules, EveryValueKindCrossesUnchanged) {
 }
 
 TEST_F(RemoteModules, ExceptionsKeepTheirTextAndKRErrorItsParts) {
-  try {
-    proxy->call<int>("fail");
-    ADD_FAILURE() << "no exception";
-  } catch (const KR::KRError& e) {
-    ADD_FAILURE() << "a plain exception became a KRError: " << e.what();
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ(e.what(), "motor overheated");
-  }
-  try {
-    proxy->call<int>("failKR");
-    ADD_FAILURE() << "no exception";
-  } catch (const KR::KRError& e) {
-    EXPECT_EQ(e.module(), "KRMotion");
-    EXPECT_EQ(e.method(), "setAngles");
-    EXPECT_EQ(e.message(), "joint HeadYaw out of range");
-    EXPECT_STREQ(e.what(), "KRMotion::setAngles: joint HeadYaw out of range");
-  }
+  // A plain exception stays plain: a KRError's text would start with its module and method.
+  EXPECT_EQ(krtest::errorOf<std::runtime_error>([&] { proxy->call<int>("fail"); }),
+            "motor overheated");
+  KR::KRError e = krtest::krErrorOf([&] { proxy->call<int>("failKR"); });
+  EXPECT_EQ(e.module(), "KRMotion");
+  EXPECT_EQ(e.method(), "setAngles");
+  EXPECT_EQ(e.message(), "joint HeadYaw out of range");
+  EXPECT_STREQ(e.what(), "KRMotion::setAngles: joint HeadYaw out of range");
   // Errors raised by the host's broker (unknown method, wrong arguments) arrive the same way.
-  try {
-    proxy->call("noSuchMethod", 1);
-    ADD_FAILURE() << "no exception";
-  } catch (const KR::KRError& e) {
-    EXPECT_EQ(e.module(), kFakeModule);
-    EXPECT_EQ(e.method(), "noSuchMethod");
-  }
+  e = krtest::krErrorOf([&] { proxy->call("noSuchMethod", 1); });
+  EXPECT_EQ(e.module(), kFakeModule);
+  EXPECT_EQ(e.method(), "noSuchMethod");
   EXPECT_THROW(proxy->call<int>("one", 1, 2), KR::KRError);
   EXPECT_THROW(proxy->call<int>("one", "text"), KR::KRError);
 }
@@ -99,8 +88,7 @@ TEST_F(RemoteModules, PostedCallsRunInOrderAndTheObserverSeesEveryCall) {
     proxy->pCall("record", i);
   caller.broker->waitForPostedCalls();
   std::vector<int> expected(20);
-  for (int i = 0; i < 20; ++i)
-    expected[i] = i;
+  std::iota(expected.begin(), expected.end(), 0);
   EXPECT_EQ(proxy->call<std::vector<int>>("recorded"), expected);
   const std::vector<std::string> calls = recorder.calls();
   ASSERT_EQ(calls.size(), 21u);
@@ -142,14 +130,10 @@ TEST_F(RemoteModules, AKilledHostTimesOutClearlyAndIsReachedAgainWhenRestarted) 
   host.kill();
 
   const auto start = std::chrono::steady_clock::now();
-  try {
-    proxy->call<int>("zero");
-    ADD_FAILURE() << "a call to a dead host returned";
-  } catch (const KR::KRError& e) {
-    EXPECT_EQ(e.module(), kFakeModule);
-    EXPECT_EQ(e.method(), "zero");
-    EXPECT_THAT(e.message(), ::testing::HasSubstr("no reply within 200 ms"));
-  }
+  const KR::KRError e = krtest::krErrorOf([&] { proxy->call<int>("zero"); });
+  EXPECT_EQ(e.module(), kFakeModule);
+  EXPECT_EQ(e.method(), "zero");
+  EXPECT_THAT(e.message(), ::testing::HasSubstr("no reply within 200 ms"));
   const auto elapsed = std::chrono::steady_clock::now() - start;
   EXPECT_GE(elapsed, 200ms);
   EXPECT_LT(elapsed, 1500ms);
@@ -190,7 +174,6 @@ TEST_F(RemoteModules, ClosedTransportFailsCallsAtOnce) {
   EXPECT_THROW(caller.broker->getProxy(kFakeModule, 0), KR::KRError);
 }
 
-// Two callers at once, each checking that it gets its own replies (run under ThreadSanitizer).
 // Programs started by hand stay on loopback unless told otherwise.
 TEST(RemoteOptions, TheNetworkIsLoopbackUnlessTheEnvironmentNamesAnother) {
   EXPECT_EQ(KR::remoteOptionsFromEnvironment().ddsConfig, KR::kLoopbackDdsConfig);
@@ -201,10 +184,8 @@ TEST(RemoteOptions, TheNetworkIsLoopbackUnlessTheEnvironmentNamesAnother) {
   ::unsetenv("KRTRACKER_DDS_CONFIG");
 }
 
-TEST(RemoteModulesConcurrency, TwoCallersGetTheirOwnReplies) {
-  const std::string prefix = remotetest::uniquePrefix();
-  HostProcess host(prefix);
-  Caller caller(prefix);
+// Two callers at once, each checking that it gets its own replies (run under ThreadSanitizer).
+TEST_F(RemoteModules, TwoCallersGetTheirOwnReplies) {
   constexpr int kCalls = 300;
   std::atomic<int> wrong{0};
   auto run = [&](int base) {

@@ -27,6 +27,7 @@ class RemoteTracker : public ::testing::Test {
         caller(prefix, 1000ms, remotetest::trackerFakeNames()),
         recorder(caller.broker) {
     tracker = std::make_unique<krtest::TrackerProbe>(caller.broker);
+    targetManager = caller.broker->getProxy("_KRTargetManager", 0);
     recorder.clear();
   }
   ~RemoteTracker() override {
@@ -34,15 +35,6 @@ class RemoteTracker : public ::testing::Test {
     caller.broker->shutdown();
   }
 
-  void script(const std::string& module, const std::string& what, const std::string& method,
-              const KR::KRValue& value = KR::KRValue()) {
-    auto proxy = caller.broker->getProxy(module, 0);
-    if (what == "__reset") {
-      proxy->call(what, method);
-    } else {
-      proxy->call(what, method, value);
-    }
-  }
   Calls take() {
     Calls out;
     for (const std::string& c : recorder.calls()) {
@@ -63,25 +55,26 @@ class RemoteTracker : public ::testing::Test {
   remotetest::Caller caller;
   krtest::CallRecorder recorder;
   std::unique_ptr<krtest::TrackerProbe> tracker;
+  std::shared_ptr<KR::KRProxy> targetManager;  // scripted through "__throw", "__answer"...
 };
 
 TEST_F(RemoteTracker, TrackStopsAtAFailingTargetManager) {
   for (const char* failing : {"isTargetManaged", "setActiveTarget"}) {
     SCOPED_TRACE(failing);
-    script("_KRTargetManager", "__throw", failing, "boom");
+    targetManager->call("__throw", failing, "boom");
     log.clear();
     tracker->track("Ball");
     EXPECT_EQ(take().back(), std::string("_KRTargetManager.") + failing + "(\"Ball\")");
     EXPECT_EQ(records(), (Records{rec(Level::error, "track", "boom")}));
     EXPECT_EQ(tracker->getActiveTarget(), "");
     EXPECT_FALSE(tracker->isActive());
-    script("_KRTargetManager", "__reset", failing);
-    script("_KRTargetManager", "__answer", "isTargetManaged", true);
+    targetManager->call("__reset", failing);
+    targetManager->call("__answer", "isTargetManaged", true);
   }
 }
 
 TEST_F(RemoteTracker, TrackEventGoesOnWhenTheTargetManagerFails) {
-  script("_KRTargetManager", "__throw", "setActiveEvent", "boom");
+  targetManager->call("__throw", "setActiveEvent", "boom");
   log.clear();
   tracker->trackEvent("SoundEvent");
   const Calls calls = take();

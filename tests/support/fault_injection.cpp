@@ -16,19 +16,9 @@ const std::vector<Fault>& allFaults() {
 }
 
 const char* faultName(Fault fault) {
-  switch (fault) {
-    case Fault::RuntimeError:
-      return "runtime_error";
-    case Fault::KRError:
-      return "KRError";
-    case Fault::WrongType:
-      return "wrong type";
-    case Fault::EmptyAnswer:
-      return "empty answer";
-    case Fault::Slow:
-      return "slow";
-  }
-  return "?";
+  static const char* const kNames[] = {"runtime_error", "KRError", "wrong type", "empty answer",
+                                       "slow"};
+  return kNames[static_cast<int>(fault)];
 }
 
 // ---- FaultPlan ------------------------------------------------------------------------------
