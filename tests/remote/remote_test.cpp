@@ -48,17 +48,11 @@ TEST_F(RemoteModules, TypedCallsWithZeroToFiveArguments) {
 }
 
 TEST_F(RemoteModules, EveryValueKindCrossesUnchanged) {
-  const KRValue values[] = {
-      KRValue(),
-      KRValue(true),
-      KRValue(INT_MIN),
-      KRValue(INT_MAX),
-      KRValue(-0.125f),
-      KRValue("t\xC3\xAAte"),
-      KRValue(std::string(20000, 'x')),
-      KRValue::makeArray(0),
-      KRValue{1, 2.5f, "s", false, KRValue{KRValue(), KRValue{3}}},
-  };
+  const std::string utf8 = "t\xC3\xAAte", longText(20000, 'x');
+  const KRValue empty = KRValue::makeArray(0),
+                nested{1, 2.5f, "s", false, KRValue{KRValue(), KRValue{3}}};
+  const KRValue values[] = {KRValue(), true,     INT_MIN, INT_MAX, -0.125f,
+                            utf8,      longText, empty,   nested};
   for (const KRValue& v : values) {
     SCOPED_TRACE(v.toString().substr(0, 60));
     EXPECT_EQ(proxy->call<KRValue>("echo", v), v);
