@@ -133,12 +133,10 @@ TEST_F(RemoteModules, AKilledHostTimesOutClearlyAndIsReachedAgainWhenRestarted) 
   EXPECT_LT(elapsed, 1500ms);
 
   // A posted call that cannot be delivered is logged, not lost silently.
-  auto sink = std::make_shared<ko::log::CaptureSink>();
-  auto previous = ko::log::setSink(sink);
+  ko::log::ScopedCapture capture;
   proxy->pCall("record", 1);
   caller.broker->waitForPostedCalls();
-  ko::log::setSink(previous);
-  const auto records = sink->records("KRBroker");
+  const auto records = capture.records("KRBroker");
   ASSERT_EQ(records.size(), 1u);
   EXPECT_EQ(records[0].level, ko::log::Level::error);
   EXPECT_THAT(records[0].text, ::testing::HasSubstr("RemoteFake.record"));
