@@ -1,10 +1,14 @@
 // KR::Math: conversions there and back, the look-at solver checked by forward kinematics,
-// and the small helpers' edges.
+// fastAtan2 against the C library, and the small helpers' edges.
 
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 #include <limits>
 #include <numeric>
 #include <random>
+#include <sstream>
+#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -112,7 +116,9 @@ TEST(MathTransforms, ElementaryRotationsMatchEigen) {
   EXPECT_LT((Rotation::fromRotY(0.5f) * Position3D(1, 0, 0)).z, 0.0f);
 }
 
-TEST(MathTransforms, Position6DMatchesEigenAndProductsAndConvertsExactly) {
+TEST(MathTransforms, Position6DProductsAndInversesMatchEigen) {
+  const Transform identity;
+  EXPECT_EQ(pinv(identity), identity);
   for (const Position6D& p : poseCases()) {
     const Transform t = transformFromPosition6D(p);
     EXPECT_TRUE(t.isNear(eigenTransform(p), 2e-6f)) << p;
@@ -135,21 +141,14 @@ TEST(MathTransforms, Position6DMatchesEigenAndProductsAndConvertsExactly) {
     EXPECT_TRUE(toEigen(r).isApprox(toEigen(t).rotation(), 1e-6f)) << p;
     EXPECT_EQ(r.transpose().transpose(), r);
     EXPECT_TRUE((toEigen(r.transpose()) * toEigen(r)).isIdentity(1e-6f)) << p;
-  }
-}
-
-TEST(MathTransforms, InverseGivesIdentityBothWays) {
-  const Transform identity;
-  for (const Position6D& p : poseCases()) {
-    const Transform t = transformFromPosition6D(p);
+    // The inverse gives the identity both ways.
     EXPECT_TRUE((t * pinv(t)).isNear(identity, 1e-5f)) << p;
     EXPECT_TRUE((pinv(t) * t).isNear(identity, 1e-5f)) << p;
     EXPECT_TRUE(pinv(pinv(t)).isNear(t, 1e-5f)) << p;
     EXPECT_TRUE(pinv(t).isNear(fromEigen(toEigen(t).inverse()), 1e-5f)) << p;
-    const Position3D q(1, 2, -3);
-    EXPECT_NEAR(distance(pinv(t) * (t * q), q), 0.0f, 1e-5f) << p;
+    const Position3D point(1, 2, -3);
+    EXPECT_NEAR(distance(pinv(t) * (t * point), point), 0.0f, 1e-5f) << p;
   }
-  EXPECT_EQ(pinv(identity), identity);
 }
 
 TEST(MathTransforms, Position6DRoundTrip) {
@@ -424,6 +423,69 @@ TEST(MathHelpers, ClipDataClamps) {
     float v = in;
     clipData(-1.0f, 2.0f, v);
     EXPECT_EQ(v, out) << in;
+  }
+}
+
+// ---- fastAtan2 -------------------------------------------------------------------------
+// It replaces the C library's atan2f on the look-at and point-at paths: same special values,
+// same accuracy class.
+
+std::uint32_t bitsOf(float f) {
+  std::uint32_t b = 0;
+  std::memcpy(&b, &f, sizeof b);
+  return b;
+}
+
+std::string pair(float y, float x) {
+  std::ostringstream os;
+  os.precision(9);
+  os << "fastAtan2(" << y << ", " << x << ")";
+  return os.str();
+}
+
+TEST(FastAtan2, SpecialValuesAndAxesMatchTheCLibraryBitForBit) {
+  const float inf = std::numeric_limits<float>::infinity();
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  const float values[] = {0.0f, -0.0f, 1.0f, -1.0f, 2.5f, -2.5f, inf, -inf, nan};
+  for (float y : values) {
+    for (float x : values) {
+      // Both finite and non-zero: a general angle, checked for accuracy below. Otherwise the
+      // point lies on an axis or is special, and the answer must be the library's.
+      if (std::isfinite(x) && std::isfinite(y) && x != 0.0f && y != 0.0f) {
+        continue;
+      }
+      const float expected = std::atan2(y, x);
+      const float got = fastAtan2(y, x);
+      if (std::isnan(expected)) {
+        EXPECT_TRUE(std::isnan(got)) << pair(y, x);
+      } else {
+        EXPECT_EQ(bitsOf(got), bitsOf(expected))
+            << pair(y, x) << " = " << got << ", library " << expected;
+      }
+    }
+  }
+}
+
+TEST(FastAtan2, AsAccurateAsTheCLibraryOverAllQuadrantsAndScales) {
+  std::mt19937 rng(20261121u);
+  std::uniform_real_distribution<float> mantissa(0.5f, 1.0f);
+  std::uniform_int_distribution<int> exponent(-30, 30);
+  std::bernoulli_distribution negative(0.5);
+  const auto draw = [&] {
+    const float v = std::ldexp(mantissa(rng), exponent(rng));
+    return negative(rng) ? -v : v;
+  };
+  for (int i = 0; i < 200000; ++i) {
+    // Half the pairs of similar magnitude, where the quadrant logic matters most. The C
+    // library's atan2f itself strays up to 1.46 ulp from the exact angle on these inputs.
+    const float y = draw();
+    const float x =
+        i % 2 == 0 ? draw() : std::copysign(std::fabs(y) * mantissa(rng) * 2.0f, draw());
+    const double exact = std::atan2(double(y), double(x));
+    const float nearest = float(exact);
+    const double ulp = std::nextafter(std::fabs(nearest), HUGE_VALF) - std::fabs(nearest);
+    const double error = std::fabs(double(fastAtan2(y, x)) - exact) / ulp;
+    ASSERT_LE(error, 1.5) << pair(y, x) << ", exact " << exact;
   }
 }
 
