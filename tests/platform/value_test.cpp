@@ -127,36 +127,20 @@ TEST(ValueUtils, WrongKindNamesCallerAndValue) {
     const char* what;
     std::function<void()> call;
   };
+  const KRValue intAndText{1, "x"}, three{1, 2, 3}, textAtSix{1, 2, 3, 4, 5, "6"};
+  const KRValue floatMicros{1, 2.0f}, pairNoKey{KRValue{1, 2}};
   const Case cases[] = {
       {"array", [] { KR::checkArrayFromKRValue(KRValue(1), kCaller, kValue); }},
       {"float", [] { KR::extractFloat(KRValue("1"), kCaller, kValue); }},
       {"clip", [] { KR::extractFloatAndClip(KRValue(true), 0, 1, kCaller, kValue); }},
       {"int", [] { KR::extractIntFromKRValue(KRValue(1.0f), kCaller, kValue); }},
-      {"vector",
-       [] {
-         KR::extractVectorFloatsFromKRValue(KRValue{1, "x"}, kCaller, kValue);
-       }},
+      {"vector", [&] { KR::extractVectorFloatsFromKRValue(intAndText, kCaller, kValue); }},
       {"vector kind", [] { KR::extractVectorFloatsFromKRValue(KRValue(1), kCaller, kValue); }},
-      {"pose size",
-       [] {
-         KR::extractPosition6DFromKRValue(KRValue{1, 2, 3}, kCaller, kValue);
-       }},
-      {"pose kind",
-       [] {
-         KR::extractPosition6DFromKRValue(KRValue{1, 2, 3, 4, 5, "6"}, kCaller, kValue);
-       }},
-      {"duration",
-       [] {
-         KR::extractDuration(KRValue{1, 2.0f}, kCaller, kValue);
-       }},
-      {"duration size",
-       [] {
-         KR::extractDuration(KRValue{1, 2, 3}, kCaller, kValue);
-       }},
-      {"map",
-       [] {
-         KR::extractKeyValueMapFromKRValue(KRValue{KRValue{1, 2}}, kCaller);
-       }},
+      {"pose size", [&] { KR::extractPosition6DFromKRValue(three, kCaller, kValue); }},
+      {"pose kind", [&] { KR::extractPosition6DFromKRValue(textAtSix, kCaller, kValue); }},
+      {"duration", [&] { KR::extractDuration(floatMicros, kCaller, kValue); }},
+      {"duration size", [&] { KR::extractDuration(three, kCaller, kValue); }},
+      {"map", [&] { KR::extractKeyValueMapFromKRValue(pairNoKey, kCaller); }},
       {"map kind", [] { KR::extractKeyValueMapFromKRValue(KRValue("x"), kCaller); }},
   };
   for (const Case& c : cases) {
@@ -272,8 +256,7 @@ TEST(KRValueEncoding, MalformedBuffersAreRefused) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    const KRError e =
-        krtest::krErrorOf([&] { KR::decodeKRValue(c.bytes.data(), c.bytes.size()); });
+    const KRError e = krtest::krErrorOf([&] { KR::decodeKRValue(c.bytes.data(), c.bytes.size()); });
     EXPECT_EQ(e.module(), "KRValue");
     EXPECT_EQ(e.method(), "decode");
     EXPECT_NE(e.message().find(c.expected), std::string::npos) << e.message();
