@@ -14,6 +14,7 @@
 #include <kr/model/kinematics.h>
 #include <kr/model/modelutils.h>
 
+#include "support/error_of.h"
 #include "support/fake_module.h"
 
 namespace {
@@ -218,6 +219,7 @@ const char* const kBase = R"(<robot name="Test" type="0" canLookBehind="true" ca
 </robot>
 )";
 
+// The base description with its first `from` replaced by `to`.
 std::string edited(const std::string& from, const std::string& to, std::string text = kBase) {
   const std::size_t at = text.find(from);
   if (at == std::string::npos) {
@@ -225,6 +227,13 @@ std::string edited(const std::string& from, const std::string& to, std::string t
     return text;
   }
   return text.replace(at, from.size(), to);
+}
+
+// The base description without its text from `from` up to `until`.
+std::string cut(const std::string& from, const std::string& until = "</robot>",
+                std::string text = kBase) {
+  const std::size_t at = text.find(from);
+  return text.erase(at, text.find(until, at) - at);
 }
 
 TEST(RobotDescription, BaseIsValid) {
@@ -250,101 +259,78 @@ TEST(RobotDescription, MalformedDescriptionsNameTheProblemAndWhere) {
       {"", {"bad XML at line 1", "No document element"}},
       {edited("  </head>", "  </heed>"), {"bad XML at line 11"}},
       {edited("</robot>", "</machine>", edited("<robot name", "<machine name")),
-       {"machine (line 1)", "root element must be 'robot'"}},
+       {"machine (line 1): root element must be 'robot'"}},
       {std::string(kBase) + "<robot/>", {"robot (line 30)", "one root element"}},
-      {edited("  <torso height=\"0.3\"/>\n", ""), {"robot (line 1)", "missing element 'torso'"}},
+      {edited("  <torso height=\"0.3\"/>\n", ""), {"robot (line 1): missing element 'torso'"}},
       {edited("<torso height=\"0.3\"/>", "<torso height=\"0.3\"/><torso height=\"0.3\"/>"),
-       {"robot/torso (line 2)", "duplicate element 'torso'"}},
+       {"robot/torso (line 2): duplicate element 'torso'"}},
       {edited(" max=\"0.5\"", ""),
-       {"robot/head/joint[role=pitch] (line 7)", "missing attribute 'max'"}},
+       {"robot/head/joint[role=pitch] (line 7): missing attribute 'max'"}},
       {edited("min=\"-0.6\"", "min=\"low\""),
-       {"robot/head/joint[role=pitch] (line 7)", "attribute 'min' is not a number: 'low'"}},
+       {"robot/head/joint[role=pitch] (line 7): attribute 'min' is not a number: 'low'"}},
       {edited("range=\"3\"", "range=\"3m\""),
-       {"robot/camera (line 3)", "attribute 'range' is not a number: '3m'"}},
+       {"robot/camera (line 3): attribute 'range' is not a number: '3m'"}},
       {edited("height=\"0.3\"", "height=\"nan\""),
-       {"robot/torso (line 2)", "'height' is not a number"}},
+       {"robot/torso (line 2): attribute 'height' is not a number"}},
       {edited("height=\"0.3\"", "height=\"1e99\""),
-       {"robot/torso (line 2)", "'height' is not a number"}},
-      {edited("name=\"LElbowRoll\" min=\"-1.5\" max=\"0\"",
-              "name=\"LElbowRoll\" min=\"0.5\" max=\"0\""),
-       {"robot/arm[side=left]/joint[role=elbowRoll] (line 18)",
-        "'min' (0.5) is greater than 'max' (0)"}},
+       {"robot/torso (line 2): attribute 'height' is not a number"}},
+      {edited("name=\"LElbowRoll\" min=\"-1.5\"", "name=\"LElbowRoll\" min=\"0.5\""),
+       {"robot/arm[side=left]/joint[role=elbowRoll] (line 18): 'min' (0.5) is greater than "
+        "'max' (0)"}},
       {edited("yawMin=\"-2\"", "yawMin=\"3\""),
-       {"robot/wholeBody (line 4)", "'yawMin' (3) is greater than 'yawMax' (2)"}},
+       {"robot/wholeBody (line 4): 'yawMin' (3) is greater than 'yawMax' (2)"}},
       {edited("<head position=\"0 0 0.1\">", "<head position=\"0 0\">"),
-       {"robot/head (line 5)", "attribute 'position' must hold 3 numbers, got 2"}},
+       {"robot/head (line 5): attribute 'position' must hold 3 numbers, got 2"}},
       {edited("rpy=\"0 0.2 0\"", "rpy=\"0 0.2 0 1\""),
        {"robot/head/effector[role=depthCamera] (line 10)", "'rpy' must hold 3 numbers, got 4"}},
       {edited("position=\"0.1 -0.01 0\"", "position=\"0.1 -0.01 x\""),
        {"robot/arm[side=right]/upperArm (line 23)", "'position' is not a number: 'x'"}},
       {edited("role=\"elbowYaw\" name=\"RElbowYaw\"", "role=\"elbow\" name=\"RElbowYaw\""),
-       {"robot/arm[side=right]/joint[role=elbow] (line 26)", "unknown role 'elbow'"}},
+       {"robot/arm[side=right]/joint[role=elbow] (line 26): unknown role 'elbow'"}},
       {edited("role=\"elbowYaw\" name=\"RElbowYaw\"", "role=\"elbowRoll\" name=\"RElbowYaw\""),
-       {"robot/arm[side=right]/joint[role=elbowRoll] (line 27)",
-        "duplicate joint role 'elbowRoll'"}},
-      {edited("    <joint role=\"pitch\" name=\"HeadPitch\" min=\"-0.6\" max=\"0.5\" "
-              "maxVelocity=\"6\"/>\n",
-              ""),
-       {"robot/head (line 5)", "missing joint with role 'pitch'"}},
-      {edited("    <effector role=\"depthCamera\" position=\"0.05 0 0.05\" rpy=\"0 0.2 0\"/>\n",
-              ""),
-       {"robot/head (line 5)", "missing effector with role 'depthCamera'"}},
-      {edited("  </head>", "  </head>\n  <leg/>"),
-       {"robot/leg (line 12)", "unknown element 'leg'"}},
+       {"robot/arm[side=right]/joint[role=elbowRoll] (line 27): duplicate joint role "
+        "'elbowRoll'"}},
+      {cut("    <joint role=\"pitch\"", "    <effector"),
+       {"robot/head (line 5): missing joint with role 'pitch'"}},
+      {cut("    <effector role=\"depthCamera\"", "  </head>"),
+       {"robot/head (line 5): missing effector with role 'depthCamera'"}},
+      {edited("  </head>", "  </head>\n  <leg/>"), {"robot/leg (line 12): unknown element 'leg'"}},
       {edited("max=\"1.8\" maxVelocity=\"9\"", "max=\"1.8\" maxVelocty=\"9\""),
-       {"robot/arm[side=left]/joint[role=wristYaw] (line 19)", "unknown attribute 'maxVelocty'"}},
+       {"robot/arm[side=left]/joint[role=wristYaw] (line 19): unknown attribute 'maxVelocty'"}},
       {edited("name=\"HeadYaw\"", "name=\"" + longName + "\""),
-       {"robot/head/joint[role=yaw] (line 6)", "joint name '" + longName + "'", "1 to 15"}},
+       {"robot/head/joint[role=yaw] (line 6): joint name '" + longName + "'", "1 to 15"}},
       {edited("name=\"RElbowYaw\"", "name=\"LElbowYaw\""),
        {"robot/arm[side=right]/joint[role=elbowYaw] (line 26)", "'LElbowYaw' is used twice"}},
       {edited("type=\"0\"", "type=\"2\""), {"robot (line 1)", "'type' must be 0", "got '2'"}},
       {edited("canLookBehind=\"true\"", "canLookBehind=\"yes\""),
-       {"robot (line 1)", "'canLookBehind' must be 'true' or 'false', got 'yes'"}},
+       {"robot (line 1): attribute 'canLookBehind' must be 'true' or 'false', got 'yes'"}},
       {edited("maxVelocity=\"7\"", "maxVelocity=\"0\""),
-       {"robot/head/joint[role=yaw] (line 6)", "'maxVelocity' must be positive, got 0"}},
+       {"robot/head/joint[role=yaw] (line 6): attribute 'maxVelocity' must be positive, got 0"}},
       {edited("<arm side=\"right\">", "<arm side=\"middle\">"),
        {"robot/arm[side=middle] (line 21)", "'side' must be 'left' or 'right', got 'middle'"}},
       {edited("<arm side=\"right\">", "<arm side=\"left\">"),
-       {"robot/arm[side=left] (line 21)", "duplicate arm side 'left'"}},
+       {"robot/arm[side=left] (line 21): duplicate arm side 'left'"}},
       {edited("<torso height=\"0.3\"/>", "<torso height=\"0.3\">tall</torso>"),
-       {"robot/torso (line 2)", "unexpected text 'tall'"}},
+       {"robot/torso (line 2): unexpected text 'tall'"}},
       {edited("<shoulder position=\"0 0.1 0.1\"/>", ""),
-       {"robot/arm[side=left] (line 12)", "missing element 'shoulder'"}},
+       {"robot/arm[side=left] (line 12): missing element 'shoulder'"}},
+      {cut("  <arm side=\"right\">"), {"robot (line 1): missing element 'arm' with side 'right'"}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.expected.front());
-    try {
-      ModelUtils::robotFromXml(c.xml);
-      ADD_FAILURE() << "no error";
-    } catch (const KR::KRError& e) {
-      EXPECT_EQ(e.module(), "ModelUtils");
-      EXPECT_EQ(e.method(), "robotFromXml");
-      for (const std::string& fragment : c.expected) {
-        EXPECT_NE(e.message().find(fragment), std::string::npos)
-            << "'" << fragment << "' not in: " << e.message();
-      }
+    const KR::KRError e = krtest::krErrorOf([&] { ModelUtils::robotFromXml(c.xml); });
+    EXPECT_EQ(e.module(), "ModelUtils");
+    EXPECT_EQ(e.method(), "robotFromXml");
+    for (const std::string& fragment : c.expected) {
+      EXPECT_NE(e.message().find(fragment), std::string::npos)
+          << "'" << fragment << "' not in: " << e.message();
     }
   }
 }
 
 TEST(RobotDescription, ArmsAreRequiredOnlyToPoint) {
-  std::string noRightArm = kBase;
-  noRightArm.erase(noRightArm.find("  <arm side=\"right\">"),
-                   noRightArm.find("</robot>") - noRightArm.find("  <arm side=\"right\">"));
-  try {
-    ModelUtils::robotFromXml(noRightArm);
-    ADD_FAILURE() << "no error";
-  } catch (const KR::KRError& e) {
-    EXPECT_NE(e.message().find("robot (line 1): missing element 'arm' with side 'right'"),
-              std::string::npos)
-        << e.message();
-  }
-
-  std::string noArms = kBase;
-  noArms.replace(noArms.find("canPointAt=\"true\""), 17, "canPointAt=\"false\"");
-  noArms.erase(noArms.find("  <arm side=\"left\">"),
-               noArms.find("</robot>") - noArms.find("  <arm side=\"left\">"));
-  const auto robot = ModelUtils::robotFromXml(noArms);
+  const auto robot = ModelUtils::robotFromXml(cut(
+      "  <arm side=\"left\">", "</robot>", edited("canPointAt=\"true\"", "canPointAt=\"false\"")));
   EXPECT_FALSE(robot->canPointAt());
   EXPECT_EQ(robot->getJoints().size(), 2u);
   EXPECT_TRUE(robot->trackerModel().leftArm.joints[0].name.empty());
@@ -352,28 +338,17 @@ TEST(RobotDescription, ArmsAreRequiredOnlyToPoint) {
 
 TEST(RobotDescription, FromFileNamesTheFile) {
   const std::string missing = ::testing::TempDir() + "/no_such_robot.xml";
-  try {
-    ModelUtils::robotFromFile(missing);
-    ADD_FAILURE() << "no error";
-  } catch (const KR::KRError& e) {
-    EXPECT_EQ(e.method(), "robotFromFile");
-    EXPECT_NE(e.message().find(missing), std::string::npos) << e.message();
-  }
+  KR::KRError e = krtest::krErrorOf([&] { ModelUtils::robotFromFile(missing); });
+  EXPECT_EQ(e.method(), "robotFromFile");
+  EXPECT_NE(e.message().find(missing), std::string::npos) << e.message();
 
   const std::string path = ::testing::TempDir() + "/broken_robot.xml";
-  {
-    std::ofstream out(path);
-    out << edited("min=\"-0.6\"", "min=\"?\"");
-  }
-  try {
-    ModelUtils::robotFromFile(path);
-    ADD_FAILURE() << "no error";
-  } catch (const KR::KRError& e) {
-    EXPECT_EQ(e.method(), "robotFromFile");
-    EXPECT_EQ(e.message().rfind(path + ": robot/head/joint[role=pitch] (line 7)", 0), 0u)
-        << e.message();
-  }
+  std::ofstream(path) << edited("min=\"-0.6\"", "min=\"?\"");
+  e = krtest::krErrorOf([&] { ModelUtils::robotFromFile(path); });
   std::remove(path.c_str());
+  EXPECT_EQ(e.method(), "robotFromFile");
+  EXPECT_EQ(e.message().rfind(path + ": robot/head/joint[role=pitch] (line 7)", 0), 0u)
+      << e.message();
 
   EXPECT_EQ(ModelUtils::robotFromFile(std::string(KRTRACKER_ROBOTS_DIR) + "/kibo.xml")->getName(),
             "Kibo");

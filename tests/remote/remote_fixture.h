@@ -14,30 +14,29 @@
 
 namespace remotetest {
 
-/// The module the child hosts, and a second one for the tracker fault tests.
+/// The fake module a host serves by default.
 constexpr const char* kFakeModule = "RemoteFake";
 
-/// The modules a tracker opens plus "KRRobotModel": what a host started with the module list
-/// "tracker" serves, as scripted fakes (scripted remotely through "__answer", "__throw" and
-/// "__reset").
+/// The modules a tracker opens plus "KRRobotModel": what a host started with the module
+/// "tracker" serves, as the tracker tests' fakes (scripted remotely through "__answer",
+/// "__throw" and "__reset").
 const std::vector<std::string>& trackerFakeNames();
 
-/// Runs the child's modules until stdin closes; returns the exit code.
-int runHost(const std::string& prefix, const std::string& modules);
+/// Runs the child's module (kFakeModule's kind, or "tracker") until stdin closes.
+int runHost(const std::string& prefix, const std::string& module);
 
-/// A child process hosting modules under a topic prefix.
+/// A child process hosting a module under a topic prefix.
 class HostProcess {
  public:
-  HostProcess(std::string prefix, std::string modules = kFakeModule);
+  HostProcess(std::string prefix, std::string module = kFakeModule);
   ~HostProcess();
   void start();
   /// SIGKILL, as a crash would.
   void kill();
-  bool running() const { return fPid > 0; }
 
  private:
   std::string fPrefix;
-  std::string fModules;
+  std::string fModule;
   pid_t fPid = -1;
   int fStdin = -1;
 };
@@ -45,7 +44,7 @@ class HostProcess {
 /// A topic prefix no other test run uses.
 std::string uniquePrefix();
 
-/// A caller broker attached to the transport, waiting until the child's module is discovered.
+/// A caller broker attached to the transport, waiting until the child's modules are discovered.
 struct Caller {
   explicit Caller(const std::string& prefix,
                   std::chrono::milliseconds timeout = std::chrono::milliseconds(1000),

@@ -6,28 +6,19 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdio>
-#include <sstream>
 #include <stdexcept>
 #include <thread>
 #include <vector>
 
 #include <kr/error.h>
 #include <support/fake_module.h>
+#include <tracker/tracker_fixture.h>
 
 extern char** environ;
 
 namespace remotetest {
 
 namespace {
-
-std::string selfPath() {
-  char buf[4096];
-  const ssize_t n = ::readlink("/proc/self/exe", buf, sizeof(buf) - 1);
-  if (n <= 0)
-    throw std::runtime_error("cannot find the test binary");
-  return std::string(buf, static_cast<std::size_t>(n));
-}
 
 /// The fake module of the cross-process tests: typed methods of 0 to 5 arguments, an echo,
 /// exceptions, a slow method and a counter for posted calls.
@@ -42,7 +33,6 @@ std::shared_ptr<KR::KRModule> makeFake(const std::string& name) {
   m->bind("four", [](int a, int b, int c, int d) { return std::vector<int>{d, c, b, a}; });
   m->bind("five", [](float a, float b, float c, float d, float e) { return a + b + c + d + e; });
   m->bind("echo", [](const KR::KRValue& v) { return v; });
-  m->bind("sixFloats", []() { return std::vector<float>{0.1f, 0.2f, 0.3f, 0.4f, 0.5f, 0.6f}; });
   m->bind("fail", []() -> int { throw std::runtime_error("motor overheated"); });
   m->bind("failKR", []() -> int {
     throw KR::KRError("KRMotion", "setAngles", "joint HeadYaw out of range");
@@ -63,62 +53,32 @@ std::shared_ptr<KR::KRModule> makeFake(const std::string& name) {
   return m;
 }
 
-/// A scripted fake that the parent process scripts through extra methods:
-/// "__answer"(method, value), "__throw"(method, text), "__reset"(method).
-class ScriptedFake : public krtest::FakeModule {
- public:
-  using FakeModule::FakeModule;
-  KR::KRValue invoke(const std::string& method, const std::vector<KR::KRValue>& args) override {
-    if (method == "__answer") {
-      answer(args.at(0).asString(), args.at(1));
-    } else if (method == "__throw") {
-      throwOn(args.at(0).asString(), args.at(1).asString());
-    } else if (method == "__reset") {
-      reset(args.at(0).asString());
-    } else {
-      return FakeModule::invoke(method, args);
-    }
-    return KR::KRValue();
-  }
-};
-
-/// The modules a tracker opens, answering as the tracker tests' harness does.
-void addTrackerFakes(KR::KRBroker& broker) {
-  for (const std::string& name : trackerFakeNames()) {
-    auto fake = std::make_shared<ScriptedFake>(name);
-    if (name == "KRRobotModel")
-      fake->answer("getConfig", krtest::readRobotFile("kibo.xml"));
-    if (name == "_KRTargetManager") {
-      fake->answer("isTargetManaged", true);
-      fake->answer("getEventName", "evt");
-      fake->answer("getSecondEventName", "evt2");
-      fake->answer("getTargetIds", std::vector<int>{4, 7});
-      fake->answer("getRegisteredTargets", std::vector<std::string>{});
-    }
-    broker.addModule(fake);
-  }
-}
-
 }  // namespace
 
 const std::vector<std::string>& trackerFakeNames() {
-  static const std::vector<std::string> kNames = {
-      "KRMotion",         "_Smoother",   "_MotionMove",      "_NavigationMove",
-      "_RoundSearcher",   "_HeadLooker", "_WholeBodyLooker", "_ArmsLooker",
-      "_KRTargetManager", "KRMemory",    "KRRobotModel"};
+  static const std::vector<std::string> kNames = [] {
+    std::vector<std::string> names = krtest::trackerModuleNames();
+    names.push_back("KRRobotModel");
+    return names;
+  }();
   return kNames;
 }
 
-int runHost(const std::string& prefix, const std::string& modules) {
-  auto broker = KR::KRBroker::create("host");
-  std::stringstream names(modules);
-  std::string name;
-  while (std::getline(names, name, ',')) {
-    if (name == "tracker") {
-      addTrackerFakes(*broker);
-    } else {
-      broker->addModule(makeFake(name));
+int runHost(const std::string& prefix, const std::string& module) {
+  // "tracker": the tracker tests' fakes, which the parent scripts through extra methods.
+  std::unique_ptr<krtest::TrackerHarness> harness;
+  std::shared_ptr<KR::KRBroker> broker = KR::KRBroker::create("host");
+  if (module == "tracker") {
+    harness = std::make_unique<krtest::TrackerHarness>();
+    broker = harness->broker;
+    for (const auto& [name, fake] : harness->modules) {
+      krtest::FakeModule* f = fake.get();
+      f->bind("__answer", [f](const std::string& m, const KR::KRValue& v) { f->answer(m, v); });
+      f->bind("__throw", [f](const std::string& m, const std::string& t) { f->throwOn(m, t); });
+      f->bind("__reset", [f](const std::string& m) { f->reset(m); });
     }
+  } else {
+    broker->addModule(makeFake(module));
   }
   KR::KRRemoteOptions options;
   options.topicPrefix = prefix;
@@ -133,16 +93,15 @@ int runHost(const std::string& prefix, const std::string& modules) {
   return 0;
 }
 
-HostProcess::HostProcess(std::string prefix, std::string modules)
-    : fPrefix(std::move(prefix)), fModules(std::move(modules)) {
+HostProcess::HostProcess(std::string prefix, std::string module)
+    : fPrefix(std::move(prefix)), fModule(std::move(module)) {
   start();
 }
 
 HostProcess::~HostProcess() {
   if (fPid > 0) {
     ::close(fStdin);  // asks the child to leave the domain cleanly
-    int status = 0;
-    ::waitpid(fPid, &status, 0);
+    ::waitpid(fPid, nullptr, 0);
   }
 }
 
@@ -154,13 +113,9 @@ void HostProcess::start() {
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, fds[0], 0);
   posix_spawn_file_actions_addclose(&actions, fds[1]);
-  const std::string path = selfPath();
-  std::vector<std::string> args{path, "--host", fPrefix, fModules};
-  std::vector<char*> argv;
-  for (std::string& a : args)
-    argv.push_back(a.data());
-  argv.push_back(nullptr);
-  const int rc = posix_spawn(&fPid, path.c_str(), &actions, nullptr, argv.data(), environ);
+  std::string args[] = {"/proc/self/exe", "--host", fPrefix, fModule};
+  char* argv[] = {args[0].data(), args[1].data(), args[2].data(), args[3].data(), nullptr};
+  const int rc = posix_spawn(&fPid, argv[0], &actions, nullptr, argv, environ);
   posix_spawn_file_actions_destroy(&actions);
   ::close(fds[0]);
   if (rc != 0)
@@ -172,8 +127,7 @@ void HostProcess::kill() {
   if (fPid <= 0)
     return;
   ::kill(fPid, SIGKILL);
-  int status = 0;
-  ::waitpid(fPid, &status, 0);
+  ::waitpid(fPid, nullptr, 0);
   ::close(fStdin);
   fPid = -1;
 }

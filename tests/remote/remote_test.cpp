@@ -1,9 +1,10 @@
 // Modules of another process reached through the broker over DDS on loopback: typed calls,
 // value kinds, exceptions, posted calls, the observer, a crashed and restarted host, late
-// replies and concurrent callers.
+// replies, concurrent callers, and a tracker whose modules live in the other process.
 
 #include <chrono>
 #include <climits>
+#include <numeric>
 #include <thread>
 
 #include <gmock/gmock.h>
@@ -11,7 +12,9 @@
 
 #include <ko/log.h>
 #include <kr/error.h>
+#include <support/error_of.h>
 #include <support/fake_module.h>
+#include <tracker/tracker_fixture.h>
 
 #include "remote_fixture.h"
 
@@ -19,6 +22,9 @@ namespace {
 
 using namespace std::chrono_literals;
 using KR::KRValue;
+using Calls = std::vector<std::string>;
+using Records = std::vector<ko::log::Record>;
+using ko::log::Level;
 using remotetest::Caller;
 using remotetest::HostProcess;
 using remotetest::kFakeModule;
@@ -46,17 +52,11 @@ TEST_F(RemoteModules, TypedCallsWithZeroToFiveArguments) {
 }
 
 TEST_F(RemoteModules, EveryValueKindCrossesUnchanged) {
-  const KRValue values[] = {
-      KRValue(),
-      KRValue(true),
-      KRValue(INT_MIN),
-      KRValue(INT_MAX),
-      KRValue(-0.125f),
-      KRValue("t\xC3\xAAte"),
-      KRValue(std::string(20000, 'x')),
-      KRValue::makeArray(0),
-      KRValue{1, 2.5f, "s", false, KRValue{KRValue(), KRValue{3}}},
-  };
+  const std::string utf8 = "t\xC3\xAAte", longText(20000, 'x');
+  const KRValue empty = KRValue::makeArray(0),
+                nested{1, 2.5f, "s", false, KRValue{KRValue(), KRValue{3}}};
+  const KRValue values[] = {KRValue(), true,     INT_MIN, INT_MAX, -0.125f,
+                            utf8,      longText, empty,   nested};
   for (const KRValue& v : values) {
     SCOPED_TRACE(v.toString().substr(0, 60));
     EXPECT_EQ(proxy->call<KRValue>("echo", v), v);
@@ -64,31 +64,18 @@ TEST_F(RemoteModules, EveryValueKindCrossesUnchanged) {
 }
 
 TEST_F(RemoteModules, ExceptionsKeepTheirTextAndKRErrorItsParts) {
-  try {
-    proxy->call<int>("fail");
-    ADD_FAILURE() << "no exception";
-  } catch (const KR::KRError& e) {
-    ADD_FAILURE() << "a plain exception became a KRError: " << e.what();
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ(e.what(), "motor overheated");
-  }
-  try {
-    proxy->call<int>("failKR");
-    ADD_FAILURE() << "no exception";
-  } catch (const KR::KRError& e) {
-    EXPECT_EQ(e.module(), "KRMotion");
-    EXPECT_EQ(e.method(), "setAngles");
-    EXPECT_EQ(e.message(), "joint HeadYaw out of range");
-    EXPECT_STREQ(e.what(), "KRMotion::setAngles: joint HeadYaw out of range");
-  }
+  // A plain exception stays plain: a KRError's text would start with its module and method.
+  EXPECT_EQ(krtest::errorOf<std::runtime_error>([&] { proxy->call<int>("fail"); }),
+            "motor overheated");
+  KR::KRError e = krtest::krErrorOf([&] { proxy->call<int>("failKR"); });
+  EXPECT_EQ(e.module(), "KRMotion");
+  EXPECT_EQ(e.method(), "setAngles");
+  EXPECT_EQ(e.message(), "joint HeadYaw out of range");
+  EXPECT_STREQ(e.what(), "KRMotion::setAngles: joint HeadYaw out of range");
   // Errors raised by the host's broker (unknown method, wrong arguments) arrive the same way.
-  try {
-    proxy->call("noSuchMethod", 1);
-    ADD_FAILURE() << "no exception";
-  } catch (const KR::KRError& e) {
-    EXPECT_EQ(e.module(), kFakeModule);
-    EXPECT_EQ(e.method(), "noSuchMethod");
-  }
+  e = krtest::krErrorOf([&] { proxy->call("noSuchMethod", 1); });
+  EXPECT_EQ(e.module(), kFakeModule);
+  EXPECT_EQ(e.method(), "noSuchMethod");
   EXPECT_THROW(proxy->call<int>("one", 1, 2), KR::KRError);
   EXPECT_THROW(proxy->call<int>("one", "text"), KR::KRError);
 }
@@ -99,8 +86,7 @@ TEST_F(RemoteModules, PostedCallsRunInOrderAndTheObserverSeesEveryCall) {
     proxy->pCall("record", i);
   caller.broker->waitForPostedCalls();
   std::vector<int> expected(20);
-  for (int i = 0; i < 20; ++i)
-    expected[i] = i;
+  std::iota(expected.begin(), expected.end(), 0);
   EXPECT_EQ(proxy->call<std::vector<int>>("recorded"), expected);
   const std::vector<std::string> calls = recorder.calls();
   ASSERT_EQ(calls.size(), 21u);
@@ -142,25 +128,19 @@ TEST_F(RemoteModules, AKilledHostTimesOutClearlyAndIsReachedAgainWhenRestarted) 
   host.kill();
 
   const auto start = std::chrono::steady_clock::now();
-  try {
-    proxy->call<int>("zero");
-    ADD_FAILURE() << "a call to a dead host returned";
-  } catch (const KR::KRError& e) {
-    EXPECT_EQ(e.module(), kFakeModule);
-    EXPECT_EQ(e.method(), "zero");
-    EXPECT_THAT(e.message(), ::testing::HasSubstr("no reply within 200 ms"));
-  }
+  const KR::KRError e = krtest::krErrorOf([&] { proxy->call<int>("zero"); });
+  EXPECT_EQ(e.module(), kFakeModule);
+  EXPECT_EQ(e.method(), "zero");
+  EXPECT_THAT(e.message(), ::testing::HasSubstr("no reply within 200 ms"));
   const auto elapsed = std::chrono::steady_clock::now() - start;
   EXPECT_GE(elapsed, 200ms);
   EXPECT_LT(elapsed, 1500ms);
 
   // A posted call that cannot be delivered is logged, not lost silently.
-  auto sink = std::make_shared<ko::log::CaptureSink>();
-  auto previous = ko::log::setSink(sink);
+  ko::log::ScopedCapture capture;
   proxy->pCall("record", 1);
   caller.broker->waitForPostedCalls();
-  ko::log::setSink(previous);
-  const auto records = sink->records("KRBroker");
+  const auto records = capture.records("KRBroker");
   ASSERT_EQ(records.size(), 1u);
   EXPECT_EQ(records[0].level, ko::log::Level::error);
   EXPECT_THAT(records[0].text, ::testing::HasSubstr("RemoteFake.record"));
@@ -190,7 +170,6 @@ TEST_F(RemoteModules, ClosedTransportFailsCallsAtOnce) {
   EXPECT_THROW(caller.broker->getProxy(kFakeModule, 0), KR::KRError);
 }
 
-// Two callers at once, each checking that it gets its own replies (run under ThreadSanitizer).
 // Programs started by hand stay on loopback unless told otherwise.
 TEST(RemoteOptions, TheNetworkIsLoopbackUnlessTheEnvironmentNamesAnother) {
   EXPECT_EQ(KR::remoteOptionsFromEnvironment().ddsConfig, KR::kLoopbackDdsConfig);
@@ -201,10 +180,8 @@ TEST(RemoteOptions, TheNetworkIsLoopbackUnlessTheEnvironmentNamesAnother) {
   ::unsetenv("KRTRACKER_DDS_CONFIG");
 }
 
-TEST(RemoteModulesConcurrency, TwoCallersGetTheirOwnReplies) {
-  const std::string prefix = remotetest::uniquePrefix();
-  HostProcess host(prefix);
-  Caller caller(prefix);
+// Two callers at once, each checking that it gets its own replies (run under ThreadSanitizer).
+TEST_F(RemoteModules, TwoCallersGetTheirOwnReplies) {
   constexpr int kCalls = 300;
   std::atomic<int> wrong{0};
   auto run = [&](int base) {
@@ -227,6 +204,95 @@ TEST(RemoteModulesConcurrency, TwoCallersGetTheirOwnReplies) {
   b.join();
   EXPECT_EQ(wrong.load(), 0);
   EXPECT_EQ(caller.remote->getDroppedReplyCount(), 0u);
+}
+
+// ---- a tracker on remote modules ---------------------------------------------------------
+// Its fault rules hold unchanged when its modules live in another process: the same calls, the
+// same log records, the same state after a failing module, and a module whose process died
+// fails the calls it gets without hanging the tracker.
+
+class RemoteTracker : public ::testing::Test {
+ protected:
+  RemoteTracker()
+      : prefix(remotetest::uniquePrefix()),
+        host(prefix, "tracker"),
+        caller(prefix, 1000ms, remotetest::trackerFakeNames()),
+        recorder(caller.broker) {
+    tracker = std::make_unique<krtest::TrackerProbe>(caller.broker);
+    targetManager = caller.broker->getProxy("_KRTargetManager", 0);
+    recorder.clear();
+  }
+  ~RemoteTracker() override {
+    tracker.reset();
+    caller.broker->shutdown();
+  }
+
+  Calls take() {
+    Calls out;
+    for (const std::string& c : recorder.calls()) {
+      if (c.find(".__") == std::string::npos)  // scripting is not the tracker's doing
+        out.push_back(c);
+    }
+    recorder.clear();
+    return out;
+  }
+  Records records() const { return log.records("KRTracker.GenericTracker"); }
+  static ko::log::Record rec(Level level, const std::string& location, const std::string& text) {
+    return ko::log::Record{"KRTracker.GenericTracker", level, location, text};
+  }
+
+  ko::log::ScopedCapture log;
+  std::string prefix;
+  remotetest::HostProcess host;
+  remotetest::Caller caller;
+  krtest::CallRecorder recorder;
+  std::unique_ptr<krtest::TrackerProbe> tracker;
+  std::shared_ptr<KR::KRProxy> targetManager;  // scripted through "__throw", "__answer"...
+};
+
+TEST_F(RemoteTracker, TrackStopsAtAFailingTargetManager) {
+  for (const char* failing : {"isTargetManaged", "setActiveTarget"}) {
+    SCOPED_TRACE(failing);
+    targetManager->call("__throw", failing, "boom");
+    log.clear();
+    tracker->track("Ball");
+    EXPECT_EQ(take().back(), std::string("_KRTargetManager.") + failing + "(\"Ball\")");
+    EXPECT_EQ(records(), (Records{rec(Level::error, "track", "boom")}));
+    EXPECT_EQ(tracker->getActiveTarget(), "");
+    EXPECT_FALSE(tracker->isActive());
+    targetManager->call("__reset", failing);
+    targetManager->call("__answer", "isTargetManaged", true);
+  }
+}
+
+TEST_F(RemoteTracker, TrackEventGoesOnWhenTheTargetManagerFails) {
+  targetManager->call("__throw", "setActiveEvent", "boom");
+  log.clear();
+  tracker->trackEvent("SoundEvent");
+  const Calls calls = take();
+  ASSERT_GE(calls.size(), 2u);
+  EXPECT_EQ(calls[0], "_KRTargetManager.setActiveEvent(\"SoundEvent\")");
+  EXPECT_EQ(calls.back(), "_Smoother.startEvent(\"evt\")");
+  EXPECT_EQ(records(), (Records{rec(Level::error, "trackEvent", "boom")}));
+  EXPECT_TRUE(tracker->isActive());
+  EXPECT_EQ(tracker->getActiveTarget(), "SoundEvent");
+}
+
+TEST_F(RemoteTracker, ADeadModuleProcessFailsTheCallsWithoutHangingTheTracker) {
+  caller.remote->setTimeout(200ms);
+  host.kill();
+  log.clear();
+  const auto start = std::chrono::steady_clock::now();
+  tracker->track("Ball");
+  // One call, to the target manager, fails after the timeout; track stops there.
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 1500ms);
+  EXPECT_EQ(take(), (Calls{"_KRTargetManager.isTargetManaged(\"Ball\")"}));
+  const Records logged = records();
+  ASSERT_EQ(logged.size(), 1u);
+  EXPECT_EQ(logged[0].level, Level::error);
+  EXPECT_EQ(logged[0].location, "track");
+  EXPECT_NE(logged[0].text.find("no reply within 200 ms"), std::string::npos) << logged[0].text;
+  EXPECT_FALSE(tracker->isActive());
 }
 
 }  // namespace

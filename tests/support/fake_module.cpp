@@ -33,11 +33,10 @@ void FakeModule::throwKRErrorOn(const std::string& method, const std::string& me
 
 void FakeModule::reset(const std::string& method) {
   std::lock_guard<std::mutex> lock(fMutex);
-  if (method.empty()) {
+  if (method.empty())
     fScripts.clear();
-  } else {
+  else
     fScripts.erase(method);
-  }
 }
 
 KR::KRValue FakeModule::invoke(const std::string& method, const std::vector<KR::KRValue>& args) {
@@ -81,25 +80,9 @@ CallRecorder::~CallRecorder() {
 }
 
 std::vector<std::string> CallRecorder::calls() const {
-  std::lock_guard<std::mutex> lock(fMutex);
   std::vector<std::string> out;
-  out.reserve(fRecords.size());
-  for (const auto& r : fRecords)
+  for (const auto& r : records())
     out.push_back(formatCall(r));
-  return out;
-}
-
-std::vector<std::string> CallRecorder::callsTo(const std::vector<std::string>& modules) const {
-  std::lock_guard<std::mutex> lock(fMutex);
-  std::vector<std::string> out;
-  for (const auto& r : fRecords) {
-    for (const auto& m : modules) {
-      if (r.module == m) {
-        out.push_back(formatCall(r));
-        break;
-      }
-    }
-  }
   return out;
 }
 

@@ -49,8 +49,6 @@ class CallRecorder {
   ~CallRecorder();
 
   std::vector<std::string> calls() const;
-  /// Only the calls to the given modules, in order.
-  std::vector<std::string> callsTo(const std::vector<std::string>& modules) const;
   std::vector<KR::KRCallRecord> records() const;
   void clear();
 

@@ -16,19 +16,9 @@ const std::vector<Fault>& allFaults() {
 }
 
 const char* faultName(Fault fault) {
-  switch (fault) {
-    case Fault::RuntimeError:
-      return "runtime_error";
-    case Fault::KRError:
-      return "KRError";
-    case Fault::WrongType:
-      return "wrong type";
-    case Fault::EmptyAnswer:
-      return "empty answer";
-    case Fault::Slow:
-      return "slow";
-  }
-  return "?";
+  static const char* const kNames[] = {"runtime_error", "KRError", "wrong type", "empty answer",
+                                       "slow"};
+  return kNames[static_cast<int>(fault)];
 }
 
 // ---- FaultPlan ------------------------------------------------------------------------------
@@ -38,9 +28,8 @@ FaultPlan::FaultPlan(const std::shared_ptr<KR::KRBroker>& broker) : fBroker(brok
 }
 
 FaultPlan::~FaultPlan() {
-  if (std::shared_ptr<KR::KRBroker> broker = fBroker.lock()) {
+  if (std::shared_ptr<KR::KRBroker> broker = fBroker.lock())
     broker->setCallObserver(nullptr);
-  }
 }
 
 void FaultPlan::arm(std::size_t k, Fault fault) {
@@ -51,30 +40,6 @@ void FaultPlan::arm(std::size_t k, Fault fault) {
   fTarget.clear();
   fPending = false;
   fDelivered = false;
-}
-
-void FaultPlan::disarm() {
-  arm(0, Fault::RuntimeError);
-}
-
-std::vector<std::string> FaultPlan::calls() const {
-  std::lock_guard<std::mutex> lock(fMutex);
-  return fCalls;
-}
-
-std::string FaultPlan::target() const {
-  std::lock_guard<std::mutex> lock(fMutex);
-  return fTarget;
-}
-
-bool FaultPlan::delivered() const {
-  std::lock_guard<std::mutex> lock(fMutex);
-  return fDelivered;
-}
-
-std::set<std::string> FaultPlan::typedMethods() const {
-  std::lock_guard<std::mutex> lock(fMutex);
-  return fTypedMethods;
 }
 
 void FaultPlan::observe(const KR::KRCallRecord& record) {
@@ -90,9 +55,8 @@ void FaultPlan::observe(const KR::KRCallRecord& record) {
 
 bool FaultPlan::take(const std::string& module, const std::string& method, Fault& fault) {
   std::lock_guard<std::mutex> lock(fMutex);
-  if (!fPending || fTarget != module + "." + method) {
+  if (!fPending || fTarget != module + "." + method)
     return false;
-  }
   fPending = false;
   fDelivered = true;
   fault = fFault;
@@ -101,9 +65,8 @@ bool FaultPlan::take(const std::string& module, const std::string& method, Fault
 
 void FaultPlan::noteAnswer(const std::string& module, const std::string& method,
                            const KR::KRValue& result) {
-  if (!result.isValid()) {
+  if (!result.isValid())
     return;
-  }
   std::lock_guard<std::mutex> lock(fMutex);
   fTypedMethods.insert(module + "." + method);
 }

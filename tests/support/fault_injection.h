@@ -42,17 +42,17 @@ class FaultPlan {
   /// Counts afresh from now: the k-th remote call (1-based) gets `fault`.
   void arm(std::size_t k, Fault fault);
   /// Counts afresh from now, injecting nothing.
-  void disarm();
+  void disarm() { arm(0, Fault::RuntimeError); }
 
   /// Calls seen since the last arm or disarm, as "Module.method(args)" ("post " in front of a
   /// posted call).
-  std::vector<std::string> calls() const;
+  std::vector<std::string> calls() const { return locked(fCalls); }
   /// "Module.method" of the armed call once it has been made; empty before.
-  std::string target() const;
+  std::string target() const { return locked(fTarget); }
   /// True once the module of the armed call has applied the fault.
-  bool delivered() const;
+  bool delivered() const { return locked(fDelivered); }
   /// "Module.method" of every method that has answered a valid (non-void) result so far.
-  std::set<std::string> typedMethods() const;
+  std::set<std::string> typedMethods() const { return locked(fTypedMethods); }
 
   /// How long a slow answer waits.
   static constexpr std::chrono::milliseconds kSlowDelay{2};
@@ -63,6 +63,11 @@ class FaultPlan {
 
  private:
   void observe(const KR::KRCallRecord& record);
+  template <class T>
+  T locked(const T& member) const {
+    std::lock_guard<std::mutex> lock(fMutex);
+    return member;
+  }
 
   std::weak_ptr<KR::KRBroker> fBroker;
   mutable std::mutex fMutex;
