@@ -182,7 +182,7 @@ TEST(ScenarioTest, MoveModeKeepsItsDistanceToAWalkingPerson) {
   EXPECT_GT(run->simulation().motion().getTruePose().x, 1.0f);  // it walked after the person
 }
 
-TEST(ScenarioTest, NavigateFollowsOnTheWheeledRobotAndIsRefusedOnTheHumanoid) {
+TEST(ScenarioTest, NavigateFollowsOnTheWheeledRobot) {
   Recorded run("navigate");
   const auto gap = relativeGap(run, 8.0, 1.2f, 0.0f);
   EXPECT_LE(gap.first, 0.2f + 0.05f);
@@ -190,13 +190,6 @@ TEST(ScenarioTest, NavigateFollowsOnTheWheeledRobotAndIsRefusedOnTheHumanoid) {
   const auto end = run->simulation().motion().getTruePose();
   EXPECT_GT(std::hypot(end.x, end.y), 3.0f);
   EXPECT_EQ(run->simulation().callTracker<std::string>("getMode"), "Navigate");
-
-  Recorded humanoid("people", {"", "", "", 1.0});
-  auto& sim = humanoid->simulation();
-  sim.callTracker("setMode", std::string("Navigate"));
-  EXPECT_EQ(sim.callTracker<std::string>("getMode"), "Move");
-  const auto modes = sim.callTracker<std::vector<std::string>>("getAvailableModes");
-  EXPECT_EQ(std::count(modes.begin(), modes.end(), "Navigate"), 0);
 }
 
 TEST(ScenarioTest, OneShotLookBehindTurnsTheRobotAndPointAtAimsEachEffector) {
