@@ -1,16 +1,26 @@
-// The measures on hand-made series whose figures are known in advance.
+// The measures: on hand-made series whose figures are known in advance, then on a run of the
+// simulated services alone, the head and arm commanded directly so that every expected figure
+// is known.
 
 #include <cmath>
+#include <sstream>
 
 #include <gtest/gtest.h>
 
+#include <kr/model/modelutils.h>
 #include <krsim/measures.h>
+#include <krsim/run.h>
+#include <krtracker/tools/tools.h>
 
 namespace {
 
+using KR::Math::Position3D;
 using KR::Sim::MeasureSample;
 using KR::Sim::PhaseMeter;
 using KR::Sim::PhaseSetup;
+using KR::Sim::Scenario;
+using KR::Sim::ScenarioRun;
+using KR::Sim::Simulation;
 
 MeasureSample seen(double t, double horizontalDeg) {
   MeasureSample s;
@@ -120,6 +130,153 @@ TEST(MeasuresTest, ArmsOnlyPhasesHaveNoLineOfSightFiguresAndSeedsAggregate) {
   EXPECT_DOUBLE_EQ(*mean, 10.5);
   EXPECT_DOUBLE_EQ(*p95, 19.0);
   EXPECT_FALSE(KR::Sim::meanAndP95({std::nullopt}).first);
+}
+
+class RunTest : public ::testing::Test {
+ protected:
+  /// The ball sits ahead and to the left; at 1 s the head and the left arm are turned to it,
+  /// at 2 s it hides for half a second and an event is raised.
+  Scenario scenario() {
+    Scenario s;
+    s.name = "measure";
+    s.robotFile = KR::Sim::resolveRobotFile("kibo");
+    s.duration = 3.0;
+    KR::Sim::TargetScript ball;
+    ball.name = "ball";
+    ball.kind = "RedBall";
+    ball.path = KR::Sim::Path::fixed(kBall);
+    ball.hidden = {{2.0, 2.5}};
+    s.targets = {ball};
+    s.actions = {
+        {1.0, "aim",
+         [](Simulation& sim) {
+           const auto& model = sim.robot().trackerModel();
+           const Position3D inTorso = KR::Math::pinv(sim.motion().getMapToTorso()) * kBall;
+           std::vector<std::string> names;
+           std::vector<float> angles;
+           ASSERT_TRUE(KR::Tracker::tools::computeLookAtAngles(
+               inTorso, model, KR::Model::TRACK_EFFECTOR_CAMERA_TOP, false, names, angles));
+           KR::Tracker::tools::computePointAtAngles(inTorso, model.leftArm, names, angles);
+           sim.motion().setAngles(names, angles, {1.0f});
+           sim.memory().raiseEvent("KRTracker/TargetDetected", KR::KRValue(true));
+         }},
+        {2.0, "events", [](Simulation& sim) {
+           sim.memory().raiseEvent("KRTracker/TargetLost", KR::KRValue(true));
+           sim.memory().raiseEvent("KRTracker/ObjectConverter5", KR::KRValue(1));
+           sim.memory().raiseEvent("KRTracker/ObjectLookAt", KR::KRValue(1));
+         }}};
+    KR::Sim::Phase look;
+    look.name = "look";
+    look.begin = 0.0;
+    look.end = 3.0;
+    look.target = "ball";
+    look.arms = {"LArm"};  // the effector commands the left arm only
+    look.settleSeconds = 1.5;
+    s.phases = {look};
+    return s;
+  }
+
+  static inline const Position3D kBall{1.0f, 0.4f, 0.3f};
+};
+
+TEST_F(RunTest, MeasuresComeFromEverySampleInViewAndTheTrackersOwnState) {
+  std::vector<std::string> progress;
+  std::vector<KR::Sim::Sample> samples;
+  std::vector<std::string> hooks;
+  KR::Sim::SimulationConfig ideal;  // an ideal camera and ideal servos: known answers
+  ideal.setPerception(KR::Sim::Perception::ideal());
+  ideal.servo = KR::Sim::ServoModel::ideal();
+  ScenarioRun run(scenario(), ideal);
+  run.setProgress([&](const std::string& line) { progress.push_back(line); }, 1.0);
+  run.setSampleObserver([&](const KR::Sim::Sample& s) { samples.push_back(s); });
+  run.setPhaseHook([&](const std::string& label) { hooks.push_back(label); });
+  run.runToEnd();
+  EXPECT_FALSE(run.step());
+  ASSERT_EQ(samples.size(), 300u);
+  EXPECT_EQ(hooks, (std::vector<std::string>{"look", "end"}));
+
+  const auto summaries = run.summaries();
+  ASSERT_EQ(summaries.size(), 1u);
+  const auto& look = summaries[0].measures;
+  // In view from the start, on target once the head has turned a few steps after 1 s; the
+  // occlusion at 2 s keeps the camera on the ball, so no wait follows it.
+  ASSERT_TRUE(look.timeToOnTargetS && look.losMaxDeg && look.onTargetPct && look.armsRmsDeg);
+  EXPECT_GT(*look.timeToOnTargetS, 1.0);
+  EXPECT_LT(*look.timeToOnTargetS, 1.15);
+  // Every sample in view counts, the second before the head turned too.
+  double firstError = samples.front().lineOfSightDeg;
+  EXPECT_NEAR(*look.losMaxDeg, firstError, 1e-4);
+  EXPECT_GT(firstError, 20.0);
+  EXPECT_NEAR(*look.onTargetPct, 100.0 * (3.0 - *look.timeToOnTargetS) / 3.0, 0.5);
+  EXPECT_LT(samples.back().lineOfSightDeg, 0.05);
+  // Only the commanded left arm, only while the tracker tracks (detection at 1 s, loss at 2 s)
+  // and once the arms have risen (1.5 s).
+  EXPECT_LT(*look.armsRmsDeg, 0.05);
+  const auto at = [&](double t) { return samples[static_cast<std::size_t>(t * 100) - 1]; };
+  for (const auto& s : samples) {
+    EXPECT_EQ(s.rightArmDeg, -1.0f);
+    EXPECT_EQ(s.leftArmDeg >= 0.0f, s.time > 1.495 && s.time < 2.005) << s.time;
+    EXPECT_EQ(s.tracked, s.time > 1.005 && s.time < 2.005) << s.time;
+  }
+  EXPECT_TRUE(at(2.2).inView);
+  EXPECT_FALSE(at(2.2).perceived);
+  EXPECT_TRUE(at(2.8).perceived);
+  // Observations and the smoother's streams are not counted.
+  EXPECT_EQ(look.events, (std::vector<std::pair<std::string, std::size_t>>{
+                             {"KRTracker/TargetDetected", 1}, {"KRTracker/TargetLost", 1}}));
+
+  EXPECT_NE(std::find(progress.begin(), progress.end(), "[   1.00 s] aim"), progress.end());
+  EXPECT_NE(std::find(progress.begin(), progress.end(), "[   2.00 s] event KRTracker/TargetLost"),
+            progress.end());
+  for (const auto& line : progress)
+    EXPECT_EQ(line.find("ObjectLookAt"), std::string::npos);
+}
+
+TEST_F(RunTest, CsvIsStreamedOneLinePerStepAndTheTableListsEventsBelow) {
+  ScenarioRun run(scenario(), KR::Sim::SimulationConfig());
+  std::ostringstream csv;
+  run.setCsv(&csv);
+  std::size_t streamed = 0;
+  run.setSampleObserver([&](const KR::Sim::Sample& s) {
+    // Each line is out as soon as its step is done.
+    const std::string text = csv.str();
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), static_cast<long>(++streamed) + 1)
+        << s.time;
+  });
+  run.runToEnd();
+  std::istringstream lines(csv.str());
+  std::string line;
+  ASSERT_TRUE(std::getline(lines, line));
+  EXPECT_EQ(line, run.csvHeader());
+  // Every joint commanded and measured.
+  for (const std::string joint : {"HeadYaw", "LShoulderPitch", "RElbowRoll"})
+    EXPECT_NE(line.find(",cmd_" + joint + "," + joint), std::string::npos) << line;
+  const auto columns = std::count(line.begin(), line.end(), ',');
+  int rows = 0;
+  while (std::getline(lines, line)) {
+    ++rows;
+    EXPECT_EQ(std::count(line.begin(), line.end(), ','), columns) << line;
+    if (rows == 150) {
+      EXPECT_EQ(line.rfind("1.50,look,0.0000,0.0000,0.0000,", 0), 0u) << line;
+      EXPECT_NE(line.find(",1,1,1,"), std::string::npos) << line;  // in view, perceived, tracked
+    }
+    if (rows == 101) {
+      EXPECT_NE(line.find(",TargetDetected,"), std::string::npos) << line;
+    }
+  }
+  EXPECT_EQ(rows, 300);
+
+  std::istringstream table(KR::Sim::formatSummary(run.summaries()));
+  std::vector<std::string> rowsOut;
+  while (std::getline(table, line))
+    rowsOut.push_back(line);
+  ASSERT_EQ(rowsOut.size(), 5u);
+  EXPECT_EQ(rowsOut[0].rfind("phase  on target  LoS RMS", 0), 0u) << rowsOut[0];
+  EXPECT_EQ(rowsOut[0].find("follow"), std::string::npos);  // no phase measures it
+  EXPECT_LE(rowsOut[0].size(), 110u);
+  EXPECT_EQ(rowsOut[2].rfind("look ", 0), 0u) << rowsOut[2];
+  EXPECT_EQ(rowsOut[3], "Events:");
+  EXPECT_EQ(rowsOut[4], "  look: KRTracker/TargetDetected x1, KRTracker/TargetLost x1");
 }
 
 }  // namespace

@@ -4,12 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <kr/error.h>
-#include <kr/model/modelutils.h>
 #include <krsim/world.h>
 #include <krtracker/tools/tools.h>
 #include <krtracker/types/types/trackinfos.h>
 
-#include "support/fake_module.h"
+#include "sim/helpers.h"
 
 namespace {
 
@@ -51,7 +50,7 @@ TEST(PathTest, OrbitsStayOnTheirCircleAndEndOnTime) {
 class WorldTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    robot = KR::Model::ModelUtils::robotFromXml(krtest::readRobotFile("kibo.xml"));
+    robot = krtest::loadRobot("kibo.xml");
     memory = std::make_shared<SimMemory>(clock);
     motion = std::make_shared<SimMotion>(*robot, clock);
     world = std::make_shared<World>(clock, memory, motion, 7);
@@ -84,12 +83,30 @@ class WorldTest : public ::testing::Test {
     return camera * Position3D(d, 0, 0);
   }
   TargetScript ball(const Path& path, Layout layout = Layout::Torso) {
-    TargetScript script;
-    script.name = "ball";
-    script.kind = "RedBall";
-    script.path = path;
-    script.layout = layout;
-    return script;
+    return {"ball", "RedBall", path, {}, layout};
+  }
+  /// A world of its own with one target, published on "Obs" every 10 ms: each observation
+  /// for `steps` steps of 10 ms, with the time it arrived [s].
+  std::vector<std::pair<double, KRValue>> observe(std::uint32_t seed,
+                                                  const KR::Sim::Perception& perception,
+                                                  const TargetScript& target, int steps,
+                                                  float noise = 0.0f) {
+    World w(clock, memory, motion, seed);
+    w.setPerception(perception);
+    w.addTarget(target);
+    w.setNoise(noise);
+    w.setPeriodMs("RedBall", 10);
+    w.startPublishing("RedBall", {"Obs"});
+    std::vector<std::pair<double, KRValue>> seen;
+    const int id = memory->subscribe("Obs", [&](const std::string&, const KRValue& v) {
+      seen.emplace_back(clock->seconds(), v);
+    });
+    for (int i = 0; i < steps; ++i) {
+      clock->advance(std::chrono::milliseconds(10));
+      w.update();
+    }
+    memory->unsubscribe(id);
+    return seen;
   }
 
   std::shared_ptr<SimClock> clock = std::make_shared<SimClock>();
@@ -158,18 +175,11 @@ TEST_F(WorldTest, BothLayoutsConvertBackToTheTargetInTheOdometryFrame) {
   ASSERT_GT(KR::Math::distance(expected, target), 0.01f) << "the odometry must have drifted";
 
   for (Layout layout : {Layout::World, Layout::Torso}) {
-    world->stopPublishingAll();
-    World fresh(clock, memory, motion, 7);
-    fresh.setPerception(KR::Sim::Perception::ideal());
     TargetScript script = ball(Path::fixed(target), layout);
     script.headThreshold = 0.25f;
-    fresh.addTarget(script);
-    fresh.startPublishing("RedBall", {"Obs"});
-    KRValue event;
-    const int id =
-        memory->subscribe("Obs", [&](const std::string&, const KRValue& v) { event = v; });
-    fresh.update();
-    memory->unsubscribe(id);
+    const auto observed = observe(7, KR::Sim::Perception::ideal(), script, 1);
+    ASSERT_EQ(observed.size(), 1u);
+    const KRValue& event = observed[0].second;
     ASSERT_EQ(event.size(), layout == Layout::World ? 4u : 5u);
 
     KR::Tracker::types::TrackInfos info;
@@ -221,28 +231,18 @@ TEST_F(WorldTest, TheNearestTargetOfAKindIsPublishedAndLandmarksGoToTheirOwnEven
 }
 
 TEST_F(WorldTest, NoiseDependsOnlyOnTheSeed) {
-  auto observe = [&](std::uint32_t seed, float noise) {
-    World w(clock, memory, motion, seed);
-    w.setPerception(KR::Sim::Perception::ideal());
-    w.addTarget(ball(Path::fixed(ahead(1.0f)), Layout::World));
-    w.setNoise(noise);
-    w.setPeriodMs("RedBall", 10);
-    w.startPublishing("RedBall", {"Obs"});
-    std::vector<float> xs;
-    const int id = memory->subscribe(
-        "Obs", [&](const std::string&, const KRValue& v) { xs.push_back(v[0][0].asFloat()); });
-    for (int i = 0; i < 50; ++i) {
-      clock->advance(std::chrono::milliseconds(10));
-      w.update();
-    }
-    memory->unsubscribe(id);
-    return xs;
+  auto xs = [&](std::uint32_t seed, float noise) {
+    std::vector<float> out;
+    for (const auto& o : observe(seed, KR::Sim::Perception::ideal(),
+                                 ball(Path::fixed(ahead(1.0f)), Layout::World), 50, noise))
+      out.push_back(o.second[0][0].asFloat());
+    return out;
   };
-  EXPECT_EQ(observe(3, 0.01f), observe(3, 0.01f));
-  EXPECT_NE(observe(3, 0.01f), observe(4, 0.01f));
-  const auto exact = observe(3, 0.0f);
+  EXPECT_EQ(xs(3, 0.01f), xs(3, 0.01f));
+  EXPECT_NE(xs(3, 0.01f), xs(4, 0.01f));
+  const auto exact = xs(3, 0.0f);
   ASSERT_EQ(exact.size(), 50u);
-  const auto noisy = observe(3, 0.01f);
+  const auto noisy = xs(3, 0.01f);
   double sum = 0.0;
   for (std::size_t i = 0; i < exact.size(); ++i)
     sum += std::pow(noisy[i] - exact[i], 2);
@@ -263,30 +263,20 @@ TEST_F(WorldTest, DetectionsComeAtTheCameraRateLateByTheLatencyStampedWithTheirC
   };
   for (const Case c : {Case{15.0, 0.08, 0.0, 29, 31}, Case{10.0, 0.15, 0.0, 19, 21},
                        Case{30.0, 0.04, 0.5, 18, 42}, Case{30.0, 0.0, 1.0, 0, 0}}) {
-    World w(clock, memory, motion, 5);
-    w.setPerception({c.rateHz, c.latencyS, c.dropout, 0.0f, 0.0f});
-    w.addTarget(ball(Path::fixed(ahead(1.0f))));
-    w.setPeriodMs("RedBall", 10);
-    w.startPublishing("RedBall", {"Obs"});
-    std::vector<std::pair<double, double>> seen;  // arrival, stamp
-    const int id = memory->subscribe("Obs", [&](const std::string&, const KRValue& v) {
-      seen.emplace_back(clock->seconds(), stampOf(v, *clock));
-    });
+    SCOPED_TRACE(c.rateHz);
     const double start = clock->seconds();
-    for (int i = 0; i < 200; ++i) {
-      clock->advance(std::chrono::milliseconds(10));
-      w.update();
-    }
-    memory->unsubscribe(id);
-    EXPECT_GE(seen.size(), c.minCount) << c.rateHz;
-    EXPECT_LE(seen.size(), c.maxCount) << c.rateHz;
+    const auto seen = observe(5, {c.rateHz, c.latencyS, c.dropout, 0.0f, 0.0f},
+                              ball(Path::fixed(ahead(1.0f))), 200);
+    EXPECT_GE(seen.size(), c.minCount);
+    EXPECT_LE(seen.size(), c.maxCount);
     for (std::size_t i = 0; i < seen.size(); ++i) {
       // Delivered at the first step after the latency, stamped when the frame was taken.
-      EXPECT_GE(seen[i].first - seen[i].second, c.latencyS - 1e-6);
-      EXPECT_LT(seen[i].first - seen[i].second, c.latencyS + 0.01);
-      EXPECT_GT(seen[i].second, start);
+      const double stamp = stampOf(seen[i].second, *clock);
+      EXPECT_GE(seen[i].first - stamp, c.latencyS - 1e-6);
+      EXPECT_LT(seen[i].first - stamp, c.latencyS + 0.01);
+      EXPECT_GT(stamp, start);
       if (i > 0 && c.dropout == 0.0) {
-        EXPECT_NEAR(seen[i].second - seen[i - 1].second, 1.0 / c.rateHz, 0.0101);
+        EXPECT_NEAR(stamp - stampOf(seen[i - 1].second, *clock), 1.0 / c.rateHz, 0.0101);
       }
     }
   }
@@ -323,26 +313,18 @@ TEST_F(WorldTest, ADetectionOutsideTheFieldOfViewNeverReachesTheTracker) {
 TEST_F(WorldTest, TheErrorIsAnAngleAndADistanceErrorThatGrowsWithDistance) {
   // Standard deviations of the bearing [rad] and of the distance [m] seen at distance d.
   auto spread = [&](float d) {
-    World w(clock, memory, motion, 11);
-    w.setPerception({0.0, 0.0, 0.0, 0.004f, 0.02f});
-    w.addTarget(ball(Path::fixed(ahead(d)), Layout::World));
-    w.setPeriodMs("RedBall", 10);
-    w.startPublishing("RedBall", {"Obs"});
     const auto cameraToMap = KR::Math::pinv(motion->getMapToHeadEffector(0));
     double bearing = 0.0, distance = 0.0;
-    int n = 0;
-    const int id = memory->subscribe("Obs", [&](const std::string&, const KRValue& v) {
+    const auto seen = observe(11, {0.0, 0.0, 0.0, 0.004f, 0.02f},
+                              ball(Path::fixed(ahead(d)), Layout::World), 2000);
+    for (const auto& o : seen) {
+      const KRValue& v = o.second;
       const Position3D p =
           cameraToMap * Position3D(v[0][0].asFloat(), v[0][1].asFloat(), v[0][2].asFloat());
       bearing += std::pow(std::atan2(p.y, p.x), 2);
       distance += std::pow(p.norm() - d, 2);
-      ++n;
-    });
-    for (int i = 0; i < 2000; ++i) {
-      clock->advance(std::chrono::milliseconds(10));
-      w.update();
     }
-    memory->unsubscribe(id);
+    const double n = static_cast<double>(seen.size());
     return std::make_pair(std::sqrt(bearing / n), std::sqrt(distance / n));
   };
   const auto near = spread(1.0f);
