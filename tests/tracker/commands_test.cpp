@@ -372,17 +372,4 @@ TEST_F(CommandsTest, RemoteFailuresAreLoggedAndTrackingStillRestarts) {
                              rec(Level::error, "xPointAt", "no state")}));
 }
 
-TEST_F(CommandsTest, StopLookAtAndStopPointAt) {
-  tracker->stopLookAt();
-  tracker->stopPointAt();
-  EXPECT_EQ(take(), (Calls{"KRMotion._stopLookAt(true)", "KRMotion._stopPointAt(true)"}));
-
-  module("KRMotion").throwOn("_stopLookAt", "no look");
-  module("KRMotion").throwOn("_stopPointAt", "no point");
-  EXPECT_NO_THROW(tracker->stopLookAt());
-  EXPECT_NO_THROW(tracker->stopPointAt());
-  EXPECT_EQ(records(), (Records{rec(Level::error, "stopLookAt", "no look"),
-                                rec(Level::error, "stopPointAt", "no point")}));
-}
-
 }  // namespace

@@ -197,22 +197,6 @@ TEST_F(TrackerTest, RobotPositionComesFromTheLandmarksOnly) {
   EXPECT_THROW(tracker->getRobotPosition(), std::runtime_error);
 }
 
-TEST_F(TrackerTest, HysteresisFailuresReachTheCallerMoveEventFailuresAreLogged) {
-  module("_Smoother").answer("_getMoveHysteresis", std::vector<float>{0.2f, 0.3f});
-  tracker->setMoveHysteresis({0.2f, 0.3f});
-  EXPECT_EQ(tracker->getMoveHysteresis(), (std::vector<float>{0.2f, 0.3f}));
-  tracker->setMoveEvent("MoveEvt");
-  EXPECT_EQ(take(),
-            (Calls{"_Smoother._setMoveHysteresis([0.2, 0.3])", "_Smoother._getMoveHysteresis()",
-                   "_Smoother._setMoveEvent(\"MoveEvt\")"}));
-  for (const char* m : {"_setMoveHysteresis", "_getMoveHysteresis", "_setMoveEvent"})
-    module("_Smoother").throwOn(m);
-  EXPECT_THROW(tracker->setMoveHysteresis({0.1f}), std::runtime_error);
-  EXPECT_THROW(tracker->getMoveHysteresis(), std::runtime_error);
-  tracker->setMoveEvent("MoveEvt");
-  EXPECT_EQ(records(), (Records{rec(Level::error, "setMoveEvent", "boom")}));
-}
-
 TEST(GenericTrackerTools, NullMoveCommandIsStrictlyBelowTheThreshold) {
   using KR::Math::Pose2D;
   using KR::Tracker::tools::isNullMoveCommand;

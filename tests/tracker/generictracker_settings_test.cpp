@@ -1,3 +1,4 @@
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -119,44 +120,121 @@ TEST_F(TrackerTest, SearchFlagsDriveTheSearcher) {
   EXPECT_EQ(records(), (Records{rec(Level::error, "xRestartSearcher", "no event")}));
 }
 
-TEST_F(TrackerTest, ForwardersReturnTheirFailureValue) {
+// Operations that forward one call to a sub-module: the call sent, the result with the answer
+// scripted and with the call failing, and where the failure is logged (empty: it reaches the
+// caller).
+TEST_F(TrackerTest, ForwardersSendOneCallAndLogOrPassOnItsFailure) {
+  struct Forwarder {
+    std::function<KRValue(TrackerProbe&)> op;
+    std::string call;
+    KRValue result, failed;
+    std::string location;
+  };
+  const auto none = [](std::function<void(TrackerProbe&)> f) {
+    return [f](TrackerProbe& t) {
+      f(t);
+      return KRValue();
+    };
+  };
+  using Strings = std::vector<std::string>;
+  const std::vector<Forwarder> forwarders = {
+      {none([](auto& t) { t.setTimeOut(250); }), "_Smoother.setTimeOut(250)", {}, {}, "setTimeOut"},
+      {[](auto& t) { return KRValue(t.getTimeOut()); }, "_Smoother.getTimeOut()", 250, 0,
+       "getTimeOut"},
+      {none([](auto& t) { t.setExtractorPeriod("Face", 90); }),
+       "_KRTargetManager.setExtractorPeriod(\"Face\", 90)",
+       {},
+       {},
+       "setExtractorPeriod"},
+      {[](auto& t) { return KRValue(t.getExtractorPeriod("Face")); },
+       "_KRTargetManager.getExtractorPeriod(\"Face\")", 90, -1, "getExtractorPeriod"},
+      {none([](auto& t) { t.setSearcherFractionMaxSpeed(0.4f); }),
+       "_RoundSearcher.setFractionMaxSpeed(0.4)",
+       {},
+       {},
+       "setSearcherFractionMaxSpeed"},
+      {[](auto& t) { return KRValue(t.getSearcherFractionMaxSpeed()); },
+       "_RoundSearcher.getFractionMaxSpeed()", 0.4f, 0.0f, "getSearcherFractionMaxSpeed"},
+      {none([](auto& t) { t.searcherSetUseWholeBodyLookAt(true); }),
+       "_RoundSearcher.setUseWholeBodyLookAt(true)",
+       {},
+       {},
+       "searcherSetUseWholeBodyLookAt"},
+      {none([](auto& t) { t.registerTarget("Face", KRValue{0.1f}); }),
+       "_KRTargetManager.addTarget(\"Face\", [0.1])",
+       {},
+       {},
+       "registerTarget"},
+      {none([](auto& t) { t.unregisterTarget("Face"); }),
+       "_KRTargetManager.removeTarget(\"Face\")",
+       {},
+       {},
+       "unregisterTarget"},
+      {none([](auto& t) {
+         t.unregisterTargets({"Face", "Ball"});
+       }),
+       "_KRTargetManager.removeTargets([\"Face\", \"Ball\"])",
+       {},
+       {},
+       "unregisterTargets"},
+      {[](auto& t) { return KRValue(t.getSupportedTargets()); },
+       "_KRTargetManager.getSupportedTargets()", Strings{"Face"}, Strings{}, "getSupportedTargets"},
+      {[](auto& t) { return KRValue(t.getRegisteredTargets()); },
+       "_KRTargetManager.getRegisteredTargets()", Strings{"Ball"}, Strings{},
+       "getRegisteredTargets"},
+      {[](auto& t) { return KRValue(t.getEventName()); }, "_KRTargetManager.getEventName()", "evt",
+       "", "xGetEventName"},
+      {[](auto& t) { return KRValue(t.getSecondEventName()); },
+       "_KRTargetManager.getSecondEventName()", "evt2", "", "xGetEventName"},
+      {none([](auto& t) { t.setMoveEvent("MoveEvt"); }),
+       "_Smoother._setMoveEvent(\"MoveEvt\")",
+       {},
+       {},
+       "setMoveEvent"},
+      {none([](auto& t) {
+         t.setMoveHysteresis({0.2f, 0.3f});
+       }),
+       "_Smoother._setMoveHysteresis([0.2, 0.3])",
+       {},
+       {},
+       ""},
+      {[](auto& t) { return KRValue(t.getMoveHysteresis()); },
+       "_Smoother._getMoveHysteresis()",
+       std::vector<float>{0.2f, 0.3f},
+       {},
+       ""},
+      {none([](auto& t) { t.stopLookAt(); }), "KRMotion._stopLookAt(true)", {}, {}, "stopLookAt"},
+      {none([](auto& t) { t.stopPointAt(); }),
+       "KRMotion._stopPointAt(true)",
+       {},
+       {},
+       "stopPointAt"},
+  };
   module("_Smoother").answer("getTimeOut", 250);
+  module("_Smoother").answer("_getMoveHysteresis", std::vector<float>{0.2f, 0.3f});
   module("_KRTargetManager").answer("getExtractorPeriod", 90);
+  module("_KRTargetManager").answer("getSupportedTargets", Strings{"Face"});
+  module("_KRTargetManager").answer("getRegisteredTargets", Strings{"Ball"});
   module("_RoundSearcher").answer("getFractionMaxSpeed", 0.4f);
-  tracker->setTimeOut(250);
-  tracker->setExtractorPeriod("Face", 90);
-  tracker->setSearcherFractionMaxSpeed(0.4f);
-  tracker->searcherSetUseWholeBodyLookAt(true);
-  EXPECT_EQ(tracker->getTimeOut(), 250);
-  EXPECT_EQ(tracker->getExtractorPeriod("Face"), 90);
-  EXPECT_EQ(tracker->getSearcherFractionMaxSpeed(), 0.4f);
-  EXPECT_EQ(take(),
-            (Calls{"_Smoother.setTimeOut(250)", "_KRTargetManager.setExtractorPeriod(\"Face\", 90)",
-                   "_RoundSearcher.setFractionMaxSpeed(0.4)",
-                   "_RoundSearcher.setUseWholeBodyLookAt(true)", "_Smoother.getTimeOut()",
-                   "_KRTargetManager.getExtractorPeriod(\"Face\")",
-                   "_RoundSearcher.getFractionMaxSpeed()"}));
-
-  for (const char* m : {"setTimeOut", "getTimeOut"})
-    module("_Smoother").throwOn(m);
-  for (const char* m : {"setExtractorPeriod", "getExtractorPeriod"})
-    module("_KRTargetManager").throwOn(m);
-  for (const char* m : {"setFractionMaxSpeed", "getFractionMaxSpeed", "setUseWholeBodyLookAt"})
-    module("_RoundSearcher").throwOn(m);
-  tracker->setTimeOut(1);
-  tracker->setExtractorPeriod("Face", 1);
-  tracker->setSearcherFractionMaxSpeed(0.5f);
-  tracker->searcherSetUseWholeBodyLookAt(false);
-  EXPECT_EQ(tracker->getTimeOut(), 0);
-  EXPECT_EQ(tracker->getExtractorPeriod("Face"), -1);
-  EXPECT_EQ(tracker->getSearcherFractionMaxSpeed(), 0.0f);
-  EXPECT_EQ(records(), (Records{rec(Level::error, "setTimeOut", "boom"),
-                                rec(Level::error, "setExtractorPeriod", "boom"),
-                                rec(Level::error, "setSearcherFractionMaxSpeed", "boom"),
-                                rec(Level::error, "searcherSetUseWholeBodyLookAt", "boom"),
-                                rec(Level::error, "getTimeOut", "boom"),
-                                rec(Level::error, "getExtractorPeriod", "boom"),
-                                rec(Level::error, "getSearcherFractionMaxSpeed", "boom")}));
+  for (const Forwarder& f : forwarders) {
+    SCOPED_TRACE(f.call);
+    EXPECT_EQ(f.op(*tracker), f.result);
+    EXPECT_EQ(take(), Calls{f.call});
+    const std::string module = f.call.substr(0, f.call.find('.'));
+    const std::string method =
+        f.call.substr(module.size() + 1, f.call.find('(') - module.size() - 1);
+    harness.module(module).throwOn(method);
+    if (f.location.empty()) {
+      EXPECT_EQ(errorOf<std::runtime_error>([&] { f.op(*tracker); }), "boom");
+      EXPECT_EQ(records(), Records{});
+    } else {
+      EXPECT_EQ(f.op(*tracker), f.failed);
+      EXPECT_EQ(records(), (Records{rec(Level::error, f.location, "boom")}));
+    }
+    harness.module(module).reset(method);
+    take();
+    log.clear();
+  }
 }
 
 TEST_F(TrackerTest, TrackerConfigWritesKnownKeysAndWarnsAboutOthers) {
