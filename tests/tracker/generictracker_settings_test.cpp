@@ -121,93 +121,58 @@ TEST_F(TrackerTest, SearchFlagsDriveTheSearcher) {
 }
 
 // Operations that forward one call to a sub-module: the call sent, the result with the answer
-// scripted and with the call failing, and where the failure is logged (empty: it reaches the
-// caller).
+// scripted and with the call failing ("boom"), and where that failure is logged (empty: it
+// reaches the caller). Operations without a result give an invalid value.
 TEST_F(TrackerTest, ForwardersSendOneCallAndLogOrPassOnItsFailure) {
-  struct Forwarder {
-    std::function<KRValue(TrackerProbe&)> op;
-    std::string call;
-    KRValue result, failed;
-    std::string location;
-  };
-  const auto none = [](std::function<void(TrackerProbe&)> f) {
-    return [f](TrackerProbe& t) {
-      f(t);
-      return KRValue();
-    };
-  };
+  using T = TrackerProbe;
   using Strings = std::vector<std::string>;
+  struct Forwarder {
+    std::function<KRValue(T&)> op;
+    std::string call, location;
+    KRValue result = KRValue(), failed = KRValue();
+  };
   const std::vector<Forwarder> forwarders = {
-      {none([](auto& t) { t.setTimeOut(250); }), "_Smoother.setTimeOut(250)", {}, {}, "setTimeOut"},
-      {[](auto& t) { return KRValue(t.getTimeOut()); }, "_Smoother.getTimeOut()", 250, 0,
-       "getTimeOut"},
-      {none([](auto& t) { t.setExtractorPeriod("Face", 90); }),
-       "_KRTargetManager.setExtractorPeriod(\"Face\", 90)",
-       {},
-       {},
-       "setExtractorPeriod"},
-      {[](auto& t) { return KRValue(t.getExtractorPeriod("Face")); },
-       "_KRTargetManager.getExtractorPeriod(\"Face\")", 90, -1, "getExtractorPeriod"},
-      {none([](auto& t) { t.setSearcherFractionMaxSpeed(0.4f); }),
-       "_RoundSearcher.setFractionMaxSpeed(0.4)",
-       {},
-       {},
-       "setSearcherFractionMaxSpeed"},
-      {[](auto& t) { return KRValue(t.getSearcherFractionMaxSpeed()); },
-       "_RoundSearcher.getFractionMaxSpeed()", 0.4f, 0.0f, "getSearcherFractionMaxSpeed"},
-      {none([](auto& t) { t.searcherSetUseWholeBodyLookAt(true); }),
-       "_RoundSearcher.setUseWholeBodyLookAt(true)",
-       {},
-       {},
-       "searcherSetUseWholeBodyLookAt"},
-      {none([](auto& t) { t.registerTarget("Face", KRValue{0.1f}); }),
-       "_KRTargetManager.addTarget(\"Face\", [0.1])",
-       {},
-       {},
-       "registerTarget"},
-      {none([](auto& t) { t.unregisterTarget("Face"); }),
-       "_KRTargetManager.removeTarget(\"Face\")",
-       {},
-       {},
-       "unregisterTarget"},
-      {none([](auto& t) {
-         t.unregisterTargets({"Face", "Ball"});
-       }),
-       "_KRTargetManager.removeTargets([\"Face\", \"Ball\"])",
-       {},
-       {},
-       "unregisterTargets"},
-      {[](auto& t) { return KRValue(t.getSupportedTargets()); },
-       "_KRTargetManager.getSupportedTargets()", Strings{"Face"}, Strings{}, "getSupportedTargets"},
-      {[](auto& t) { return KRValue(t.getRegisteredTargets()); },
-       "_KRTargetManager.getRegisteredTargets()", Strings{"Ball"}, Strings{},
-       "getRegisteredTargets"},
-      {[](auto& t) { return KRValue(t.getEventName()); }, "_KRTargetManager.getEventName()", "evt",
-       "", "xGetEventName"},
-      {[](auto& t) { return KRValue(t.getSecondEventName()); },
-       "_KRTargetManager.getSecondEventName()", "evt2", "", "xGetEventName"},
-      {none([](auto& t) { t.setMoveEvent("MoveEvt"); }),
-       "_Smoother._setMoveEvent(\"MoveEvt\")",
-       {},
-       {},
-       "setMoveEvent"},
-      {none([](auto& t) {
-         t.setMoveHysteresis({0.2f, 0.3f});
-       }),
-       "_Smoother._setMoveHysteresis([0.2, 0.3])",
-       {},
-       {},
-       ""},
-      {[](auto& t) { return KRValue(t.getMoveHysteresis()); },
-       "_Smoother._getMoveHysteresis()",
-       std::vector<float>{0.2f, 0.3f},
-       {},
-       ""},
-      {none([](auto& t) { t.stopLookAt(); }), "KRMotion._stopLookAt(true)", {}, {}, "stopLookAt"},
-      {none([](auto& t) { t.stopPointAt(); }),
-       "KRMotion._stopPointAt(true)",
-       {},
-       {},
+      {[](T& t) { return t.setTimeOut(250), KRValue(); }, "_Smoother.setTimeOut(250)",
+       "setTimeOut"},
+      {[](T& t) { return KRValue(t.getTimeOut()); }, "_Smoother.getTimeOut()", "getTimeOut", 250,
+       0},
+      {[](T& t) { return t.setExtractorPeriod("Face", 90), KRValue(); },
+       "_KRTargetManager.setExtractorPeriod(\"Face\", 90)", "setExtractorPeriod"},
+      {[](T& t) { return KRValue(t.getExtractorPeriod("Face")); },
+       "_KRTargetManager.getExtractorPeriod(\"Face\")", "getExtractorPeriod", 90, -1},
+      {[](T& t) { return t.setSearcherFractionMaxSpeed(0.4f), KRValue(); },
+       "_RoundSearcher.setFractionMaxSpeed(0.4)", "setSearcherFractionMaxSpeed"},
+      {[](T& t) { return KRValue(t.getSearcherFractionMaxSpeed()); },
+       "_RoundSearcher.getFractionMaxSpeed()", "getSearcherFractionMaxSpeed", 0.4f, 0.0f},
+      {[](T& t) { return t.searcherSetUseWholeBodyLookAt(true), KRValue(); },
+       "_RoundSearcher.setUseWholeBodyLookAt(true)", "searcherSetUseWholeBodyLookAt"},
+      {[](T& t) { return t.registerTarget("Face", KRValue{0.1f}), KRValue(); },
+       "_KRTargetManager.addTarget(\"Face\", [0.1])", "registerTarget"},
+      {[](T& t) { return t.unregisterTarget("Face"), KRValue(); },
+       "_KRTargetManager.removeTarget(\"Face\")", "unregisterTarget"},
+      {[](T& t) {
+         return t.unregisterTargets({"Face", "Ball"}), KRValue();
+       },
+       "_KRTargetManager.removeTargets([\"Face\", \"Ball\"])", "unregisterTargets"},
+      {[](T& t) { return KRValue(t.getSupportedTargets()); },
+       "_KRTargetManager.getSupportedTargets()", "getSupportedTargets", Strings{"Face"}, Strings{}},
+      {[](T& t) { return KRValue(t.getRegisteredTargets()); },
+       "_KRTargetManager.getRegisteredTargets()", "getRegisteredTargets", Strings{"Ball"},
+       Strings{}},
+      {[](T& t) { return KRValue(t.getEventName()); }, "_KRTargetManager.getEventName()",
+       "xGetEventName", "evt", ""},
+      {[](T& t) { return KRValue(t.getSecondEventName()); },
+       "_KRTargetManager.getSecondEventName()", "xGetEventName", "evt2", ""},
+      {[](T& t) { return t.setMoveEvent("MoveEvt"), KRValue(); },
+       "_Smoother._setMoveEvent(\"MoveEvt\")", "setMoveEvent"},
+      {[](T& t) {
+         return t.setMoveHysteresis({0.2f, 0.3f}), KRValue();
+       },
+       "_Smoother._setMoveHysteresis([0.2, 0.3])", ""},
+      {[](T& t) { return KRValue(t.getMoveHysteresis()); }, "_Smoother._getMoveHysteresis()", "",
+       std::vector<float>{0.2f, 0.3f}},
+      {[](T& t) { return t.stopLookAt(), KRValue(); }, "KRMotion._stopLookAt(true)", "stopLookAt"},
+      {[](T& t) { return t.stopPointAt(), KRValue(); }, "KRMotion._stopPointAt(true)",
        "stopPointAt"},
   };
   module("_Smoother").answer("getTimeOut", 250);
@@ -220,10 +185,10 @@ TEST_F(TrackerTest, ForwardersSendOneCallAndLogOrPassOnItsFailure) {
     SCOPED_TRACE(f.call);
     EXPECT_EQ(f.op(*tracker), f.result);
     EXPECT_EQ(take(), Calls{f.call});
-    const std::string module = f.call.substr(0, f.call.find('.'));
-    const std::string method =
-        f.call.substr(module.size() + 1, f.call.find('(') - module.size() - 1);
-    harness.module(module).throwOn(method);
+    const std::size_t dot = f.call.find('.');
+    FakeModule& m = module(f.call.substr(0, dot));
+    const std::string method = f.call.substr(dot + 1, f.call.find('(') - dot - 1);
+    m.throwOn(method);
     if (f.location.empty()) {
       EXPECT_EQ(errorOf<std::runtime_error>([&] { f.op(*tracker); }), "boom");
       EXPECT_EQ(records(), Records{});
@@ -231,7 +196,7 @@ TEST_F(TrackerTest, ForwardersSendOneCallAndLogOrPassOnItsFailure) {
       EXPECT_EQ(f.op(*tracker), f.failed);
       EXPECT_EQ(records(), (Records{rec(Level::error, f.location, "boom")}));
     }
-    harness.module(module).reset(method);
+    m.reset(method);
     take();
     log.clear();
   }
