@@ -71,14 +71,13 @@ TEST(GenericTrackerModes, UpdateModeRunsTheSequenceOfTheModeAndStopsAtAFailure) 
     } else {
       tracker.updateModeLocked();
       if (!c.failing.empty())
-        logs = {{"KRTracker.GenericTracker", Level::error, "xUpdateMode", "boom"}};
+        logs = {rec(Level::error, "xUpdateMode", "boom")};
       if (c.mode == "Bogus") {
-        logs = {{"KRTracker.GenericTracker", Level::warning, "xUpdateMode",
-                 "Tracker mode: Bogus is not valid"}};
+        logs = {rec(Level::warning, "xUpdateMode", "Tracker mode: Bogus is not valid")};
       }
     }
     EXPECT_EQ(harness.take(), expected);
-    EXPECT_EQ(log.records("KRTracker.GenericTracker"), logs);
+    EXPECT_EQ(trackerRecords(log), logs);
 
     // Inactive, nothing is reconfigured.
     tracker.stop();
@@ -122,8 +121,8 @@ TEST(GenericTrackerModes, SetModeValidatesAndReconfiguresAnActiveTracker) {
     EXPECT_EQ(harness.take(), c.calls);
     Records logs;
     if (!c.warning.empty())
-      logs = {{"KRTracker.GenericTracker", Level::warning, "setMode", c.warning}};
-    EXPECT_EQ(log.records("KRTracker.GenericTracker"), logs);
+      logs = {rec(Level::warning, "setMode", c.warning)};
+    EXPECT_EQ(trackerRecords(log), logs);
   }
 }
 
@@ -156,9 +155,8 @@ TEST(GenericTrackerModes, MoveConfigGoesToNavigationOnlyInNavigateMode) {
   harness.module("_NavigationMove").throwOn("setParam", "nav");
   tracker.setMoveConfig(KRValue{3});
   EXPECT_EQ(tracker.getMoveConfig(), KRValue{3});
-  EXPECT_EQ(log.records("KRTracker.GenericTracker"),
-            (Records{{"KRTracker.GenericTracker", Level::error, "setMoveConfig", "boom"},
-                     {"KRTracker.GenericTracker", Level::error, "setMoveConfig", "nav"}}));
+  EXPECT_EQ(trackerRecords(log), (Records{rec(Level::error, "setMoveConfig", "boom"),
+                                          rec(Level::error, "setMoveConfig", "nav")}));
 }
 
 TEST_F(TrackerTest, RelativePositionNeedsAnArrayOfAtLeastThree) {
