@@ -31,6 +31,19 @@ std::string missingModule(const std::string& name) {
   return "KRBroker::getProxy: no module named \"" + name + "\" in broker KRBroker";
 }
 
+// The settings of a new tracker, which initialize restores.
+void expectDefaultSettings(const TrackerProbe& t) {
+  EXPECT_EQ(t.getMode(), "Head");
+  EXPECT_EQ(t.getEffector(), "None");
+  EXPECT_EQ(t.getRelativePosition(), KRValue(std::vector<float>(6, 0.0f)));
+  EXPECT_FALSE(t.getTargetCoordinates().isValid());
+  EXPECT_FALSE(t.getMoveConfig().isValid());
+  EXPECT_EQ(t.getMaximumVelocity(), 1.0f);
+  EXPECT_EQ(t.getMaximumAcceleration(), 10.0f);
+  EXPECT_EQ(t.getMaximumDistanceDetection(), std::numeric_limits<float>::max());
+  EXPECT_FALSE(t.isSearchEnabled());
+}
+
 TEST(GenericTrackerConstruction, OpensTheNineSubModuleProxiesInOrder) {
   // With modules k..8 all missing, the error names module k: k is asked for before the rest.
   const std::vector<std::string>& names = krtest::trackerModuleNames();
@@ -57,33 +70,28 @@ TEST(GenericTrackerConstruction, WithoutMemoryLogsAndStillWorks) {
 
 TEST(GenericTrackerConstruction, RobotModelFailuresWarnAndThrow) {
   struct Case {
-    const char* name;
     std::vector<std::string> omit;
-    const char* script;  // "throw" or a description to serve
-    std::string cause;
+    KRValue description;  // served by getConfig; invalid: getConfig fails
+    std::string cause;    // after the fixed words; empty: the parser's own text, not compared
   };
-  const std::vector<Case> cases = {
-      {"missing service", {"KRRobotModel"}, "", missingModule("KRRobotModel")},
-      {"failing getConfig", {}, "throw", "no description"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (const Case& c : {Case{{"KRRobotModel"}, {}, missingModule("KRRobotModel")},
+                        Case{{}, {}, "no description"}, Case{{}, "<robot", ""}}) {
+    SCOPED_TRACE(c.cause);
     ko::log::ScopedCapture log;
     TrackerHarness harness("kibo.xml", c.omit);
-    if (std::string(c.script) == "throw")
-      harness.module("KRRobotModel").throwOn("getConfig", "no description");
+    if (c.description.isValid())
+      harness.module("KRRobotModel").answer("getConfig", c.description);
+    else if (c.omit.empty())
+      harness.module("KRRobotModel").throwOn("getConfig", c.cause);
     EXPECT_THROW(harness.build(), std::exception);
-    EXPECT_EQ(
-        trackerRecords(log),
-        (Records{rec(Level::warning, "GenericTracker", "KRRobotModel is not found: " + c.cause)}));
+    const Records records = trackerRecords(log);
+    ASSERT_EQ(records.size(), 1u);
+    if (c.cause.empty())
+      EXPECT_EQ(records[0].text.rfind("KRRobotModel is not found: ", 0), 0u);
+    else
+      EXPECT_EQ(records[0],
+                rec(Level::warning, "GenericTracker", "KRRobotModel is not found: " + c.cause));
   }
-  // A malformed description is refused the same way.
-  ko::log::ScopedCapture log;
-  TrackerHarness harness("kibo.xml");
-  harness.module("KRRobotModel").answer("getConfig", "<robot");
-  EXPECT_THROW(harness.build(), std::exception);
-  ASSERT_EQ(trackerRecords(log).size(), 1u);
-  EXPECT_EQ(trackerRecords(log)[0].text.rfind("KRRobotModel is not found: ", 0), 0u);
 }
 
 TEST(GenericTrackerConstruction, RobotDescriptionSetsCapabilitiesAndModes) {
@@ -103,18 +111,9 @@ TEST(GenericTrackerConstruction, RobotDescriptionSetsCapabilitiesAndModes) {
     EXPECT_EQ(tracker.fCanLookBehind, c.canLookBehind);
     EXPECT_TRUE(tracker.fCanPointAt);
     EXPECT_EQ(tracker.fModel.head.yaw.name, "HeadYaw");
-    // Defaults of a new tracker.
     EXPECT_FALSE(tracker.isActive());
-    EXPECT_EQ(tracker.getMode(), "Head");
-    EXPECT_EQ(tracker.getEffector(), "None");
     EXPECT_EQ(tracker.getActiveTarget(), "");
-    EXPECT_EQ(tracker.getRelativePosition(), KR::KRValue(std::vector<float>(6, 0.0f)));
-    EXPECT_FALSE(tracker.getTargetCoordinates().isValid());
-    EXPECT_FALSE(tracker.getMoveConfig().isValid());
-    EXPECT_EQ(tracker.getMaximumVelocity(), 1.0f);
-    EXPECT_EQ(tracker.getMaximumAcceleration(), 10.0f);
-    EXPECT_EQ(tracker.getMaximumDistanceDetection(), std::numeric_limits<float>::max());
-    EXPECT_FALSE(tracker.isSearchEnabled());
+    expectDefaultSettings(tracker);
   }
 }
 
@@ -246,12 +245,7 @@ TEST_F(TrackerTest, InitializeRestoresEveryDefaultButKeepsTrackingAndTheTarget) 
                                 rec(Level::error, "initialize", "no hysteresis")}));
   EXPECT_TRUE(tracker->isActive());
   EXPECT_EQ(tracker->getActiveTarget(), "Face");
-  EXPECT_EQ(tracker->getMode(), "Head");
-  EXPECT_EQ(tracker->getEffector(), "None");
-  EXPECT_EQ(tracker->getMaximumVelocity(), 1.0f);
-  EXPECT_EQ(tracker->getMaximumAcceleration(), 10.0f);
-  EXPECT_FALSE(tracker->getTargetCoordinates().isValid());
-  EXPECT_FALSE(tracker->isSearchEnabled());
+  expectDefaultSettings(*tracker);
   EXPECT_FALSE(tracker->fSearcherRunning);
   EXPECT_FLOAT_EQ(KR::Tracker::getConfigFloatValue(KR::Tracker::HEAD_THRESHOLD), 0.05235988f);
 }
