@@ -68,9 +68,8 @@ using State = std::map<std::string, KRValue>;
 
 // Read through operations that make no remote call, so that reading counts no call.
 State snapshot(Rig& rig) {
-  if (!rig.tracker) {
+  if (!rig.tracker)
     return {};
-  }
   TrackerProbe& t = rig.t();
   return {{"active", KRValue(t.isActive())},
           {"target", KRValue(t.getActiveTarget())},
@@ -151,9 +150,8 @@ Run execute(const Scenario& s, std::size_t k, Fault fault) {
   run.fault = fault;
   ko::log::ScopedCapture log;
   Rig rig(s.robot);
-  if (s.setup) {
+  if (s.setup)
     s.setup(rig);
-  }
   run.before = snapshot(rig);
   log.clear();
   if (k == 0) {
@@ -184,9 +182,8 @@ Run execute(const Scenario& s, std::size_t k, Fault fault) {
 bool isSubsequence(const Calls& part, const Calls& whole) {
   std::size_t i = 0;
   for (const std::string& c : whole) {
-    if (i < part.size() && part[i] == c) {
+    if (i < part.size() && part[i] == c)
       ++i;
-    }
   }
   return i == part.size();
 }
@@ -194,9 +191,8 @@ bool isSubsequence(const Calls& part, const Calls& whole) {
 // "Module.method(args)" without the arguments.
 Calls methodsOf(const Calls& calls) {
   Calls out;
-  for (const std::string& c : calls) {
+  for (const std::string& c : calls)
     out.push_back(c.substr(0, c.find('(')));
-  }
   return out;
 }
 
@@ -206,17 +202,15 @@ Calls prefix(const Calls& calls, std::size_t n) {
 
 std::string join(const Calls& calls) {
   std::string out;
-  for (const std::string& c : calls) {
+  for (const std::string& c : calls)
     out += "\n    " + c;
-  }
   return out;
 }
 
 // The tracker's invariants, whatever failed.
 void checkInvariants(const State& s) {
-  if (s.empty()) {
+  if (s.empty())
     return;
-  }
   const KRValue::Array& modes = s.at("availableModes").asArray();
   EXPECT_NE(std::find(modes.begin(), modes.end(), s.at("mode")), modes.end()) << s.at("mode");
   const std::set<std::string> effectors = {"Arms", "LArm", "RArm", "None"};
@@ -236,9 +230,8 @@ void sweep(const Scenario& s, const std::set<std::string>& typedMethods) {
                    krtest::faultName(fault));
       const Run run = execute(s, k, fault);
       EXPECT_TRUE(run.delivered) << "the fault did not reach " << run.target;
-      if (!run.delivered) {
+      if (!run.delivered)
         continue;
-      }
       // Before the failing call, the run is the clean run.
       EXPECT_EQ(prefix(clean.calls, k), prefix(run.calls, k));
 
@@ -281,9 +274,8 @@ void sweep(const Scenario& s, const std::set<std::string>& typedMethods) {
             KRValue(false);  // a searcher that did not start is not running
       }
       EXPECT_EQ(expected, run.after);
-      if (s.check) {
+      if (s.check)
         s.check(clean, run);
-      }
     }
   }
 }
@@ -311,9 +303,8 @@ Setup tracking(Tracking how) {
     t.setMode(how.mode);
     t.setEffector(how.effector);
     t.toggleSearch(how.search);
-    if (how.coordinates.isValid()) {
+    if (how.coordinates.isValid())
       t.setTargetCoordinates(how.coordinates);
-    }
     if (how.event) {
       t.trackEvent(how.target);
     } else {
@@ -362,19 +353,16 @@ void startGoesOn(const Run& clean, const Run& run) {
 
 // The track request is refused when the target manager cannot confirm or activate the target.
 void trackRefusedOnTargetManagerFailure(const Run& clean, const Run& run) {
-  if (failsIn(run, {"_KRTargetManager.isTargetManaged", "_KRTargetManager.setActiveTarget"})) {
+  if (failsIn(run, {"_KRTargetManager.isTargetManaged", "_KRTargetManager.setActiveTarget"}))
     EXPECT_EQ(prefix(clean.calls, run.k), run.calls);
-  }
 }
 
 State trackExpected(const Run& clean, const Run& run) {
-  if (failsIn(run, {"_KRTargetManager.isTargetManaged", "_KRTargetManager.setActiveTarget"})) {
+  if (failsIn(run, {"_KRTargetManager.isTargetManaged", "_KRTargetManager.setActiveTarget"}))
     return refused(clean, run);
-  }
   State s = clean.after;
-  if (run.target == "_RoundSearcher.startEvent") {
+  if (run.target == "_RoundSearcher.startEvent")
     s["searcherRunning"] = KRValue(false);
-  }
   return s;
 }
 
@@ -467,9 +455,8 @@ std::vector<Scenario> trackerScenarios() {
      t.trackEvent("SoundEvent");
    }).also([](const Run& clean, const Run& run) {
     // Unlike track, a failing activation does not stop the request.
-    if (run.target == "_KRTargetManager.setActiveEvent") {
+    if (run.target == "_KRTargetManager.setActiveEvent")
       EXPECT_EQ(clean.calls, run.calls);
-    }
   });
   s.act("trackEvent while tracking", tracking({}), [](T& t) { t.trackEvent("SoundEvent"); });
   const Setup trackingAll = tracking({"Face", "Head", "Arms", true});
@@ -738,9 +725,8 @@ const std::vector<std::pair<std::string, std::vector<std::string>>> kCatalogue =
 
 std::vector<Scenario> allScenarios() {
   std::vector<Scenario> all = trackerScenarios();
-  for (Scenario& s : toolScenarios()) {
+  for (Scenario& s : toolScenarios())
     all.push_back(std::move(s));
-  }
   return all;
 }
 
@@ -756,9 +742,8 @@ const Survey& survey() {
     for (const Scenario& s : allScenarios()) {
       const Run clean = execute(s, 0, Fault::RuntimeError);
       out.typed.insert(clean.typed.begin(), clean.typed.end());
-      for (const std::string& m : methodsOf(clean.calls)) {
+      for (const std::string& m : methodsOf(clean.calls))
         out.called.insert(m.rfind("post ", 0) == 0 ? m.substr(5) : m);
-      }
     }
     return out;
   }();
@@ -791,9 +776,8 @@ INSTANTIATE_TEST_SUITE_P(Operation, FaultSweep, ::testing::ValuesIn(allScenarios
 TEST(FaultSweepCoverage, OperationsCallExactlyTheCatalogue) {
   std::set<std::string> catalogue;
   for (const auto& module : kCatalogue) {
-    for (const std::string& method : module.second) {
+    for (const std::string& method : module.second)
       catalogue.insert(module.first + "." + method);
-    }
   }
   EXPECT_EQ(catalogue, survey().called);
 }
