@@ -353,8 +353,9 @@ void startGoesOn(const Run& clean, const Run& run) {
 
 // The track request is refused when the target manager cannot confirm or activate the target.
 void trackRefusedOnTargetManagerFailure(const Run& clean, const Run& run) {
-  if (failsIn(run, {"_KRTargetManager.isTargetManaged", "_KRTargetManager.setActiveTarget"}))
+  if (failsIn(run, {"_KRTargetManager.isTargetManaged", "_KRTargetManager.setActiveTarget"})) {
     EXPECT_EQ(prefix(clean.calls, run.k), run.calls);
+  }
 }
 
 State trackExpected(const Run& clean, const Run& run) {
@@ -455,8 +456,9 @@ std::vector<Scenario> trackerScenarios() {
      t.trackEvent("SoundEvent");
    }).also([](const Run& clean, const Run& run) {
     // Unlike track, a failing activation does not stop the request.
-    if (run.target == "_KRTargetManager.setActiveEvent")
+    if (run.target == "_KRTargetManager.setActiveEvent") {
       EXPECT_EQ(clean.calls, run.calls);
+    }
   });
   s.act("trackEvent while tracking", tracking({}), [](T& t) { t.trackEvent("SoundEvent"); });
   const Setup trackingAll = tracking({"Face", "Head", "Arms", true});
