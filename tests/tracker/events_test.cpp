@@ -14,6 +14,8 @@
 #include <krtracker/types/types/trackinfos.h>
 #include <support/fake_module.h>
 
+#include "tracker_fixture.h"
+
 namespace {
 
 using namespace KR;
@@ -22,13 +24,11 @@ using ko::log::Level;
 using ko::log::Record;
 using KR::Tracker::types::TrackInfos;
 
-class EventsTest : public ::testing::Test {
+class EventsTest : public krtest::MotionTest {
  protected:
   void SetUp() override {
     Tracker::resetConfig();
     Tracker::setConfigValue(Tracker::HEAD_THRESHOLD, KRValue(0.125f));
-    broker_->addModule(fake_);
-    motion_ = broker_->getProxy("KRMotion", 0);
     scriptMotion();
   }
   void scriptMotion() {
@@ -43,10 +43,6 @@ class EventsTest : public ::testing::Test {
     return tools::convertTrackerEventToTrackInfo(event, "EventsTest", "RedBallEvent", motion_, out);
   }
 
-  std::shared_ptr<KRBroker> broker_ = KRBroker::create();
-  std::shared_ptr<krtest::FakeModule> fake_ = std::make_shared<krtest::FakeModule>("KRMotion");
-  std::shared_ptr<KRProxy> motion_;
-  krtest::CallRecorder recorder_{broker_};
   ko::log::ScopedCapture capture_;
 };
 

@@ -15,6 +15,7 @@
 
 #include <Eigen/Geometry>
 #include "pose_util.h"
+#include "tracker_fixture.h"
 
 namespace {
 
@@ -42,11 +43,9 @@ void expectNear(const Math::Transform& actual, const Eigen::Isometry3f& expected
     EXPECT_NEAR(a[i], e[i], 1e-5f) << "element " << i;
 }
 
-class FramesTest : public ::testing::Test {
+class FramesTest : public krtest::MotionTest {
  protected:
   void SetUp() override {
-    broker_->addModule(fake_);
-    motion_ = broker_->getProxy("KRMotion", 0);
     // The torso as seen from the world and from the robot frame; identity otherwise.
     fake_->answerWith("getTransform", [this](const std::vector<KRValue>& args) {
       logsAtRequest_ = capture_.records().size();
@@ -57,10 +56,6 @@ class FramesTest : public ::testing::Test {
     });
   }
 
-  std::shared_ptr<KRBroker> broker_ = KRBroker::create();
-  std::shared_ptr<krtest::FakeModule> fake_ = std::make_shared<krtest::FakeModule>("KRMotion");
-  std::shared_ptr<KRProxy> motion_;
-  krtest::CallRecorder recorder_{broker_};
   ko::log::ScopedCapture capture_;
   std::size_t logsAtRequest_ = 99;
   const Eigen::Isometry3f torsoInWorld_ = isometry(1.2f, -0.4f, 0.35f, 0.1f, -0.2f, 2.5f);

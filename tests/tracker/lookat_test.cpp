@@ -18,6 +18,7 @@
 #include <support/fake_module.h>
 
 #include "geometry_test_util.h"
+#include "tracker_fixture.h"
 
 namespace {
 
@@ -353,18 +354,15 @@ TEST(LookBehind, TargetsInFrontOrAbeamAreNotBehind) {
 
 // ---- one-shot look ----------------------------------------------------------------------------
 
-class ToolsLookAtTest : public ::testing::Test {
+class ToolsLookAtTest : public krtest::MotionTest {
  protected:
   void SetUp() override {
-    broker_->addModule(motionModule_);
-    motion_ = broker_->getProxy("KRMotion", 0);
     // The torso at the robot frame's origin raised by 0.3 m; identity elsewhere.
-    motionModule_->answerWith("getTransform", [](const std::vector<KRValue>& args) {
+    fake_->answerWith("getTransform", [](const std::vector<KRValue>& args) {
       const bool robotFrame = args.size() > 1 && args[1] == KRValue(2);
       return KRValue(Floats{1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, robotFrame ? 0.3f : 0});
     });
   }
-  void TearDown() override { broker_->shutdown(); }
 
   void lookAt(const Position3D& target, float fraction, bool wholeBody = false) {
     tools::lookAt(motion_, model_, target, KR::Math::FRAME_TORSO, kTop, fraction, wholeBody);
@@ -379,11 +377,6 @@ class ToolsLookAtTest : public ::testing::Test {
     return {{"KRTracker.tools", level, "lookAt", text}};
   }
 
-  std::shared_ptr<KR::KRBroker> broker_ = KR::KRBroker::create();
-  std::shared_ptr<krtest::FakeModule> motionModule_ =
-      std::make_shared<krtest::FakeModule>("KRMotion");
-  std::shared_ptr<KR::KRProxy> motion_;
-  krtest::CallRecorder recorder_{broker_};
   const KRTrackerModel model_ = loadModel("kibo.xml");
 };
 
@@ -425,7 +418,7 @@ TEST_F(ToolsLookAtTest, LogsUnsolvableTargetsAndRemoteFailures) {
             logged(ko::log::Level::verbose, "computeLookAtAngles fail."));
 
   capture.clear();
-  motionModule_->throwOn("_trackerWithSpeed", "motion refused");
+  fake_->throwOn("_trackerWithSpeed", "motion refused");
   EXPECT_NO_THROW(lookAt({1, 0, 0}, 1.0f));
   EXPECT_EQ(capture.records("KRTracker.tools"), logged(ko::log::Level::error, "motion refused"));
 }

@@ -158,6 +158,21 @@ class TrackerHarness {
   std::unique_ptr<TrackerProbe> tracker;
 };
 
+/// A broker holding only a scripted motion service, for the tools that take its proxy.
+class MotionTest : public ::testing::Test {
+ protected:
+  MotionTest() {
+    broker_->addModule(fake_);
+    motion_ = broker_->getProxy("KRMotion", 0);
+  }
+  ~MotionTest() override { broker_->shutdown(); }
+
+  std::shared_ptr<KR::KRBroker> broker_ = KR::KRBroker::create();
+  std::shared_ptr<FakeModule> fake_ = std::make_shared<FakeModule>("KRMotion");
+  std::shared_ptr<KR::KRProxy> motion_;
+  CallRecorder recorder_{broker_};
+};
+
 /// A fixture with a Kibo tracker built and the log captured.
 class TrackerTest : public ::testing::Test {
  protected:
