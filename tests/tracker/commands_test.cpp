@@ -34,9 +34,11 @@ std::string getTransformCall(KR::Math::FRAME frame) {
   return motionCall("getTransform", {KRValue("Torso"), KRValue(static_cast<int>(frame)), true});
 }
 
-std::string trackerWithSpeedCall(const std::vector<std::string>& names,
-                                 const std::vector<float>& angles, float speed, bool arms) {
-  return motionCall("_trackerWithSpeed", {KRValue(names), KRValue(angles),
+// Joint names and angles for the motion service.
+using Angles = std::pair<std::vector<std::string>, std::vector<float>>;
+
+std::string speedCall(const Angles& a, float speed, bool arms) {
+  return motionCall("_trackerWithSpeed", {KRValue(a.first), KRValue(a.second),
                                           KRValue(std::vector<float>{speed}), false, arms});
 }
 
@@ -66,23 +68,18 @@ class CommandsTest : public TrackerTest {
   }
 
   // What the head or arms must receive, from the library's own geometry.
-  std::pair<std::vector<std::string>, std::vector<float>> lookAngles(const Position3D& p,
-                                                                     bool wholeBody,
-                                                                     int effector = 0) {
-    std::vector<std::string> names;
-    std::vector<float> angles;
+  Angles lookAngles(const Position3D& p, bool wholeBody, int effector = 0) {
+    Angles a;
     EXPECT_TRUE(tools::computeLookAtAngles(p, tracker->fModel,
                                            static_cast<KR::Model::TRACK_EFFECTOR>(effector),
-                                           wholeBody, names, angles));
-    return {names, angles};
+                                           wholeBody, a.first, a.second));
+    return a;
   }
-  std::pair<std::vector<std::string>, std::vector<float>> pointAngles(
-      const Position3D& p, const std::vector<const KR::Model::TrackerArm*>& arms) {
-    std::vector<std::string> names;
-    std::vector<float> angles;
+  Angles pointAngles(const Position3D& p, const std::vector<const KR::Model::TrackerArm*>& arms) {
+    Angles a;
     for (const KR::Model::TrackerArm* arm : arms)
-      tools::computePointAtAngles(p, *arm, names, angles);
-    return {names, angles};
+      tools::computePointAtAngles(p, *arm, a.first, a.second);
+    return a;
   }
   std::vector<std::string> takeAfterPosted() {
     harness.broker->waitForPostedCalls();
@@ -143,15 +140,13 @@ TEST_F(CommandsTest, HeadOnlyAndWholeBodyLooks) {
 
   tracker->lookAt(point, FRAME_TORSO, 0.5f, false);
   const auto head = lookAngles(torsoPoint, false);
-  EXPECT_EQ(take(), (Calls{getTransformCall(FRAME_TORSO),
-                           trackerWithSpeedCall(head.first, head.second, 0.5f, false)}));
+  EXPECT_EQ(take(), (Calls{getTransformCall(FRAME_TORSO), speedCall(head, 0.5f, false)}));
 
   // The effector form uses the given sensor.
   tracker->lookAt(point, FRAME_TORSO, 1, 0.25f, false);
   const auto bottom = lookAngles(torsoPoint, false, 1);
   EXPECT_NE(bottom.second, head.second);
-  EXPECT_EQ(take(), (Calls{getTransformCall(FRAME_TORSO),
-                           trackerWithSpeedCall(bottom.first, bottom.second, 0.25f, false)}));
+  EXPECT_EQ(take(), (Calls{getTransformCall(FRAME_TORSO), speedCall(bottom, 0.25f, false)}));
 
   // The whole body works in the robot frame and sends the pitch first.
   tracker->lookAt(point, FRAME_TORSO, 0.5f, true);
@@ -181,17 +176,15 @@ TEST_F(CommandsTest, LookingBehindTurnsFirstBlockingForTheWholeBodyPostedForTheH
     ASSERT_TRUE(tools::computeAngleLookBehind(h.yaw.min, h.yaw.max, p, bodyAngle));
     const auto head = lookAngles(p, false);
     tracker->lookAtAndMove(point, 0.8f, false, true);
-    EXPECT_EQ(takeAfterPosted(),
-              (Calls{getTransformCall(FRAME_TORSO), moveToCall(bodyAngle, true),
-                     trackerWithSpeedCall(head.first, head.second, 0.8f, false)}));
+    EXPECT_EQ(takeAfterPosted(), (Calls{getTransformCall(FRAME_TORSO), moveToCall(bodyAngle, true),
+                                        speedCall(head, 0.8f, false)}));
   }
 }
 
 TEST_F(CommandsTest, NoTurnWithoutPermission) {
   const std::vector<float> point{-1.0f, 0.5f, 0.2f};
   const auto head = lookAngles(Position3D(point), false);
-  const Calls expected{getTransformCall(FRAME_TORSO),
-                       trackerWithSpeedCall(head.first, head.second, 0.5f, false)};
+  const Calls expected{getTransformCall(FRAME_TORSO), speedCall(head, 0.5f, false)};
 
   tracker->lookAt(point, FRAME_TORSO, 0.5f, false);  // lookAt never turns
   EXPECT_EQ(takeAfterPosted(), expected);
@@ -209,7 +202,7 @@ TEST_F(CommandsTest, ARobotThatIsNotAwakeGetsNoCommand) {
 
   tracker->lookAt(point, FRAME_TORSO, 0.5f, false);
   EXPECT_EQ(take(), (Calls{getTransformCall(FRAME_TORSO), motionCall("robotIsWakeUp", {}),
-                           trackerWithSpeedCall(head.first, head.second, 0.5f, false)}));
+                           speedCall(head, 0.5f, false)}));
 
   module("KRMotion").answer("robotIsWakeUp", false);
   tracker->lookAt(point, FRAME_TORSO, 0.5f, false);
@@ -241,8 +234,7 @@ TEST_F(CommandsTest, PointingSendsTheChosenArmsLeftFirst) {
   for (const Case& c : cases) {
     tracker->pointAt(c.effector, point, FRAME_TORSO, 0.6f);
     const auto arms = pointAngles(Position3D(point), c.arms);
-    EXPECT_EQ(take(), (Calls{getTransformCall(FRAME_TORSO),
-                             trackerWithSpeedCall(arms.first, arms.second, 0.6f, true)}))
+    EXPECT_EQ(take(), (Calls{getTransformCall(FRAME_TORSO), speedCall(arms, 0.6f, true)}))
         << c.effector;
   }
   // Both arms: ten joints in one request, the left arm's first.
@@ -285,8 +277,7 @@ TEST_F(CommandsTest, PointingBehindARobotThatCannotTurnOnlyWarns) {
   // x exactly 0 is not behind.
   tracker->pointAt("RArm", {0.0f, -0.3f, 0.1f}, FRAME_TORSO, 0.5f);
   const auto arm = pointAngles({0.0f, -0.3f, 0.1f}, {&tracker->fModel.rightArm});
-  EXPECT_EQ(take(), (Calls{getTransformCall(FRAME_TORSO),
-                           trackerWithSpeedCall(arm.first, arm.second, 0.5f, true)}));
+  EXPECT_EQ(take(), (Calls{getTransformCall(FRAME_TORSO), speedCall(arm, 0.5f, true)}));
 }
 
 // ---- tracking around a command -----------------------------------------------------------------
@@ -318,13 +309,12 @@ TEST_F(CommandsTest, ACommandDuringTrackingSuspendsTheLookerAndRestarts) {
   ASSERT_NE(std::find(restart.begin(), restart.end(), "_KRTargetManager.setActiveTarget(\"Face\")"),
             restart.end());
 
-  EXPECT_EQ(look, concat({{getTransformCall(FRAME_TORSO)},
-                          stopHead,
-                          {trackerWithSpeedCall(head.first, head.second, 0.5f, false)},
-                          restart}));
+  EXPECT_EQ(
+      look,
+      concat({{getTransformCall(FRAME_TORSO)}, stopHead, {speedCall(head, 0.5f, false)}, restart}));
   EXPECT_EQ(pointing, concat({{getTransformCall(FRAME_TORSO)},
                               stopArms,
-                              {trackerWithSpeedCall(arms.first, arms.second, 0.5f, true)},
+                              {speedCall(arms, 0.5f, true)},
                               restartAfterArms}));
   EXPECT_TRUE(tracker->isActive());
   EXPECT_EQ(tracker->getActiveTarget(), "Face");
@@ -370,19 +360,6 @@ TEST_F(CommandsTest, RemoteFailuresAreLoggedAndTrackingStillRestarts) {
                              rec(Level::error, "xLookAt", "cannot turn"),
                              rec(Level::error, "xPointAt", "cannot turn"),
                              rec(Level::error, "xPointAt", "no state")}));
-}
-
-TEST_F(CommandsTest, StopLookAtAndStopPointAt) {
-  tracker->stopLookAt();
-  tracker->stopPointAt();
-  EXPECT_EQ(take(), (Calls{"KRMotion._stopLookAt(true)", "KRMotion._stopPointAt(true)"}));
-
-  module("KRMotion").throwOn("_stopLookAt", "no look");
-  module("KRMotion").throwOn("_stopPointAt", "no point");
-  EXPECT_NO_THROW(tracker->stopLookAt());
-  EXPECT_NO_THROW(tracker->stopPointAt());
-  EXPECT_EQ(records(), (Records{rec(Level::error, "stopLookAt", "no look"),
-                                rec(Level::error, "stopPointAt", "no point")}));
 }
 
 }  // namespace

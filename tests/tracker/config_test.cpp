@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/error_of.h"
+
 namespace {
 
 using namespace KR::Tracker;
@@ -40,15 +42,10 @@ const char* const kGainsStderr =
     "KRTracker.configToMap: unsupported value for MOVE_Y_GAINS config\n"
     "KRTracker.configToMap: unsupported value for MOVE_THETA_GAINS config\n";
 
-// Runs call, which must throw a standard runtime error, and returns its text.
+// The text of the standard runtime error that call raises.
 template <class F>
 std::string errorOf(F&& call) {
-  try {
-    call();
-  } catch (const std::runtime_error& e) {
-    return e.what();
-  }
-  return "no exception";
+  return krtest::errorOf<std::runtime_error>(call);
 }
 
 class ConfigTest : public ::testing::Test {

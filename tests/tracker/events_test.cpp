@@ -14,6 +14,8 @@
 #include <krtracker/types/types/trackinfos.h>
 #include <support/fake_module.h>
 
+#include "tracker_fixture.h"
+
 namespace {
 
 using namespace KR;
@@ -22,13 +24,11 @@ using ko::log::Level;
 using ko::log::Record;
 using KR::Tracker::types::TrackInfos;
 
-class EventsTest : public ::testing::Test {
+class EventsTest : public krtest::MotionTest {
  protected:
   void SetUp() override {
     Tracker::resetConfig();
     Tracker::setConfigValue(Tracker::HEAD_THRESHOLD, KRValue(0.125f));
-    broker_->addModule(fake_);
-    motion_ = broker_->getProxy("KRMotion", 0);
     scriptMotion();
   }
   void scriptMotion() {
@@ -43,10 +43,6 @@ class EventsTest : public ::testing::Test {
     return tools::convertTrackerEventToTrackInfo(event, "EventsTest", "RedBallEvent", motion_, out);
   }
 
-  std::shared_ptr<KRBroker> broker_ = KRBroker::create();
-  std::shared_ptr<krtest::FakeModule> fake_ = std::make_shared<krtest::FakeModule>("KRMotion");
-  std::shared_ptr<KRProxy> motion_;
-  krtest::CallRecorder recorder_{broker_};
   ko::log::ScopedCapture capture_;
 };
 
@@ -101,41 +97,36 @@ TEST_F(EventsTest, MalformedEventsAreDroppedWithOneRecord) {
   struct Case {
     std::string name;
     KRValue event;
-    Level level;
     std::string text;  // the whole text, or its prefix when the platform's text follows
     bool prefixOnly = false;
+    Level level = Level::warning;
     std::function<void(krtest::FakeModule&)> script = nullptr;
   };
   const std::vector<Case> cases{
-      {"not an array", KRValue(3), Level::warning, format},
-      {"two elements", KRValue{six, time}, Level::warning, format},
-      {"element 0 not an array", KRValue{1, time, 0}, Level::warning, format},
-      {"element 1 not an array", KRValue{six, 10, 0}, Level::warning, format},
-      {"pose and three-element time, no fourth", KRValue{six, KRValue{1, 2, 3}, 0}, Level::warning,
-       format},
-      {"torso layout without effector", KRValue{six, six, time}, Level::warning, format},
-      {"torso layout, element 2 not an array", KRValue{six, six, 5, 0}, Level::warning, format},
-      {"torso layout, pose of five", KRValue{KRValue{1, 2, 3, 4, 5}, six, time, 0}, Level::warning,
-       format},
-      {"torso layout, time of three", KRValue{six, six, KRValue{1, 2, 3}, 0}, Level::warning,
-       format},
-      {"world pose with a string", KRValue{KRValue{1, 2, "x", 0, 0, 0}, time, 0}, Level::warning,
+      {"not an array", KRValue(3), format},
+      {"two elements", KRValue{six, time}, format},
+      {"element 0 not an array", KRValue{1, time, 0}, format},
+      {"element 1 not an array", KRValue{six, 10, 0}, format},
+      {"pose and three-element time, no fourth", KRValue{six, KRValue{1, 2, 3}, 0}, format},
+      {"torso layout without effector", KRValue{six, six, time}, format},
+      {"torso layout, element 2 not an array", KRValue{six, six, 5, 0}, format},
+      {"torso layout, pose of five", KRValue{KRValue{1, 2, 3, 4, 5}, six, time, 0}, format},
+      {"torso layout, time of three", KRValue{six, six, KRValue{1, 2, 3}, 0}, format},
+      {"world pose with a string", KRValue{KRValue{1, 2, "x", 0, 0, 0}, time, 0},
        "Invalid TargetPositionInFrameWorld: ", true},
       {"torso pose with a bool", KRValue{KRValue{1, 2, 3, 0, 0, true}, six, time, 0},
-       Level::warning, "Invalid TargetPositionInFrameTorso: ", true},
+       "Invalid TargetPositionInFrameTorso: ", true},
       {"robot pose with an array", KRValue{six, KRValue{1, 2, 3, 0, six, 0}, time, 0},
-       Level::warning, "Invalid TargetPositionInFrameRobot: ", true},
-      {"float seconds", KRValue{six, KRValue{10.5f, 500}, 0}, Level::warning,
+       "Invalid TargetPositionInFrameRobot: ", true},
+      {"float seconds", KRValue{six, KRValue{10.5f, 500}, 0}, "Invalid TimeStamp: ", true},
+      {"string microseconds", KRValue{six, six, KRValue{10, "500"}, 0},
        "Invalid TimeStamp: ", true},
-      {"string microseconds", KRValue{six, six, KRValue{10, "500"}, 0}, Level::warning,
-       "Invalid TimeStamp: ", true},
-      {"float effector", KRValue{six, time, 1.5f}, Level::warning, "Invalid End effector: ", true},
-      {"string threshold", KRValue{six, time, 0, "x"}, Level::warning,
-       "Invalid Head threshold: ", true},
-      {"robot position fails", KRValue{six, time, 0}, Level::error, "boom", false,
+      {"float effector", KRValue{six, time, 1.5f}, "Invalid End effector: ", true},
+      {"string threshold", KRValue{six, time, 0, "x"}, "Invalid Head threshold: ", true},
+      {"robot position fails", KRValue{six, time, 0}, "boom", false, Level::error,
        [](krtest::FakeModule& m) { m.throwOn("getRobotPosition"); }},
-      {"torso position fails", KRValue{six, six, time, 0}, Level::error,
-       KRError("KRMotion", "getPosition", "no torso").what(), false,
+      {"torso position fails", KRValue{six, six, time, 0},
+       KRError("KRMotion", "getPosition", "no torso").what(), false, Level::error,
        [](krtest::FakeModule& m) { m.throwKRErrorOn("getPosition", "no torso"); }},
   };
   const TrackInfos previous(Math::Position6D(4, 4, 4, 0, 0, 0), 1, 2, 1, 4.0f, 0.3f);

@@ -15,6 +15,7 @@
 
 #include <Eigen/Geometry>
 #include "pose_util.h"
+#include "tracker_fixture.h"
 
 namespace {
 
@@ -22,6 +23,8 @@ using namespace KR;
 namespace tools = KR::Tracker::tools;
 using KR::Math::FRAME;
 using KR::Math::Position3D;
+using Calls = std::vector<std::string>;
+using Records = std::vector<ko::log::Record>;
 
 using posetest::isometry;
 using posetest::rows;
@@ -40,11 +43,9 @@ void expectNear(const Math::Transform& actual, const Eigen::Isometry3f& expected
     EXPECT_NEAR(a[i], e[i], 1e-5f) << "element " << i;
 }
 
-class FramesTest : public ::testing::Test {
+class FramesTest : public krtest::MotionTest {
  protected:
   void SetUp() override {
-    broker_->addModule(fake_);
-    motion_ = broker_->getProxy("KRMotion", 0);
     // The torso as seen from the world and from the robot frame; identity otherwise.
     fake_->answerWith("getTransform", [this](const std::vector<KRValue>& args) {
       logsAtRequest_ = capture_.records().size();
@@ -55,10 +56,6 @@ class FramesTest : public ::testing::Test {
     });
   }
 
-  std::shared_ptr<KRBroker> broker_ = KRBroker::create();
-  std::shared_ptr<krtest::FakeModule> fake_ = std::make_shared<krtest::FakeModule>("KRMotion");
-  std::shared_ptr<KRProxy> motion_;
-  krtest::CallRecorder recorder_{broker_};
   ko::log::ScopedCapture capture_;
   std::size_t logsAtRequest_ = 99;
   const Eigen::Isometry3f torsoInWorld_ = isometry(1.2f, -0.4f, 0.35f, 0.1f, -0.2f, 2.5f);
@@ -74,8 +71,7 @@ TEST_F(FramesTest, PosesComeFromTheMotionService) {
              isometry(1.0f, 2.0f, 0.3f, 0.1f, 0.2f, -1.0f));
   expectNear(tools::getWorldToRobotTransform(motion_),
              isometry(1.5f, -0.5f, 0.0f, 0.0f, 0.0f, 0.7f));
-  EXPECT_EQ(recorder_.calls(),
-            (std::vector<std::string>{R"(KRMotion.getPosition("Torso", 1, true))",
+  EXPECT_EQ(recorder_.calls(), (Calls{R"(KRMotion.getPosition("Torso", 1, true))",
                                       "KRMotion.getRobotPosition(true)"}));
 }
 
@@ -97,8 +93,7 @@ TEST_F(FramesTest, ConversionsMatchTheTransformsAndRoundTrip) {
   expectNear(tools::convertToRobotFrame(motion_, point_, Math::FRAME_WORLD),
              isometry(1.5f, -0.5f, 0.0f, 0.0f, 0.0f, 0.7f).inverse() * p);
 
-  EXPECT_EQ(recorder_.calls(),
-            (std::vector<std::string>{R"(KRMotion.getTransform("Torso", 1, true))",
+  EXPECT_EQ(recorder_.calls(), (Calls{R"(KRMotion.getTransform("Torso", 1, true))",
                                       R"(KRMotion.getTransform("Torso", 1, true))",
                                       R"(KRMotion.getTransform("Torso", 2, true))",
                                       R"(KRMotion.getTransform("Torso", 2, true))",
@@ -117,8 +112,7 @@ TEST_F(FramesTest, SameFrameReturnsTheInput) {
   // The torso conversions still ask for the transform.
   EXPECT_EQ(tools::convertToTorsoFrame(motion_, point_, Math::FRAME_TORSO), point_);
   EXPECT_EQ(tools::convertTorsoFrameToDesiredFrame(motion_, point_, Math::FRAME_TORSO), point_);
-  EXPECT_EQ(recorder_.calls(),
-            (std::vector<std::string>{R"(KRMotion.getTransform("Torso", 0, true))",
+  EXPECT_EQ(recorder_.calls(), (Calls{R"(KRMotion.getTransform("Torso", 0, true))",
                                       R"(KRMotion.getTransform("Torso", 0, true))"}));
 }
 
@@ -147,7 +141,7 @@ TEST_F(FramesTest, UnexpectedFrameWarnsAndGivesZero) {
     }
     EXPECT_EQ(
         capture_.records(),
-        (std::vector<ko::log::Record>{
+        (Records{
             {"KRTracker.tools", ko::log::Level::warning, c.name,
              "Unexpected frame could be {FRAME_TORSO = 0, FRAME_WORLD = 1, FRAME_ROBOT = 2}."}}));
   }
@@ -158,16 +152,14 @@ TEST_F(FramesTest, SensorTransformFallsBackToIdentity) {
   fake_->answer("_getSensorTransformAtTime", KRValue(rows(camera)));
   const KRTimePoint time{std::chrono::nanoseconds(3'000'250'000)};
   expectNear(tools::getSensorTransform(*motion_, "CameraTop", time), camera);
-  EXPECT_EQ(
-      recorder_.calls(),
-      (std::vector<std::string>{R"(KRMotion._getSensorTransformAtTime("CameraTop", [3, 250]))"}));
+  EXPECT_EQ(recorder_.calls(),
+            (Calls{R"(KRMotion._getSensorTransformAtTime("CameraTop", [3, 250]))"}));
 
   fake_->throwOn("_getSensorTransformAtTime", "unknown sensor");
   EXPECT_EQ(tools::getSensorTransform(*motion_, "Nose", time), Math::Transform());
-  EXPECT_EQ(
-      capture_.records(),
-      (std::vector<ko::log::Record>{{"KRTracker.tools", ko::log::Level::error, "getSensorTransform",
-                                     "Could not get sensor transform for Nose: unknown sensor"}}));
+  EXPECT_EQ(capture_.records(),
+            (Records{{"KRTracker.tools", ko::log::Level::error, "getSensorTransform",
+                      "Could not get sensor transform for Nose: unknown sensor"}}));
 }
 
 }  // namespace

@@ -78,21 +78,19 @@ TEST(TrackerConcurrency, RandomCallsFromSeveralThreadsKeepTheTrackerConsistent) 
     harness.recorder.reset();  // millions of calls: do not keep them
     // Some sub-module calls fail now and then, to run the error paths too.
     auto counter = std::make_shared<std::atomic<int>>(0);
-    for (const auto& call :
-         std::vector<std::pair<const char*, const char*>>{{"_HeadLooker", "stopLooker"},
-                                                          {"_ArmsLooker", "stopLooker"},
-                                                          {"_Smoother", "stopSmoother"}}) {
-      harness.module(call.first).answerWith(call.second, [counter](const std::vector<KRValue>&) {
-        if (++*counter % 7 == 0)
+    struct Flaky {
+      const char *module, *method;
+      int every;  // the share of calls that fail, counted over all of them
+    };
+    for (const Flaky& f :
+         {Flaky{"_HeadLooker", "stopLooker", 7}, Flaky{"_ArmsLooker", "stopLooker", 7},
+          Flaky{"_Smoother", "stopSmoother", 7}, Flaky{"_Smoother", "startEvent", 5}}) {
+      harness.module(f.module).answerWith(f.method, [counter, f](const std::vector<KRValue>&) {
+        if (++*counter % f.every == 0)
           throw std::runtime_error("flaky");
         return KRValue();
       });
     }
-    harness.module("_Smoother").answerWith("startEvent", [counter](const std::vector<KRValue>&) {
-      if (++*counter % 5 == 0)
-        throw std::runtime_error("flaky");
-      return KRValue();
-    });
     Tracker& tracker = harness.build();
 
     const auto ops = operations();

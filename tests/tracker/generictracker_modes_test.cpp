@@ -71,14 +71,13 @@ TEST(GenericTrackerModes, UpdateModeRunsTheSequenceOfTheModeAndStopsAtAFailure) 
     } else {
       tracker.updateModeLocked();
       if (!c.failing.empty())
-        logs = {{"KRTracker.GenericTracker", Level::error, "xUpdateMode", "boom"}};
+        logs = {rec(Level::error, "xUpdateMode", "boom")};
       if (c.mode == "Bogus") {
-        logs = {{"KRTracker.GenericTracker", Level::warning, "xUpdateMode",
-                 "Tracker mode: Bogus is not valid"}};
+        logs = {rec(Level::warning, "xUpdateMode", "Tracker mode: Bogus is not valid")};
       }
     }
     EXPECT_EQ(harness.take(), expected);
-    EXPECT_EQ(log.records("KRTracker.GenericTracker"), logs);
+    EXPECT_EQ(trackerRecords(log), logs);
 
     // Inactive, nothing is reconfigured.
     tracker.stop();
@@ -122,8 +121,8 @@ TEST(GenericTrackerModes, SetModeValidatesAndReconfiguresAnActiveTracker) {
     EXPECT_EQ(harness.take(), c.calls);
     Records logs;
     if (!c.warning.empty())
-      logs = {{"KRTracker.GenericTracker", Level::warning, "setMode", c.warning}};
-    EXPECT_EQ(log.records("KRTracker.GenericTracker"), logs);
+      logs = {rec(Level::warning, "setMode", c.warning)};
+    EXPECT_EQ(trackerRecords(log), logs);
   }
 }
 
@@ -156,9 +155,8 @@ TEST(GenericTrackerModes, MoveConfigGoesToNavigationOnlyInNavigateMode) {
   harness.module("_NavigationMove").throwOn("setParam", "nav");
   tracker.setMoveConfig(KRValue{3});
   EXPECT_EQ(tracker.getMoveConfig(), KRValue{3});
-  EXPECT_EQ(log.records("KRTracker.GenericTracker"),
-            (Records{{"KRTracker.GenericTracker", Level::error, "setMoveConfig", "boom"},
-                     {"KRTracker.GenericTracker", Level::error, "setMoveConfig", "nav"}}));
+  EXPECT_EQ(trackerRecords(log), (Records{rec(Level::error, "setMoveConfig", "boom"),
+                                          rec(Level::error, "setMoveConfig", "nav")}));
 }
 
 TEST_F(TrackerTest, RelativePositionNeedsAnArrayOfAtLeastThree) {
@@ -195,22 +193,6 @@ TEST_F(TrackerTest, RobotPositionComesFromTheLandmarksOnly) {
   EXPECT_EQ(take(), (Calls{"_Smoother.getPosition()", "_Smoother.getPosition()"}));
   module("_Smoother").throwOn("getPosition");
   EXPECT_THROW(tracker->getRobotPosition(), std::runtime_error);
-}
-
-TEST_F(TrackerTest, HysteresisFailuresReachTheCallerMoveEventFailuresAreLogged) {
-  module("_Smoother").answer("_getMoveHysteresis", std::vector<float>{0.2f, 0.3f});
-  tracker->setMoveHysteresis({0.2f, 0.3f});
-  EXPECT_EQ(tracker->getMoveHysteresis(), (std::vector<float>{0.2f, 0.3f}));
-  tracker->setMoveEvent("MoveEvt");
-  EXPECT_EQ(take(),
-            (Calls{"_Smoother._setMoveHysteresis([0.2, 0.3])", "_Smoother._getMoveHysteresis()",
-                   "_Smoother._setMoveEvent(\"MoveEvt\")"}));
-  for (const char* m : {"_setMoveHysteresis", "_getMoveHysteresis", "_setMoveEvent"})
-    module("_Smoother").throwOn(m);
-  EXPECT_THROW(tracker->setMoveHysteresis({0.1f}), std::runtime_error);
-  EXPECT_THROW(tracker->getMoveHysteresis(), std::runtime_error);
-  tracker->setMoveEvent("MoveEvt");
-  EXPECT_EQ(records(), (Records{rec(Level::error, "setMoveEvent", "boom")}));
 }
 
 TEST(GenericTrackerTools, NullMoveCommandIsStrictlyBelowTheThreshold) {

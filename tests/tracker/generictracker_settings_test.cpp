@@ -1,3 +1,4 @@
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -119,44 +120,86 @@ TEST_F(TrackerTest, SearchFlagsDriveTheSearcher) {
   EXPECT_EQ(records(), (Records{rec(Level::error, "xRestartSearcher", "no event")}));
 }
 
-TEST_F(TrackerTest, ForwardersReturnTheirFailureValue) {
+// Operations that forward one call to a sub-module: the call sent, the result with the answer
+// scripted and with the call failing ("boom"), and where that failure is logged (empty: it
+// reaches the caller). Operations without a result give an invalid value.
+TEST_F(TrackerTest, ForwardersSendOneCallAndLogOrPassOnItsFailure) {
+  using T = TrackerProbe;
+  using Strings = std::vector<std::string>;
+  struct Forwarder {
+    std::function<KRValue(T&)> op;
+    std::string call, location;
+    KRValue result = KRValue(), failed = KRValue();
+  };
+  const std::vector<Forwarder> forwarders = {
+      {[](T& t) { return t.setTimeOut(250), KRValue(); }, "_Smoother.setTimeOut(250)",
+       "setTimeOut"},
+      {[](T& t) { return KRValue(t.getTimeOut()); }, "_Smoother.getTimeOut()", "getTimeOut", 250,
+       0},
+      {[](T& t) { return t.setExtractorPeriod("Face", 90), KRValue(); },
+       "_KRTargetManager.setExtractorPeriod(\"Face\", 90)", "setExtractorPeriod"},
+      {[](T& t) { return KRValue(t.getExtractorPeriod("Face")); },
+       "_KRTargetManager.getExtractorPeriod(\"Face\")", "getExtractorPeriod", 90, -1},
+      {[](T& t) { return t.setSearcherFractionMaxSpeed(0.4f), KRValue(); },
+       "_RoundSearcher.setFractionMaxSpeed(0.4)", "setSearcherFractionMaxSpeed"},
+      {[](T& t) { return KRValue(t.getSearcherFractionMaxSpeed()); },
+       "_RoundSearcher.getFractionMaxSpeed()", "getSearcherFractionMaxSpeed", 0.4f, 0.0f},
+      {[](T& t) { return t.searcherSetUseWholeBodyLookAt(true), KRValue(); },
+       "_RoundSearcher.setUseWholeBodyLookAt(true)", "searcherSetUseWholeBodyLookAt"},
+      {[](T& t) { return t.registerTarget("Face", KRValue{0.1f}), KRValue(); },
+       "_KRTargetManager.addTarget(\"Face\", [0.1])", "registerTarget"},
+      {[](T& t) { return t.unregisterTarget("Face"), KRValue(); },
+       "_KRTargetManager.removeTarget(\"Face\")", "unregisterTarget"},
+      {[](T& t) {
+         return t.unregisterTargets({"Face", "Ball"}), KRValue();
+       },
+       "_KRTargetManager.removeTargets([\"Face\", \"Ball\"])", "unregisterTargets"},
+      {[](T& t) { return KRValue(t.getSupportedTargets()); },
+       "_KRTargetManager.getSupportedTargets()", "getSupportedTargets", Strings{"Face"}, Strings{}},
+      {[](T& t) { return KRValue(t.getRegisteredTargets()); },
+       "_KRTargetManager.getRegisteredTargets()", "getRegisteredTargets", Strings{"Ball"},
+       Strings{}},
+      {[](T& t) { return KRValue(t.getEventName()); }, "_KRTargetManager.getEventName()",
+       "xGetEventName", "evt", ""},
+      {[](T& t) { return KRValue(t.getSecondEventName()); },
+       "_KRTargetManager.getSecondEventName()", "xGetEventName", "evt2", ""},
+      {[](T& t) { return t.setMoveEvent("MoveEvt"), KRValue(); },
+       "_Smoother._setMoveEvent(\"MoveEvt\")", "setMoveEvent"},
+      {[](T& t) {
+         return t.setMoveHysteresis({0.2f, 0.3f}), KRValue();
+       },
+       "_Smoother._setMoveHysteresis([0.2, 0.3])", ""},
+      {[](T& t) { return KRValue(t.getMoveHysteresis()); }, "_Smoother._getMoveHysteresis()", "",
+       std::vector<float>{0.2f, 0.3f}},
+      {[](T& t) { return t.stopLookAt(), KRValue(); }, "KRMotion._stopLookAt(true)", "stopLookAt"},
+      {[](T& t) { return t.stopPointAt(), KRValue(); }, "KRMotion._stopPointAt(true)",
+       "stopPointAt"},
+  };
   module("_Smoother").answer("getTimeOut", 250);
+  module("_Smoother").answer("_getMoveHysteresis", std::vector<float>{0.2f, 0.3f});
   module("_KRTargetManager").answer("getExtractorPeriod", 90);
+  module("_KRTargetManager").answer("getSupportedTargets", Strings{"Face"});
+  module("_KRTargetManager").answer("getRegisteredTargets", Strings{"Ball"});
   module("_RoundSearcher").answer("getFractionMaxSpeed", 0.4f);
-  tracker->setTimeOut(250);
-  tracker->setExtractorPeriod("Face", 90);
-  tracker->setSearcherFractionMaxSpeed(0.4f);
-  tracker->searcherSetUseWholeBodyLookAt(true);
-  EXPECT_EQ(tracker->getTimeOut(), 250);
-  EXPECT_EQ(tracker->getExtractorPeriod("Face"), 90);
-  EXPECT_EQ(tracker->getSearcherFractionMaxSpeed(), 0.4f);
-  EXPECT_EQ(take(),
-            (Calls{"_Smoother.setTimeOut(250)", "_KRTargetManager.setExtractorPeriod(\"Face\", 90)",
-                   "_RoundSearcher.setFractionMaxSpeed(0.4)",
-                   "_RoundSearcher.setUseWholeBodyLookAt(true)", "_Smoother.getTimeOut()",
-                   "_KRTargetManager.getExtractorPeriod(\"Face\")",
-                   "_RoundSearcher.getFractionMaxSpeed()"}));
-
-  for (const char* m : {"setTimeOut", "getTimeOut"})
-    module("_Smoother").throwOn(m);
-  for (const char* m : {"setExtractorPeriod", "getExtractorPeriod"})
-    module("_KRTargetManager").throwOn(m);
-  for (const char* m : {"setFractionMaxSpeed", "getFractionMaxSpeed", "setUseWholeBodyLookAt"})
-    module("_RoundSearcher").throwOn(m);
-  tracker->setTimeOut(1);
-  tracker->setExtractorPeriod("Face", 1);
-  tracker->setSearcherFractionMaxSpeed(0.5f);
-  tracker->searcherSetUseWholeBodyLookAt(false);
-  EXPECT_EQ(tracker->getTimeOut(), 0);
-  EXPECT_EQ(tracker->getExtractorPeriod("Face"), -1);
-  EXPECT_EQ(tracker->getSearcherFractionMaxSpeed(), 0.0f);
-  EXPECT_EQ(records(), (Records{rec(Level::error, "setTimeOut", "boom"),
-                                rec(Level::error, "setExtractorPeriod", "boom"),
-                                rec(Level::error, "setSearcherFractionMaxSpeed", "boom"),
-                                rec(Level::error, "searcherSetUseWholeBodyLookAt", "boom"),
-                                rec(Level::error, "getTimeOut", "boom"),
-                                rec(Level::error, "getExtractorPeriod", "boom"),
-                                rec(Level::error, "getSearcherFractionMaxSpeed", "boom")}));
+  for (const Forwarder& f : forwarders) {
+    SCOPED_TRACE(f.call);
+    EXPECT_EQ(f.op(*tracker), f.result);
+    EXPECT_EQ(take(), Calls{f.call});
+    const std::size_t dot = f.call.find('.');
+    FakeModule& m = module(f.call.substr(0, dot));
+    const std::string method = f.call.substr(dot + 1, f.call.find('(') - dot - 1);
+    m.throwOn(method);
+    if (f.location.empty()) {
+      EXPECT_EQ(errorOf<std::runtime_error>([&] { f.op(*tracker); }), "boom");
+      EXPECT_EQ(records(), Records{});
+    } else {
+      EXPECT_EQ(f.op(*tracker), f.failed);
+      EXPECT_EQ(records(), (Records{rec(Level::error, f.location, "boom")}));
+    }
+    m.reset(method);
+    take();
+    log.clear();
+  }
 }
 
 TEST_F(TrackerTest, TrackerConfigWritesKnownKeysAndWarnsAboutOthers) {

@@ -176,39 +176,4 @@ TEST_F(TrackerTest, TargetPositionIsConvertedFromTheTorsoFrame) {
   EXPECT_EQ(records(), (Records{rec(Level::error, "getTargetPosition", "boom")}));
 }
 
-TEST_F(TrackerTest, RegistryOperationsForwardAndSwallowFailures) {
-  tracker->registerTarget("Face", KRValue{0.1f});
-  tracker->unregisterTarget("Face");
-  tracker->unregisterTargets({"Face", "Ball"});
-  module("_KRTargetManager").answer("getSupportedTargets", std::vector<std::string>{"Face"});
-  EXPECT_EQ(tracker->getSupportedTargets(), std::vector<std::string>{"Face"});
-  EXPECT_EQ(tracker->getEventName(), "evt");
-  EXPECT_EQ(tracker->getSecondEventName(), "evt2");
-  EXPECT_EQ(take(),
-            (Calls{"_KRTargetManager.addTarget(\"Face\", [0.1])",
-                   "_KRTargetManager.removeTarget(\"Face\")",
-                   "_KRTargetManager.removeTargets([\"Face\", \"Ball\"])",
-                   "_KRTargetManager.getSupportedTargets()", "_KRTargetManager.getEventName()",
-                   "_KRTargetManager.getSecondEventName()"}));
-
-  for (const char* m : {"addTarget", "removeTarget", "removeTargets", "getSupportedTargets",
-                        "getRegisteredTargets", "getEventName", "getSecondEventName"}) {
-    module("_KRTargetManager").throwOn(m);
-  }
-  tracker->registerTarget("Face", KRValue());
-  tracker->unregisterTarget("Face");
-  tracker->unregisterTargets({"Face"});
-  EXPECT_EQ(tracker->getSupportedTargets(), std::vector<std::string>{});
-  EXPECT_EQ(tracker->getRegisteredTargets(), std::vector<std::string>{});
-  EXPECT_EQ(tracker->getEventName(), "");
-  EXPECT_EQ(tracker->getSecondEventName(), "");
-  EXPECT_EQ(records(), (Records{rec(Level::error, "registerTarget", "boom"),
-                                rec(Level::error, "unregisterTarget", "boom"),
-                                rec(Level::error, "unregisterTargets", "boom"),
-                                rec(Level::error, "getSupportedTargets", "boom"),
-                                rec(Level::error, "getRegisteredTargets", "boom"),
-                                rec(Level::error, "xGetEventName", "boom"),
-                                rec(Level::error, "xGetEventName", "boom")}));
-}
-
 }  // namespace

@@ -14,18 +14,37 @@
 #include <kr/model/kinematics.h>
 #include <krtracker/config/krgenerictrackerconfig.h>
 #include <krtracker/tools/tools.h>
+#include <support/error_of.h>
 #include <support/fake_module.h>
 
 #include "geometry_test_util.h"
+#include "tracker_fixture.h"
 
 namespace {
 
 using namespace geomtest;
 using KR::Math::aimError;
+using KR::Model::headEffectorPose;
 using KR::Model::TRACK_EFFECTOR;
 using KR::Model::TrackerHeadAngle;
+using Names = std::vector<std::string>;
+using Floats = std::vector<float>;
 
 const char* const kRobotFiles[] = {"kibo.xml", "rover.xml"};
+constexpr TRACK_EFFECTOR kTop = KR::Model::TRACK_EFFECTOR_CAMERA_TOP;
+
+// computeLookAtAngles into fresh lists.
+struct Look {
+  bool ok;
+  Names names;
+  Floats angles;
+};
+Look look(const Position3D& target, const KRTrackerModel& model, int effector, bool wholeBody) {
+  Look out;
+  out.ok = tools::computeLookAtAngles(target, model, static_cast<TRACK_EFFECTOR>(effector),
+                                      wholeBody, out.names, out.angles);
+  return out;
+}
 
 // ---- head only -------------------------------------------------------------------------------
 
@@ -35,7 +54,7 @@ TEST(HeadLookAt, HeadPoseLooksAtReachableTargets) {
     const KRTrackerModel model = loadModel(file);
     const KR::Model::TrackerHead& head = model.head;
     for (int effector = 0; effector < 3; ++effector) {
-      const auto e = static_cast<TRACK_EFFECTOR>(effector);
+      SCOPED_TRACE(std::string(file) + " effector " + std::to_string(effector));
       std::uniform_real_distribution<float> yawDist(head.yaw.min, head.yaw.max);
       std::uniform_real_distribution<float> pitchDist(head.pitch.min, head.pitch.max);
       std::uniform_real_distribution<float> distanceDist(0.4f, 5.0f);
@@ -44,35 +63,30 @@ TEST(HeadLookAt, HeadPoseLooksAtReachableTargets) {
       for (int i = 0; i < samples; ++i) {
         const Position3D target =
             pointInDirection(head.headPosition, yawDist(rng), pitchDist(rng), distanceDist(rng));
-        std::vector<std::string> names;
-        std::vector<float> angles;
-        ASSERT_TRUE(tools::computeLookAtAngles(target, model, e, false, names, angles))
-            << file << " effector " << effector << " target " << target;
-        ASSERT_EQ(angles.size(), 2u);
-        const float yaw = angles[0], pitch = angles[1];
+        const Look l = look(target, model, effector, false);
+        ASSERT_TRUE(l.ok) << target;
+        ASSERT_EQ(l.angles.size(), 2u);
+        const float yaw = l.angles[0], pitch = l.angles[1];
         ASSERT_TRUE(yaw >= head.yaw.min && yaw <= head.yaw.max) << yaw;
         ASSERT_TRUE(pitch >= head.pitch.min && pitch <= head.pitch.max) << pitch;
         if (atLimit(yaw, head.yaw) || atLimit(pitch, head.pitch))
           continue;  // the target needs more than the joints allow
-        EXPECT_LT(aimError(KR::Model::headEffectorPose(head, effector, yaw, pitch), target), 1e-3f)
-            << file << " effector " << effector << " target " << target << " yaw " << yaw
-            << " pitch " << pitch;
+        EXPECT_LT(aimError(headEffectorPose(head, effector, yaw, pitch), target), 1e-3f)
+            << target << " yaw " << yaw << " pitch " << pitch;
         ++checked;
       }
       // Enough of the sweep must lie inside the joint limits for the check to mean anything.
-      EXPECT_GT(checked, samples / 3) << file << " effector " << effector;
+      EXPECT_GT(checked, samples / 3);
     }
   }
 }
 
 TEST(HeadLookAt, AppendsYawThenPitchAndFailsAtTheHeadPosition) {
   const KRTrackerModel model = loadModel("kibo.xml");
-  std::vector<std::string> names{"Other"};
-  std::vector<float> angles{7.0f};
-
-  ASSERT_TRUE(tools::computeLookAtAngles(
-      {1.0f, 0.3f, 0.6f}, model, KR::Model::TRACK_EFFECTOR_CAMERA_TOP, false, names, angles));
-  EXPECT_EQ(names, (std::vector<std::string>{"Other", "HeadYaw", "HeadPitch"}));
+  Names names{"Other"};
+  Floats angles{7.0f};
+  ASSERT_TRUE(tools::computeLookAtAngles({1.0f, 0.3f, 0.6f}, model, kTop, false, names, angles));
+  EXPECT_EQ(names, (Names{"Other", "HeadYaw", "HeadPitch"}));
   ASSERT_EQ(angles.size(), 3u);
   EXPECT_EQ(angles[0], 7.0f);
   EXPECT_GT(angles[1], 0.0f);  // target on the left
@@ -80,42 +94,36 @@ TEST(HeadLookAt, AppendsYawThenPitchAndFailsAtTheHeadPosition) {
 
   const auto namesBefore = names;
   const auto anglesBefore = angles;
-  EXPECT_FALSE(tools::computeLookAtAngles(
-      model.head.headPosition, model, KR::Model::TRACK_EFFECTOR_CAMERA_TOP, false, names, angles));
+  EXPECT_FALSE(
+      tools::computeLookAtAngles(model.head.headPosition, model, kTop, false, names, angles));
   EXPECT_EQ(names, namesBefore);
   EXPECT_EQ(angles, anglesBefore);
   float yaw = 0.5f, pitch = 0.5f;
-  EXPECT_FALSE(tools::xComputeLookAtArticular(model.head.headPosition, model.head,
-                                              KR::Model::TRACK_EFFECTOR_CAMERA_TOP, yaw, pitch));
+  EXPECT_FALSE(
+      tools::xComputeLookAtArticular(model.head.headPosition, model.head, kTop, yaw, pitch));
 }
 
 TEST(HeadLookAt, AnUnfilledModelNeverClips) {
   // The default limits of +-2 pi leave even a target straight behind unclipped.
   const KRTrackerModel model;
-  std::vector<std::string> names;
-  std::vector<float> angles;
-  ASSERT_TRUE(tools::computeLookAtAngles(
-      {-2.0f, -0.1f, -1.5f}, model, KR::Model::TRACK_EFFECTOR_CAMERA_TOP, false, names, angles));
-  EXPECT_LT(aimError(KR::Model::headEffectorPose(model.head, 0, angles[0], angles[1]),
-                     {-2.0f, -0.1f, -1.5f}),
-            1e-3f);
-  EXPECT_EQ(names, (std::vector<std::string>{"", ""}));
+  const Position3D behind(-2.0f, -0.1f, -1.5f);
+  const Look l = look(behind, model, kTop, false);
+  ASSERT_TRUE(l.ok);
+  EXPECT_LT(aimError(headEffectorPose(model.head, 0, l.angles[0], l.angles[1]), behind), 1e-3f);
+  EXPECT_EQ(l.names, (Names{"", ""}));
 }
 
 TEST(HeadLookAt, ClipsToTheJointLimits) {
-  const KRTrackerModel model = loadModel("kibo.xml");
+  const KR::Model::TrackerHead& h = loadModel("kibo.xml").head;
   struct Case {
     Position3D target;
     float yaw, pitch;
   };
-  const KR::Model::TrackerHead& h = model.head;
   // Far left and far below; far right and far above.
-  const Case cases[] = {{{-1.0f, 0.2f, -5.0f}, h.yaw.max, h.pitch.max},
-                        {{-1.0f, -0.2f, 5.0f}, h.yaw.min, h.pitch.min}};
-  for (const Case& c : cases) {
+  for (const Case& c : {Case{{-1.0f, 0.2f, -5.0f}, h.yaw.max, h.pitch.max},
+                        Case{{-1.0f, -0.2f, 5.0f}, h.yaw.min, h.pitch.min}}) {
     float yaw = 0.0f, pitch = 0.0f;
-    ASSERT_TRUE(tools::xComputeLookAtArticular(c.target, h, KR::Model::TRACK_EFFECTOR_CAMERA_TOP,
-                                               yaw, pitch));
+    ASSERT_TRUE(tools::xComputeLookAtArticular(c.target, h, kTop, yaw, pitch));
     EXPECT_EQ(yaw, c.yaw) << c.target;
     EXPECT_EQ(pitch, c.pitch) << c.target;
   }
@@ -142,14 +150,11 @@ TEST(WholeBodyLookAt, LooksAtTargetsWithinTheBounds) {
       const Position3D target =
           pointInDirection(lookAtOrigin, yawDist(rng), pitchDist(rng), distanceDist(rng));
       for (int effector = 0; effector < 3; ++effector) {
-        std::vector<std::string> names;
-        std::vector<float> angles;
-        ASSERT_TRUE(tools::computeLookAtAngles(target, model, static_cast<TRACK_EFFECTOR>(effector),
-                                               true, names, angles));
-        ASSERT_EQ(angles.size(), 2u);
-        EXPECT_LT(
-            aimError(KR::Model::headEffectorPose(gaze, effector, angles[0], angles[1]), target),
-            1e-4f)
+        const Look l = look(target, model, effector, true);
+        ASSERT_TRUE(l.ok);
+        ASSERT_EQ(l.angles.size(), 2u);
+        EXPECT_LT(aimError(headEffectorPose(gaze, effector, l.angles[0], l.angles[1]), target),
+                  1e-4f)
             << file << " effector " << effector << " target " << target;
       }
     }
@@ -158,13 +163,12 @@ TEST(WholeBodyLookAt, LooksAtTargetsWithinTheBounds) {
 
 TEST(WholeBodyLookAt, ReplacesTheListsByExactlyTwoEntries) {
   const KRTrackerModel model = loadModel("rover.xml");
-  std::vector<std::string> names{"a", "b", "c", "d"};
-  std::vector<float> angles{1.0f, 2.0f, 3.0f};
+  Names names{"a", "b", "c", "d"};
+  Floats angles{1.0f, 2.0f, 3.0f};
   // Even the degenerate target at the look-at origin reports success.
-  EXPECT_TRUE(tools::computeLookAtAngles({0.0f, 0.0f, model.wbLookAtHeight}, model,
-                                         KR::Model::TRACK_EFFECTOR_CAMERA_TOP, true, names,
-                                         angles));
-  EXPECT_EQ(names, (std::vector<std::string>{"HeadYaw", "HeadPitch"}));
+  EXPECT_TRUE(tools::computeLookAtAngles({0.0f, 0.0f, model.wbLookAtHeight}, model, kTop, true,
+                                         names, angles));
+  EXPECT_EQ(names, (Names{"HeadYaw", "HeadPitch"}));
   EXPECT_EQ(angles.size(), 2u);
 }
 
@@ -176,35 +180,27 @@ TEST(WholeBodyLookAt, ClampsToTheBoundsAndTiltCorrectsAfterwards) {
   const float tilt = 0.25f;  // the sensor looks this much below the head's axis
   model.head.effectorTransforms[2] = Transform::fromRotY(tilt);
 
-  std::vector<std::string> names;
-  std::vector<float> angles;
   // Behind on the left, far above the look-at origin.
   const Position3D highBehind(-1.0f, 1.0f, 10.0f);
-  tools::computeLookAtAngles(highBehind, model, KR::Model::TRACK_EFFECTOR_CAMERA_TOP, true, names,
-                             angles);
+  Floats angles = look(highBehind, model, kTop, true).angles;
   EXPECT_EQ(angles[0], model.wbYawMax);
   EXPECT_EQ(angles[1], model.wbPitchMin);
 
   // The tilted sensor: the head pitch leaves the bounds so that the sensor sits on them.
-  tools::computeLookAtAngles(highBehind, model, KR::Model::TRACK_EFFECTOR_DEPTH_CAMERA, true, names,
-                             angles);
+  angles = look(highBehind, model, KR::Model::TRACK_EFFECTOR_DEPTH_CAMERA, true).angles;
   EXPECT_EQ(angles[0], model.wbYawMax);
   EXPECT_LT(angles[1], model.wbPitchMin);
   EXPECT_NEAR(angles[1] + tilt, model.wbPitchMin, 1e-6f);
 
   // Far below on the right.
-  tools::computeLookAtAngles({0.1f, -5.0f, -20.0f}, model, KR::Model::TRACK_EFFECTOR_CAMERA_TOP,
-                             true, names, angles);
+  angles = look({0.1f, -5.0f, -20.0f}, model, kTop, true).angles;
   EXPECT_EQ(angles[0], model.wbYawMin);
   EXPECT_EQ(angles[1], model.wbPitchMax);
 
   // Inverted bounds: the minimum wins.
   model.wbYawMin = 0.3f, model.wbYawMax = -0.3f;
-  for (const Position3D& target : {Position3D(1, 2, 1), Position3D(1, -2, 1)}) {
-    tools::computeLookAtAngles(target, model, KR::Model::TRACK_EFFECTOR_CAMERA_TOP, true, names,
-                               angles);
-    EXPECT_EQ(angles[0], 0.3f) << target;
-  }
+  for (const Position3D& target : {Position3D(1, 2, 1), Position3D(1, -2, 1)})
+    EXPECT_EQ(look(target, model, kTop, true).angles[0], 0.3f) << target;
 }
 
 // ---- dead bands and the configured yaw limit ---------------------------------------------------
@@ -214,42 +210,42 @@ class HeadThresholdTest : public ::testing::Test {
   void TearDown() override { KR::Tracker::resetConfig(); }
 
   bool look(const Position3D& target, float threshold) {
-    return tools::computeLookAtAnglesWithThreshold(target, model_.head,
-                                                   KR::Model::TRACK_EFFECTOR_CAMERA_TOP, threshold,
+    return tools::computeLookAtAnglesWithThreshold(target, model_.head, kTop, threshold,
                                                    remembered_, names_, angles_);
   }
   std::pair<float, float> solve(const Position3D& target) {
     float yaw = 0.0f, pitch = 0.0f;
-    EXPECT_TRUE(tools::xComputeLookAtArticular(target, model_.head,
-                                               KR::Model::TRACK_EFFECTOR_CAMERA_TOP, yaw, pitch));
+    EXPECT_TRUE(tools::xComputeLookAtArticular(target, model_.head, kTop, yaw, pitch));
     return {yaw, pitch};
+  }
+  void expectRemembered(float yaw, float pitch) {
+    EXPECT_EQ(remembered_.yaw, yaw);
+    EXPECT_EQ(remembered_.pitch, pitch);
   }
 
   const KRTrackerModel model_ = loadModel("kibo.xml");
   TrackerHeadAngle remembered_;
-  std::vector<std::string> names_{"", ""};
-  std::vector<float> angles_{0.0f, 0.0f};
+  Names names_{"", ""};
+  Floats angles_{0.0f, 0.0f};
 };
 
 TEST_F(HeadThresholdTest, ZeroThresholdAlwaysTakesTheNewAngles) {
   const Position3D a(1.0f, 0.4f, 0.1f);
   const Position3D b(1.0f, 0.4001f, 0.1f);
   EXPECT_TRUE(look(a, 0.0f));
-  EXPECT_EQ(remembered_.yaw, solve(a).first);
-  EXPECT_EQ(remembered_.pitch, solve(a).second);
+  expectRemembered(solve(a).first, solve(a).second);
   // Even an unchanged target counts as a change at threshold 0.
   EXPECT_TRUE(look(a, 0.0f));
   EXPECT_TRUE(look(b, 0.0f));
   EXPECT_EQ(remembered_.yaw, solve(b).first);
-  EXPECT_EQ(names_, (std::vector<std::string>{"HeadYaw", "HeadPitch"}));
-  EXPECT_EQ(angles_, (std::vector<float>{remembered_.yaw, remembered_.pitch}));
+  EXPECT_EQ(names_, (Names{"HeadYaw", "HeadPitch"}));
+  EXPECT_EQ(angles_, (Floats{remembered_.yaw, remembered_.pitch}));
 
   // An unsolvable target leaves everything untouched.
   const TrackerHeadAngle before = remembered_;
-  const std::vector<float> anglesBefore = angles_;
+  const Floats anglesBefore = angles_;
   EXPECT_FALSE(look(model_.head.headPosition, 0.0f));
-  EXPECT_EQ(remembered_.yaw, before.yaw);
-  EXPECT_EQ(remembered_.pitch, before.pitch);
+  expectRemembered(before.yaw, before.pitch);
   EXPECT_EQ(angles_, anglesBefore);
 }
 
@@ -258,43 +254,41 @@ TEST_F(HeadThresholdTest, LargeThresholdKeepsTheRememberedAngles) {
   const TrackerHeadAngle before = remembered_;
 
   EXPECT_FALSE(look({1.0f, 0.42f, 0.12f}, 0.2f));
-  EXPECT_EQ(remembered_.yaw, before.yaw);
-  EXPECT_EQ(remembered_.pitch, before.pitch);
+  expectRemembered(before.yaw, before.pitch);
   // The lists carry the remembered command, written in place.
-  EXPECT_EQ(angles_, (std::vector<float>{before.yaw, before.pitch}));
+  EXPECT_EQ(angles_, (Floats{before.yaw, before.pitch}));
   EXPECT_EQ(names_.size(), 2u);
 
   // A move beyond the band on one axis only updates that axis.
   const Position3D left(0.2f, 1.0f, 0.12f);
   EXPECT_TRUE(look(left, 0.2f));
-  EXPECT_EQ(remembered_.yaw, solve(left).first);
-  EXPECT_EQ(remembered_.pitch, before.pitch);
+  expectRemembered(solve(left).first, before.pitch);
 }
 
 TEST_F(HeadThresholdTest, ConfiguredYawLimitBoundsOnlyTheYawAndIsReadEveryCall) {
   const Position3D farLeft(0.1f, 2.0f, -0.3f);
-  const Position3D farRight(0.1f, -2.0f, -0.3f);
-
+  const auto limitYaw = [](const KRValue& v) {
+    KR::Tracker::setConfigValue(KR::Tracker::HEAD_WZ_LIMIT, v);
+  };
   // The default (2 pi) leaves the joint limits alone.
   ASSERT_TRUE(look(farLeft, 0.0f));
   EXPECT_EQ(remembered_.yaw, solve(farLeft).first);
 
-  KR::Tracker::setConfigValue(KR::Tracker::HEAD_WZ_LIMIT, KRValue(0.5f));
+  limitYaw(KRValue(0.5f));
   ASSERT_TRUE(look(farLeft, 0.0f));
-  EXPECT_EQ(remembered_.yaw, 0.5f);
-  EXPECT_EQ(remembered_.pitch, solve(farLeft).second);
-  ASSERT_TRUE(look(farRight, 0.0f));
+  expectRemembered(0.5f, solve(farLeft).second);
+  ASSERT_TRUE(look({0.1f, -2.0f, -0.3f}, 0.0f));  // far right
   EXPECT_EQ(remembered_.yaw, -0.5f);
   ASSERT_TRUE(look({1.0f, -0.85f, -0.3f}, 0.0f));  // just beyond the limit
   EXPECT_EQ(remembered_.yaw, -0.5f);
 
   // A limit wider than the joint: the joint limit stays in force.
-  KR::Tracker::setConfigValue(KR::Tracker::HEAD_WZ_LIMIT, KRValue(3.0f));
+  limitYaw(KRValue(3.0f));
   ASSERT_TRUE(look({-1.0f, -0.1f, 0.0f}, 0.0f));
   EXPECT_EQ(remembered_.yaw, model_.head.yaw.min);
 
   // An int is accepted for the limit.
-  KR::Tracker::setConfigValue(KR::Tracker::HEAD_WZ_LIMIT, KRValue(1));
+  limitYaw(KRValue(1));
   ASSERT_TRUE(look(farLeft, 0.0f));
   EXPECT_EQ(remembered_.yaw, 1.0f);
 }
@@ -303,15 +297,15 @@ TEST(HeadApplyThreshold, WritesTheFirstTwoEntriesInPlace) {
   const KRTrackerModel model = loadModel("rover.xml");
   TrackerHeadAngle remembered;
   remembered.yaw = 0.1f, remembered.pitch = 0.2f;
-  std::vector<std::string> names{"x", "y", "z"};
-  std::vector<float> angles{9.0f, 9.0f, 9.0f};
+  Names names{"x", "y", "z"};
+  Floats angles{9.0f, 9.0f, 9.0f};
 
   EXPECT_FALSE(tools::applyThreshold(0.05f, 0.12f, 0.17f, model.head, remembered, names, angles));
-  EXPECT_EQ(names, (std::vector<std::string>{"HeadYaw", "HeadPitch", "z"}));
-  EXPECT_EQ(angles, (std::vector<float>{0.1f, 0.2f, 9.0f}));
+  EXPECT_EQ(names, (Names{"HeadYaw", "HeadPitch", "z"}));
+  EXPECT_EQ(angles, (Floats{0.1f, 0.2f, 9.0f}));
 
   EXPECT_TRUE(tools::applyThreshold(0.05f, 0.1f, 0.3f, model.head, remembered, names, angles));
-  EXPECT_EQ(angles, (std::vector<float>{0.1f, 0.3f, 9.0f}));
+  EXPECT_EQ(angles, (Floats{0.1f, 0.3f, 9.0f}));
 }
 
 // ---- look behind -------------------------------------------------------------------------------
@@ -332,17 +326,18 @@ TEST(LookBehind, TurnsTheBodySoThatTheHeadReachesTheTarget) {
       {{-2.0f, -0.5f, -1.0f}, -2.0f, 2.0f, std::atan2(-0.5f, -2.0f) + KR::Math::kPi2},
   };
   for (const Case& c : cases) {
+    SCOPED_TRACE(::testing::PrintToString(c.target));
     Position3D target = c.target;
     float bodyAngle = -9.0f;
-    ASSERT_TRUE(tools::computeAngleLookBehind(c.yawMin, c.yawMax, target, bodyAngle)) << c.target;
-    EXPECT_NEAR(bodyAngle, c.bodyAngle, 1e-6f) << c.target;
+    ASSERT_TRUE(tools::computeAngleLookBehind(c.yawMin, c.yawMax, target, bodyAngle));
+    EXPECT_NEAR(bodyAngle, c.bodyAngle, 1e-6f);
     // Turning the body by bodyAngle brings the rotated target back onto the original.
     const Position3D back = KR::Math::rotationFromRotZ(bodyAngle) * target;
     EXPECT_NEAR(back.x, c.target.x, 1e-5f);
     EXPECT_NEAR(back.y, c.target.y, 1e-5f);
     EXPECT_EQ(target.z, c.target.z);
     // Seen from the turned body, the target is at most a quarter turn to the side.
-    EXPECT_LE(std::fabs(std::atan2(target.y, target.x)), KR::Math::kPi2 + 1e-5f) << c.target;
+    EXPECT_LE(std::fabs(std::atan2(target.y, target.x)), KR::Math::kPi2 + 1e-5f);
   }
 }
 
@@ -359,85 +354,73 @@ TEST(LookBehind, TargetsInFrontOrAbeamAreNotBehind) {
 
 // ---- one-shot look ----------------------------------------------------------------------------
 
-class ToolsLookAtTest : public ::testing::Test {
+class ToolsLookAtTest : public krtest::MotionTest {
  protected:
   void SetUp() override {
-    broker_->addModule(motionModule_);
-    motion_ = broker_->getProxy("KRMotion", 0);
     // The torso at the robot frame's origin raised by 0.3 m; identity elsewhere.
-    motionModule_->answerWith("getTransform", [](const std::vector<KRValue>& args) {
+    fake_->answerWith("getTransform", [](const std::vector<KRValue>& args) {
       const bool robotFrame = args.size() > 1 && args[1] == KRValue(2);
-      return KRValue(std::vector<float>{1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, robotFrame ? 0.3f : 0});
+      return KRValue(Floats{1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, robotFrame ? 0.3f : 0});
     });
   }
-  void TearDown() override { broker_->shutdown(); }
 
-  std::vector<std::string> methods() const {
-    std::vector<std::string> out;
+  void lookAt(const Position3D& target, float fraction, bool wholeBody = false) {
+    tools::lookAt(motion_, model_, target, KR::Math::FRAME_TORSO, kTop, fraction, wholeBody);
+  }
+  Names methods() const {
+    Names out;
     for (const KR::KRCallRecord& r : recorder_.records())
       out.push_back(r.method);
     return out;
   }
+  std::vector<ko::log::Record> logged(ko::log::Level level, const std::string& text) {
+    return {{"KRTracker.tools", level, "lookAt", text}};
+  }
 
-  std::shared_ptr<KR::KRBroker> broker_ = KR::KRBroker::create();
-  std::shared_ptr<krtest::FakeModule> motionModule_ =
-      std::make_shared<krtest::FakeModule>("KRMotion");
-  std::shared_ptr<KR::KRProxy> motion_;
-  krtest::CallRecorder recorder_{broker_};
   const KRTrackerModel model_ = loadModel("kibo.xml");
 };
 
 TEST_F(ToolsLookAtTest, SendsTheComputedAnglesAtTheGivenSpeed) {
   for (const bool wholeBody : {false, true}) {
+    SCOPED_TRACE(wholeBody ? "whole body" : "head");
     recorder_.clear();
     const Position3D target(1.0f, -0.3f, 0.2f);
-    tools::lookAt(motion_, model_, target, KR::Math::FRAME_TORSO,
-                  KR::Model::TRACK_EFFECTOR_CAMERA_TOP, 0.4f, wholeBody);
+    lookAt(target, 0.4f, wholeBody);
     const std::vector<KR::KRCallRecord> records = recorder_.records();
-    ASSERT_EQ(methods(), (std::vector<std::string>{"getTransform", "_trackerWithSpeed"}));
+    ASSERT_EQ(methods(), (Names{"getTransform", "_trackerWithSpeed"}));
 
-    std::vector<std::string> names;
-    std::vector<float> angles;
-    const Position3D converted = wholeBody ? target + Position3D(0, 0, 0.3f) : target;
-    ASSERT_TRUE(tools::computeLookAtAngles(converted, model_, KR::Model::TRACK_EFFECTOR_CAMERA_TOP,
-                                           wholeBody, names, angles));
-    const std::vector<KRValue> expected{KRValue(names), KRValue(angles),
-                                        KRValue(std::vector<float>{0.4f}), KRValue(wholeBody),
-                                        KRValue(false)};
-    EXPECT_EQ(records[1].args, expected) << "whole body " << wholeBody;
+    const Look l =
+        look(wholeBody ? target + Position3D(0, 0, 0.3f) : target, model_, kTop, wholeBody);
+    ASSERT_TRUE(l.ok);
+    const std::vector<KRValue> expected{KRValue(l.names), KRValue(l.angles), KRValue(Floats{0.4f}),
+                                        KRValue(wholeBody), KRValue(false)};
+    EXPECT_EQ(records[1].args, expected);
     EXPECT_FALSE(records[1].posted);
   }
 }
 
 TEST_F(ToolsLookAtTest, RefusesAFractionOutsideZeroToOneBeforeAnyCall) {
   for (const float fraction : {0.0f, -0.5f, 1.01f}) {
-    try {
-      tools::lookAt(motion_, model_, {1, 0, 0}, KR::Math::FRAME_TORSO,
-                    KR::Model::TRACK_EFFECTOR_CAMERA_TOP, fraction, false);
-      ADD_FAILURE() << "no error for fraction " << fraction;
-    } catch (const std::runtime_error& e) {
-      EXPECT_STREQ(e.what(), "Expected a fraction for pFractionMaxSpeed.");
-    }
+    EXPECT_EQ(krtest::errorOf<std::runtime_error>([&] {
+                lookAt({1, 0, 0}, fraction);
+              }),
+              "Expected a fraction for pFractionMaxSpeed.")
+        << fraction;
   }
   EXPECT_TRUE(recorder_.calls().empty());
 }
 
 TEST_F(ToolsLookAtTest, LogsUnsolvableTargetsAndRemoteFailures) {
   ko::log::ScopedCapture capture;
-  tools::lookAt(motion_, model_, model_.head.headPosition, KR::Math::FRAME_TORSO,
-                KR::Model::TRACK_EFFECTOR_CAMERA_TOP, 1.0f, false);
-  EXPECT_EQ(methods(), (std::vector<std::string>{"getTransform"}));
+  lookAt(model_.head.headPosition, 1.0f);
+  EXPECT_EQ(methods(), (Names{"getTransform"}));
   EXPECT_EQ(capture.records("KRTracker.tools"),
-            (std::vector<ko::log::Record>{{"KRTracker.tools", ko::log::Level::verbose, "lookAt",
-                                           "computeLookAtAngles fail."}}));
+            logged(ko::log::Level::verbose, "computeLookAtAngles fail."));
 
   capture.clear();
-  motionModule_->throwOn("_trackerWithSpeed", "motion refused");
-  EXPECT_NO_THROW(tools::lookAt(motion_, model_, {1, 0, 0}, KR::Math::FRAME_TORSO,
-                                KR::Model::TRACK_EFFECTOR_CAMERA_TOP, 1.0f, false));
-  EXPECT_EQ(capture.records("KRTracker.tools"),
-            (std::vector<ko::log::Record>{
-                {"KRTracker.tools", ko::log::Level::error, "lookAt", "motion refused"}}));
+  fake_->throwOn("_trackerWithSpeed", "motion refused");
+  EXPECT_NO_THROW(lookAt({1, 0, 0}, 1.0f));
+  EXPECT_EQ(capture.records("KRTracker.tools"), logged(ko::log::Level::error, "motion refused"));
 }
 
 }  // namespace

@@ -57,17 +57,15 @@ TEST_F(NamerTest, NegativeAndExtremeIdsRoundTripThroughTheirNames) {
 }
 
 TEST_F(NamerTest, ReleasingAnIdThatIsNotTakenFails) {
-  EXPECT_EQ(errorOf([&] { namer.releaseId(9); }),
-            "KRTracker::Namer.releaseId: Id to release does not exist. Id is: 9");
-  EXPECT_EQ(errorOf([&] { namer.releaseId(-3); }),
-            "KRTracker::Namer.releaseId: Id to release does not exist. Id is: -3");
-  EXPECT_EQ(errorOf([&] { namer.releaseId(kBase + "9"); }),
-            "KRTracker::Namer.releaseId: Id to release does not exist. Id is: 9");
-
+  const auto notTaken = [](const std::string& id) {
+    return "KRTracker::Namer.releaseId: Id to release does not exist. Id is: " + id;
+  };
+  EXPECT_EQ(errorOf([&] { namer.releaseId(9); }), notTaken("9"));
+  EXPECT_EQ(errorOf([&] { namer.releaseId(-3); }), notTaken("-3"));
+  EXPECT_EQ(errorOf([&] { namer.releaseId(kBase + "9"); }), notTaken("9"));
   namer.getId(9);
   namer.releaseId(9);
-  EXPECT_EQ(errorOf([&] { namer.releaseId(9); }),
-            "KRTracker::Namer.releaseId: Id to release does not exist. Id is: 9");
+  EXPECT_EQ(errorOf([&] { namer.releaseId(9); }), notTaken("9"));
 }
 
 TEST_F(NamerTest, ReleaseByNameAcceptsASignAndLeadingZeros) {
@@ -81,33 +79,26 @@ TEST_F(NamerTest, ReleaseByNameAcceptsASignAndLeadingZeros) {
   EXPECT_EQ(namer.getId(0), kBase + "0");
 }
 
-TEST_F(NamerTest, ReleaseByNameRefusesGarbageAndKeepsTheIds) {
+TEST_F(NamerTest, ReleaseByNameRefusesGarbageAndAWrongBaseAndKeepsTheIds) {
   namer.getId(7);
   // Empty, stray characters, overflow; the last: the number is read at the base's length,
   // not where it was found.
-  const std::string names[] = {
-      kBase,         kBase + "7x",         kBase + "x7",          kBase + " 7",
-      kBase + "7 ",  kBase + "\t7",        kBase + "+",           kBase + "-",
-      kBase + "+-7", kBase + "2147483648", kBase + "-2147483649", kBase + "0x7",
-      kBase + "7.0", kBase + "1e1",        kBase + "1,000",       "x" + kBase + "7"};
-  for (const std::string& name : names) {
+  for (const std::string& name :
+       {kBase, kBase + "7x", kBase + "x7", kBase + " 7", kBase + "7 ", kBase + "\t7", kBase + "+",
+        kBase + "-", kBase + "+-7", kBase + "2147483648", kBase + "-2147483649", kBase + "0x7",
+        kBase + "7.0", kBase + "1e1", kBase + "1,000", "x" + kBase + "7"}) {
     EXPECT_EQ(
         errorOf([&] { namer.releaseId(name); }),
         "KRTracker::Namer.releaseId: String passed contains garbage: " + name + " + " + kCastError)
         << '"' << name << '"';
   }
-  EXPECT_EQ(errorOf([&] { namer.getId(7); }), "KRTracker::Namer.getId: Id already taken. Id is: 7");
-}
-
-TEST_F(NamerTest, ReleaseByNameRefusesAWrongBase) {
-  namer.getId(3);
-  for (const std::string name : {"Other/Name3", "", "KRTracker/Object3",
-                                 "krtracker/objectconverter3", "KRTracker/ObjectConverte3"}) {
+  for (const std::string name : {"Other/Name7", "", "KRTracker/Object7",
+                                 "krtracker/objectconverter7", "KRTracker/ObjectConverte7"}) {
     EXPECT_EQ(errorOf([&] { namer.releaseId(name); }),
               "KRTracker::Namer.releaseId: String passed does not contain the right base.")
         << '"' << name << '"';
   }
-  EXPECT_EQ(errorOf([&] { namer.getId(3); }), "KRTracker::Namer.getId: Id already taken. Id is: 3");
+  EXPECT_EQ(errorOf([&] { namer.getId(7); }), "KRTracker::Namer.getId: Id already taken. Id is: 7");
 }
 
 TEST_F(NamerTest, DestroyFreesEveryId) {

@@ -15,6 +15,7 @@
 #include <krtracker/tools/tools.h>
 
 #include "geometry_test_util.h"
+#include "support/error_of.h"
 
 namespace {
 
@@ -130,12 +131,10 @@ TEST(ArmPointAt, TargetAtTheShoulderGivesTheRestPose) {
 TEST(ArmPointAt, RefusesAnArmThatIsNotLeftOrRight) {
   const TrackerArm head("Head");
   float a[5] = {9, 9, 9, 9, 9};
-  try {
-    tools::xComputePointAtAngles({1, 0, 0}, head, a[0], a[1], a[2], a[3], a[4]);
-    ADD_FAILURE() << "no error";
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ(e.what(), "Invalid effector name: Head");
-  }
+  EXPECT_EQ(krtest::errorOf<std::runtime_error>([&] {
+              tools::xComputePointAtAngles({1, 0, 0}, head, a[0], a[1], a[2], a[3], a[4]);
+            }),
+            "Invalid effector name: Head");
   for (float v : a)
     EXPECT_EQ(v, 9.0f);
   std::vector<std::string> names;
@@ -235,15 +234,12 @@ TEST_F(ArmThresholdTest, ThresholdIsReadOnEveryCall) {
 
 TEST_F(ArmThresholdTest, AThresholdOfTheWrongKindIsReportedUnderThisComputation) {
   setThreshold(KRValue("wide"));
-  try {
+  const std::string what = krtest::errorOf<std::runtime_error>([&] {
     point({0.7f, 0.3f, 0.2f}, kibo_.leftArm);
-    ADD_FAILURE() << "no error";
-  } catch (const std::runtime_error& e) {
-    const std::string what = e.what();
-    EXPECT_NE(what.find("KRTracker.computePointAtAnglesWithThreshold"), std::string::npos) << what;
-    EXPECT_NE(what.find("KRValue"), std::string::npos) << what;
-    EXPECT_EQ(what.find("getConfigFloatValue"), std::string::npos) << what;
-  }
+  });
+  EXPECT_NE(what.find("KRTracker.computePointAtAnglesWithThreshold"), std::string::npos) << what;
+  EXPECT_NE(what.find("KRValue"), std::string::npos) << what;
+  EXPECT_EQ(what.find("getConfigFloatValue"), std::string::npos) << what;
   EXPECT_TRUE(angles_.empty());
 }
 

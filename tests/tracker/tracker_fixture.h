@@ -28,6 +28,15 @@ using Records = std::vector<ko::log::Record>;
 using ko::log::Level;
 using KR::KRValue;
 
+/// A record of the tracker's log category.
+inline ko::log::Record rec(Level level, const std::string& location, const std::string& text) {
+  return ko::log::Record{"KRTracker.GenericTracker", level, location, text};
+}
+/// What the tracker logged into `log`.
+inline Records trackerRecords(const ko::log::ScopedCapture& log) {
+  return log.records("KRTracker.GenericTracker");
+}
+
 /// What track(target) sends first from idle in "Head" mode with no effector and no searching,
 /// up to the target manager's event name.
 inline Calls trackStartCalls(const std::string& target) {
@@ -149,6 +158,21 @@ class TrackerHarness {
   std::unique_ptr<TrackerProbe> tracker;
 };
 
+/// A broker holding only a scripted motion service, for the tools that take its proxy.
+class MotionTest : public ::testing::Test {
+ protected:
+  MotionTest() {
+    broker_->addModule(fake_);
+    motion_ = broker_->getProxy("KRMotion", 0);
+  }
+  ~MotionTest() override { broker_->shutdown(); }
+
+  std::shared_ptr<KR::KRBroker> broker_ = KR::KRBroker::create();
+  std::shared_ptr<FakeModule> fake_ = std::make_shared<FakeModule>("KRMotion");
+  std::shared_ptr<KR::KRProxy> motion_;
+  CallRecorder recorder_{broker_};
+};
+
 /// A fixture with a Kibo tracker built and the log captured.
 class TrackerTest : public ::testing::Test {
  protected:
@@ -162,11 +186,7 @@ class TrackerTest : public ::testing::Test {
   }
   std::vector<std::string> take() { return harness.take(); }
   FakeModule& module(const std::string& name) { return harness.module(name); }
-  std::vector<ko::log::Record> records() const { return log.records("KRTracker.GenericTracker"); }
-  static ko::log::Record rec(ko::log::Level level, const std::string& location,
-                             const std::string& text) {
-    return ko::log::Record{"KRTracker.GenericTracker", level, location, text};
-  }
+  Records records() const { return trackerRecords(log); }
 
   ko::log::ScopedCapture log;
   TrackerHarness harness;
