@@ -212,7 +212,7 @@ TEST_F(RemoteModules, TwoCallersGetTheirOwnReplies) {
 // fails the calls it gets without hanging the tracker.
 
 class RemoteTracker : public ::testing::Test {
- protected:
+ public:
   RemoteTracker()
       : prefix(remotetest::uniquePrefix()),
         host(prefix, "tracker"),
@@ -237,8 +237,12 @@ class RemoteTracker : public ::testing::Test {
     return out;
   }
   Records records() const { return log.records("KRTracker.GenericTracker"); }
-  static ko::log::Record rec(Level level, const std::string& location, const std::string& text) {
-    return ko::log::Record{"KRTracker.GenericTracker", level, location, text};
+  void failTargetManager(const std::string& method) {
+    targetManager->call("__throw", method, "boom");
+  }
+  void restoreTargetManager(const std::string& method) {
+    targetManager->call("__reset", method);
+    targetManager->call("__answer", "isTargetManaged", true);
   }
 
   ko::log::ScopedCapture log;
@@ -251,31 +255,11 @@ class RemoteTracker : public ::testing::Test {
 };
 
 TEST_F(RemoteTracker, TrackStopsAtAFailingTargetManager) {
-  for (const char* failing : {"isTargetManaged", "setActiveTarget"}) {
-    SCOPED_TRACE(failing);
-    targetManager->call("__throw", failing, "boom");
-    log.clear();
-    tracker->track("Ball");
-    EXPECT_EQ(take().back(), std::string("_KRTargetManager.") + failing + "(\"Ball\")");
-    EXPECT_EQ(records(), (Records{rec(Level::error, "track", "boom")}));
-    EXPECT_EQ(tracker->getActiveTarget(), "");
-    EXPECT_FALSE(tracker->isActive());
-    targetManager->call("__reset", failing);
-    targetManager->call("__answer", "isTargetManaged", true);
-  }
+  krtest::expectTrackStopsAtAFailingTargetManager(*this);
 }
 
 TEST_F(RemoteTracker, TrackEventGoesOnWhenTheTargetManagerFails) {
-  targetManager->call("__throw", "setActiveEvent", "boom");
-  log.clear();
-  tracker->trackEvent("SoundEvent");
-  const Calls calls = take();
-  ASSERT_GE(calls.size(), 2u);
-  EXPECT_EQ(calls[0], "_KRTargetManager.setActiveEvent(\"SoundEvent\")");
-  EXPECT_EQ(calls.back(), "_Smoother.startEvent(\"evt\")");
-  EXPECT_EQ(records(), (Records{rec(Level::error, "trackEvent", "boom")}));
-  EXPECT_TRUE(tracker->isActive());
-  EXPECT_EQ(tracker->getActiveTarget(), "SoundEvent");
+  krtest::expectTrackEventGoesOnWhenTheTargetManagerFails(*this);
 }
 
 TEST_F(RemoteTracker, ADeadModuleProcessFailsTheCallsWithoutHangingTheTracker) {

@@ -173,12 +173,21 @@ TEST(CommandLineErrors, EachBadOptionIsNamedAndNothingIsWritten) {
         "0"},
        {"either --look-at"}},
       {{"angles", "--robot", "kibo", "--look-at", "1", "0", "0", "--csv", "x"}, {"'--csv'"}},
+      // The robot side of a run over DDS: refused before it waits for the tracking service.
+      {{"remote-robot", "dance"},
+       {"unknown scenario 'dance' (scenarios: ball, face, landmarks, navigate, people, pursuit, "
+        "oneshot, step)"},
+       true},
+      {{"remote-robot", "--physics", "bullet"},
+       {"--physics: unknown physics backend \"bullet\" (accepted: kinematic, mujoco)"},
+       true},
+      {{"remote-robot", "ball", "step"}, {"unexpected argument 'step' (see --help)"}, true},
   };
   for (const auto& c : cases) {
     std::vector<std::string> args = c.args;
     const bool ownOutputs = std::find(args.begin(), args.end(), "--plot") != args.end() &&
                             std::find(args.begin(), args.end(), "--csv") != args.end();
-    if (args[0] != "angles" && !ownOutputs)
+    if (args[0] != "angles" && args[0] != "remote-robot" && !ownOutputs)
       args.insert(args.begin(), outputs.begin(), outputs.end());
     std::string line;
     for (const std::string& a : args)

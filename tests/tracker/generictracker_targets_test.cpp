@@ -34,18 +34,7 @@ TEST_F(TrackerTest, TrackOfAnUnregisteredTargetIsRefusedAfterSettingTheLandmarks
 }
 
 TEST_F(TrackerTest, TrackStopsAtAFailingTargetManager) {
-  for (const char* failing : {"isTargetManaged", "setActiveTarget"}) {
-    SCOPED_TRACE(failing);
-    module("_KRTargetManager").throwOn(failing);
-    tracker->track("Ball");
-    EXPECT_EQ(take().back(), std::string("_KRTargetManager.") + failing + "(\"Ball\")");
-    EXPECT_EQ(records(), (Records{rec(Level::error, "track", "boom")}));
-    EXPECT_EQ(tracker->getActiveTarget(), "");
-    EXPECT_FALSE(tracker->isActive());
-    module("_KRTargetManager").reset(failing);
-    module("_KRTargetManager").answer("isTargetManaged", true);
-    log.clear();
-  }
+  expectTrackStopsAtAFailingTargetManager(*this);
 }
 
 TEST_F(TrackerTest, TrackWhileActiveSwitchesTheSmootherWithoutStoppingIt) {
@@ -59,15 +48,7 @@ TEST_F(TrackerTest, TrackWhileActiveSwitchesTheSmootherWithoutStoppingIt) {
 }
 
 TEST_F(TrackerTest, TrackEventGoesOnWhenTheTargetManagerFails) {
-  module("_KRTargetManager").throwOn("setActiveEvent");
-  tracker->trackEvent("SoundEvent");
-  const Calls calls = take();
-  ASSERT_GE(calls.size(), 2u);
-  EXPECT_EQ(calls[0], "_KRTargetManager.setActiveEvent(\"SoundEvent\")");
-  EXPECT_EQ(calls.back(), "_Smoother.startEvent(\"evt\")");
-  EXPECT_EQ(records(), (Records{rec(Level::error, "trackEvent", "boom")}));
-  EXPECT_TRUE(tracker->isActive());
-  EXPECT_EQ(tracker->getActiveTarget(), "SoundEvent");
+  expectTrackEventGoesOnWhenTheTargetManagerFails(*this);
   tracker->trackEvent("OtherEvent");
   EXPECT_EQ(take().back(), "_Smoother.restart(\"evt\")");
 }

@@ -175,7 +175,7 @@ class MotionTest : public ::testing::Test {
 
 /// A fixture with a Kibo tracker built and the log captured.
 class TrackerTest : public ::testing::Test {
- protected:
+ public:
   void SetUp() override { tracker = &harness.build(); }
 
   /// Tracks "Face" from idle and forgets the calls that made.
@@ -187,10 +187,50 @@ class TrackerTest : public ::testing::Test {
   std::vector<std::string> take() { return harness.take(); }
   FakeModule& module(const std::string& name) { return harness.module(name); }
   Records records() const { return trackerRecords(log); }
+  /// The target manager's `method` fails with "boom" until restored (then it answers true).
+  void failTargetManager(const std::string& method) { module("_KRTargetManager").throwOn(method); }
+  void restoreTargetManager(const std::string& method) {
+    module("_KRTargetManager").reset(method);
+    module("_KRTargetManager").answer("isTargetManaged", true);
+  }
 
   ko::log::ScopedCapture log;
   TrackerHarness harness;
   TrackerProbe* tracker = nullptr;
 };
+
+// Checks that hold whether the tracker's modules share its process or live in another one: a
+// fixture gives `tracker`, `log`, take(), records(), failTargetManager(), restoreTargetManager().
+
+/// track() stops at a failing target manager: logged, nothing tracked.
+template <class Fixture>
+void expectTrackStopsAtAFailingTargetManager(Fixture& f) {
+  for (const char* failing : {"isTargetManaged", "setActiveTarget"}) {
+    SCOPED_TRACE(failing);
+    f.failTargetManager(failing);
+    f.log.clear();
+    f.tracker->track("Ball");
+    EXPECT_EQ(f.take().back(), std::string("_KRTargetManager.") + failing + "(\"Ball\")");
+    EXPECT_EQ(f.records(), (Records{rec(Level::error, "track", "boom")}));
+    EXPECT_EQ(f.tracker->getActiveTarget(), "");
+    EXPECT_FALSE(f.tracker->isActive());
+    f.restoreTargetManager(failing);
+  }
+}
+
+/// trackEvent() goes on past a failing target manager: logged, the smoother started.
+template <class Fixture>
+void expectTrackEventGoesOnWhenTheTargetManagerFails(Fixture& f) {
+  f.failTargetManager("setActiveEvent");
+  f.log.clear();
+  f.tracker->trackEvent("SoundEvent");
+  const Calls calls = f.take();
+  ASSERT_GE(calls.size(), 2u);
+  EXPECT_EQ(calls[0], "_KRTargetManager.setActiveEvent(\"SoundEvent\")");
+  EXPECT_EQ(calls.back(), "_Smoother.startEvent(\"evt\")");
+  EXPECT_EQ(f.records(), (Records{rec(Level::error, "trackEvent", "boom")}));
+  EXPECT_TRUE(f.tracker->isActive());
+  EXPECT_EQ(f.tracker->getActiveTarget(), "SoundEvent");
+}
 
 }  // namespace krtest
