@@ -379,8 +379,11 @@ bool computeLookAtAngles(const Position3D& target, const Position3D& headPositio
   // pitch = angle(qx, qz) - angle(u, tz); yaw = angle(tx, ty) - angle(u, qy); written as
   // one atan2 each so that both land in (-pi, pi]. The float atan2 is accurate enough here
   // (about 1e-7 rad) and cheaper than the double one.
-  pitch = fastAtan2(float(u * qz - tz * qx), float(u * qx + tz * qz));
-  yaw = fastAtan2(float(u * ty - qy * tx), float(u * tx + qy * ty));
+  // Both pairs are formed before either atan2, so that little stays live across the calls.
+  const float pitchY = float(u * qz - tz * qx), pitchX = float(u * qx + tz * qz);
+  const float yawY = float(u * ty - qy * tx), yawX = float(u * tx + qy * ty);
+  pitch = fastAtan2(pitchY, pitchX);
+  yaw = fastAtan2(yawY, yawX);
   return true;
 }
 

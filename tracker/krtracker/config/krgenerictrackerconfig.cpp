@@ -28,8 +28,10 @@ const char* const kBoolGetter = "KRTracker.getConfigBoolValue";
 const char* const kToMap = "KRTracker.configToMap";
 const char* const kValueName = "KRValue";
 
-// The lock-free word of an entry: its kind in the high half, its bits in the low half.
-enum FastKind : std::uint64_t { kFastOther = 0, kFastFloat = 1, kFastBool = 2 };
+using detail::FastKind;
+using detail::kFastBool;
+using detail::kFastFloat;
+using detail::kFastOther;
 
 std::uint64_t fastWord(const KRValue& value) {
   if (const float* f = value.getIf<float>()) {
@@ -45,13 +47,6 @@ std::uint64_t fastWord(const KRValue& value) {
 
 FastKind kindOf(std::uint64_t word) {
   return static_cast<FastKind>(word >> 32);
-}
-
-float floatOf(std::uint64_t word) {
-  const auto bits = static_cast<std::uint32_t>(word);
-  float value = 0.0f;
-  std::memcpy(&value, &bits, sizeof value);
-  return value;
 }
 
 bool hasFastWord(ConfigKey key) {
@@ -172,13 +167,6 @@ void KRGenericTrackerConfig::refreshFast() {
   }
 }
 
-// Built on first use, so that a global of another translation unit may read the table during
-// its own static initialisation.
-KRGenericTrackerConfig* getConfig() {
-  static KRGenericTrackerConfig instance;
-  return &instance;
-}
-
 KRGenericTrackerConfig& gTrackerConfig = *getConfig();
 
 const std::string kDiagnosisLogDirectory = ko::os::home() + "/diagnosis/";
@@ -200,19 +188,16 @@ std::string getStrFromConfigKey(ConfigKey key) {
   return nameOf(config.fNameMap, key);
 }
 
-float getConfigFloatValue(ConfigKey key) {
+namespace detail {
+
+float getConfigFloatValueSlow(ConfigKey key) {
   if (key == UNKNOWN_CONFIG_KEY) {
     throw std::runtime_error(std::string(kFloatGetter) + ": unknown config key.");
   }
-  // Read in every control cycle: a stored float is returned from its lock-free word, with no
-  // lock, no copy of the value and no text built; ints, missing entries and wrong kinds take
-  // the general path.
-  const std::uint64_t word = readFast(key);
-  if (kindOf(word) == kFastFloat) {
-    return floatOf(word);
-  }
   return extractFloat(readValue(key), kFloatGetter, kValueName);
 }
+
+}  // namespace detail
 
 std::vector<float> getConfigFloatVectorValue(ConfigKey key) {
   // The vector getter reports an unknown key under the float getter's name.

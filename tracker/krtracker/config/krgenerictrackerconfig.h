@@ -5,6 +5,7 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <cstring>
 #include <map>
 #include <shared_mutex>
 #include <string>
@@ -74,7 +75,10 @@ extern const std::string kDiagnosisLogDirectory;
 extern KRGenericTrackerConfig& gTrackerConfig;
 
 /// The global table (built on first use, so safe during static initialisation).
-KRGenericTrackerConfig* getConfig();
+inline KRGenericTrackerConfig* getConfig() {
+  static KRGenericTrackerConfig instance;
+  return &instance;
+}
 /// Replaces the global table by a freshly built default table.
 void resetConfig();
 
@@ -83,7 +87,28 @@ ConfigKey getConfigKeyFromStr(const std::string& name);
 /// The name of a key; empty when none.
 std::string getStrFromConfigKey(ConfigKey key);
 
-float getConfigFloatValue(ConfigKey key);
+namespace detail {
+/// The kind held in the high half of a word of KRGenericTrackerConfig::fFast; the low half
+/// holds the bits of the float or bool.
+enum FastKind : std::uint32_t { kFastOther = 0, kFastFloat = 1, kFastBool = 2 };
+/// Every case of getConfigFloatValue but a stored float: ints, other kinds, errors.
+float getConfigFloatValueSlow(ConfigKey key);
+}  // namespace detail
+
+/// Read in every control cycle, hence inline: a stored float comes from its lock-free word,
+/// with no lock, no copy of the value and no call.
+inline float getConfigFloatValue(ConfigKey key) {
+  if (static_cast<unsigned int>(key) < static_cast<unsigned int>(UNKNOWN_CONFIG_KEY)) {
+    const std::uint64_t word = getConfig()->fFast[key].load(std::memory_order_acquire);
+    if (word >> 32 == detail::kFastFloat) {
+      const auto bits = static_cast<std::uint32_t>(word);
+      float value = 0.0f;
+      std::memcpy(&value, &bits, sizeof value);
+      return value;
+    }
+  }
+  return detail::getConfigFloatValueSlow(key);
+}
 std::vector<float> getConfigFloatVectorValue(ConfigKey key);
 bool getConfigBoolValue(ConfigKey key);
 

@@ -15,6 +15,7 @@
 
 #include <krtracker/config/krgenerictrackerconfig.h>
 #include <krtracker/tools/tools.h>
+#include <krtracker/tools/toolsinternal.h>
 
 namespace KR {
 namespace Tracker {
@@ -34,10 +35,8 @@ void ensureTwoEntries(std::vector<std::string>& names, std::vector<float>& angle
   }
 }
 
-}  // namespace
-
-bool xComputeLookAtArticular(const Math::Position3D& target, const Model::TrackerHead& head,
-                             Model::TRACK_EFFECTOR effector, float& yaw, float& pitch) {
+inline bool lookAtArticular(const Math::Position3D& target, const Model::TrackerHead& head,
+                            Model::TRACK_EFFECTOR effector, float& yaw, float& pitch) {
   const Math::Transform& neckToEffector = head.getNeckToEffectorTransform(effector);
   if (!Math::computeLookAtAngles(target, head.headPosition, neckToEffector, yaw, pitch)) {
     return false;
@@ -45,6 +44,32 @@ bool xComputeLookAtArticular(const Math::Position3D& target, const Model::Tracke
   Math::clipData(head.yaw.min, head.yaw.max, yaw);
   Math::clipData(head.pitch.min, head.pitch.max, pitch);
   return true;
+}
+
+inline bool headDeadBand(float threshold, float yaw, float pitch, const Model::TrackerHead& head,
+                         Model::TrackerHeadAngle& angle, std::vector<std::string>& names,
+                         std::vector<float>& angles) {
+  ensureTwoEntries(names, angles);
+  // A caller's loop hands the same lists back every cycle: the names are copied only when they
+  // differ.
+  const bool changedYaw = Math::DSP::applyThreshold(threshold, yaw, angle.yaw);
+  if (!sameText(names[0], head.yaw.name)) {
+    names[0] = head.yaw.name;
+  }
+  angles[0] = angle.yaw;
+  const bool changedPitch = Math::DSP::applyThreshold(threshold, pitch, angle.pitch);
+  if (!sameText(names[1], head.pitch.name)) {
+    names[1] = head.pitch.name;
+  }
+  angles[1] = angle.pitch;
+  return changedYaw || changedPitch;
+}
+
+}  // namespace
+
+bool xComputeLookAtArticular(const Math::Position3D& target, const Model::TrackerHead& head,
+                             Model::TRACK_EFFECTOR effector, float& yaw, float& pitch) {
+  return lookAtArticular(target, head, effector, yaw, pitch);
 }
 
 bool computeLookAtAngles(const Math::Position3D& target, const Model::KRTrackerModel& model,
@@ -61,7 +86,7 @@ bool computeLookAtAngles(const Math::Position3D& target, const Model::KRTrackerM
 
   float yaw = 0.0f;
   float pitch = 0.0f;
-  if (!xComputeLookAtArticular(target, model.head, effector, yaw, pitch)) {
+  if (!lookAtArticular(target, model.head, effector, yaw, pitch)) {
     return false;
   }
   names.push_back(model.head.yaw.name);
@@ -108,20 +133,7 @@ bool computeLookAtWB(const Math::Position3D& target, const Model::KRTrackerModel
 bool applyThreshold(float threshold, float yaw, float pitch, const Model::TrackerHead& head,
                     Model::TrackerHeadAngle& angle, std::vector<std::string>& names,
                     std::vector<float>& angles) {
-  ensureTwoEntries(names, angles);
-  // A caller's loop hands the same lists back every cycle: the names are copied only when they
-  // differ.
-  const bool changedYaw = Math::DSP::applyThreshold(threshold, yaw, angle.yaw);
-  if (names[0] != head.yaw.name) {
-    names[0] = head.yaw.name;
-  }
-  angles[0] = angle.yaw;
-  const bool changedPitch = Math::DSP::applyThreshold(threshold, pitch, angle.pitch);
-  if (names[1] != head.pitch.name) {
-    names[1] = head.pitch.name;
-  }
-  angles[1] = angle.pitch;
-  return changedYaw || changedPitch;
+  return headDeadBand(threshold, yaw, pitch, head, angle, names, angles);
 }
 
 bool computeLookAtAnglesWithThreshold(const Math::Position3D& target,
@@ -131,7 +143,7 @@ bool computeLookAtAnglesWithThreshold(const Math::Position3D& target,
                                       std::vector<std::string>& names, std::vector<float>& angles) {
   float yaw = 0.0f;
   float pitch = 0.0f;
-  if (!xComputeLookAtArticular(target, head, effector, yaw, pitch)) {
+  if (!lookAtArticular(target, head, effector, yaw, pitch)) {
     return false;
   }
   // Read on every call: the limit may be changed while the loops run.
@@ -141,7 +153,7 @@ bool computeLookAtAnglesWithThreshold(const Math::Position3D& target,
   } else if (yaw < -yawLimit) {
     yaw = -yawLimit;
   }
-  return applyThreshold(threshold, yaw, pitch, head, angle, names, angles);
+  return headDeadBand(threshold, yaw, pitch, head, angle, names, angles);
 }
 
 bool computeAngleLookBehind(const float yawMin, const float yawMax, Math::Position3D& target,

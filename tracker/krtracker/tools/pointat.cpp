@@ -16,6 +16,7 @@
 
 #include <krtracker/config/krgenerictrackerconfig.h>
 #include <krtracker/tools/tools.h>
+#include <krtracker/tools/toolsinternal.h>
 
 namespace KR {
 namespace Tracker {
@@ -59,8 +60,8 @@ Math::Position3D rotate(const Math::Transform& t, float x, float y, float z) {
 
 void xComputePointAtAngles(const Math::Position3D& target, const Model::TrackerArm& arm, float& a1,
                            float& a2, float& a3, float& a4, float& a5) {
-  const bool isLeft = arm.name == kLeftArm;
-  if (!isLeft && arm.name != kRightArm) {
+  const bool isLeft = sameText(arm.name, kLeftArm);
+  if (!isLeft && !sameText(arm.name, kRightArm)) {
     throw std::runtime_error("Invalid effector name: " + arm.name);
   }
   a1 = a2 = a3 = a4 = a5 = 0.0f;

@@ -75,11 +75,14 @@ float modulo2PI(float angle);
 inline float fastAtan2(float y, float x) {
   const float ax = std::fabs(x);
   const float ay = std::fabs(y);
-  if (!(ax < HUGE_VALF && ay < HUGE_VALF) || (ax == 0.0f && ay == 0.0f)) {
+  const bool steep = ay > ax;
+  // NaN exactly when an input is NaN, both are zero or both are infinite.
+  const float ratio = steep ? ax / ay : ay / ax;
+  if (std::isnan(ratio)) {
     return std::atan2(y, x);
   }
-  double angle = ay <= ax ? double(std::atan(ay / ax))
-                          : 1.5707963267948966 - double(std::atan(ax / ay));  // in [0, pi/2]
+  double angle = steep ? 1.5707963267948966 - double(std::atan(ratio))
+                       : double(std::atan(ratio));  // in [0, pi/2]
   if (x < 0.0f) {
     angle = 3.141592653589793 - angle;
   }
