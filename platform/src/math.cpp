@@ -321,11 +321,6 @@ std::tuple<float, float, float> polar3DFromPosition3D(const Position3D& p) {
   return {p.norm(), std::atan2(p.y, p.x), std::atan2(-p.z, std::hypot(p.x, p.y))};
 }
 
-void oldComputePointAtAnglesWyWz(const Position3D& d, float& wy, float& wz) {
-  wz = fastAtan2(d.y, std::hypot(d.x, d.z));
-  wy = fastAtan2(-d.z, d.x);
-}
-
 bool computeLookAtAngles(const Position3D& target, const Position3D& headPosition,
                          const Transform& neckToEffector, float& yaw, float& pitch) {
   // Effector pose: T(head) * Rz(yaw) * Ry(pitch) * [Rn | o]. Its line of sight is

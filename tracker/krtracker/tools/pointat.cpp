@@ -56,6 +56,60 @@ Math::Position3D rotate(const Math::Transform& t, float x, float y, float z) {
           t.r3_c1 * x + t.r3_c2 * y + t.r3_c3 * z};
 }
 
+// r * t for an r without translation, written out: the general product goes through Eigen in
+// another library, too far for the compiler to fold into the arm's solve.
+Math::Transform rotationTimes(const Math::Transform& r, const Math::Transform& t) {
+  Math::Transform out;
+  const Math::Position3D c1 = rotate(r, t.r1_c1, t.r2_c1, t.r3_c1);
+  const Math::Position3D c2 = rotate(r, t.r1_c2, t.r2_c2, t.r3_c2);
+  const Math::Position3D c3 = rotate(r, t.r1_c3, t.r2_c3, t.r3_c3);
+  const Math::Position3D c4 = rotate(r, t.r1_c4, t.r2_c4, t.r3_c4);
+  out.r1_c1 = c1.x, out.r2_c1 = c1.y, out.r3_c1 = c1.z;
+  out.r1_c2 = c2.x, out.r2_c2 = c2.y, out.r3_c2 = c2.z;
+  out.r1_c3 = c3.x, out.r2_c3 = c3.y, out.r3_c3 = c3.z;
+  out.r1_c4 = c4.x, out.r2_c4 = c4.y, out.r3_c4 = c4.z;
+  return out;
+}
+
+inline void wristFromElbowAngles(const Math::Transform& M, float a4, float a3, float& a5) {
+  // The forearm frame is M · Rz(a4) · Rx(a3); only two of its axes are needed: the x axis,
+  // M's rotation of (c4, s4, 0), and the z axis, M's rotation of (s4 s3, -c4 s3, c3).
+  const float c4 = std::cos(a4);
+  const float s4 = std::sin(a4);
+  const float c3 = std::cos(a3);
+  const float s3 = std::sin(a3);
+  const Math::Position3D xAxis = rotate(M, c4, s4, 0.0f);
+  const Math::Position3D zAxis = rotate(M, s4 * s3, -c4 * s3, c3);
+  const Math::Position3D up(0.0f, 0.0f, 1.0f);
+
+  // |xAxis × up|, compared squared.
+  if (xAxis.x * xAxis.x + xAxis.y * xAxis.y < kNearZero * kNearZero) {
+    a5 = 0.0f;  // forearm vertical: no level to keep
+    return;
+  }
+  // The vertical made perpendicular to the forearm, and the horizontal across it. Both are left
+  // at the same length rather than normalised: the angle between them does not depend on it.
+  const Math::Position3D v = up - xAxis * xAxis.z;
+  const Math::Position3D w = xAxis.cross(v);
+  a5 = -Math::fastAtan2(zAxis.dot(w), zAxis.dot(v));
+}
+
+inline bool armDeadBand(float threshold, float a1, float a2, float a3, float a4, float a5,
+                        const Model::TrackerArm& arm, Model::TrackerArmAngle& remembered,
+                        std::vector<std::string>& names, std::vector<float>& angles) {
+  const float computed[5] = {a1, a2, a3, a4, a5};
+  const int jointCount = arm.joints[4].name.empty() ? 4 : 5;
+  bool changed = false;
+  for (int i = 0; i < jointCount; ++i) {
+    if (Math::DSP::applyThreshold(threshold, computed[i], remembered.angles[i])) {
+      changed = true;
+    }
+    names.push_back(arm.joints[i].name);
+    angles.push_back(remembered.angles[i]);
+  }
+  return changed;
+}
+
 }  // namespace
 
 void xComputePointAtAngles(const Math::Position3D& target, const Model::TrackerArm& arm, float& a1,
@@ -93,7 +147,7 @@ void xComputePointAtAngles(const Math::Position3D& target, const Model::TrackerA
   shoulder.r3_c1 = -s1 * c2;
   shoulder.r3_c2 = s1 * s2;
   shoulder.r3_c3 = c1;
-  const Math::Transform shoulderToElbow = shoulder * arm.armTransform;
+  const Math::Transform shoulderToElbow = rotationTimes(shoulder, arm.armTransform);
   const Math::Position3D fromElbow = shoulderToTarget - shoulderToElbow.translation();
   Math::Position3D p(shoulderToElbow.r1_c1 * fromElbow.x + shoulderToElbow.r2_c1 * fromElbow.y +
                          shoulderToElbow.r3_c1 * fromElbow.z,
@@ -128,31 +182,12 @@ void xComputePointAtAngles(const Math::Position3D& target, const Model::TrackerA
   Math::clipData(arm.joints[3].min, arm.joints[3].max, a4);
   Math::clipData(arm.joints[2].min, arm.joints[2].max, a3);
 
-  xComputeWristFromElbowAngles(shoulderToElbow, a4, a3, a5);
+  wristFromElbowAngles(shoulderToElbow, a4, a3, a5);
   Math::clipData(arm.joints[4].min, arm.joints[4].max, a5);
 }
 
 void xComputeWristFromElbowAngles(const Math::Transform& M, float a4, float a3, float& a5) {
-  // The forearm frame is M · Rz(a4) · Rx(a3); only two of its axes are needed: the x axis,
-  // M's rotation of (c4, s4, 0), and the z axis, M's rotation of (s4 s3, -c4 s3, c3).
-  const float c4 = std::cos(a4);
-  const float s4 = std::sin(a4);
-  const float c3 = std::cos(a3);
-  const float s3 = std::sin(a3);
-  const Math::Position3D xAxis = rotate(M, c4, s4, 0.0f);
-  const Math::Position3D zAxis = rotate(M, s4 * s3, -c4 * s3, c3);
-  const Math::Position3D up(0.0f, 0.0f, 1.0f);
-
-  // |xAxis × up|, compared squared.
-  if (xAxis.x * xAxis.x + xAxis.y * xAxis.y < kNearZero * kNearZero) {
-    a5 = 0.0f;  // forearm vertical: no level to keep
-    return;
-  }
-  // The vertical made perpendicular to the forearm, and the horizontal across it. Both are left
-  // at the same length rather than normalised: the angle between them does not depend on it.
-  const Math::Position3D v = up - xAxis * xAxis.z;
-  const Math::Position3D w = xAxis.cross(v);
-  a5 = -Math::fastAtan2(zAxis.dot(w), zAxis.dot(v));
+  wristFromElbowAngles(M, a4, a3, a5);
 }
 
 void computePointAtAngles(const Math::Position3D& target, const Model::TrackerArm& arm,
@@ -172,17 +207,7 @@ void computePointAtAngles(const Math::Position3D& target, const Model::TrackerAr
 bool applyThreshold(float threshold, float a1, float a2, float a3, float a4, float a5,
                     const Model::TrackerArm& arm, Model::TrackerArmAngle& remembered,
                     std::vector<std::string>& names, std::vector<float>& angles) {
-  const float computed[5] = {a1, a2, a3, a4, a5};
-  const int jointCount = arm.joints[4].name.empty() ? 4 : 5;
-  bool changed = false;
-  for (int i = 0; i < jointCount; ++i) {
-    if (Math::DSP::applyThreshold(threshold, computed[i], remembered.angles[i])) {
-      changed = true;
-    }
-    names.push_back(arm.joints[i].name);
-    angles.push_back(remembered.angles[i]);
-  }
-  return changed;
+  return armDeadBand(threshold, a1, a2, a3, a4, a5, arm, remembered, names, angles);
 }
 
 bool computePointAtAnglesWithThreshold(const Math::Position3D& target, const Model::TrackerArm& arm,
@@ -192,7 +217,7 @@ bool computePointAtAnglesWithThreshold(const Math::Position3D& target, const Mod
   float a[5];
   xComputePointAtAngles(target, arm, a[0], a[1], a[2], a[3], a[4]);
   const float threshold = readArmsThreshold();
-  return applyThreshold(threshold, a[0], a[1], a[2], a[3], a[4], arm, remembered, names, angles);
+  return armDeadBand(threshold, a[0], a[1], a[2], a[3], a[4], arm, remembered, names, angles);
 }
 
 }  // namespace tools

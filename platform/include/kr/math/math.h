@@ -94,7 +94,10 @@ std::tuple<float, float, float> polar3DFromPosition3D(const Position3D& p);
 
 /// The angles with Ry(wy) * Rz(wz) turning the x axis onto d:
 /// wz = atan2(dy, hypot(dx, dz)), wy = atan2(-dz, dx).
-void oldComputePointAtAnglesWyWz(const Position3D& d, float& wy, float& wz);
+inline void oldComputePointAtAnglesWyWz(const Position3D& d, float& wy, float& wz) {
+  wz = fastAtan2(d.y, std::hypot(d.x, d.z));
+  wy = fastAtan2(-d.z, d.x);
+}
 
 /// Head yaw and pitch that make the effector's x axis pass through the target, the effector's
 /// pose being Translation(headPosition) * Rz(yaw) * Ry(pitch) * neckToEffector. Exact for any
