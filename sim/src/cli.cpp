@@ -347,7 +347,7 @@ std::string measuresNote(const Scenario& scenario) {
     os << p.name << " " << p.acquireDegrees << " deg";
     text += (text.empty() ? "" : ", ") + os.str();
   }
-  return "On target: in view and line-of-sight error under " + text + "\n";
+  return "On target: visible and line-of-sight error under " + text + "\n";
 }
 
 int runScenario(Options o, std::ostream& out, const SubModuleFactory& modules,
@@ -682,9 +682,10 @@ const char* const kMeasuresHelp =
     "                   perceived, or reported lost by the tracker), to the camera on target,\n"
     "                   search included; the longest such wait, '-' if one never ended\n"
     "  LoS              line-of-sight error (camera axis to target) over every sample with\n"
-    "                   the target inside the camera's field of view: RMS, 95th percentile,\n"
-    "                   max, mean (bias) and standard deviation (jitter)\n"
-    "  on target [%]    share of the phase with the target in view and the error under the\n"
+    "                   the target visible (in the camera's field of view, not occluded),\n"
+    "                   acquisition included: RMS, 95th percentile, max, mean (bias) and\n"
+    "                   standard deviation (jitter)\n"
+    "  on target [%]    share of the phase with the target visible and the error under the\n"
     "                   phase's threshold (3 degrees unless the scenario says otherwise)\n"
     "  overshoot        step phases: how far the camera swings past the target [deg]\n"
     "  settling         step phases: time until the error stays within 1 degree\n"

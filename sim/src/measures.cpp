@@ -11,7 +11,7 @@ PhaseMeter::PhaseMeter(PhaseSetup setup)
 
 void PhaseMeter::add(const MeasureSample& s) {
   ++fSamples;
-  const bool measured = fPhase.lineOfSight && s.hasLineOfSight && s.inView;
+  const bool measured = fPhase.lineOfSight && s.hasLineOfSight && s.perceived;
   const bool onTarget = measured && s.lineOfSightDeg < fPhase.onTargetDeg;
   if (onTarget) {
     ++fOnTarget;

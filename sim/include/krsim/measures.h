@@ -3,13 +3,14 @@
 // produced and sums them up at constant memory. The README's "Measures" section and --help
 // describe the same figures.
 //
-// - on target: the target is inside the camera's field of view and the line-of-sight error is
-//   under the phase's threshold;
+// - visible: the target is inside the camera's field of view and not occluded, so that a camera
+//   could see it;
+// - on target: the target is visible and the line-of-sight error is under the phase's threshold;
 // - time to on-target: from the phase start, and from each loss (the target stops being
 //   perceived, or the tracker reports it lost, after it had been on target), to the next
 //   sample on target, search included; the longest of these intervals is reported, none when
 //   one of them never ends;
-// - line of sight: over every sample with the target inside the camera's field of view, RMS,
+// - line of sight: over every sample with the target visible, acquisition included: RMS,
 //   95th percentile, max, mean (bias) and standard deviation (jitter) of the error's size;
 // - on target [%]: share of the phase's samples on target;
 // - step phases: overshoot is how far the camera's horizontal error goes past the target,
