@@ -59,7 +59,7 @@ plot csv every stride using (t(0)):(column("bearing_yaw") * deg) with lines lw 2
      '' every stride using (t(0)):(column("head_yaw") * deg) with lines lw 1.2 lc rgb "#1f77b4" \
        title "head yaw", \
      '' every stride using (t(0)):(column("robot_theta") * deg) with lines lw 1 dt 2 lc rgb "#8c564b" \
-       title "robot heading (map frame)"
+       title "robot heading, map"  # a longer title overflows the right margin
 
 # 3. Head joints, joint space, against their limits.
 set xlabel "time [s]"
