@@ -1,6 +1,7 @@
 #pragma once
-// Small helpers shared by the simulator's tests: files read whole, robot descriptions loaded or
-// edited, the command line run in the test's process.
+// Small helpers shared by the simulator's tests: their vocabulary, files read whole, robot
+// descriptions loaded or edited, a motion service on a broker of its own, the command line run
+// in the test's process.
 
 #include <fstream>
 #include <memory>
@@ -11,11 +12,47 @@
 #include <gtest/gtest.h>
 
 #include <kr/model/modelutils.h>
+#include <krsim/base.h>
 #include <krsim/cli.h>
+#include <krsim/kinematic.h>
+#include <krsim/measures.h>
+#include <krsim/motion.h>
+#include <krsim/mujoco_backend.h>
+#include <krsim/run.h>
+#include <krsim/scenario.h>
+#include <krsim/simulation.h>
+#include <krsim/world.h>
 
 #include "support/fake_module.h"
 
 namespace krtest {
+
+// The vocabulary of the simulator's tests, which open this namespace.
+using KR::KRValue;
+using KR::Math::Pose2D;
+using KR::Math::Position3D;
+using KR::Math::Transform;
+using KR::Sim::BaseController;
+using KR::Sim::BaseLimits;
+using KR::Sim::KinematicBackend;
+using KR::Sim::Layout;
+using KR::Sim::MeasureSample;
+using KR::Sim::MujocoBackend;
+using KR::Sim::Path;
+using KR::Sim::PhaseMeasures;
+using KR::Sim::PhaseMeter;
+using KR::Sim::PhaseSetup;
+using KR::Sim::PhaseSummary;
+using KR::Sim::Sample;
+using KR::Sim::Scenario;
+using KR::Sim::ScenarioOptions;
+using KR::Sim::ScenarioRun;
+using KR::Sim::SimClock;
+using KR::Sim::SimMemory;
+using KR::Sim::SimMotion;
+using KR::Sim::Simulation;
+using KR::Sim::TargetScript;
+using KR::Sim::World;
 
 inline std::string readFile(const std::string& path) {
   std::stringstream text;
@@ -37,6 +74,36 @@ inline std::unique_ptr<KR::Model::Robot> loadRobot(const std::string& file,
   const std::string xml = readRobotFile(file);
   return KR::Model::ModelUtils::robotFromXml(from.empty() ? xml : replaced(xml, from, to));
 }
+
+/// A robot's motion service on a broker of its own, stepped by hand on a clock the test
+/// advances. The servos are ideal unless told otherwise.
+struct SimRobot {
+  explicit SimRobot(const std::string& file = "kibo.xml", bool idealServos = true) {
+    load(file, idealServos);
+  }
+  ~SimRobot() { broker->shutdown(); }
+
+  /// Builds the robot again from `file` on a new broker; the clock runs on.
+  void load(const std::string& file, bool idealServos = true) {
+    if (broker)
+      broker->shutdown();
+    robot = loadRobot(file);
+    motion = std::make_shared<SimMotion>(
+        *robot, clock,
+        idealServos ? std::make_unique<KinematicBackend>(KR::Sim::simulatedJoints(*robot).size(),
+                                                         KR::Sim::ServoModel::ideal())
+                    : nullptr);
+    broker = KR::KRBroker::create("t");
+    broker->addModule(motion);
+    proxy = broker->getProxy("KRMotion", 0);
+  }
+
+  std::shared_ptr<SimClock> clock = std::make_shared<SimClock>();
+  std::unique_ptr<KR::Model::Robot> robot;
+  std::shared_ptr<SimMotion> motion;
+  std::shared_ptr<KR::KRBroker> broker;
+  std::shared_ptr<KR::KRProxy> proxy;
+};
 
 struct CommandResult {
   int code;

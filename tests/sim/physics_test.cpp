@@ -10,25 +10,13 @@
 #include <gmock/gmock.h>
 
 #include <kr/error.h>
-#include <krsim/base.h>
-#include <krsim/kinematic.h>
-#include <krsim/motion.h>
-#include <krsim/mujoco_backend.h>
-#include <krsim/run.h>
-#include <krsim/simulation.h>
 #include <krsim/snapshot.h>
 
 #include "sim/helpers.h"
 
 namespace {
 
-using KR::Math::Pose2D;
-using KR::Sim::BaseController;
-using KR::Sim::BaseLimits;
-using KR::Sim::KinematicBackend;
-using KR::Sim::MujocoBackend;
-using KR::Sim::SimMotion;
-using krtest::loadRobot;
+using namespace krtest;
 using testing::AllOf;
 using testing::HasSubstr;
 
@@ -53,7 +41,7 @@ TEST(PhysicsFactory, BuildsTheBackendNamedInTheConfigurationAndRefusesOthers) {
   KR::Sim::SimulationConfig config;
   config.robotXml = krtest::readRobotFile("kibo.xml");
   config.physics = "rigid";
-  EXPECT_THROW(KR::Sim::Simulation{config}, KR::KRError);
+  EXPECT_THROW(Simulation{config}, KR::KRError);
 }
 
 TEST(KinematicBackend, IdealServosReachTheirTargetAtTheirSpeedAndStopExactlyOnIt) {
@@ -160,7 +148,7 @@ class SlippingBackend : public KinematicBackend {
 
 TEST(SimMotionPhysics, OdometryFollowsTheMeasuredMotionAndJointsComeFromTheBackend) {
   const auto robot = loadRobot("kibo.xml");
-  auto clock = std::make_shared<KR::Sim::SimClock>();
+  auto clock = std::make_shared<SimClock>();
   auto backend = std::make_unique<SlippingBackend>(KR::Sim::simulatedJoints(*robot).size());
   SlippingBackend* physics = backend.get();
   SimMotion motion(*robot, clock, std::move(backend));
@@ -234,8 +222,8 @@ TEST(MujocoModel, CamerasSitWhereTheMotionServiceComputesTheHeadEffectors) {
   for (const std::string file : {"kibo.xml", "rover.xml"}) {
     SCOPED_TRACE(file);
     const auto robot = loadRobot(file);
-    auto clock = std::make_shared<KR::Sim::SimClock>();
-    KR::Sim::SimMotion motion(*robot, clock);
+    auto clock = std::make_shared<SimClock>();
+    SimMotion motion(*robot, clock);
     MujocoBackend backend(*robot);
     const Pose2D base{0.4f, -1.2f, 2.5f};
     motion.resetPose(base);
@@ -382,7 +370,7 @@ TEST(MujocoFaults, ARejectedDescriptionNamesTheRobotAndTheField) {
   config.robotXml =
       krtest::replaced(krtest::readRobotFile("kibo.xml"), "<head ", "<head mass=\"1e-30\" ");
   config.physics = "mujoco";
-  EXPECT_THROW(KR::Sim::Simulation{config}, KR::KRError);
+  EXPECT_THROW(Simulation{config}, KR::KRError);
 }
 
 TEST(MujocoFaults, AnUnstableSimulationStopsWithAnErrorInsteadOfReportingFigures) {
@@ -402,13 +390,12 @@ TEST(MujocoFaults, AnUnstableSimulationStopsWithAnErrorInsteadOfReportingFigures
                 testing::ContainsRegex("HeadYaw at .* far outside its range|non-finite"))));
 }
 
-std::unique_ptr<KR::Sim::ScenarioRun> playScenario(const std::string& name,
-                                                   const std::string& physics) {
+std::unique_ptr<ScenarioRun> playScenario(const std::string& name, const std::string& physics) {
   KR::Sim::SimulationConfig config;
   config.noise = 0.005f;
   config.physics = physics;
   config.modules = &KR::Sim::createTrackerModules;
-  auto run = std::make_unique<KR::Sim::ScenarioRun>(KR::Sim::makeScenario(name, {}), config);
+  auto run = std::make_unique<ScenarioRun>(KR::Sim::makeScenario(name, {}), config);
   run->runToEnd();
   return run;
 }
@@ -444,11 +431,11 @@ TEST(MujocoEndToEnd, EveryScenarioTracksOnThePhysicsRobotAsOnTheKinematicOne) {
 
 // Runs under Xvfb as the ctest "snapshot_xvfb"; without a display it checks the error.
 TEST(Snapshot, DrawsTheRobotItsTargetAndTheLineOfSightOffScreen) {
-  KR::Sim::ScenarioOptions options;
+  ScenarioOptions options;
   options.duration = 3.0;
   KR::Sim::SimulationConfig config;
   config.modules = &KR::Sim::createTrackerModules;
-  KR::Sim::ScenarioRun run(KR::Sim::makeScenario("ball", options), config);
+  ScenarioRun run(KR::Sim::makeScenario("ball", options), config);
   run.runToEnd();
   const std::string path = testing::TempDir() + "krtracker_snapshot_test.png";
   if (!std::getenv("DISPLAY")) {
