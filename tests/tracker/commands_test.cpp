@@ -12,17 +12,14 @@
 #include <kr/math/math.h>
 #include <krtracker/tools/tools.h>
 
+#include "geometry_test_util.h"
 #include "support/error_of.h"
 #include "tracker_fixture.h"
 
 namespace {
 
 using namespace krtest;
-using KR::Math::FRAME_ROBOT;
-using KR::Math::FRAME_TORSO;
-using KR::Math::FRAME_WORLD;
-using KR::Math::Position3D;
-namespace tools = KR::Tracker::tools;
+using namespace geomtest;
 
 constexpr float kTorsoHeight = 0.3f;  // torso above the robot frame in the scripted motion
 

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <Eigen/Core>
 #include <Eigen/Geometry>
@@ -21,9 +22,15 @@ namespace geomtest {
 
 // The vocabulary of the geometry tests, which open this namespace.
 using KR::KRValue;
+using KR::Math::aimError;
+using KR::Math::FRAME_ROBOT;
+using KR::Math::FRAME_TORSO;
+using KR::Math::FRAME_WORLD;
 using KR::Math::Position3D;
 using KR::Math::Transform;
 using KR::Model::KRTrackerModel;
+using Names = std::vector<std::string>;
+using Floats = std::vector<float>;
 namespace tools = KR::Tracker::tools;
 
 /// Fixed seed of every random sweep; change it here to explore other inputs.

@@ -23,12 +23,9 @@
 namespace {
 
 using namespace geomtest;
-using KR::Math::aimError;
 using KR::Model::headEffectorPose;
 using KR::Model::TRACK_EFFECTOR;
 using KR::Model::TrackerHeadAngle;
-using Names = std::vector<std::string>;
-using Floats = std::vector<float>;
 
 const char* const kRobotFiles[] = {"kibo.xml", "rover.xml"};
 constexpr TRACK_EFFECTOR kTop = KR::Model::TRACK_EFFECTOR_CAMERA_TOP;
@@ -365,7 +362,7 @@ class ToolsLookAtTest : public krtest::MotionTest {
   }
 
   void lookAt(const Position3D& target, float fraction, bool wholeBody = false) {
-    tools::lookAt(motion_, model_, target, KR::Math::FRAME_TORSO, kTop, fraction, wholeBody);
+    tools::lookAt(motion_, model_, target, FRAME_TORSO, kTop, fraction, wholeBody);
   }
   Names methods() const {
     Names out;
