@@ -28,31 +28,14 @@
 namespace krtest {
 
 // The vocabulary of the simulator's tests, which open this namespace.
-using KR::KRValue;
-using KR::Math::Pose2D;
-using KR::Math::Position3D;
-using KR::Math::Transform;
-using KR::Sim::BaseController;
-using KR::Sim::BaseLimits;
-using KR::Sim::KinematicBackend;
-using KR::Sim::Layout;
-using KR::Sim::MeasureSample;
-using KR::Sim::MujocoBackend;
-using KR::Sim::Path;
-using KR::Sim::PhaseMeasures;
-using KR::Sim::PhaseMeter;
-using KR::Sim::PhaseSetup;
-using KR::Sim::PhaseSummary;
-using KR::Sim::Sample;
-using KR::Sim::Scenario;
-using KR::Sim::ScenarioOptions;
-using KR::Sim::ScenarioRun;
-using KR::Sim::SimClock;
-using KR::Sim::SimMemory;
-using KR::Sim::SimMotion;
-using KR::Sim::Simulation;
-using KR::Sim::TargetScript;
-using KR::Sim::World;
+using KR::KRValue, KR::Math::Pose2D, KR::Math::Position3D, KR::Math::Transform;
+using KR::Sim::BaseController, KR::Sim::BaseLimits, KR::Sim::KinematicBackend,
+    KR::Sim::MujocoBackend, KR::Sim::SimClock, KR::Sim::SimMemory, KR::Sim::SimMotion,
+    KR::Sim::Simulation;
+using KR::Sim::Layout, KR::Sim::Path, KR::Sim::TargetScript, KR::Sim::World;
+using KR::Sim::MeasureSample, KR::Sim::PhaseMeasures, KR::Sim::PhaseMeter, KR::Sim::PhaseSetup,
+    KR::Sim::PhaseSummary, KR::Sim::Sample, KR::Sim::Scenario, KR::Sim::ScenarioOptions,
+    KR::Sim::ScenarioRun;
 
 inline std::string readFile(const std::string& path) {
   std::stringstream text;

@@ -31,10 +31,7 @@
 namespace {
 
 using namespace krtest;
-using KR::Tracker::Namer;
-using testing::DoubleNear;
-using testing::ElementsAre;
-using testing::HasSubstr;
+using KR::Tracker::Namer, testing::DoubleNear, testing::ElementsAre, testing::HasSubstr;
 namespace Target = KR::Tracker::Target;
 
 const KRValue kRelative{0.8f, 0.0f, 0.0f, 0.05f, 0.05f, 0.1f};

@@ -20,9 +20,7 @@ namespace {
 
 using namespace KR;
 namespace tools = KR::Tracker::tools;
-using ko::log::Level;
-using ko::log::Record;
-using KR::Tracker::types::TrackInfos;
+using ko::log::Level, ko::log::Record, KR::Tracker::types::TrackInfos;
 
 class EventsTest : public krtest::MotionTest {
  protected:

@@ -21,14 +21,9 @@
 namespace geomtest {
 
 // The vocabulary of the geometry tests, which open this namespace.
-using KR::KRValue;
-using KR::Math::aimError;
-using KR::Math::FRAME_ROBOT;
-using KR::Math::FRAME_TORSO;
-using KR::Math::FRAME_WORLD;
-using KR::Math::Position3D;
-using KR::Math::Transform;
-using KR::Model::KRTrackerModel;
+using KR::KRValue, KR::Model::KRTrackerModel;
+using KR::Math::aimError, KR::Math::Position3D, KR::Math::Transform;
+using KR::Math::FRAME_ROBOT, KR::Math::FRAME_TORSO, KR::Math::FRAME_WORLD;
 using Names = std::vector<std::string>;
 using Floats = std::vector<float>;
 namespace tools = KR::Tracker::tools;

@@ -23,9 +23,7 @@
 namespace {
 
 using namespace geomtest;
-using KR::Model::headEffectorPose;
-using KR::Model::TRACK_EFFECTOR;
-using KR::Model::TrackerHeadAngle;
+using KR::Model::headEffectorPose, KR::Model::TRACK_EFFECTOR, KR::Model::TrackerHeadAngle;
 
 const char* const kRobotFiles[] = {"kibo.xml", "rover.xml"};
 constexpr TRACK_EFFECTOR kTop = KR::Model::TRACK_EFFECTOR_CAMERA_TOP;
