@@ -2,7 +2,6 @@
 // pose must actually look at the target.
 
 #include <cmath>
-#include <memory>
 #include <random>
 #include <string>
 #include <vector>
