@@ -43,21 +43,6 @@ inline std::string readFile(const std::string& path) {
   return text.str();
 }
 
-/// `text` with the first `from` replaced by `to`; a failure when `from` is not in it.
-inline std::string replaced(std::string text, const std::string& from, const std::string& to) {
-  const auto at = text.find(from);
-  EXPECT_NE(at, std::string::npos) << from;
-  return at == std::string::npos ? text : text.replace(at, from.size(), to);
-}
-
-/// A robot of robots/, or that description with one piece of text replaced.
-inline std::unique_ptr<KR::Model::Robot> loadRobot(const std::string& file,
-                                                   const std::string& from = "",
-                                                   const std::string& to = "") {
-  const std::string xml = readRobotFile(file);
-  return KR::Model::ModelUtils::robotFromXml(from.empty() ? xml : replaced(xml, from, to));
-}
-
 /// A robot's motion service on a broker of its own, stepped by hand on a clock the test
 /// advances. The servos are ideal unless told otherwise.
 struct SimRobot {

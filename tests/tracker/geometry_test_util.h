@@ -32,10 +32,8 @@ namespace tools = KR::Tracker::tools;
 constexpr unsigned kSeed = 20261121u;
 
 inline KR::Model::KRTrackerModel loadModel(const std::string& robotFile) {
-  const std::unique_ptr<KR::Model::Robot> robot =
-      KR::Model::ModelUtils::robotFromXml(krtest::readRobotFile(robotFile));
   KR::Model::KRTrackerModel model;
-  robot->fillTrackerModel(model);
+  krtest::loadRobot(robotFile)->fillTrackerModel(model);
   return model;
 }
 
