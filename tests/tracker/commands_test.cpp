@@ -21,8 +21,6 @@ namespace {
 using namespace krtest;
 using namespace geomtest;
 
-constexpr float kTorsoHeight = 0.3f;  // torso above the robot frame in the scripted motion
-
 std::string motionCall(const std::string& method, std::vector<KRValue> args, bool posted = false) {
   return formatCall({"KRMotion", method, std::move(args), posted});
 }
@@ -54,12 +52,7 @@ class CommandsTest : public TrackerTest {
  protected:
   void SetUp() override {
     TrackerTest::SetUp();
-    // The torso is the robot frame raised by kTorsoHeight; the world is the torso frame.
-    module("KRMotion").answerWith("getTransform", [](const std::vector<KRValue>& args) {
-      const bool robot = args.size() > 1 && args[1] == KRValue(2);
-      return KRValue(
-          std::vector<float>{1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, robot ? kTorsoHeight : 0.0f});
-    });
+    scriptTorsoRaised(module("KRMotion"));
     module("KRMotion").answer("robotIsWakeUp", true);
     log.clear();
   }

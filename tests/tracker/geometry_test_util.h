@@ -53,6 +53,18 @@ inline KR::Math::Position3D pointInDirection(const KR::Math::Position3D& origin,
   return ray * KR::Math::Position3D(distance, 0.0f, 0.0f);
 }
 
+/// Height of the torso above the robot frame in the motion service of scriptTorsoRaised.
+constexpr float kTorsoHeight = 0.3f;
+
+/// Scripts the motion service's transforms: the torso is the robot frame raised by
+/// kTorsoHeight; every other frame is the torso frame.
+inline void scriptTorsoRaised(krtest::FakeModule& motion) {
+  motion.answerWith("getTransform", [](const std::vector<KRValue>& args) {
+    const bool robotFrame = args.size() > 1 && args[1] == KRValue(2);
+    return KRValue(Floats{1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, robotFrame ? kTorsoHeight : 0.0f});
+  });
+}
+
 /// True when the angle sits on one of the joint's limits, i.e. the clip may have acted.
 inline bool atLimit(float angle, const KR::Model::TrackerJoint& joint) {
   return angle == joint.min || angle == joint.max;

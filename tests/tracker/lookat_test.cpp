@@ -350,13 +350,7 @@ TEST(LookBehind, TargetsInFrontOrAbeamAreNotBehind) {
 
 class ToolsLookAtTest : public krtest::MotionTest {
  protected:
-  void SetUp() override {
-    // The torso at the robot frame's origin raised by 0.3 m; identity elsewhere.
-    fake_->answerWith("getTransform", [](const std::vector<KRValue>& args) {
-      const bool robotFrame = args.size() > 1 && args[1] == KRValue(2);
-      return KRValue(Floats{1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, robotFrame ? 0.3f : 0});
-    });
-  }
+  void SetUp() override { scriptTorsoRaised(*fake_); }
 
   void lookAt(const Position3D& target, float fraction, bool wholeBody = false) {
     tools::lookAt(motion_, model_, target, FRAME_TORSO, kTop, fraction, wholeBody);
@@ -384,7 +378,7 @@ TEST_F(ToolsLookAtTest, SendsTheComputedAnglesAtTheGivenSpeed) {
     ASSERT_EQ(methods(), (Names{"getTransform", "_trackerWithSpeed"}));
 
     const Look l =
-        look(wholeBody ? target + Position3D(0, 0, 0.3f) : target, model_, kTop, wholeBody);
+        look(wholeBody ? target + Position3D(0, 0, kTorsoHeight) : target, model_, kTop, wholeBody);
     ASSERT_TRUE(l.ok);
     const std::vector<KRValue> expected{KRValue(l.names), KRValue(l.angles), KRValue(Floats{0.4f}),
                                         KRValue(wholeBody), KRValue(false)};
