@@ -26,6 +26,14 @@ void expectPoseNear(const Pose2D& actual, const Pose2D& expected, float toleranc
   EXPECT_NEAR(KR::Math::modulo2PI(actual.theta - expected.theta), 0.0f, tolerance);
 }
 
+/// A simulation of that description on that physics backend is refused.
+void expectNoSimulation(const std::string& xml, const std::string& physics) {
+  KR::Sim::SimulationConfig config;
+  config.robotXml = xml;
+  config.physics = physics;
+  EXPECT_THROW(Simulation{config}, KR::KRError);
+}
+
 TEST(PhysicsFactory, BuildsTheBackendNamedInTheConfigurationAndRefusesOthers) {
   const auto robot = loadRobot("kibo.xml");
   const auto joints = KR::Sim::simulatedJoints(*robot);
@@ -37,11 +45,7 @@ TEST(PhysicsFactory, BuildsTheBackendNamedInTheConfigurationAndRefusesOthers) {
   EXPECT_THAT([&] { KR::Sim::makePhysicsBackend("rigid", *robot); },
               testing::ThrowsMessage<KR::KRError>(
                   AllOf(HasSubstr("\"rigid\""), HasSubstr("accepted: kinematic, mujoco"))));
-
-  KR::Sim::SimulationConfig config;
-  config.robotXml = krtest::readRobotFile("kibo.xml");
-  config.physics = "rigid";
-  EXPECT_THROW(Simulation{config}, KR::KRError);
+  expectNoSimulation(readRobotFile("kibo.xml"), "rigid");
 }
 
 TEST(KinematicBackend, IdealServosReachTheirTargetAtTheirSpeedAndStopExactlyOnIt) {
@@ -148,10 +152,9 @@ class SlippingBackend : public KinematicBackend {
 
 TEST(SimMotionPhysics, OdometryFollowsTheMeasuredMotionAndJointsComeFromTheBackend) {
   const auto robot = loadRobot("kibo.xml");
-  auto clock = std::make_shared<SimClock>();
   auto backend = std::make_unique<SlippingBackend>(KR::Sim::simulatedJoints(*robot).size());
   SlippingBackend* physics = backend.get();
-  SimMotion motion(*robot, clock, std::move(backend));
+  SimMotion motion(*robot, std::make_shared<SimClock>(), std::move(backend));
   EXPECT_FLOAT_EQ(physics->jointAngle(2), 1.4f);  // rest angles handed to the backend
   motion.move(0.1f, 0.0f, 0.2f);
   for (int i = 0; i < 100; ++i)
@@ -222,8 +225,7 @@ TEST(MujocoModel, CamerasSitWhereTheMotionServiceComputesTheHeadEffectors) {
   for (const std::string file : {"kibo.xml", "rover.xml"}) {
     SCOPED_TRACE(file);
     const auto robot = loadRobot(file);
-    auto clock = std::make_shared<SimClock>();
-    SimMotion motion(*robot, clock);
+    SimMotion motion(*robot, std::make_shared<SimClock>());
     MujocoBackend backend(*robot);
     const Pose2D base{0.4f, -1.2f, 2.5f};
     motion.resetPose(base);
@@ -366,11 +368,8 @@ TEST(MujocoFaults, ARejectedDescriptionNamesTheRobotAndTheField) {
               testing::ThrowsMessage<KR::KRError>(AllOf(HasSubstr("robot \"Kibo\""),
                                                         HasSubstr("robot/arm[side=left] (mass)"),
                                                         HasSubstr("mass and inertia"))));
-  KR::Sim::SimulationConfig config;
-  config.robotXml =
-      krtest::replaced(krtest::readRobotFile("kibo.xml"), "<head ", "<head mass=\"1e-30\" ");
-  config.physics = "mujoco";
-  EXPECT_THROW(Simulation{config}, KR::KRError);
+  expectNoSimulation(replaced(readRobotFile("kibo.xml"), "<head ", "<head mass=\"1e-30\" "),
+                     "mujoco");
 }
 
 TEST(MujocoFaults, AnUnstableSimulationStopsWithAnErrorInsteadOfReportingFigures) {
