@@ -640,16 +640,17 @@ class TargetManagerTest : public ModulesTest {
   void add(const std::string& kind, const KRValue& params = {}) {
     manager->call("addTarget", kind, params);
   }
+  std::vector<int> ids(const std::string& kind) {
+    return manager->call<std::vector<int>>("getTargetIds", kind);
+  }
   std::shared_ptr<KR::KRProxy> manager;
 };
 
 TEST_F(TargetManagerTest, ReservesNamerIdsAndPublishesUnderTheirNames) {
   add(Target::TargetRedBall, KRValue(0.06f));
   add(Target::TargetLandMarks, KRValue{80, 81});
-  EXPECT_EQ(manager->call<std::vector<int>>("getTargetIds", std::string(Target::TargetRedBall)),
-            std::vector<int>{10});
-  EXPECT_EQ(manager->call<std::vector<int>>("getTargetIds", std::string(Target::TargetLandMarks)),
-            (std::vector<int>{50, 51}));
+  EXPECT_EQ(ids(Target::TargetRedBall), std::vector<int>{10});
+  EXPECT_EQ(ids(Target::TargetLandMarks), (std::vector<int>{50, 51}));
   EXPECT_THROW(Namer::getInstance().getId(51), KR::KRError);  // taken by the manager
 
   manager->call("setActiveTarget", std::string(Target::TargetLandMarks));
@@ -688,8 +689,7 @@ TEST_F(TargetManagerTest, ReservesNamerIdsAndPublishesUnderTheirNames) {
 TEST_F(TargetManagerTest, AnIdTakenElsewhereMovesTheTargetOnByAHundred) {
   Namer::getInstance().getId(20);
   add(Target::TargetFace);
-  EXPECT_EQ(manager->call<std::vector<int>>("getTargetIds", std::string(Target::TargetFace)),
-            std::vector<int>{120});
+  EXPECT_EQ(ids(Target::TargetFace), std::vector<int>{120});
   Namer::getInstance().releaseId(20);
 }
 
