@@ -11,10 +11,7 @@
 #include "support/error_of.h"
 #include "support/fake_module.h"
 
-using KR::KRBroker;
-using KR::KRError;
-using KR::KRModule;
-using KR::KRValue;
+using KR::KRBroker, KR::KRError, KR::KRModule, KR::KRValue;
 
 namespace {
 

@@ -36,10 +36,6 @@ const RobotExpectation kRobots[] = {
     {"rover.xml", "Rover", 1, false, false, 10},
 };
 
-std::unique_ptr<Robot> load(const char* file) {
-  return ModelUtils::robotFromXml(krtest::readRobotFile(file));
-}
-
 void expectJointFilled(const TrackerJoint& j, const std::string& where) {
   EXPECT_FALSE(j.name.empty()) << where;
   EXPECT_LE(j.name.size(), 15u) << where;
@@ -52,7 +48,7 @@ void expectJointFilled(const TrackerJoint& j, const std::string& where) {
 TEST(RobotFiles, ParseWithTheirCapabilitiesAndJoints) {
   for (const RobotExpectation& e : kRobots) {
     SCOPED_TRACE(e.file);
-    const auto robot = load(e.file);
+    const auto robot = krtest::loadRobot(e.file);
     ASSERT_TRUE(robot);
     EXPECT_EQ(robot->getName(), e.name);
     EXPECT_EQ(robot->getRobotType(), e.type);
@@ -110,7 +106,7 @@ TEST(RobotFiles, ArmsPointAtTargetsInFrontWithinTheirLimits) {
   std::mt19937 rng(424242u);
   std::uniform_real_distribution<float> x(0.4f, 2.0f), y(-0.5f, 0.5f), z(-0.3f, 0.8f);
   for (const RobotExpectation& e : kRobots) {
-    const auto robot = load(e.file);
+    const auto robot = krtest::loadRobot(e.file);
     for (const TrackerArm* arm :
          {&robot->trackerModel().leftArm, &robot->trackerModel().rightArm}) {
       SCOPED_TRACE(std::string(e.file) + " " + arm->name);
@@ -221,12 +217,7 @@ const char* const kBase = R"(<robot name="Test" type="0" canLookBehind="true" ca
 
 // The base description with its first `from` replaced by `to`.
 std::string edited(const std::string& from, const std::string& to, std::string text = kBase) {
-  const std::size_t at = text.find(from);
-  if (at == std::string::npos) {
-    ADD_FAILURE() << "the base description has no '" << from << "'";
-    return text;
-  }
-  return text.replace(at, from.size(), to);
+  return krtest::replaced(std::move(text), from, to);
 }
 
 // The base description without its text from `from` up to `until`.

@@ -24,10 +24,7 @@ using namespace std::chrono_literals;
 using KR::KRValue;
 using Calls = std::vector<std::string>;
 using Records = std::vector<ko::log::Record>;
-using ko::log::Level;
-using remotetest::Caller;
-using remotetest::HostProcess;
-using remotetest::kFakeModule;
+using ko::log::Level, remotetest::Caller, remotetest::HostProcess, remotetest::kFakeModule;
 
 class RemoteModules : public ::testing::Test {
  protected:

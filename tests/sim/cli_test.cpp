@@ -221,11 +221,7 @@ TEST(CommandLineErrors, BadRobotDescriptionsNameTheFileAndTheLine) {
       {"missing_arm",
        replaced(kibo, "  <arm side=\"right\">", "  <!-- no right arm -->\n  <arm side=\"left\">"),
        {"duplicate arm side 'left'"}},
-      {"binary",
-       std::string("\x7f"
-                   "ELF\0\x01\x02",
-                   7),
-       {"bad XML at line 1"}},
+      {"binary", std::string("\x7f\x45LF\0\x01\x02", 7), {"bad XML at line 1"}},
       // Refused before it is read.
       {"big", kibo + "<!--" + std::string(2 << 20, 'x') + "-->\n", {"robot", "bytes"}},
   };
@@ -287,8 +283,8 @@ TEST(CommandLineTest, ListsTheScenariosAndHelps) {
 }
 
 TEST(CommandLineTest, AnglesPrintsTheLibraryAnglesOneJointPerLine) {
-  const auto kibo = KR::Model::ModelUtils::robotFromFile(robotPath("kibo.xml"));
-  const auto rover = KR::Model::ModelUtils::robotFromFile(robotPath("rover.xml"));
+  const auto kibo = krtest::loadRobot("kibo.xml");
+  const auto rover = krtest::loadRobot("rover.xml");
   auto expected = [](const std::vector<std::string>& names, const std::vector<float>& angles) {
     std::ostringstream os;
     os << std::fixed;

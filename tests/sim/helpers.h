@@ -1,6 +1,7 @@
 #pragma once
-// Small helpers shared by the simulator's tests: files read whole, robot descriptions loaded or
-// edited, the command line run in the test's process.
+// Small helpers shared by the simulator's tests: their vocabulary, files read whole, robot
+// descriptions loaded or edited, a motion service on a broker of its own, the command line run
+// in the test's process.
 
 #include <fstream>
 #include <memory>
@@ -11,11 +12,30 @@
 #include <gtest/gtest.h>
 
 #include <kr/model/modelutils.h>
+#include <krsim/base.h>
 #include <krsim/cli.h>
+#include <krsim/kinematic.h>
+#include <krsim/measures.h>
+#include <krsim/motion.h>
+#include <krsim/mujoco_backend.h>
+#include <krsim/run.h>
+#include <krsim/scenario.h>
+#include <krsim/simulation.h>
+#include <krsim/world.h>
 
 #include "support/fake_module.h"
 
 namespace krtest {
+
+// The vocabulary of the simulator's tests, which open this namespace.
+using KR::KRValue, KR::Math::Pose2D, KR::Math::Position3D, KR::Math::Transform;
+using KR::Sim::BaseController, KR::Sim::BaseLimits, KR::Sim::KinematicBackend,
+    KR::Sim::MujocoBackend, KR::Sim::SimClock, KR::Sim::SimMemory, KR::Sim::SimMotion,
+    KR::Sim::Simulation;
+using KR::Sim::Layout, KR::Sim::Path, KR::Sim::TargetScript, KR::Sim::World;
+using KR::Sim::MeasureSample, KR::Sim::PhaseMeasures, KR::Sim::PhaseMeter, KR::Sim::PhaseSetup,
+    KR::Sim::PhaseSummary, KR::Sim::Sample, KR::Sim::Scenario, KR::Sim::ScenarioOptions,
+    KR::Sim::ScenarioRun;
 
 inline std::string readFile(const std::string& path) {
   std::stringstream text;
@@ -23,20 +43,35 @@ inline std::string readFile(const std::string& path) {
   return text.str();
 }
 
-/// `text` with the first `from` replaced by `to`; a failure when `from` is not in it.
-inline std::string replaced(std::string text, const std::string& from, const std::string& to) {
-  const auto at = text.find(from);
-  EXPECT_NE(at, std::string::npos) << from;
-  return at == std::string::npos ? text : text.replace(at, from.size(), to);
-}
+/// A robot's motion service on a broker of its own, stepped by hand on a clock the test
+/// advances. The servos are ideal unless told otherwise.
+struct SimRobot {
+  explicit SimRobot(const std::string& file = "kibo.xml", bool idealServos = true) {
+    load(file, idealServos);
+  }
+  ~SimRobot() { broker->shutdown(); }
 
-/// A robot of robots/, or that description with one piece of text replaced.
-inline std::unique_ptr<KR::Model::Robot> loadRobot(const std::string& file,
-                                                   const std::string& from = "",
-                                                   const std::string& to = "") {
-  const std::string xml = readRobotFile(file);
-  return KR::Model::ModelUtils::robotFromXml(from.empty() ? xml : replaced(xml, from, to));
-}
+  /// Builds the robot again from `file` on a new broker; the clock runs on.
+  void load(const std::string& file, bool idealServos = true) {
+    if (broker)
+      broker->shutdown();
+    robot = loadRobot(file);
+    motion = std::make_shared<SimMotion>(
+        *robot, clock,
+        idealServos ? std::make_unique<KinematicBackend>(KR::Sim::simulatedJoints(*robot).size(),
+                                                         KR::Sim::ServoModel::ideal())
+                    : nullptr);
+    broker = KR::KRBroker::create("t");
+    broker->addModule(motion);
+    proxy = broker->getProxy("KRMotion", 0);
+  }
+
+  std::shared_ptr<SimClock> clock = std::make_shared<SimClock>();
+  std::unique_ptr<KR::Model::Robot> robot;
+  std::shared_ptr<SimMotion> motion;
+  std::shared_ptr<KR::KRBroker> broker;
+  std::shared_ptr<KR::KRProxy> proxy;
+};
 
 struct CommandResult {
   int code;

@@ -8,9 +8,7 @@
 
 namespace {
 
-using KR::KRValue;
-using KR::Sim::SimClock;
-using KR::Sim::SimMemory;
+using KR::KRValue, KR::Sim::SimClock, KR::Sim::SimMemory;
 
 struct MemoryTest : ::testing::Test {
   std::shared_ptr<SimClock> clock = std::make_shared<SimClock>();

@@ -26,13 +26,12 @@
 #include <krtracker/types/types/trackinfos.h>
 
 #include "sim/helpers.h"
+#include "support/error_of.h"
 
 namespace {
 
-using KR::KRValue;
-using KR::Math::Position3D;
-using KR::Sim::Path;
-using KR::Tracker::Namer;
+using namespace krtest;
+using KR::Tracker::Namer, testing::DoubleNear, testing::ElementsAre, testing::HasSubstr;
 namespace Target = KR::Tracker::Target;
 
 const KRValue kRelative{0.8f, 0.0f, 0.0f, 0.05f, 0.05f, 0.1f};
@@ -77,6 +76,12 @@ class ModulesTest : public ::testing::Test {
                float headThreshold = -1.0f) {
     sim->world().addTarget(
         {name, kind, std::move(path), {}, KR::Sim::Layout::Torso, 0.0f, false, headThreshold});
+  }
+  /// A red ball at a map point, hidden in the given intervals, tracked with a time-out [ms].
+  void trackBall(Position3D at, int timeOutMs, std::vector<KR::Sim::TimeInterval> hidden = {}) {
+    addTarget("ball", Target::TargetRedBall, at, std::move(hidden));
+    track(Target::TargetRedBall);
+    sim->callTracker("setTimeOut", timeOutMs);
   }
   /// Registers a kind of target with the tracker and tracks it, in a mode when given.
   void track(const std::string& kind, const std::string& mode = "") {
@@ -123,25 +128,18 @@ class SmootherTest : public ModulesTest {
 };
 
 TEST_F(SmootherTest, RaisesLostOnceAfterTheTimeOutAndDetectedWhenTheTargetIsBack) {
-  addTarget("ball", Target::TargetRedBall, {1.0f, 0.1f, 0.45f}, {{2.0, 5.0}});
-  track(Target::TargetRedBall);
-  sim->callTracker("setTimeOut", 1000);
+  trackBall({1.0f, 0.1f, 0.45f}, 1000, {{2.0, 5.0}});
   sim->runUntil(4.9);
-  const auto lost = eventTimes(Namer::getNameLost());
-  ASSERT_EQ(lost.size(), 1u);
   // The last observation before 2 s, then one second without any.
-  EXPECT_NEAR(lost[0], 3.0, 0.06);
+  EXPECT_THAT(eventTimes(Namer::getNameLost()), ElementsAre(DoubleNear(3.0, 0.06)));
   EXPECT_TRUE(state().lost);
   EXPECT_EQ(events(Namer::getNameDetected()), 0u);
   // No target for the lookers while lost.
   const std::size_t lookerEvents = events(Namer::getNameLooker());
   sim->runUntil(4.99);
   EXPECT_EQ(events(Namer::getNameLooker()), lookerEvents);
-
   sim->runUntil(5.5);
-  const auto detected = eventTimes(Namer::getNameDetected());
-  ASSERT_EQ(detected.size(), 1u);
-  EXPECT_NEAR(detected[0], 5.0, 0.06);
+  EXPECT_THAT(eventTimes(Namer::getNameDetected()), ElementsAre(DoubleNear(5.0, 0.06)));
   EXPECT_EQ(events(Namer::getNameLost()), 1u);
   EXPECT_FALSE(state().lost);
 }
@@ -149,18 +147,13 @@ TEST_F(SmootherTest, RaisesLostOnceAfterTheTimeOutAndDetectedWhenTheTargetIsBack
 // A ball behind the robot is never seen: lost once, one time-out after the start; observations
 // that are not finite, injected on its event, never reach the lookers.
 TEST_F(SmootherTest, ATargetNeverSeenIsLostAfterOneTimeOutAndNonFiniteObservationsAreDropped) {
-  addTarget("ball", Target::TargetRedBall, {-2.0f, 0.0f, 0.45f});
-  track(Target::TargetRedBall);
-  sim->callTracker("setTimeOut", 500);
+  trackBall({-2.0f, 0.0f, 0.45f}, 500);
   sim->runUntil(2.0);
-  const auto lost = eventTimes(Namer::getNameLost());
-  ASSERT_EQ(lost.size(), 1u);
-  EXPECT_NEAR(lost[0], 0.5, 0.02);
+  EXPECT_THAT(eventTimes(Namer::getNameLost()), ElementsAre(DoubleNear(0.5, 0.02)));
   ASSERT_TRUE(state().lost);
   const std::string event = state().events.at(0);
   auto observation = [&](float x) {
-    int sec = 0;
-    int usec = 0;
+    int sec = 0, usec = 0;
     KR::Sim::SimClock::split(sim->clock().now(), sec, usec);
     return KRValue{KRValue(std::vector<float>{x, 0.0f, 0.4f, 0.0f, 0.0f, 0.0f}),
                    KRValue{KRValue(sec), KRValue(usec)}, KRValue(0)};
@@ -178,10 +171,8 @@ TEST_F(SmootherTest, ATargetNeverSeenIsLostAfterOneTimeOutAndNonFiniteObservatio
 }
 
 TEST_F(SmootherTest, ObservationsBeyondTheMaximumDistanceAreDropped) {
-  addTarget("ball", Target::TargetRedBall, {1.5f, 0.0f, 0.45f});
-  track(Target::TargetRedBall);
+  trackBall({1.5f, 0.0f, 0.45f}, 300);
   sim->callTracker("setMaximumDistanceDetection", 1.0f);
-  sim->callTracker("setTimeOut", 300);
   sim->runUntil(1.0);
   EXPECT_EQ(state().maxDistance, 1.0f);
   EXPECT_EQ(events(Namer::getNameLooker()), 0u);
@@ -189,9 +180,7 @@ TEST_F(SmootherTest, ObservationsBeyondTheMaximumDistanceAreDropped) {
 }
 
 TEST_F(SmootherTest, TheSearchEventIsRaisedAgainOnlyWhileTheTargetIsLost) {
-  addTarget("ball", Target::TargetRedBall, {1.0f, 0.0f, 0.45f}, {{1.0, 10.0}});
-  track(Target::TargetRedBall);
-  sim->callTracker("setTimeOut", 500);
+  trackBall({1.0f, 0.0f, 0.45f}, 500, {{1.0, 10.0}});
   sim->runUntil(0.5);
   module<KR::Sim::Smoother>("_Smoother")->raiseSearchEvent();
   EXPECT_EQ(events(Namer::getNameLost()), 0u);
@@ -285,11 +274,9 @@ class SearcherTest : public ModulesTest {
  protected:
   /// A ball behind the robot, tracked with the given search settings.
   void trackBallBehind(bool search, bool wholeBody = false) {
-    addTarget("ball", Target::TargetRedBall, ball);
     sim->callTracker("toggleSearch", search);
     sim->callTracker("searcherSetUseWholeBodyLookAt", wholeBody);
-    track(Target::TargetRedBall);
-    sim->callTracker("setTimeOut", 1000);
+    trackBall(ball, 1000);
   }
   auto state() { return module<KR::Sim::RoundSearcher>("_RoundSearcher")->snapshot(); }
   const Position3D ball{-1.5f, 0.4f, 0.45f};
@@ -653,16 +640,17 @@ class TargetManagerTest : public ModulesTest {
   void add(const std::string& kind, const KRValue& params = {}) {
     manager->call("addTarget", kind, params);
   }
+  std::vector<int> ids(const std::string& kind) {
+    return manager->call<std::vector<int>>("getTargetIds", kind);
+  }
   std::shared_ptr<KR::KRProxy> manager;
 };
 
 TEST_F(TargetManagerTest, ReservesNamerIdsAndPublishesUnderTheirNames) {
   add(Target::TargetRedBall, KRValue(0.06f));
   add(Target::TargetLandMarks, KRValue{80, 81});
-  EXPECT_EQ(manager->call<std::vector<int>>("getTargetIds", std::string(Target::TargetRedBall)),
-            std::vector<int>{10});
-  EXPECT_EQ(manager->call<std::vector<int>>("getTargetIds", std::string(Target::TargetLandMarks)),
-            (std::vector<int>{50, 51}));
+  EXPECT_EQ(ids(Target::TargetRedBall), std::vector<int>{10});
+  EXPECT_EQ(ids(Target::TargetLandMarks), (std::vector<int>{50, 51}));
   EXPECT_THROW(Namer::getInstance().getId(51), KR::KRError);  // taken by the manager
 
   manager->call("setActiveTarget", std::string(Target::TargetLandMarks));
@@ -701,8 +689,7 @@ TEST_F(TargetManagerTest, ReservesNamerIdsAndPublishesUnderTheirNames) {
 TEST_F(TargetManagerTest, AnIdTakenElsewhereMovesTheTargetOnByAHundred) {
   Namer::getInstance().getId(20);
   add(Target::TargetFace);
-  EXPECT_EQ(manager->call<std::vector<int>>("getTargetIds", std::string(Target::TargetFace)),
-            std::vector<int>{120});
+  EXPECT_EQ(ids(Target::TargetFace), std::vector<int>{120});
   Namer::getInstance().releaseId(20);
 }
 
@@ -731,14 +718,10 @@ TEST_F(TargetManagerTest, RefusesWhatItCannotDo) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.method);
-    try {
-      manager->callValues(c.method, c.args);
-      ADD_FAILURE() << "did not throw";
-    } catch (const KR::KRError& e) {
-      EXPECT_EQ(e.module(), "_KRTargetManager");
-      EXPECT_EQ(e.method(), c.method);
-      EXPECT_EQ(e.message(), c.message);
-    }
+    const KR::KRError e = krtest::krErrorOf([&] { manager->callValues(c.method, c.args); });
+    EXPECT_EQ(e.module(), "_KRTargetManager");
+    EXPECT_EQ(e.method(), c.method);
+    EXPECT_EQ(e.message(), c.message);
   }
 }
 
@@ -800,13 +783,11 @@ TEST_F(TrackerServiceTest, LookAtTakesItsTwoFormsAndNothingElse) {
   tracker->callValues("lookAt", {KRValue{1.0f, 0.2f, 0.3f}, 0, 0.5f, false});
   tracker->callValues("lookAt", {KRValue{1.0f, -0.2f, 0.3f}, 0, 1, 0.5f, false});
   EXPECT_EQ(motionCalls("_trackerWithSpeed").size(), 2u);
-  try {
+  const KR::KRError e = krtest::krErrorOf([&] {
     tracker->callValues("lookAt", {KRValue{1.0f, 0.2f, 0.3f}, 0, 0.5f});
-    ADD_FAILURE() << "three arguments accepted";
-  } catch (const KR::KRError& e) {
-    EXPECT_EQ(e.module(), "KRTracker");
-    EXPECT_NE(e.message().find("not 3 arguments"), std::string::npos) << e.message();
-  }
+  });
+  EXPECT_EQ(e.module(), "KRTracker");
+  EXPECT_THAT(e.message(), HasSubstr("not 3 arguments"));
 }
 
 TEST_F(TrackerServiceTest, TheConfigurationTableTravelsAsNameValuePairs) {

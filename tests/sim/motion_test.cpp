@@ -3,55 +3,25 @@
 #include <gtest/gtest.h>
 
 #include <kr/error.h>
-#include <kr/model/modelutils.h>
-#include <krsim/kinematic.h>
-#include <krsim/motion.h>
 #include <krtracker/tools/tools.h>
 
-#include "support/fake_module.h"
+#include "sim/helpers.h"
 
 namespace {
 
-using KR::KRValue;
-using KR::Math::FRAME_ROBOT;
+using namespace krtest;
 using KR::Math::FRAME_TORSO;
 using KR::Math::FRAME_WORLD;
-using KR::Math::Pose2D;
-using KR::Math::Position3D;
-using KR::Math::Transform;
-using KR::Sim::SimClock;
-using KR::Sim::SimMotion;
 
-class MotionTest : public ::testing::Test {
+// Ideal servos: these tests check the control logic, the servo model has its own tests.
+class MotionTest : public ::testing::Test, protected SimRobot {
  protected:
-  void SetUp() override { build("kibo.xml"); }
-  void build(const std::string& file) {
-    if (broker)
-      broker->shutdown();
-    robot = KR::Model::ModelUtils::robotFromXml(krtest::readRobotFile(file));
-    // Ideal servos: these tests check the control logic, the servo model has its own tests.
-    motion = std::make_shared<SimMotion>(
-        *robot, clock,
-        std::make_unique<KR::Sim::KinematicBackend>(KR::Sim::simulatedJoints(*robot).size(),
-                                                    KR::Sim::ServoModel::ideal()));
-    broker = KR::KRBroker::create("t");
-    broker->addModule(motion);
-    proxy = broker->getProxy("KRMotion", 0);
-  }
-  void TearDown() override { broker->shutdown(); }
   void run(double seconds) {
-    const int steps = static_cast<int>(std::lround(seconds / 0.01));
-    for (int i = 0; i < steps; ++i) {
+    for (long i = std::lround(seconds / 0.01); i > 0; --i) {
       clock->advance(std::chrono::milliseconds(10));
       motion->step(0.01);
     }
   }
-
-  std::shared_ptr<SimClock> clock = std::make_shared<SimClock>();
-  std::unique_ptr<KR::Model::Robot> robot;
-  std::shared_ptr<SimMotion> motion;
-  std::shared_ptr<KR::KRBroker> broker;
-  std::shared_ptr<KR::KRProxy> proxy;
 };
 
 TEST_F(MotionTest, JointsMoveAtTheCommandedFractionOfTheirVelocityLimit) {
@@ -223,7 +193,7 @@ TEST_F(MotionTest, WholeBodyGazeTurnsTheBaseUntilTheHeadIsBackInItsComfortRange)
 
 TEST_F(MotionTest, NavigationIsOnlyForRobotsOfTypeOne) {
   EXPECT_THROW(proxy->call<bool>("navigateTo", 1.0f, 1.0f), KR::KRError);
-  build("rover.xml");
+  load("rover.xml");
   EXPECT_TRUE(proxy->call<bool>("navigateTo", 1.0f, 1.0f));
   run(10.0);
   const Pose2D p = motion->getTruePose();

@@ -10,25 +10,13 @@
 #include <gmock/gmock.h>
 
 #include <kr/error.h>
-#include <krsim/base.h>
-#include <krsim/kinematic.h>
-#include <krsim/motion.h>
-#include <krsim/mujoco_backend.h>
-#include <krsim/run.h>
-#include <krsim/simulation.h>
 #include <krsim/snapshot.h>
 
 #include "sim/helpers.h"
 
 namespace {
 
-using KR::Math::Pose2D;
-using KR::Sim::BaseController;
-using KR::Sim::BaseLimits;
-using KR::Sim::KinematicBackend;
-using KR::Sim::MujocoBackend;
-using KR::Sim::SimMotion;
-using krtest::loadRobot;
+using namespace krtest;
 using testing::AllOf;
 using testing::HasSubstr;
 
@@ -36,6 +24,14 @@ void expectPoseNear(const Pose2D& actual, const Pose2D& expected, float toleranc
   EXPECT_NEAR(actual.x, expected.x, tolerance);
   EXPECT_NEAR(actual.y, expected.y, tolerance);
   EXPECT_NEAR(KR::Math::modulo2PI(actual.theta - expected.theta), 0.0f, tolerance);
+}
+
+/// A simulation of that description on that physics backend is refused.
+void expectNoSimulation(const std::string& xml, const std::string& physics) {
+  KR::Sim::SimulationConfig config;
+  config.robotXml = xml;
+  config.physics = physics;
+  EXPECT_THROW(Simulation{config}, KR::KRError);
 }
 
 TEST(PhysicsFactory, BuildsTheBackendNamedInTheConfigurationAndRefusesOthers) {
@@ -49,11 +45,7 @@ TEST(PhysicsFactory, BuildsTheBackendNamedInTheConfigurationAndRefusesOthers) {
   EXPECT_THAT([&] { KR::Sim::makePhysicsBackend("rigid", *robot); },
               testing::ThrowsMessage<KR::KRError>(
                   AllOf(HasSubstr("\"rigid\""), HasSubstr("accepted: kinematic, mujoco"))));
-
-  KR::Sim::SimulationConfig config;
-  config.robotXml = krtest::readRobotFile("kibo.xml");
-  config.physics = "rigid";
-  EXPECT_THROW(KR::Sim::Simulation{config}, KR::KRError);
+  expectNoSimulation(readRobotFile("kibo.xml"), "rigid");
 }
 
 TEST(KinematicBackend, IdealServosReachTheirTargetAtTheirSpeedAndStopExactlyOnIt) {
@@ -160,10 +152,9 @@ class SlippingBackend : public KinematicBackend {
 
 TEST(SimMotionPhysics, OdometryFollowsTheMeasuredMotionAndJointsComeFromTheBackend) {
   const auto robot = loadRobot("kibo.xml");
-  auto clock = std::make_shared<KR::Sim::SimClock>();
   auto backend = std::make_unique<SlippingBackend>(KR::Sim::simulatedJoints(*robot).size());
   SlippingBackend* physics = backend.get();
-  SimMotion motion(*robot, clock, std::move(backend));
+  SimMotion motion(*robot, std::make_shared<SimClock>(), std::move(backend));
   EXPECT_FLOAT_EQ(physics->jointAngle(2), 1.4f);  // rest angles handed to the backend
   motion.move(0.1f, 0.0f, 0.2f);
   for (int i = 0; i < 100; ++i)
@@ -234,8 +225,7 @@ TEST(MujocoModel, CamerasSitWhereTheMotionServiceComputesTheHeadEffectors) {
   for (const std::string file : {"kibo.xml", "rover.xml"}) {
     SCOPED_TRACE(file);
     const auto robot = loadRobot(file);
-    auto clock = std::make_shared<KR::Sim::SimClock>();
-    KR::Sim::SimMotion motion(*robot, clock);
+    SimMotion motion(*robot, std::make_shared<SimClock>());
     MujocoBackend backend(*robot);
     const Pose2D base{0.4f, -1.2f, 2.5f};
     motion.resetPose(base);
@@ -378,11 +368,8 @@ TEST(MujocoFaults, ARejectedDescriptionNamesTheRobotAndTheField) {
               testing::ThrowsMessage<KR::KRError>(AllOf(HasSubstr("robot \"Kibo\""),
                                                         HasSubstr("robot/arm[side=left] (mass)"),
                                                         HasSubstr("mass and inertia"))));
-  KR::Sim::SimulationConfig config;
-  config.robotXml =
-      krtest::replaced(krtest::readRobotFile("kibo.xml"), "<head ", "<head mass=\"1e-30\" ");
-  config.physics = "mujoco";
-  EXPECT_THROW(KR::Sim::Simulation{config}, KR::KRError);
+  expectNoSimulation(replaced(readRobotFile("kibo.xml"), "<head ", "<head mass=\"1e-30\" "),
+                     "mujoco");
 }
 
 TEST(MujocoFaults, AnUnstableSimulationStopsWithAnErrorInsteadOfReportingFigures) {
@@ -402,13 +389,12 @@ TEST(MujocoFaults, AnUnstableSimulationStopsWithAnErrorInsteadOfReportingFigures
                 testing::ContainsRegex("HeadYaw at .* far outside its range|non-finite"))));
 }
 
-std::unique_ptr<KR::Sim::ScenarioRun> playScenario(const std::string& name,
-                                                   const std::string& physics) {
+std::unique_ptr<ScenarioRun> playScenario(const std::string& name, const std::string& physics) {
   KR::Sim::SimulationConfig config;
   config.noise = 0.005f;
   config.physics = physics;
   config.modules = &KR::Sim::createTrackerModules;
-  auto run = std::make_unique<KR::Sim::ScenarioRun>(KR::Sim::makeScenario(name, {}), config);
+  auto run = std::make_unique<ScenarioRun>(KR::Sim::makeScenario(name, {}), config);
   run->runToEnd();
   return run;
 }
@@ -444,11 +430,11 @@ TEST(MujocoEndToEnd, EveryScenarioTracksOnThePhysicsRobotAsOnTheKinematicOne) {
 
 // Runs under Xvfb as the ctest "snapshot_xvfb"; without a display it checks the error.
 TEST(Snapshot, DrawsTheRobotItsTargetAndTheLineOfSightOffScreen) {
-  KR::Sim::ScenarioOptions options;
+  ScenarioOptions options;
   options.duration = 3.0;
   KR::Sim::SimulationConfig config;
   config.modules = &KR::Sim::createTrackerModules;
-  KR::Sim::ScenarioRun run(KR::Sim::makeScenario("ball", options), config);
+  ScenarioRun run(KR::Sim::makeScenario("ball", options), config);
   run.runToEnd();
   const std::string path = testing::TempDir() + "krtracker_snapshot_test.png";
   if (!std::getenv("DISPLAY")) {

@@ -12,17 +12,7 @@
 
 namespace {
 
-using KR::KRValue;
-using KR::Math::Pose2D;
-using KR::Math::Position3D;
-using KR::Sim::Keyframe;
-using KR::Sim::Layout;
-using KR::Sim::Path;
-using KR::Sim::SimClock;
-using KR::Sim::SimMemory;
-using KR::Sim::SimMotion;
-using KR::Sim::TargetScript;
-using KR::Sim::World;
+using namespace krtest;
 
 TEST(PathTest, InterpolatesBetweenKeyframesAndHoldsOutside) {
   Path path({{1.0, {0, 0, 0}}, {3.0, {2, -4, 1}}});
@@ -47,17 +37,10 @@ TEST(PathTest, OrbitsStayOnTheirCircleAndEndOnTime) {
   EXPECT_NEAR(std::atan2(end.y - 1, end.x - 1), 0.5 * 3.02, 1e-5);
 }
 
-class WorldTest : public ::testing::Test {
+// Kibo with the servo model of a simulation run.
+class WorldTest : public ::testing::Test, protected SimRobot {
  protected:
-  void SetUp() override {
-    robot = krtest::loadRobot("kibo.xml");
-    memory = std::make_shared<SimMemory>(clock);
-    motion = std::make_shared<SimMotion>(*robot, clock);
-    world = std::make_shared<World>(clock, memory, motion, 7);
-    world->setPerception(KR::Sim::Perception::ideal());
-    broker->addModule(motion);
-  }
-  void TearDown() override { broker->shutdown(); }
+  WorldTest() : SimRobot("kibo.xml", false) { world->setPerception(KR::Sim::Perception::ideal()); }
   /// Advances time in 10 ms steps, updating the world; returns the observations raised.
   std::vector<std::pair<std::string, KRValue>> run(double seconds) {
     std::vector<std::pair<std::string, KRValue>> out;
@@ -109,12 +92,8 @@ class WorldTest : public ::testing::Test {
     return seen;
   }
 
-  std::shared_ptr<SimClock> clock = std::make_shared<SimClock>();
-  std::unique_ptr<KR::Model::Robot> robot;
-  std::shared_ptr<SimMemory> memory;
-  std::shared_ptr<SimMotion> motion;
-  std::shared_ptr<World> world;
-  std::shared_ptr<KR::KRBroker> broker = KR::KRBroker::create("t");
+  std::shared_ptr<SimMemory> memory = std::make_shared<SimMemory>(clock);
+  std::shared_ptr<World> world = std::make_shared<World>(clock, memory, motion, 7);
 };
 
 TEST_F(WorldTest, ATargetIsPerceivedInsideTheCameraConeAndRangeUnlessHidden) {

@@ -4,7 +4,10 @@
 #include <sstream>
 #include <stdexcept>
 
+#include <gtest/gtest.h>
+
 #include <kr/error.h>
+#include <kr/model/modelutils.h>
 
 namespace krtest {
 
@@ -104,6 +107,18 @@ std::string readRobotFile(const std::string& fileName) {
   std::ostringstream os;
   os << in.rdbuf();
   return os.str();
+}
+
+std::string replaced(std::string text, const std::string& from, const std::string& to) {
+  const auto at = text.find(from);
+  EXPECT_NE(at, std::string::npos) << from;
+  return at == std::string::npos ? text : text.replace(at, from.size(), to);
+}
+
+std::unique_ptr<KR::Model::Robot> loadRobot(const std::string& file, const std::string& from,
+                                            const std::string& to) {
+  const std::string xml = readRobotFile(file);
+  return KR::Model::ModelUtils::robotFromXml(from.empty() ? xml : replaced(xml, from, to));
 }
 
 }  // namespace krtest

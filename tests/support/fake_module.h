@@ -10,6 +10,7 @@
 #include <vector>
 
 #include <kr/broker/broker.h>
+#include <kr/model/robot.h>
 #include <kr/value/krvalue.h>
 
 namespace krtest {
@@ -63,5 +64,10 @@ std::string formatCall(const KR::KRCallRecord& r);
 
 /// Text of a file of the robots/ directory.
 std::string readRobotFile(const std::string& fileName);
+/// `text` with the first `from` replaced by `to`; a failure when `from` is not in it.
+std::string replaced(std::string text, const std::string& from, const std::string& to);
+/// A robot of robots/, or that description with one piece of text replaced.
+std::unique_ptr<KR::Model::Robot> loadRobot(const std::string& file, const std::string& from = "",
+                                            const std::string& to = "");
 
 }  // namespace krtest

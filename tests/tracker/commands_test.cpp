@@ -12,19 +12,14 @@
 #include <kr/math/math.h>
 #include <krtracker/tools/tools.h>
 
+#include "geometry_test_util.h"
 #include "support/error_of.h"
 #include "tracker_fixture.h"
 
 namespace {
 
 using namespace krtest;
-using KR::Math::FRAME_ROBOT;
-using KR::Math::FRAME_TORSO;
-using KR::Math::FRAME_WORLD;
-using KR::Math::Position3D;
-namespace tools = KR::Tracker::tools;
-
-constexpr float kTorsoHeight = 0.3f;  // torso above the robot frame in the scripted motion
+using namespace geomtest;
 
 std::string motionCall(const std::string& method, std::vector<KRValue> args, bool posted = false) {
   return formatCall({"KRMotion", method, std::move(args), posted});
@@ -57,12 +52,7 @@ class CommandsTest : public TrackerTest {
  protected:
   void SetUp() override {
     TrackerTest::SetUp();
-    // The torso is the robot frame raised by kTorsoHeight; the world is the torso frame.
-    module("KRMotion").answerWith("getTransform", [](const std::vector<KRValue>& args) {
-      const bool robot = args.size() > 1 && args[1] == KRValue(2);
-      return KRValue(
-          std::vector<float>{1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, robot ? kTorsoHeight : 0.0f});
-    });
+    scriptTorsoRaised(module("KRMotion"));
     module("KRMotion").answer("robotIsWakeUp", true);
     log.clear();
   }

@@ -43,10 +43,7 @@ const char* const kGainsStderr =
     "KRTracker.configToMap: unsupported value for MOVE_THETA_GAINS config\n";
 
 // The text of the standard runtime error that call raises.
-template <class F>
-std::string errorOf(F&& call) {
-  return krtest::errorOf<std::runtime_error>(call);
-}
+const auto errorOf = [](auto&& call) { return krtest::errorOf<std::runtime_error>(call); };
 
 class ConfigTest : public ::testing::Test {
  protected:

@@ -1,7 +1,6 @@
 #include <algorithm>
 #include <cmath>
 #include <functional>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -20,9 +19,7 @@ namespace {
 
 using namespace KR;
 namespace tools = KR::Tracker::tools;
-using ko::log::Level;
-using ko::log::Record;
-using KR::Tracker::types::TrackInfos;
+using ko::log::Level, ko::log::Record, KR::Tracker::types::TrackInfos;
 
 class EventsTest : public krtest::MotionTest {
  protected:

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cmath>
 #include <functional>
 #include <map>
 #include <memory>
@@ -392,6 +391,12 @@ struct Scenarios {
   Scenario& get(std::string name, Setup setup, std::function<KRValue(T&)> f) {
     return add(std::move(name), std::move(setup), [f](Rig& rig) { return f(rig.t()); });
   }
+  /// A getter of the tracker without arguments, from idle unless told, and its failure result.
+  template <class Getter>
+  Scenario& getter(std::string name, Getter g, KRValue failure, Setup setup = idle()) {
+    return get(std::move(name), std::move(setup), [g](T& t) { return KRValue((t.*g)()); })
+        .givesOnFailure(std::move(failure));
+  }
   std::vector<Scenario> all;
 };
 
@@ -512,12 +517,8 @@ std::vector<Scenario> trackerScenarios() {
   s.act("unregisterTargets", idle(), [](T& t) { t.unregisterTargets({"Face", "Ball"}); });
   s.act("unregisterAllTargets while tracking", tracking({}),
         [](T& t) { t.unregisterAllTargets(); });
-  s.get("getSupportedTargets", idle(), [](T& t) {
-     return KRValue(t.getSupportedTargets());
-   }).givesOnFailure(kNoStrings);
-  s.get("getRegisteredTargets", idle(), [](T& t) {
-     return KRValue(t.getRegisteredTargets());
-   }).givesOnFailure(kNoStrings);
+  s.getter("getSupportedTargets", &T::getSupportedTargets, kNoStrings);
+  s.getter("getRegisteredTargets", &T::getRegisteredTargets, kNoStrings);
   s.act("setTargetCoordinates while tracking landmarks", tracking({landmarks}),
         [](T& t) { t.setTargetCoordinates(kLandmarks); });
   for (KR::Math::FRAME frame : {KR::Math::FRAME_WORLD, KR::Math::FRAME_ROBOT}) {
@@ -526,12 +527,8 @@ std::vector<Scenario> trackerScenarios() {
         .passesOn({"KRMotion.getTransform"})
         .givesOnFailure(kNoFloats);
   }
-  s.get("getEventName", tracking({}), [](T& t) {
-     return KRValue(t.getEventName());
-   }).givesOnFailure(KRValue(""));
-  s.get("getSecondEventName", tracking({}), [](T& t) {
-     return KRValue(t.getSecondEventName());
-   }).givesOnFailure(KRValue(""));
+  s.getter("getEventName", &T::getEventName, KRValue(""), tracking({}));
+  s.getter("getSecondEventName", &T::getSecondEventName, KRValue(""), tracking({}));
 
   // Modes and move configuration.
   s.act("setMode WholeBody while tracking", tracking({}), [](T& t) { t.setMode("WholeBody"); });
@@ -550,14 +547,12 @@ std::vector<Scenario> trackerScenarios() {
   s.act("setMoveHysteresis", idle(), [](T& t) {
      t.setMoveHysteresis({0.2f, 0.2f, 0.05f});
    }).passesOn({"_Smoother._setMoveHysteresis"});
-  s.get("getMoveHysteresis", idle(), [](T& t) { return KRValue(t.getMoveHysteresis()); })
-      .passesOn({"_Smoother._getMoveHysteresis"})
-      .givesOnFailure(kNoFloats);
+  s.getter("getMoveHysteresis", &T::getMoveHysteresis, kNoFloats)
+      .passesOn({"_Smoother._getMoveHysteresis"});
   s.act("setMoveEvent", idle(), [](T& t) { t.setMoveEvent("MoveEvent"); });
-  s.get("getRobotPosition tracking landmarks", tracking({landmarks}),
-        [](T& t) { return KRValue(t.getRobotPosition()); })
-      .passesOn({"_Smoother.getPosition"})
-      .givesOnFailure(kNoFloats);
+  s.getter("getRobotPosition tracking landmarks", &T::getRobotPosition, kNoFloats,
+           tracking({landmarks}))
+      .passesOn({"_Smoother.getPosition"});
 
   // Effectors.
   s.act("setEffector LArm while tracking", tracking({"Face", "WholeBody"}),
@@ -573,18 +568,14 @@ std::vector<Scenario> trackerScenarios() {
 
   // Speed limits, smoother and searcher settings.
   s.act("setTimeOut", idle(), [](T& t) { t.setTimeOut(2000); });
-  s.get("getTimeOut", idle(), [](T& t) {
-     return KRValue(t.getTimeOut());
-   }).givesOnFailure(KRValue(0));
+  s.getter("getTimeOut", &T::getTimeOut, KRValue(0));
   s.act("setExtractorPeriod", idle(), [](T& t) { t.setExtractorPeriod("Face", 200); });
   s.get("getExtractorPeriod", idle(), [](T& t) {
      return KRValue(t.getExtractorPeriod("Face"));
    }).givesOnFailure(KRValue(-1));
   s.act("setMaximumDistanceDetection", idle(), [](T& t) { t.setMaximumDistanceDetection(2.5f); });
   s.act("setSearcherFractionMaxSpeed", idle(), [](T& t) { t.setSearcherFractionMaxSpeed(0.3f); });
-  s.get("getSearcherFractionMaxSpeed", idle(), [](T& t) {
-     return KRValue(t.getSearcherFractionMaxSpeed());
-   }).givesOnFailure(KRValue(0.0f));
+  s.getter("getSearcherFractionMaxSpeed", &T::getSearcherFractionMaxSpeed, KRValue(0.0f));
   s.act("searcherSetUseWholeBodyLookAt", idle(),
         [](T& t) { t.searcherSetUseWholeBodyLookAt(true); });
   s.act("toggleSearch on while tracking", tracking({}), [](T& t) { t.toggleSearch(true); });

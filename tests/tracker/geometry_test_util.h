@@ -5,6 +5,7 @@
 #include <cmath>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <Eigen/Core>
 #include <Eigen/Geometry>
@@ -20,20 +21,19 @@
 namespace geomtest {
 
 // The vocabulary of the geometry tests, which open this namespace.
-using KR::KRValue;
-using KR::Math::Position3D;
-using KR::Math::Transform;
-using KR::Model::KRTrackerModel;
+using KR::KRValue, KR::Model::KRTrackerModel;
+using KR::Math::aimError, KR::Math::Position3D, KR::Math::Transform;
+using KR::Math::FRAME_ROBOT, KR::Math::FRAME_TORSO, KR::Math::FRAME_WORLD;
+using Names = std::vector<std::string>;
+using Floats = std::vector<float>;
 namespace tools = KR::Tracker::tools;
 
 /// Fixed seed of every random sweep; change it here to explore other inputs.
 constexpr unsigned kSeed = 20261121u;
 
 inline KR::Model::KRTrackerModel loadModel(const std::string& robotFile) {
-  const std::unique_ptr<KR::Model::Robot> robot =
-      KR::Model::ModelUtils::robotFromXml(krtest::readRobotFile(robotFile));
   KR::Model::KRTrackerModel model;
-  robot->fillTrackerModel(model);
+  krtest::loadRobot(robotFile)->fillTrackerModel(model);
   return model;
 }
 
@@ -51,6 +51,18 @@ inline KR::Math::Position3D pointInDirection(const KR::Math::Position3D& origin,
                                   KR::Math::Transform::fromRotZ(yaw) *
                                   KR::Math::Transform::fromRotY(pitch);
   return ray * KR::Math::Position3D(distance, 0.0f, 0.0f);
+}
+
+/// Height of the torso above the robot frame in the motion service of scriptTorsoRaised.
+constexpr float kTorsoHeight = 0.3f;
+
+/// Scripts the motion service's transforms: the torso is the robot frame raised by
+/// kTorsoHeight; every other frame is the torso frame.
+inline void scriptTorsoRaised(krtest::FakeModule& motion) {
+  motion.answerWith("getTransform", [](const std::vector<KRValue>& args) {
+    const bool robotFrame = args.size() > 1 && args[1] == KRValue(2);
+    return KRValue(Floats{1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, robotFrame ? kTorsoHeight : 0.0f});
+  });
 }
 
 /// True when the angle sits on one of the joint's limits, i.e. the clip may have acted.

@@ -2,7 +2,6 @@
 // pose must actually look at the target.
 
 #include <cmath>
-#include <memory>
 #include <random>
 #include <string>
 #include <vector>
@@ -23,12 +22,7 @@
 namespace {
 
 using namespace geomtest;
-using KR::Math::aimError;
-using KR::Model::headEffectorPose;
-using KR::Model::TRACK_EFFECTOR;
-using KR::Model::TrackerHeadAngle;
-using Names = std::vector<std::string>;
-using Floats = std::vector<float>;
+using KR::Model::headEffectorPose, KR::Model::TRACK_EFFECTOR, KR::Model::TrackerHeadAngle;
 
 const char* const kRobotFiles[] = {"kibo.xml", "rover.xml"};
 constexpr TRACK_EFFECTOR kTop = KR::Model::TRACK_EFFECTOR_CAMERA_TOP;
@@ -356,16 +350,10 @@ TEST(LookBehind, TargetsInFrontOrAbeamAreNotBehind) {
 
 class ToolsLookAtTest : public krtest::MotionTest {
  protected:
-  void SetUp() override {
-    // The torso at the robot frame's origin raised by 0.3 m; identity elsewhere.
-    fake_->answerWith("getTransform", [](const std::vector<KRValue>& args) {
-      const bool robotFrame = args.size() > 1 && args[1] == KRValue(2);
-      return KRValue(Floats{1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, robotFrame ? 0.3f : 0});
-    });
-  }
+  void SetUp() override { scriptTorsoRaised(*fake_); }
 
   void lookAt(const Position3D& target, float fraction, bool wholeBody = false) {
-    tools::lookAt(motion_, model_, target, KR::Math::FRAME_TORSO, kTop, fraction, wholeBody);
+    tools::lookAt(motion_, model_, target, FRAME_TORSO, kTop, fraction, wholeBody);
   }
   Names methods() const {
     Names out;
@@ -390,7 +378,7 @@ TEST_F(ToolsLookAtTest, SendsTheComputedAnglesAtTheGivenSpeed) {
     ASSERT_EQ(methods(), (Names{"getTransform", "_trackerWithSpeed"}));
 
     const Look l =
-        look(wholeBody ? target + Position3D(0, 0, 0.3f) : target, model_, kTop, wholeBody);
+        look(wholeBody ? target + Position3D(0, 0, kTorsoHeight) : target, model_, kTop, wholeBody);
     ASSERT_TRUE(l.ok);
     const std::vector<KRValue> expected{KRValue(l.names), KRValue(l.angles), KRValue(Floats{0.4f}),
                                         KRValue(wholeBody), KRValue(false)};

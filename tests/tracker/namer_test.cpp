@@ -22,10 +22,7 @@ const std::string kCastError =
     "bad lexical cast: source type value could not be interpreted as target";
 
 // The text of the KRError a call raises: "KRTracker::<method>: <message>".
-template <class F>
-std::string errorOf(F&& call) {
-  return krtest::errorOf<KR::KRError>(call);
-}
+const auto errorOf = [](auto&& call) { return krtest::errorOf<KR::KRError>(call); };
 
 class NamerTest : public ::testing::Test {
  protected:

@@ -56,7 +56,7 @@ TEST(ArmPointAt, ForearmPointsAtTargetsWithinTheJointLimits) {
             atLimit(q.a[3], arm->joints[3]))
           continue;  // the arm cannot reach that direction
         const Transform h = KR::Model::forearmPose(*arm, q.a[0], q.a[1], q.a[2], q.a[3]);
-        EXPECT_LT(KR::Math::aimError(h, target), kOneDegree)
+        EXPECT_LT(aimError(h, target), kOneDegree)
             << file << " " << arm->name << " target " << target;
         ++checked;
 

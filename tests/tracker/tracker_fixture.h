@@ -62,19 +62,12 @@ inline const std::vector<std::string>& trackerModuleNames() {
 /// Opens the internal operations and state to the tests.
 class TrackerProbe : public KR::Tracker::GenericTracker {
  public:
-  using GenericTracker::fActive;
-  using GenericTracker::fCanLookBehind;
-  using GenericTracker::fCanNavigate;
-  using GenericTracker::fCanPointAt;
-  using GenericTracker::fModel;
-  using GenericTracker::fNotLandMarks;
-  using GenericTracker::fSearcherRunning;
-  using GenericTracker::GenericTracker;
-  using GenericTracker::xRestartSmoother;
-  using GenericTracker::xStartSmoother;
-  using GenericTracker::xStopArmLooker;
-  using GenericTracker::xStopHeadTracking;
-  using GenericTracker::xUpdateMode;
+  using GenericTracker::fActive, GenericTracker::fCanLookBehind, GenericTracker::fCanNavigate,
+      GenericTracker::fCanPointAt, GenericTracker::fModel, GenericTracker::fNotLandMarks,
+      GenericTracker::fSearcherRunning, GenericTracker::GenericTracker,
+      GenericTracker::xRestartSmoother, GenericTracker::xStartSmoother,
+      GenericTracker::xStopArmLooker, GenericTracker::xStopHeadTracking,
+      GenericTracker::xUpdateMode;
 
   /// Stores a mode without validation, as only internal code can.
   void forceMode(const std::string& mode) {
