@@ -12,15 +12,11 @@
 #include <krsim/run.h>
 #include <krtracker/tools/tools.h>
 
+#include "sim/helpers.h"
+
 namespace {
 
-using KR::Math::Position3D;
-using KR::Sim::MeasureSample;
-using KR::Sim::PhaseMeter;
-using KR::Sim::PhaseSetup;
-using KR::Sim::Scenario;
-using KR::Sim::ScenarioRun;
-using KR::Sim::Simulation;
+using namespace krtest;
 
 MeasureSample seen(double t, double horizontalDeg) {
   MeasureSample s;

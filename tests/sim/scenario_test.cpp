@@ -19,12 +19,7 @@
 
 namespace {
 
-using KR::Math::Position3D;
-using KR::Sim::PhaseMeasures;
-using KR::Sim::PhaseSummary;
-using KR::Sim::Sample;
-using KR::Sim::ScenarioOptions;
-using KR::Sim::ScenarioRun;
+using namespace krtest;
 
 /// A finished run of a built-in scenario (ideal camera and servos) with every sample, the
 /// times of the tracker's losses and detections, and the CSV it streamed.
