@@ -236,7 +236,6 @@ void ScenarioRun::xRecord() {
 
     MeasureSample m;
     m.time = s.time;
-    m.inView = s.inView;
     m.perceived = s.perceived;
     m.trackerLost = fTrackerLost;
     m.hasLineOfSight = true;

@@ -21,7 +21,7 @@ using namespace krtest;
 MeasureSample seen(double t, double horizontalDeg) {
   MeasureSample s;
   s.time = t;
-  s.inView = s.perceived = s.hasLineOfSight = true;
+  s.perceived = s.hasLineOfSight = true;
   s.horizontalDeg = horizontalDeg;
   s.lineOfSightDeg = std::fabs(horizontalDeg);
   return s;
@@ -73,8 +73,8 @@ TEST(MeasuresTest, BiasAndJitterAreSeparated) {
 
 // On target for 2 s, hidden from 2 s to 5 s (the tracker reports the loss at 3 s), searched
 // for out of view until 7 s, on target again from 7.5 s: 5.5 s counted from the loss, not the
-// 0.5 s from re-detection. Line of sight counts the visible samples: the 50 degrees at which
-// the hidden target moves away, in view but occluded, are not among them.
+// 0.5 s from re-detection. Line of sight counts the visible samples only: the 50 degrees at
+// which the hidden target moves away are not among them.
 TEST(MeasuresTest, TimeToOnTargetCountsFromTheLossWithTheSearch) {
   PhaseMeter meter({"lost", 0.0, 3.0, true, false});
   for (int i = 1; i <= 1000; ++i) {
@@ -82,10 +82,9 @@ TEST(MeasuresTest, TimeToOnTargetCountsFromTheLossWithTheSearch) {
     MeasureSample s = seen(t, 1.0);
     if (t > 2.0 && t <= 5.0) {
       s.perceived = false;
-      s.inView = t <= 4.0;
       s.horizontalDeg = s.lineOfSightDeg = 50.0;
     } else if (t > 5.0 && t <= 7.5) {
-      s.inView = s.perceived = t > 7.0;
+      s.perceived = t > 7.0;
       s.lineOfSightDeg = 40.0;
     }
     s.trackerLost = t > 3.0 && t <= 7.2;
@@ -105,7 +104,7 @@ TEST(MeasuresTest, TimeToOnTargetCountsFromTheLossWithTheSearch) {
   PhaseMeter never({"gone", 0.0, 3.0, true, false});
   never.add(seen(0.01, 0.5));
   MeasureSample gone = seen(0.02, 0.5);
-  gone.perceived = gone.inView = false;
+  gone.perceived = false;
   never.add(gone);
   EXPECT_FALSE(never.result().timeToOnTargetS);
 }

@@ -31,7 +31,6 @@ namespace Sim {
 /// One step of a phase as the measures see it.
 struct MeasureSample {
   double time = 0.0;         // [s]
-  bool inView = false;       // inside the camera's field of view (occluded or not)
   bool perceived = false;    // the camera can see it (in view and not occluded)
   bool trackerLost = false;  // the tracker's own state: lost since its last detection
   bool hasLineOfSight = false;
