@@ -42,10 +42,11 @@ demo: build
 	./$(BUILD)/sim/krtracker-sim $(DEMO_ARGS)
 
 # Two processes of krtracker-sim: the tracking service, and the robot side playing the scenario
-# in real time. DDS stays on loopback; the topic prefix keeps concurrent demos apart.
+# in real time. DDS stays on the loopback network (KR::kLoopbackDdsConfig: interface lo,
+# multicast off, one discovery peer 127.0.0.1); the topic prefix keeps concurrent demos apart.
 DEMO_SCENARIO ?= ball
 demo-remote: build
-	@unset KRTRACKER_DDS_CONFIG CYCLONEDDS_URI; export KRTRACKER_REMOTE_PREFIX=krdemo_$$$$; \
+	@unset CYCLONEDDS_URI; export KRTRACKER_DDS_CONFIG=loopback KRTRACKER_REMOTE_PREFIX=krdemo_$$$$; \
 	./$(BUILD)/sim/krtracker-sim remote-tracker & tracker=$$!; \
 	./$(BUILD)/sim/krtracker-sim remote-robot $(DEMO_SCENARIO); rc=$$?; \
 	wait $$tracker; exit $$rc

@@ -45,6 +45,7 @@ int host(const char* prefix) {
   auto broker = KR::KRBroker::create("bench-host");
   broker->addModule(makeModule());
   KR::KRRemoteOptions options;
+  options.ddsConfig = KR::kLoopbackDdsConfig;  // interface lo, no multicast, peer 127.0.0.1
   options.topicPrefix = prefix;
   options.servingThreads = 1;
   auto remote = KR::KRRemote::attach(broker, options);
@@ -83,8 +84,8 @@ void print(const char* name, const Result& r) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  // The transport's default network, loopback only, whatever the environment asks for.
-  ::unsetenv("KRTRACKER_DDS_CONFIG");
+  // Both sides join the loopback-only network given in their options; Cyclone's own
+  // configuration from the environment is not consulted.
   ::unsetenv("CYCLONEDDS_URI");
   if (argc == 3 && std::strcmp(argv[1], "--host") == 0)
     return host(argv[2]);
@@ -114,6 +115,7 @@ int main(int argc, char** argv) {
 
   auto broker = KR::KRBroker::create("bench-caller");
   KR::KRRemoteOptions options;
+  options.ddsConfig = KR::kLoopbackDdsConfig;  // interface lo, no multicast, peer 127.0.0.1
   options.topicPrefix = prefix;
   auto remote = KR::KRRemote::attach(broker, options);
   if (!remote->waitForModule("BenchRemote", std::chrono::seconds(10))) {

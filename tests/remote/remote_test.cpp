@@ -174,6 +174,8 @@ TEST(RemoteOptions, TheNetworkIsLoopbackUnlessTheEnvironmentNamesAnother) {
   EXPECT_EQ(KR::remoteOptionsFromEnvironment().ddsConfig, "file:///etc/robot-network.xml");
   ::setenv("KRTRACKER_DDS_CONFIG", "engine", 1);
   EXPECT_EQ(KR::remoteOptionsFromEnvironment().ddsConfig, "");
+  ::setenv("KRTRACKER_DDS_CONFIG", "loopback", 1);
+  EXPECT_EQ(KR::remoteOptionsFromEnvironment().ddsConfig, KR::kLoopbackDdsConfig);
   ::unsetenv("KRTRACKER_DDS_CONFIG");
 }
 

@@ -565,8 +565,12 @@ void KRRemote::close() {
 
 KRRemoteOptions remoteOptionsFromEnvironment() {
   KRRemoteOptions options;
-  if (const char* config = std::getenv("KRTRACKER_DDS_CONFIG"); config && *config)
-    options.ddsConfig = std::string(config) == "engine" ? std::string() : std::string(config);
+  if (const char* config = std::getenv("KRTRACKER_DDS_CONFIG"); config && *config) {
+    const std::string name(config);
+    options.ddsConfig = name == "engine"     ? std::string()
+                        : name == "loopback" ? std::string(kLoopbackDdsConfig)
+                                             : name;
+  }
   if (const char* prefix = std::getenv("KRTRACKER_REMOTE_PREFIX"); prefix && *prefix)
     options.topicPrefix = prefix;
   if (const char* ms = std::getenv("KRTRACKER_REMOTE_TIMEOUT_MS"); ms && *ms)

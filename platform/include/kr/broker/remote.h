@@ -85,8 +85,8 @@ class KRRemote {
 
 /// Options from the environment, for programs started by hand: KRTRACKER_REMOTE_PREFIX (topic
 /// prefix), KRTRACKER_REMOTE_TIMEOUT_MS (timeout), KRTRACKER_REMOTE_DOMAIN (domain id),
-/// KRTRACKER_DDS_CONFIG (the network: a Cyclone DDS configuration, or "engine" to use
-/// CYCLONEDDS_URI); loopback only when it is not set.
+/// KRTRACKER_DDS_CONFIG (the network: a Cyclone DDS configuration, "loopback" for
+/// kLoopbackDdsConfig, or "engine" to use CYCLONEDDS_URI); loopback only when it is not set.
 KRRemoteOptions remoteOptionsFromEnvironment();
 
 }  // namespace KR
