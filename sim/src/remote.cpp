@@ -14,6 +14,8 @@
 #include <kr/broker/remote.h>
 #include <kr/error.h>
 
+#include <krtracker/config/krgenerictrackerconfig.h>
+
 #include <krsim/module.h>
 #include <krsim/modules/trackerservice.h>
 #include <krsim/run.h>
@@ -46,6 +48,23 @@ bool waitForAll(KRRemote& remote, const std::vector<std::string>& names,
       return false;
   }
   return true;
+}
+
+/// The sub-modules run in this process and read its configuration table, while the scenario's
+/// actions change the tracker's, in the tracking service's process: after each action the
+/// table here takes the tracker's values, each kept in the kind it has here (a switch stays a
+/// bool).
+void mirrorTrackerConfig(Simulation& sim) {
+  const KRValue pairs = sim.broker().getProxy("KRTracker", 0)->callValues("getTrackerConfig", {});
+  for (std::size_t i = 0; i < pairs.size(); ++i) {
+    const Tracker::ConfigKey key = Tracker::getConfigKeyFromStr(pairs[i][0].asString());
+    if (key == Tracker::UNKNOWN_CONFIG_KEY)
+      continue;
+    const float value = pairs[i][1].asFloat();
+    const bool isSwitch =
+        Tracker::getConfig()->fFast[key].load() >> 32 == Tracker::detail::kFastBool;
+    Tracker::setConfigValue(key, isSwitch ? KRValue(value != 0.0f) : KRValue(value));
+  }
 }
 
 }  // namespace
@@ -92,7 +111,13 @@ int runRemoteRobot(const std::string& scenarioName, std::ostream& out, std::ostr
     found = remote->waitForModule("KRTracker", 120s);
     return modules;
   };
-  const Scenario scenario = makeScenario(scenarioName, ScenarioOptions{});
+  Scenario scenario = makeScenario(scenarioName, ScenarioOptions{});
+  for (Action& action : scenario.actions) {
+    action.run = [act = std::move(action.run)](Simulation& sim) {
+      act(sim);
+      mirrorTrackerConfig(sim);
+    };
+  }
   ScenarioRun run(scenario, config);
   if (!found) {
     err << "robot: the tracking service did not appear within 120 s\n";
