@@ -9,10 +9,10 @@
 #include <string>
 #include <vector>
 
-#include <krsim/cli.h>
-#include <krsim/module.h>
-#include <krsim/simulation.h>
-#include <krsim/snapshot.h>
+#include <app/cli.h>
+#include <krsim/report/snapshot.h>
+#include <krsim/run/simulation.h>
+#include <krsim/tracking/context.h>
 
 int main(int argc, char** argv) {
   const std::vector<std::string> args(argv + 1, argv + argc);

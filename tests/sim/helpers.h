@@ -11,17 +11,17 @@
 
 #include <gtest/gtest.h>
 
+#include <app/cli.h>
 #include <kr/model/modelutils.h>
-#include <krsim/base.h>
-#include <krsim/cli.h>
-#include <krsim/kinematic.h>
-#include <krsim/measures.h>
-#include <krsim/motion.h>
-#include <krsim/mujoco_backend.h>
-#include <krsim/run.h>
-#include <krsim/scenario.h>
-#include <krsim/simulation.h>
-#include <krsim/world.h>
+#include <krsim/robot/base_controller.h>
+#include <krsim/robot/motion.h>
+#include <krsim/robot/physics/kinematic.h>
+#include <krsim/robot/physics/mujoco.h>
+#include <krsim/run/measures.h>
+#include <krsim/run/scenario.h>
+#include <krsim/run/scenario_run.h>
+#include <krsim/run/simulation.h>
+#include <krsim/world/world.h>
 
 #include "support/fake_module.h"
 

@@ -1,0 +1,40 @@
+#pragma once
+// MotionMove: the sub-module "_MotionMove". While started, every step it drives the base
+// with "move"(vx, vy, vtheta) so that the target stays at the relative position given to the
+// smoother: the target's own velocity (feed-forward) plus, on each axis whose error has left
+// its threshold (until it is back within half of it), a PID on the error with the gains
+// MOVE_X_GAINS, MOVE_Y_GAINS and MOVE_THETA_GAINS [kp, ki, kd]. A command for which
+// isNullMoveCommand(command, kNullCommand) holds is not sent; the base is stopped instead if
+// this mover had set it going. With LOG_MOVE_COMMAND on, each command goes to the log
+// "MotionMove.txt".
+//
+// Remote methods: "start"(), "stopMove"(), "setParam"(config), "exit"().
+
+#include <array>
+
+#include <krsim/tracking/mover_base.h>
+
+namespace KR {
+namespace Sim {
+
+class MotionMove : public MoverBase {
+ public:
+  static constexpr const char* kLogFile = "MotionMove.txt";
+  /// Commands below this sum |vx| + |vy| + |vtheta| are not sent.
+  static constexpr float kNullCommand = 0.01f;
+
+  explicit MotionMove(const SimContext& context);
+
+  void update(KRTimePoint now) override;
+  void stopMove();
+
+ private:
+  std::array<bool, 3> fCorrecting{};
+  std::array<float, 3> fIntegral{};
+  std::array<float, 3> fLastError{};
+  KRTimePoint fLastUpdate{};
+  bool fLogFirst = true;
+};
+
+}  // namespace Sim
+}  // namespace KR

@@ -1,0 +1,217 @@
+#pragma once
+// The world of the simulated robot: targets moving on scripted paths in the map frame, seen
+// by the head camera (or heard, for a sound source) and published as tracker events in
+// platform memory, the way the robot's detection modules would.
+//
+// The head camera takes frames at Perception::cameraRateHz. On a frame, a target is detected
+// when it lies in the field of view of the head camera of the configured effector (0: top
+// camera by default) and within range, unless the frame misses it (Perception::dropout). The
+// detection is a point in the camera frame, with an angular error and a distance error that
+// grows with the distance. It is delivered Perception::latencyS later, stamped with the
+// capture time: the detection module converts it into the event's frame with the head and
+// base pose it reads when it publishes, as a robot's vision service does, so a consumer that
+// wants the pose at capture time asks KRMotion for it ("_getSensorTransformAtTime").
+//
+// Observations are raised on KRMemory under the event name(s) that the target manager gives
+// for its kind, on the first frame of every period of that kind, in one of the two tracker
+// event layouts:
+//   Layout::World  [[x, y, z, wx, wy, wz] (FRAME_WORLD), [sec, usec], effector(, threshold)]
+//   Layout::Torso  [[torso 6D], [robot 6D], [sec, usec], effector(, threshold)]
+// FRAME_WORLD is the motion service's odometry frame, so a drifting odometry shows in the
+// events as it would on a robot. Every random draw (dropout, angle, distance, then the extra
+// Gaussian noise on each map coordinate) comes from one std::mt19937 seeded at construction,
+// in a fixed order: the same seed gives the same run. An observation that is not finite is
+// never raised.
+//
+// Kinds are the platform's target names ("RedBall", "Face", "People", "Sound", "LandMarks").
+// When several targets of one kind are seen, the nearest is published; "LandMarks" is the
+// exception: its i-th target goes to the i-th event name, so two landmarks need two names.
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <kr/math/math.h>
+#include <kr/value/krvalue.h>
+
+#include <krsim/robot/clock.h>
+#include <krsim/robot/memory.h>
+#include <krsim/robot/motion.h>
+
+namespace KR {
+namespace Sim {
+
+/// A scripted path: keyframes in the map frame, interpolated linearly, held before the first
+/// and after the last.
+struct Keyframe {
+  double time = 0.0;          // [s] since the start of the simulation
+  Math::Position3D position;  // map frame [m]
+};
+
+class Path {
+ public:
+  Path() = default;
+  explicit Path(std::vector<Keyframe> keyframes);
+  static Path fixed(const Math::Position3D& position);
+  /// A circle about `center` (map frame) at height z, from `startAngle` [rad] turning at
+  /// `angularSpeed` [rad/s] from `startTime` to `endTime`, sampled every `sampleStep` seconds.
+  static Path orbit(const Math::Position3D& center, float radius, float z, float startAngle,
+                    float angularSpeed, double startTime, double endTime, double sampleStep = 0.05);
+  /// Appends the keyframes of another path (which must start later).
+  Path& then(const Path& other);
+  Path& add(double time, const Math::Position3D& position);
+
+  Math::Position3D at(double time) const;
+  const std::vector<Keyframe>& keyframes() const { return fKeyframes; }
+
+ private:
+  std::vector<Keyframe> fKeyframes;
+};
+
+struct TimeInterval {
+  double begin = 0.0;  // [s]
+  double end = 0.0;    // [s]
+  bool contains(double t) const { return t >= begin && t < end; }
+};
+
+enum class Layout { World, Torso };
+
+/// How the head camera and its on-board detector see. The defaults are those of a typical
+/// robot head camera running a face or ball detector on board:
+/// - 15 Hz: detectors on an embedded CPU or a small accelerator run at 10 to 30 Hz; 15 Hz is
+///   the middle of that range (one frame in two of a 30 fps sensor).
+/// - 80 ms: capture to delivery adds half a frame of exposure and readout (17 ms at 30 fps),
+///   the detector's inference (30 to 50 ms) and the transport to the robot's middleware
+///   (10 ms); published measurements of such pipelines lie between 30 and 150 ms.
+/// - 3 mrad of angular error: about 2 pixels of centroid jitter for a 640-pixel-wide image
+///   across a 60-degree lens (560 pixels of focal length).
+/// - distance error 0.02 * d^2 [m] at d metres: the distance comes from the apparent size of
+///   the target, whose pixel error is relative to a size that shrinks as 1/d; 2 % at 1 m is
+///   one pixel on the 30-pixel image of a 6 cm ball, then growing with the square.
+/// - no dropout by default, so that a run shows the latency alone; 0.1 is a typical miss
+///   rate of a detector on a moving target.
+struct Perception {
+  double cameraRateHz = 15.0;   // frames per second; 0: a frame every update
+  double latencyS = 0.08;       // capture to delivery [s]
+  double dropout = 0.0;         // probability that a frame misses the target
+  float angleNoise = 0.003f;    // standard deviation of each of two angles [rad]
+  float distanceNoise = 0.02f;  // standard deviation of the distance over its square [1/m]
+
+  /// A frame every update, delivered at once, exact and never missed.
+  static Perception ideal() { return {0.0, 0.0, 0.0, 0.0f, 0.0f}; }
+};
+
+struct TargetScript {
+  std::string name;  // unique in the world, e.g. "ball"
+  std::string kind;  // "RedBall", "Face", "People", "Sound" or "LandMarks"
+  Path path;
+  std::vector<TimeInterval> hidden;  // occluded: not seen whatever the camera does
+  Layout layout = Layout::Torso;
+  float maxRange = 0.0f;        // [m]; 0: the camera's range
+  bool heard = false;           // perceived in every direction within range (a sound)
+  float headThreshold = -1.0f;  // appended to the events when >= 0 [rad]
+};
+
+/// State of one target at the last update.
+struct TargetState {
+  std::string name;
+  std::string kind;
+  Math::Position3D position;   // map frame
+  bool inFieldOfView = false;  // inside the camera's cone and range
+  bool perceived = false;      // in view (or heard) and not hidden
+};
+
+class World {
+ public:
+  /// Default observation periods [ms] by kind.
+  static int defaultPeriodMs(const std::string& kind);
+
+  World(std::shared_ptr<const SimClock> clock, std::shared_ptr<SimMemory> memory,
+        std::shared_ptr<SimMotion> motion, std::uint32_t seed);
+
+  void addTarget(TargetScript script);
+  std::vector<TargetScript> targets() const;
+  /// Position of a target in the map frame at a time [s]; KRError for an unknown name.
+  Math::Position3D targetPosition(const std::string& name, double time) const;
+  /// States at the last update, in the order of addTarget.
+  std::vector<TargetState> states() const;
+  TargetState state(const std::string& name) const;
+
+  /// Standard deviation of extra noise on each map coordinate [m]; 0 by default.
+  void setNoise(float sigma);
+  /// The camera and detector; KRError for a negative rate, latency or noise, or a dropout
+  /// outside [0, 1].
+  void setPerception(const Perception& perception);
+  Perception getPerception() const;
+  /// Which head camera (TRACK_EFFECTOR 0, 1, 2) sees, and which effector the events carry.
+  void setCameraEffector(int effector);
+  int getCameraEffector() const;
+
+  // ---- what the target manager drives ------------------------------------------------------
+  /// Publishes the observations of a kind under these event names (one, or two for
+  /// "LandMarks"). Replaces any earlier names of that kind.
+  void startPublishing(const std::string& kind, std::vector<std::string> eventNames);
+  void stopPublishing(const std::string& kind);
+  void stopPublishingAll();
+  std::map<std::string, std::vector<std::string>> publishing() const;
+  void setPeriodMs(const std::string& kind, int periodMs);
+  int getPeriodMs(const std::string& kind) const;
+  /// Kinds that have at least one target in the world.
+  std::vector<std::string> kinds() const;
+
+  /// Whether a map-frame point lies in the camera's field of view and within range.
+  bool isInFieldOfView(const Math::Position3D& mapPoint, float range) const;
+
+  /// Moves the targets to the clock's time, updates their states and raises the observations
+  /// that are due. Events are raised after the world's lock is released.
+  void update();
+
+ private:
+  struct Target {
+    TargetScript script;
+    TargetState state;
+  };
+  struct Publication {
+    std::vector<std::string> eventNames;
+    std::int64_t nextDueNs = -1;  // clock elapsed time of the next observation [ns]
+  };
+  /// A detection on its way to the tracker.
+  struct Detection {
+    std::int64_t deliverNs = 0;  // clock elapsed time of delivery [ns]
+    KRTimePoint captured;
+    std::string eventName;
+    Math::Position3D cameraToObject;  // camera frame at capture [m]
+    Layout layout = Layout::Torso;
+    int effector = 0;
+    float headThreshold = -1.0f;
+  };
+
+  void xDetect(const Target& target, const std::string& eventName, KRTimePoint now,
+               const Math::Transform& mapToCamera, std::int64_t elapsedNs);
+  std::optional<KRValue> xMakeEvent(const Detection& detection);
+  bool xFrameDue(std::int64_t elapsedNs);
+
+  std::shared_ptr<const SimClock> fClock;
+  std::shared_ptr<SimMemory> fMemory;
+  std::shared_ptr<SimMotion> fMotion;
+  mutable std::mutex fMutex;
+  std::vector<Target> fTargets;
+  std::map<std::string, Publication> fPublications;
+  std::map<std::string, int> fPeriodsMs;
+  float fNoise = 0.0f;
+  int fEffector = 0;
+  Perception fPerception;
+  std::int64_t fNextFrameNs = 0;
+  std::deque<Detection> fInFlight;  // in order of delivery
+  std::mt19937 fRandom;
+};
+
+}  // namespace Sim
+}  // namespace KR

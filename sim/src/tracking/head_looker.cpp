@@ -1,0 +1,80 @@
+#include <krsim/tracking/head_looker.h>
+
+#include <algorithm>
+
+#include <kr/error.h>
+#include <kr/math/math.h>
+
+namespace KR {
+namespace Sim {
+
+namespace {
+/// Fraction of a joint's velocity limit that gives `speed`, within ]0, 1].
+float fractionOf(float speed, const Model::TrackerJoint& joint) {
+  if (joint.maxVelocity <= 0.0f) {
+    return 1.0f;
+  }
+  return std::clamp(speed / joint.maxVelocity, 1e-3f, 1.0f);
+}
+}  // namespace
+
+HeadLooker::HeadLooker(const SimContext& context)
+    : LookerBase(kHeadLookerModule, context, Tracker::Namer::getNameHeadRestarted()) {
+  fNames.resize(2);
+  fAngles.resize(2);
+  bind("setImplParam", &HeadLooker::setImplParam, this);
+}
+
+void HeadLooker::setImplParam(const KRValue& params) {
+  if (!params.isArray() || params.size() != 2 || !params[0].isNumber() || !params[1].isNumber()) {
+    throw KRError(kHeadLookerModule, "setImplParam", "Expected [maxVelocity, maxAcceleration].");
+  }
+  const float velocity = params[0].asFloat();
+  const float acceleration = params[1].asFloat();
+  if (!(velocity > 0.0f) || !(acceleration > 0.0f)) {
+    throw KRError(kHeadLookerModule, "setImplParam",
+                  "The maximum velocity and acceleration must be strictly positive.");
+  }
+  std::lock_guard<std::mutex> lock(fMutex);
+  fState.maxVelocity = velocity;
+  fState.maxAcceleration = acceleration;
+}
+
+bool HeadLooker::xFollow(const TargetInput::Sample& sample, KRTimePoint now) {
+  HeadLookerState& s = fState;
+  const float dt = s.lastUpdate == KRTimePoint{}
+                       ? 0.0f
+                       : static_cast<float>(std::min(secondsBetween(s.lastUpdate, now), 0.1));
+  s.lastUpdate = now;
+  xResyncHead(s.angle);
+
+  const Math::Transform worldToTorso = Tracker::tools::getWorldToTorsoTransform(fMotion);
+  const Math::Position3D target = sample.info.getTorsoToObject3D(Math::pinv(worldToTorso));
+  const int effector =
+      std::clamp(sample.info.getTrackEffector(), 0, Model::kTrackEffectorCount - 1);
+  const Model::TrackerHeadAngle previous = s.angle;
+  const bool changed = Tracker::tools::computeLookAtAnglesWithThreshold(
+      target, fModel.head, static_cast<Model::TRACK_EFFECTOR>(effector),
+      sample.info.getHeadThreshold(), s.angle, fNames, fAngles);
+
+  const float previousSpeed = s.speed;
+  s.speed =
+      std::min(s.maxVelocity, std::max(s.speed, 0.0f) + s.maxAcceleration * std::max(dt, 0.01f));
+  // While the speed ramps up the command is repeated with the higher speed.
+  if (!changed && s.speed == previousSpeed) {
+    return true;
+  }
+  if (fNames.size() < 2 || xAllTaken()) {
+    s.angle = previous;  // not sent: keep the dead band on what the head was told
+    s.speed = previousSpeed;
+    return true;
+  }
+  const std::vector<float> speeds{fractionOf(s.speed, fModel.head.yaw),
+                                  fractionOf(s.speed, fModel.head.pitch)};
+  fMotion->call<void>("_trackerWithSpeed", fNames, fAngles, speeds, false, false);
+  xLog(Tracker::LOG_HEAD_COMMAND, kLogFile, now);
+  return true;
+}
+
+}  // namespace Sim
+}  // namespace KR

@@ -1,0 +1,520 @@
+// krtracker-sim's command line: listing, help, the angles dry run, runs with their JSON, CSV and
+// plot, user scenario files. A bad command line, robot description or scenario file gives
+// exactly one line on the error stream naming the option or the file and what is wrong with
+// it, exit code 2, nothing on the output stream, and no output file, not even an empty one.
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <csignal>
+
+#include <nlohmann/json.hpp>
+
+#include <kr/error.h>
+#include <krsim/run/scenario.h>
+#include <krtracker/tools/tools.h>
+
+#include "sim/helpers.h"
+
+namespace {
+
+using krtest::readFile;
+using krtest::replaced;
+using Result = krtest::CommandResult;
+
+Result run(const std::vector<std::string>& args) {
+  return krtest::runCli(args);
+}
+
+Result runWithTracker(const std::vector<std::string>& args) {
+  return krtest::runCli(args, &KR::Sim::createTrackerModules);
+}
+
+std::string robotPath(const std::string& file) {
+  return std::string(KRTRACKER_ROBOTS_DIR) + "/" + file;
+}
+
+// An empty directory of its own for each test's outputs.
+std::string freshDirectory(const std::string& name) {
+  const std::string dir = ::testing::TempDir() + "/krtracker_cli_" + name;
+  ::mkdir(dir.c_str(), 0755);
+  return dir;
+}
+
+std::vector<std::string> filesIn(const std::string& dir) {
+  std::vector<std::string> names;
+  if (DIR* d = ::opendir(dir.c_str())) {
+    while (const dirent* e = ::readdir(d)) {
+      const std::string n = e->d_name;
+      if (n != "." && n != "..")
+        names.push_back(n);
+    }
+    ::closedir(d);
+  }
+  return names;
+}
+
+// One line after "krtracker-sim: ", holding every fragment (or exactly the one given), exit
+// code 2, nothing on the output stream and nothing in `outputs`.
+void expectOneLineRefusal(const Result& r, const std::vector<std::string>& fragments,
+                          const std::string& outputs, bool exact = false) {
+  EXPECT_EQ(r.code, 2) << r.err;
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(r.err.rfind("krtracker-sim: ", 0), 0u) << r.err;
+  EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+  EXPECT_EQ(r.err.back(), '\n');
+  if (exact) {
+    EXPECT_EQ(r.err, "krtracker-sim: " + fragments.at(0) + "\n");
+  }
+  for (const std::string& f : fragments)
+    EXPECT_NE(r.err.find(f), std::string::npos) << "'" << f << "' not in: " << r.err;
+  EXPECT_TRUE(filesIn(outputs).empty()) << "left behind: " << filesIn(outputs).front();
+}
+
+TEST(CommandLineErrors, EachBadOptionIsNamedAndNothingIsWritten) {
+  const std::string dir = freshDirectory("options");
+  const std::vector<std::string> outputs = {"--csv", dir + "/run.csv", "--plot", dir + "/run.png"};
+  const struct {
+    std::vector<std::string> args;
+    std::vector<std::string> fragments;  // what the one line must say
+    bool exact = false;                  // the one fragment is the whole line
+  } cases[] = {
+      {{"--bogus"}, {"unknown option '--bogus' (see --help)"}, true},
+      // Every option that takes a value, without it.
+      {{"--scenario"}, {"--scenario", "needs a value"}},
+      {{"--robot"}, {"--robot", "needs a value"}},
+      {{"--mode"}, {"--mode", "needs a value"}},
+      {{"--effector"}, {"--effector", "needs a value"}},
+      {{"--seed"}, {"option --seed needs a value"}, true},
+      {{"--noise"}, {"--noise", "needs a value"}},
+      {{"--duration"}, {"--duration", "needs a value"}},
+      {{"--csv", dir + "/other.csv", "--plot"}, {"--plot", "needs a value"}},
+      // Values of the wrong kind or out of range.
+      {{"--seed", "-3"}, {"--seed expects an integer from 0 to 4294967295, not '-3'"}, true},
+      {{"--seed", "4294967296"}, {"--seed", "'4294967296'"}},
+      {{"--seed", "seven"}, {"--seed", "'seven'"}},
+      {{"--noise", "-0.1"}, {"--noise", "non-negative"}},
+      {{"--noise", "inf"}, {"--noise", "'inf'"}},
+      {{"--duration", "0"}, {"--duration expects a positive number of seconds"}, true},
+      {{"--duration", "-5"}, {"--duration", "positive"}},
+      {{"--duration", "1s"}, {"--duration expects a number, not '1s'"}, true},
+      {{"--duration", "nan"}, {"--duration", "'nan'"}},
+      // Beyond the range of the floats the numbers are kept in.
+      {{"--noise", "1e39"}, {"--noise", "'1e39'"}},
+      {{"--mode", "Walk"},
+       {"--mode expects one of Head, WholeBody, Move, Navigate, not 'Walk'"},
+       true},
+      {{"--mode", "head"}, {"--mode", "'head'"}},
+      {{"--effector", "Leg"},
+       {"--effector expects one of Arms, LArm, RArm, None, not 'Leg'"},
+       true},
+      {{"--effector", "arms"}, {"--effector", "'arms'"}},
+      {{"--scenario", "dance"},
+       {"unknown scenario 'dance' (scenarios: ball, face, landmarks, navigate, people, pursuit, "
+        "oneshot, step)"},
+       true},
+      {{"--scenario", ""}, {"scenario ''"}},
+      {{"--mode", "Navigate"}, {"mode Navigate needs a robot of type 1; Kibo is of type 0"}, true},
+      {{"--mode", "Navigate", "--robot", "kibo"}, {"Navigate", "Kibo", "type 0"}},
+      // A later bad option after good ones still refuses the whole line.
+      {{"--seed", "3", "--duration", "2", "--frobnicate"}, {"'--frobnicate'"}},
+      // The line names the file given and the parser's reason follows.
+      {{"--robot", dir + "/missing.xml"},
+       {"krtracker-sim: cannot load robot '" + dir + "/missing.xml': "}},
+      {{"--robot", "/nonexistent/robot.xml"},
+       {"krtracker-sim: cannot load robot '/nonexistent/robot.xml': "}},
+      // New options: values out of their range, non-finite, of the wrong kind.
+      {{"--latency", "nan"}, {"--latency", "'nan'"}},
+      {{"--latency", "-0.1"}, {"--latency", "0 to 10"}},
+      {{"--dropout", "1.5"}, {"--dropout", "probability"}},
+      {{"--camera-rate", "0"}, {"--camera-rate", "above 0"}},
+      {{"--camera-rate", "inf"}, {"--camera-rate", "'inf'"}},
+      {{"--compensation", "maybe"}, {"--compensation", "'maybe'"}},
+      {{"--compare", "latency"}, {"--compare", "'latency'"}},
+      {{"--seeds", "5-2"}, {"--seeds", "'5-2'"}},
+      {{"--seeds", "1-x"}, {"--seeds", "'1-x'"}},
+      {{"--physics", "bullet"}, {"--physics", "bullet"}},
+      // A duration the run cannot hold, or past the end of the script (refused, not repeated).
+      {{"--duration", "1e9"}, {"--duration", "longest run"}},
+      {{"--duration", "61"}, {"past the end", "ball", "60 s", "refused rather than repeated"}},
+      // A scenario that needs a mode the robot lacks: refused, not run in another mode.
+      {{"--scenario", "navigate", "--robot", "kibo"}, {"Navigate", "Kibo"}},
+      // Inputs that are not regular files.
+      {{"--robot", "/dev/zero"}, {"robot", "/dev/zero", "not a regular file"}},
+      {{"--robot", dir}, {"robot", "not a regular file"}},
+      {{"--scenario", "/dev/null"}, {"scenario", "not a regular file"}},
+      // Outputs: an input, twice the same file, a folder that cannot be written.
+      {{"--csv", dir + "/x.csv", "--plot", dir + "/x.png", "--json", dir + "/x.csv"},
+       {"--json", "also the file of --csv"}},
+      {{"--csv", KRTRACKER_ROBOTS_DIR "/kibo.xml", "--plot", dir + "/x.png"},
+       {"--csv", "kibo.xml", "input"}},
+      {{"--csv", "/proc/krtracker/run.csv", "--plot", dir + "/x.png"}, {"--csv", "cannot write"}},
+      {{"--snapshots", "/proc/krtracker"}, {"--snapshots", "not a folder that can be written"}},
+      // The angles dry run.
+      {{"angles", "--look-at", "1", "0", "0"}, {"angles needs --robot FILE"}, true},
+      {{"angles", "--robot", "kibo"}, {"angles needs either --look-at X Y Z or --point-at"}, true},
+      {{"angles", "--robot", "kibo", "--point-at", "None", "1", "0", "0"},
+       {"--point-at expects one of Arms, LArm, RArm, not 'None'"},
+       true},
+      {{"angles", "--robot", "kibo", "--look-at", "1", "0"},
+       {"option --look-at needs 3 values"},
+       true},
+      {{"angles", "--robot", "kibo", "--look-at", "1", "x", "0"}, {"--look-at", "'x'"}},
+      {{"angles", "--robot", "kibo", "--look-at", "1e39", "0", "0"}, {"--look-at", "'1e39'"}},
+      {{"angles", "--robot", "kibo", "--point-at", "RArm", "1", "-4e38", "0"},
+       {"--point-at", "'-4e38'"}},
+      {{"angles", "--robot", "kibo", "--point-at", "Arms", "1", "0"}, {"--point-at", "4 values"}},
+      {{"angles", "--robot", "kibo", "--look-at", "1", "0", "0", "--effector-id", "3"},
+       {"--effector-id"}},
+      {{"angles", "--robot", "kibo", "--point-at", "LArm", "1", "0", "0", "--whole-body"},
+       {"--whole-body"}},
+      {{"angles", "--robot", "kibo", "--look-at", "1", "0", "0", "--point-at", "LArm", "1", "0",
+        "0"},
+       {"either --look-at"}},
+      {{"angles", "--robot", "kibo", "--look-at", "1", "0", "0", "--csv", "x"}, {"'--csv'"}},
+      // The robot side of a run over DDS: refused before it waits for the tracking service.
+      {{"remote-robot", "dance"},
+       {"unknown scenario 'dance' (scenarios: ball, face, landmarks, navigate, people, pursuit, "
+        "oneshot, step)"},
+       true},
+      {{"remote-robot", "--physics", "bullet"},
+       {"--physics: unknown physics backend \"bullet\" (accepted: kinematic, mujoco)"},
+       true},
+      {{"remote-robot", "ball", "step"}, {"unexpected argument 'step' (see --help)"}, true},
+  };
+  for (const auto& c : cases) {
+    std::vector<std::string> args = c.args;
+    const bool ownOutputs = std::find(args.begin(), args.end(), "--plot") != args.end() &&
+                            std::find(args.begin(), args.end(), "--csv") != args.end();
+    if (args[0] != "angles" && args[0] != "remote-robot" && !ownOutputs)
+      args.insert(args.begin(), outputs.begin(), outputs.end());
+    std::string line;
+    for (const std::string& a : args)
+      line += " " + a;
+    SCOPED_TRACE("krtracker-sim" + line);
+    expectOneLineRefusal(run(args), c.fragments, dir, c.exact);
+  }
+}
+
+// Broken robot descriptions: the line names the file, the element and its line.
+TEST(CommandLineErrors, BadRobotDescriptionsNameTheFileAndTheLine) {
+  const std::string dir = freshDirectory("robots");
+  const std::string outputs = freshDirectory("robot_outputs");
+  const std::string kibo = krtest::readRobotFile("kibo.xml");
+  const struct {
+    std::string name;
+    std::string xml;
+    std::vector<std::string> fragments;
+  } cases[] = {
+      {"truncated", kibo.substr(0, kibo.size() / 2), {"bad XML at line"}},
+      {"unknown_attribute",
+       replaced(kibo, "maxVelocity=\"7.3\"", "maxVelocty=\"7.3\""),
+       {"robot/head/joint[role=yaw] (line 10)", "unknown attribute 'maxVelocty'"}},
+      {"text_number",
+       replaced(kibo, "range=\"3.2\"", "range=\"far\""),
+       {"robot/camera (line 6)", "'range' is not a number: 'far'"}},
+      {"torso_text", "<robot name=\"X\" type=\"0\"><torso height=\"abc\"/></robot>\n", {}},
+      {"inverted_limits",
+       replaced(kibo, "min=\"-0.64\" max=\"0.47\"", "min=\"0.64\" max=\"0.47\""),
+       {"robot/head/joint[role=pitch] (line 11)", "greater than"}},
+      {"missing_arm",
+       replaced(kibo, "  <arm side=\"right\">", "  <!-- no right arm -->\n  <arm side=\"left\">"),
+       {"duplicate arm side 'left'"}},
+      {"binary", std::string("\x7f\x45LF\0\x01\x02", 7), {"bad XML at line 1"}},
+      // Refused before it is read.
+      {"big", kibo + "<!--" + std::string(2 << 20, 'x') + "-->\n", {"robot", "bytes"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string file = dir + "/" + c.name + ".xml";
+    std::ofstream(file, std::ios::binary) << c.xml;
+    std::vector<std::string> fragments = c.fragments;
+    // The parser's reason follows the file's name.
+    fragments.push_back(c.name == "big" ? file
+                                        : "krtracker-sim: cannot load robot '" + file + "': ");
+    expectOneLineRefusal(
+        run({"--robot", file, "--csv", outputs + "/run.csv", "--plot", outputs + "/run.png"}),
+        fragments, outputs);
+    if (c.name != "big") {
+      expectOneLineRefusal(run({"angles", "--robot", file, "--look-at", "1", "0", "0"}), fragments,
+                           outputs);
+    }
+  }
+}
+
+// SIGTERM in the middle of a run: it stops, measures what ran, flushes the CSV and the JSON
+// and exits non-zero. The signal is raised from the hook of the second phase's start.
+TEST(CommandLineErrors, ASignalStopsTheRunWithEverythingMeasuredSoFarWritten) {
+  const std::string dir = freshDirectory("signal");
+  KR::Sim::RunHooks hooks;
+  hooks.snapshot = [](KR::Sim::Simulation&, const std::string&, const std::string& label) {
+    if (label == "whole body + arms")
+      std::raise(SIGTERM);
+  };
+  const Result r = krtest::runCli({"--quiet", "--csv", dir + "/run.csv", "--json",
+                                   dir + "/run.json", "--snapshots", dir + "/pictures"},
+                                  &KR::Sim::createTrackerModules, hooks);
+  EXPECT_EQ(r.code, 128 + SIGTERM) << r.err;
+  EXPECT_NE(r.out.find("Stopped by signal"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("head tracking"), std::string::npos);
+  const std::string csv = readFile(dir + "/run.csv");
+  EXPECT_EQ(std::count(csv.begin(), csv.end(), '\n'), 2002);  // header, 20 s and the last step
+  const std::string json = readFile(dir + "/run.json");
+  EXPECT_NE(json.find("\"simulated_s\": 20.01"), std::string::npos) << json;
+  EXPECT_NE(json.find("\"name\": \"whole body + arms\""), std::string::npos);
+}
+
+TEST(CommandLineTest, ListsTheScenariosAndHelps) {
+  const Result list = run({"--list"});
+  EXPECT_EQ(list.code, 0);
+  std::istringstream lines(list.out);
+  for (const auto& s : KR::Sim::listScenarios()) {
+    std::string line;
+    ASSERT_TRUE(std::getline(lines, line)) << s.name;
+    EXPECT_EQ(line.rfind(s.name + " ", 0), 0u) << line;
+    EXPECT_EQ(line.substr(line.size() - s.description.size()), s.description) << line;
+  }
+  std::string extra;
+  EXPECT_FALSE(std::getline(lines, extra)) << extra;
+  const Result help = run({"--help"});
+  EXPECT_EQ(help.code, 0);
+  EXPECT_EQ(help.out, KR::Sim::usage());
+}
+
+TEST(CommandLineTest, AnglesPrintsTheLibraryAnglesOneJointPerLine) {
+  const auto kibo = krtest::loadRobot("kibo.xml");
+  const auto rover = krtest::loadRobot("rover.xml");
+  auto expected = [](const std::vector<std::string>& names, const std::vector<float>& angles) {
+    std::ostringstream os;
+    os << std::fixed;
+    os.precision(6);
+    for (std::size_t i = 0; i < names.size(); ++i)
+      os << names[i] << " " << angles[i] << "\n";
+    return os.str();
+  };
+  const KR::Math::Position3D p(1.0f, 0.3f, -0.2f);
+  std::vector<std::string> names;
+  std::vector<float> angles;
+  ASSERT_TRUE(KR::Tracker::tools::computeLookAtAngles(
+      p, kibo->trackerModel(), KR::Model::TRACK_EFFECTOR_DEPTH_CAMERA, true, names, angles));
+  Result r = run({"angles", "--robot", robotPath("kibo.xml"), "--look-at", "1", "0.3", "-0.2",
+                  "--whole-body", "--effector-id", "2"});
+  EXPECT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(r.out, expected(names, angles));
+  names.clear();
+  angles.clear();
+  KR::Tracker::tools::computePointAtAngles(p, rover->trackerModel().leftArm, names, angles);
+  KR::Tracker::tools::computePointAtAngles(p, rover->trackerModel().rightArm, names, angles);
+  ASSERT_EQ(names.size(), 8u);  // no wrists on the rover
+  r = run({"angles", "--robot", "rover", "--point-at", "Arms", "1", "0.3", "-0.2"});
+  EXPECT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(r.out, expected(names, angles));
+  r = run({"angles", "--robot", "kibo", "--point-at", "RArm", "1", "0.3", "-0.2"});
+  EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 5);
+  EXPECT_EQ(r.out.rfind("RShoulderPitch ", 0), 0u);
+  // The head pivot itself: no look-at solution.
+  const auto& head = kibo->trackerModel().head.headPosition;
+  r = run({"angles", "--robot", "kibo", "--look-at", std::to_string(head.x), std::to_string(head.y),
+           std::to_string(head.z)});
+  EXPECT_EQ(r.code, 1);
+  EXPECT_EQ(r.err.rfind("krtracker-sim: no head angles look at (", 0), 0u) << r.err;
+}
+
+TEST(CommandLineTest, ARunWithoutTrackingServiceFailsWithOneLine) {
+  const Result r = run({"--quiet", "--csv", ::testing::TempDir() + "/no_service.csv"});
+  EXPECT_EQ(r.code, 1);
+  EXPECT_EQ(r.err.rfind("krtracker-sim: ", 0), 0u);
+  EXPECT_NE(r.err.find("KRTracker"), std::string::npos) << r.err;
+  EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+}
+
+// One run: the JSON summary has the documented keys in order, null where a measure does not
+// apply; nothing is left of gnuplot on the terminal.
+TEST(CommandLineTest, TheJsonSummaryFollowsTheSchema) {
+  const std::string dir = ::testing::TempDir() + "/krtracker_json";
+  const Result r = runWithTracker({"--scenario", "step", "--quiet", "--csv", dir + "/step.csv",
+                                   "--plot", dir + "/step.png", "--json", dir + "/step.json"});
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(r.err, "");
+  const std::string json = readFile(dir + "/step.json");
+  std::size_t at = 0;
+  for (const char* key : {"scenario",       "robot",         "seed",          "physics",
+                          "transport",      "latency_s",     "compensation",  "simulated_s",
+                          "cpu_s",          "phases",        "name",          "time_to_on_target_s",
+                          "los_rms_deg",    "los_p95_deg",   "los_max_deg",   "los_bias_deg",
+                          "los_jitter_deg", "on_target_pct", "overshoot_deg", "settling_s",
+                          "arms_rms_deg",   "events"}) {
+    const auto next = json.find("\"" + std::string(key) + "\":", at);
+    ASSERT_NE(next, std::string::npos) << key << " missing or out of order in " << json;
+    at = next;
+  }
+  EXPECT_NE(json.find("\"transport\": \"inproc\""), std::string::npos);
+  EXPECT_NE(json.find("\"arms_rms_deg\": null"), std::string::npos);  // effector None
+  EXPECT_NE(json.find("\"name\": \"step 4\""), std::string::npos);
+  EXPECT_GT(readFile(dir + "/step.png").size(), 10000u);
+}
+
+// Many seeds, and compensation on against off: a mean and a p95 row per phase, both in the
+// table and in the JSON, with each seed's own summary kept.
+TEST(CommandLineTest, SeedsAndComparisonsAggregateEveryMeasure) {
+  const std::string json = ::testing::TempDir() + "/krtracker_seeds.json";
+  const Result seeds =
+      runWithTracker({"--scenario", "step", "--seeds", "3-5", "--json", json, "--quiet"});
+  ASSERT_EQ(seeds.code, 0) << seeds.err;
+  for (const char* text : {"seeds 3-5", "\nstep 2 mean ", "\nstep 2 p95 "})
+    EXPECT_NE(seeds.out.find(text), std::string::npos) << text << " not in " << seeds.out;
+  const std::string text = readFile(json);
+  EXPECT_NE(text.find("\"seeds\": {\n    \"first\": 3,\n    \"last\": 5\n  }"), std::string::npos)
+      << text;
+  EXPECT_NE(text.find("\"los_rms_deg\": {\n        \"mean\": "), std::string::npos) << text;
+  EXPECT_GT(std::count(text.begin(), text.end(), '\n'), 100);
+  std::size_t runs = 0;
+  for (auto at = text.find("\"seed\": "); at != std::string::npos;
+       at = text.find("\"seed\": ", at + 1))
+    ++runs;
+  EXPECT_EQ(runs, 4u);  // the aggregate's null and the three seeds
+
+  const Result compare =
+      runWithTracker({"--scenario", "step", "--compare", "compensation", "--json", json});
+  ASSERT_EQ(compare.code, 0) << compare.err;
+  const auto on = compare.out.find("Compensation on");
+  const auto off = compare.out.find("Compensation off");
+  ASSERT_NE(off, std::string::npos);
+  EXPECT_LT(on, off);
+  const std::string both = readFile(json);
+  EXPECT_EQ(both.front(), '[');
+  EXPECT_NE(both.find("\"compensation\": true"), std::string::npos);
+  EXPECT_NE(both.find("\"compensation\": false"), std::string::npos);
+}
+
+// A run that simulates nothing draws no picture.
+TEST(CommandLineTest, NothingSimulatedDrawsNoPlot) {
+  const std::string dir = ::testing::TempDir() + "/krtracker_empty";
+  const Result r = runWithTracker(
+      {"--duration", "0.001", "--quiet", "--csv", dir + "/e.csv", "--plot", dir + "/e.png"});
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_NE(r.out.find("Plot: not drawn, nothing was simulated"), std::string::npos) << r.out;
+  struct stat png {};
+  EXPECT_NE(::stat((dir + "/e.png").c_str(), &png), 0);
+}
+
+// A robot without the look-behind turn and without pointing runs the one-shot scenario to its
+// end: the skipped steps are named in notes and their measures left out, never run otherwise.
+TEST(CommandLineTest, ARobotLackingCapabilitiesRunsToTheEndWithNotes) {
+  const std::string robot = ::testing::TempDir() + "/krtracker_limited_robot.xml";
+  std::ofstream(robot) << replaced(replaced(krtest::readRobotFile("kibo.xml"),
+                                            "canLookBehind=\"true\"", "canLookBehind=\"false\""),
+                                   "canPointAt=\"true\"", "canPointAt=\"false\"");
+  const std::string json = ::testing::TempDir() + "/krtracker_limited.json";
+  const Result r = runWithTracker(
+      {"--scenario", "oneshot", "--robot", robot, "--physics", "kinematic", "--quiet", "--csv",
+       ::testing::TempDir() + "/krtracker_limited.csv", "--json", json});
+  ASSERT_EQ(r.code, 0) << r.err;
+  for (const char* note :
+       {"note: Kibo cannot look behind: phase 'look behind' runs without the turn",
+        "note: Kibo cannot point: 3 pointAt call(s) skipped"})
+    EXPECT_NE(r.out.find(note), std::string::npos) << r.out;
+  // Every phase ran; none has a line of sight or an arm measured.
+  const auto summary = nlohmann::json::parse(readFile(json));
+  std::vector<std::string> phases;
+  for (const auto& phase : summary.at("phases")) {
+    phases.push_back(phase.at("name").get<std::string>());
+    EXPECT_TRUE(phase.at("los_rms_deg").is_null()) << phases.back();
+    EXPECT_TRUE(phase.at("arms_rms_deg").is_null()) << phases.back();
+  }
+  EXPECT_EQ(phases,
+            (std::vector<std::string>{"look behind", "point LArm", "point RArm", "point Arms"}));
+}
+
+// Scenarios written by users as YAML files.
+const char* const kUserScenario = R"(# A ball on a table to the right, then to the left.
+name: table
+description: a ball moved across a table
+robot: kibo
+duration: 12
+targets:
+  - name: ball
+    kind: RedBall
+    layout: torso
+    points:
+      - [0, 1.2, -0.3, 0.2]
+      - [5, 1.2, -0.3, 0.2]
+      - [8, 1.2, 0.4, 0.2]
+      - [12, 1.2, 0.4, 0.2]
+actions:
+  - {time: 0, call: registerTarget, args: [RedBall, 0.06]}
+  - {time: 0, call: setMode, args: [Head]}
+  - {time: 0, call: track, args: [RedBall]}
+phases:
+  - {name: right, begin: 0, end: 5, target: ball}
+  - {name: across, begin: 5, target: ball, on_target_deg: 4}
+)";
+
+std::string writeScenario(const std::string& name, const std::string& text) {
+  const std::string path = freshDirectory("scenarios") + "/" + name + ".yaml";
+  std::ofstream(path) << text;
+  return path;
+}
+
+TEST(ScenarioFileTest, AUserScenarioRunsFromItsPathWithItsPhasesMeasured) {
+  const std::string file = writeScenario("table", kUserScenario);
+  const std::string json = ::testing::TempDir() + "/krtracker_table.json";
+  const Result r = runWithTracker({"--scenario", file, "--quiet", "--csv",
+                                   ::testing::TempDir() + "/table.csv", "--json", json});
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_NE(r.out.find("scenario table: a ball moved across a table"), std::string::npos);
+  const std::string text = readFile(json);
+  EXPECT_NE(text.find("\"scenario\": \"table\""), std::string::npos) << text;
+  EXPECT_NE(text.find("\"name\": \"across\""), std::string::npos);
+  // The open end of the last phase is the end of the run; the mode is the file's.
+  const auto s = KR::Sim::makeScenario(file, {});
+  ASSERT_EQ(s.phases.size(), 2u);
+  EXPECT_DOUBLE_EQ(s.phases[1].end, 12.0);
+  EXPECT_DOUBLE_EQ(s.phases[1].acquireDegrees, 4.0);
+  EXPECT_EQ(s.modeText, "Head");
+  EXPECT_EQ(KR::Sim::makeScenario(file, {"", "WholeBody", "", 0.0}).modeText, "WholeBody");
+}
+
+// Each kind of mistake is refused, naming the file, the line and the field.
+TEST(ScenarioFileTest, MistakesNameTheFileTheLineAndTheField) {
+  auto edited = [](const std::string& from, const std::string& to) {
+    return replaced(kUserScenario, from, to);
+  };
+  const struct {
+    std::string name;
+    std::string text;
+    std::string where;  // after the file's name
+  } cases[] = {
+      {"missing_name", edited("name: table\n", ""), ":2: name: missing"},
+      {"bad_duration", edited("duration: 12", "duration: soon"), ":5: duration: expects a number"},
+      {"infinite", edited("duration: 12", "duration: .inf"), ":5: duration: expects a number"},
+      {"unknown_field", edited("robot: kibo", "robto: kibo"), ":4: robto: unknown field"},
+      {"short_point", edited("[5, 1.2, -0.3, 0.2]", "[5, 1.2, -0.3]"),
+       ":12: targets[0].points[1]: expects a list of 4 numbers"},
+      {"backwards", edited("[8, 1.2, 0.4, 0.2]", "[3, 1.2, 0.4, 0.2]"),
+       ":13: targets[0].points[2]: keyframes go back in time"},
+      {"bad_layout", edited("layout: torso", "layout: head"), ":9: targets[0].layout: expects"},
+      {"unknown_target", edited("end: 5, target: ball", "end: 5, target: cup"),
+       ":20: phases[0].target: no target is called 'cup'"},
+      {"late_call", edited("{time: 0, call: track", "{time: -1, call: track"),
+       ":18: actions[2].time: expects a number from 0"},
+      {"misspelt", edited("on_target_deg: 4", "on_targt_deg: 4"),
+       ":21: phases[1].on_targt_deg: unknown field"},
+      {"bad_yaml", edited("phases:\n", "phases: [\n"), ": bad YAML"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string file = writeScenario(c.name, c.text);
+    try {
+      KR::Sim::makeScenario(file, {});
+      ADD_FAILURE() << "accepted";
+    } catch (const KR::KRError& e) {
+      EXPECT_EQ(e.message().rfind(file + c.where.substr(0, c.where.find(' ')), 0), 0u)
+          << e.message();
+      EXPECT_NE(e.message().find(c.where), std::string::npos) << e.message();
+    }
+  }
+}
+
+}  // namespace

@@ -1,0 +1,261 @@
+// The tracker under load on the simulated robot: while the simulation steps the world and the
+// tracking service's sub-modules, eight clients call random public methods of "KRTracker"
+// through the broker. No call may hang (a call still running 30 s after the load ends aborts
+// the run), the tracker's invariants hold in every answer, and the tracker still does what it
+// is told afterwards.
+//
+// KRTRACKER_LOAD_SECONDS sets the length of the load in wall-clock seconds (default 3).
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <future>
+#include <iostream>
+#include <map>
+#include <mutex>
+#include <random>
+#include <streambuf>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include <ko/log.h>
+#include <kr/target/targets.h>
+#include <krsim/run/scenario.h>
+#include <krsim/run/scenario_run.h>
+
+namespace {
+
+using KR::KRValue;
+namespace Target = KR::Tracker::Target;
+
+constexpr int kClients = 8;
+constexpr std::uint32_t kSeed = 20240611;
+
+double loadSeconds() {
+  const char* text = std::getenv("KRTRACKER_LOAD_SECONDS");
+  const double seconds = text != nullptr ? std::atof(text) : 0.0;
+  return seconds > 0.0 ? seconds : 3.0;
+}
+
+// Counts the records per category and level, printed after the load.
+class CountingSink : public ko::log::Sink {
+ public:
+  void write(const ko::log::Record& r) override {
+    std::lock_guard<std::mutex> lock(mutex);
+    ++counts[r.category + " " + ko::log::levelName(r.level)];
+  }
+  std::mutex mutex;
+  std::map<std::string, std::size_t> counts;
+};
+
+// Drops what is written to it: getTrackerConfig writes a line to std::cerr per gain vector.
+class NullBuffer : public std::streambuf {
+ protected:
+  int overflow(int c) override { return c; }
+  std::streamsize xsputn(const char*, std::streamsize n) override { return n; }
+};
+
+// One client: its own proxy, its own generator, its own tally.
+struct Client {
+  std::shared_ptr<KR::KRProxy> tracker;
+  std::mt19937 rng;
+  std::vector<std::string> modes;
+  std::atomic<const std::string*> current{nullptr};  // the operation in progress
+  std::map<std::string, std::size_t> calls;
+  std::size_t refused = 0;  // calls refused with the documented error
+};
+
+template <class T>
+const T& pick(std::mt19937& rng, const std::vector<T>& items) {
+  return items[std::uniform_int_distribution<std::size_t>(0, items.size() - 1)(rng)];
+}
+
+float uniform(std::mt19937& rng, float lo, float hi) {
+  return std::uniform_real_distribution<float>(lo, hi)(rng);
+}
+
+const std::vector<std::string> kEffectors = {"Arms", "LArm", "RArm", "None"};
+
+bool contains(const std::vector<std::string>& items, const std::string& item) {
+  return std::find(items.begin(), items.end(), item) != items.end();
+}
+
+// The operations a client draws from, each checking what it gets back.
+using Operation = std::function<void(Client&)>;
+std::vector<std::pair<std::string, Operation>> operations() {
+  static const std::vector<std::string> targets = {Target::TargetRedBall, Target::TargetFace,
+                                                   "Unregistered"};
+  static const std::vector<std::string> requestedModes = {
+      "Head", "WholeBody", "Move", "Navigate", "MoveSafely", "MoveWholeBody", "head"};
+  return {
+      {"track", [](Client& c) { c.tracker->call("track", pick(c.rng, targets)); }},
+      {"setMode", [](Client& c) { c.tracker->call("setMode", pick(c.rng, requestedModes)); }},
+      {"setEffector",
+       [](Client& c) {
+         if (c.rng() % 5 != 0) {
+           c.tracker->call("setEffector", pick(c.rng, kEffectors));
+           return;
+         }
+         // One call in five names an effector that does not exist: the documented error.
+         try {
+           c.tracker->call("setEffector", std::string("Leg"));
+           ADD_FAILURE() << "setEffector(\"Leg\") was accepted";
+         } catch (const std::runtime_error& e) {
+           EXPECT_EQ(std::string(e.what()),
+                     "Invalid effector name: \"Leg\". Could be: Arms, LArm, RArm or None.");
+           ++c.refused;
+         }
+       }},
+      {"pause", [](Client& c) { c.tracker->call("pause"); }},
+      {"restart", [](Client& c) { c.tracker->call("restart"); }},
+      {"stop", [](Client& c) { c.tracker->call("stop"); }},
+      {"lookAt",
+       [](Client& c) {
+         const std::vector<float> p = {uniform(c.rng, 0.5f, 2.0f), uniform(c.rng, -1.0f, 1.0f),
+                                       uniform(c.rng, -0.3f, 0.8f)};
+         const int frame = static_cast<int>(c.rng() % 3);
+         c.tracker->call("lookAt", p, frame, uniform(c.rng, 0.1f, 1.0f), c.rng() % 2 == 0);
+       }},
+      {"pointAt",
+       [](Client& c) {
+         const std::vector<float> p = {uniform(c.rng, 0.2f, 1.0f), uniform(c.rng, -0.5f, 0.5f),
+                                       uniform(c.rng, -0.2f, 0.5f)};
+         c.tracker->call("pointAt", pick(c.rng, kEffectors), p, 0, 0.5f);
+       }},
+      {"setTrackerConfig",
+       [](Client& c) {
+         c.tracker->call("setTrackerConfig",
+                         KRValue{KRValue{"HEAD_THRESHOLD", uniform(c.rng, 0.01f, 0.1f)},
+                                 KRValue{"ARMS_THRESHOLD", uniform(c.rng, 0.01f, 0.1f)}});
+       }},
+      {"toggleSearch", [](Client& c) { c.tracker->call("toggleSearch", c.rng() % 2 == 0); }},
+      {"setRelativePosition",
+       [](Client& c) {
+         c.tracker->call("setRelativePosition",
+                         KRValue{uniform(c.rng, 0.3f, 1.0f), 0.0f, 0.0f, 0.1f, 0.1f, 0.2f});
+       }},
+      {"getters",
+       [](Client& c) {
+         const std::string mode = c.tracker->call<std::string>("getMode");
+         EXPECT_TRUE(contains(c.modes, mode)) << mode;
+         const std::string effector = c.tracker->call<std::string>("getEffector");
+         EXPECT_TRUE(contains(kEffectors, effector)) << effector;
+         const bool active = c.tracker->call<bool>("isActive");
+         const std::string target = c.tracker->call<std::string>("getActiveTarget");
+         // Only registered names are ever accepted by track.
+         EXPECT_TRUE(target.empty() || target == Target::TargetRedBall ||
+                     target == Target::TargetFace)
+             << target << (active ? " (active)" : "");
+         EXPECT_GE(c.tracker->call<float>("getMaximumVelocity"), 0.001f);
+         c.tracker->call<std::vector<std::string>>("getRegisteredTargets");
+         c.tracker->call<std::vector<float>>("getTargetPosition", static_cast<int>(c.rng() % 3));
+         c.tracker->call<KRValue>("getTrackerConfig");
+       }},
+  };
+}
+
+class LoadConcurrency : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(LoadConcurrency, EightClientsCallTheTrackerWhileTheSubModulesRun) {
+  const auto sink = std::make_shared<CountingSink>();
+  const std::shared_ptr<ko::log::Sink> previousSink = ko::log::setSink(sink);
+  NullBuffer nothing;
+  std::streambuf* const previousCerr = std::cerr.rdbuf(&nothing);
+
+  KR::Sim::ScenarioOptions options;
+  options.robotFile = KR::Sim::resolveRobotFile(GetParam());
+  KR::Sim::SimulationConfig config;
+  config.seed = kSeed;
+  config.noise = 0.005f;
+  config.modules = &KR::Sim::createTrackerModules;
+  KR::Sim::ScenarioRun run(KR::Sim::makeScenario("ball", options), config);
+  ASSERT_TRUE(run.step());  // the scenario's first calls: register the ball, track it
+  KR::Sim::Simulation& sim = run.simulation();
+  sim.callTracker("registerTarget", std::string(Target::TargetFace), KRValue(0.1f));
+  const auto modes = sim.callTracker<std::vector<std::string>>("getAvailableModes");
+
+  const auto ops = operations();
+  std::array<Client, kClients> clients;
+  std::atomic<bool> stopClients{false};
+  std::atomic<bool> stopStepping{false};
+  std::atomic<long> steps{0};
+  std::thread stepper([&] {
+    for (; !stopStepping; ++steps)
+      sim.step();
+  });
+  std::vector<std::future<void>> running;
+  for (int i = 0; i < kClients; ++i) {
+    Client& c = clients[i];
+    c.tracker = sim.broker().getProxy("KRTracker");
+    c.rng.seed(kSeed + static_cast<std::uint32_t>(i));
+    c.modes = modes;
+    running.push_back(std::async(std::launch::async, [&c, &ops, &stopClients] {
+      while (!stopClients) {
+        const auto& op = ops[std::uniform_int_distribution<std::size_t>(0, ops.size() - 1)(c.rng)];
+        c.current = &op.first;
+        try {
+          op.second(c);
+        } catch (const std::exception& e) {
+          ADD_FAILURE() << op.first << " threw: " << e.what();
+        }
+        ++c.calls[op.first];
+      }
+    }));
+  }
+  const auto load = std::chrono::duration<double>(loadSeconds());
+  std::this_thread::sleep_for(load);
+  stopClients = true;
+  // A call that does not return is a deadlock; nothing can be joined then, so the run is
+  // aborted after saying where the client is.
+  for (int i = 0; i < kClients; ++i) {
+    if (running[i].wait_for(std::chrono::seconds(30)) != std::future_status::ready) {
+      std::fprintf(stderr, "deadlock: client %d is stuck in %s\n", i,
+                   clients[i].current.load()->c_str());
+      std::abort();
+    }
+  }
+  stopStepping = true;
+  stepper.join();
+  std::cerr.rdbuf(previousCerr);
+
+  // After the last stop the tracker is idle, and it still does what it is told.
+  sim.callTracker("stop");
+  EXPECT_FALSE(sim.callTracker<bool>("isActive"));
+  EXPECT_EQ(sim.callTracker<std::string>("getActiveTarget"), "");
+  sim.callTracker("setMode", std::string("WholeBody"));
+  sim.callTracker("setEffector", std::string("LArm"));
+  sim.callTracker("track", std::string(Target::TargetRedBall));
+  EXPECT_TRUE(sim.callTracker<bool>("isActive"));
+  EXPECT_EQ(sim.callTracker<std::string>("getActiveTarget"), Target::TargetRedBall);
+  EXPECT_EQ(sim.callTracker<std::string>("getMode"), "WholeBody");
+  EXPECT_EQ(sim.callTracker<std::string>("getEffector"), "LArm");
+  sim.runFor(1.0);
+  sim.callTracker("stop");
+  EXPECT_FALSE(sim.callTracker<bool>("isActive"));
+  ko::log::setSink(previousSink);
+
+  std::map<std::string, std::size_t> total;
+  std::size_t refused = 0;
+  for (const Client& c : clients) {
+    for (const auto& entry : c.calls)
+      total[entry.first] += entry.second;
+    refused += c.refused;
+  }
+  std::printf("%s: %.1f s of load, %ld simulation steps (%.1f s simulated), %zu refused calls\n",
+              GetParam(), load.count(), steps.load(), sim.time(), refused);
+  for (const auto& op : ops) {
+    std::printf("  %-20s %8zu\n", op.first.c_str(), total[op.first]);
+    EXPECT_GT(total[op.first], 0u) << op.first << " was never called";
+  }
+  for (const auto& entry : sink->counts)
+    std::printf("  log %-40s %8zu\n", entry.first.c_str(), entry.second);
+}
+
+INSTANTIATE_TEST_SUITE_P(Robots, LoadConcurrency, ::testing::Values("kibo", "rover"));
+
+}  // namespace

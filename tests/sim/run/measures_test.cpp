@@ -1,0 +1,279 @@
+// The measures: on hand-made series whose figures are known in advance, then on a run of the
+// simulated services alone, the head and arm commanded directly so that every expected figure
+// is known.
+
+#include <cmath>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include <kr/model/modelutils.h>
+#include <krsim/run/measures.h>
+#include <krsim/run/scenario_run.h>
+#include <krtracker/tools/tools.h>
+
+#include "sim/helpers.h"
+
+namespace {
+
+using namespace krtest;
+
+MeasureSample seen(double t, double horizontalDeg) {
+  MeasureSample s;
+  s.time = t;
+  s.perceived = s.hasLineOfSight = true;
+  s.horizontalDeg = horizontalDeg;
+  s.lineOfSightDeg = std::fabs(horizontalDeg);
+  return s;
+}
+
+// The target jumps 20 degrees to the left at 10 s: the error closes linearly over 0.5 s,
+// swings 4 degrees past the target, comes back and stays within 1 degree from 11.00 s on.
+TEST(MeasuresTest, StepGivesOvershootSettlingAndTimeToOnTarget) {
+  PhaseMeter meter({"step", 10.0, 3.0, true, true});
+  for (int i = 1; i <= 300; ++i) {
+    const double t = 10.0 + 0.01 * i;
+    double e = 0.0;
+    if (t <= 10.5 + 1e-9) {
+      e = 20.0 * (1.0 - (t - 10.0) / 0.5);  // 20 -> 0
+    } else if (t <= 10.7 + 1e-9) {
+      e = -4.0 * std::sin((t - 10.5) / 0.2 * 1.5707963);  // to -4
+    } else if (t < 11.0 - 1e-9) {
+      e = -4.0 + 2.8 * (t - 10.7) / 0.3;  // back toward -1.2
+    } else {
+      e = -0.5;
+    }
+    meter.add(seen(t, e));
+  }
+  const auto m = meter.result();
+  ASSERT_TRUE(m.overshootDeg && m.settlingS && m.timeToOnTargetS);
+  EXPECT_NEAR(*m.overshootDeg, 4.0, 1e-3);
+  EXPECT_NEAR(*m.settlingS, 1.0, 0.011);
+  // Under 3 degrees from 10.43 s: 17 / 20 of the way in 0.5 s.
+  EXPECT_NEAR(*m.timeToOnTargetS, 0.43, 0.011);
+  EXPECT_NEAR(*m.losMaxDeg, 19.6, 1e-9);  // the first sample is already a step in
+}
+
+// A steady 2 degree offset with +-0.5 degree alternating on it: bias 2, jitter 0.5, the RMS
+// their quadratic sum, the 95th percentile the upper value; on target all the time.
+TEST(MeasuresTest, BiasAndJitterAreSeparated) {
+  PhaseMeter meter({"steady", 0.0, 3.0, true, false});
+  for (int i = 1; i <= 1000; ++i)
+    meter.add(seen(0.01 * i, i % 2 ? 2.5 : 1.5));
+  const auto m = meter.result();
+  EXPECT_NEAR(*m.losBiasDeg, 2.0, 1e-9);
+  EXPECT_NEAR(*m.losJitterDeg, 0.5, 1e-9);
+  EXPECT_NEAR(*m.losRmsDeg, std::sqrt(4.25), 1e-9);
+  EXPECT_NEAR(*m.losP95Deg, 2.5, 1e-9);
+  EXPECT_DOUBLE_EQ(*m.losMaxDeg, 2.5);
+  EXPECT_DOUBLE_EQ(*m.onTargetPct, 100.0);
+  EXPECT_NEAR(*m.timeToOnTargetS, 0.01, 1e-9);
+  EXPECT_FALSE(m.overshootDeg || m.settlingS || m.armsRmsDeg);  // not a step, no arms
+}
+
+// On target for 2 s, hidden from 2 s to 5 s (the tracker reports the loss at 3 s), searched
+// for out of view until 7 s, on target again from 7.5 s: 5.5 s counted from the loss, not the
+// 0.5 s from re-detection. Line of sight counts the visible samples only: the 50 degrees at
+// which the hidden target moves away are not among them.
+TEST(MeasuresTest, TimeToOnTargetCountsFromTheLossWithTheSearch) {
+  PhaseMeter meter({"lost", 0.0, 3.0, true, false});
+  for (int i = 1; i <= 1000; ++i) {
+    const double t = 0.01 * i;
+    MeasureSample s = seen(t, 1.0);
+    if (t > 2.0 && t <= 5.0) {
+      s.perceived = false;
+      s.horizontalDeg = s.lineOfSightDeg = 50.0;
+    } else if (t > 5.0 && t <= 7.5) {
+      s.perceived = t > 7.0;
+      s.lineOfSightDeg = 40.0;
+    }
+    s.trackerLost = t > 3.0 && t <= 7.2;
+    meter.add(s);
+  }
+  meter.addEvent("KRTracker/TargetLost");
+  meter.addEvent("KRTracker/TargetDetected");
+  meter.addEvent("KRTracker/TargetLost");
+  const auto m = meter.result();
+  EXPECT_NEAR(*m.timeToOnTargetS, 5.5, 1e-6);
+  EXPECT_NEAR(*m.losMaxDeg, 40.0, 1e-9);
+  EXPECT_NEAR(*m.onTargetPct, 100.0 * (200 + 250) / 1000, 1e-9);
+  ASSERT_EQ(m.events.size(), 2u);
+  EXPECT_EQ(m.events[0].second, 2u);
+
+  // A loss that never ends leaves the time to on-target unknown, not the earlier one.
+  PhaseMeter never({"gone", 0.0, 3.0, true, false});
+  never.add(seen(0.01, 0.5));
+  MeasureSample gone = seen(0.02, 0.5);
+  gone.perceived = false;
+  never.add(gone);
+  EXPECT_FALSE(never.result().timeToOnTargetS);
+}
+
+TEST(MeasuresTest, ArmsOnlyPhasesHaveNoLineOfSightFiguresAndSeedsAggregate) {
+  PhaseMeter meter({"point", 0.0, 3.0, false, false});
+  MeasureSample s = seen(0.01, 10.0);
+  s.armDeg = {3.0, 4.0};
+  meter.add(s);
+  const auto m = meter.result();
+  EXPECT_NEAR(*m.armsRmsDeg, std::sqrt(12.5), 1e-9);
+  EXPECT_FALSE(m.losRmsDeg || m.timeToOnTargetS || m.onTargetPct);
+
+  std::vector<std::optional<double>> seeds;
+  for (int i = 1; i <= 20; ++i)
+    seeds.push_back(static_cast<double>(i));
+  seeds.push_back(std::nullopt);
+  const auto [mean, p95] = KR::Sim::meanAndP95(seeds);
+  EXPECT_DOUBLE_EQ(*mean, 10.5);
+  EXPECT_DOUBLE_EQ(*p95, 19.0);
+  EXPECT_FALSE(KR::Sim::meanAndP95({std::nullopt}).first);
+}
+
+class RunTest : public ::testing::Test {
+ protected:
+  /// The ball sits ahead and to the left; at 1 s the head and the left arm are turned to it,
+  /// at 2 s it hides for half a second and an event is raised.
+  Scenario scenario() {
+    Scenario s;
+    s.name = "measure";
+    s.robotFile = KR::Sim::resolveRobotFile("kibo");
+    s.duration = 3.0;
+    KR::Sim::TargetScript ball;
+    ball.name = "ball";
+    ball.kind = "RedBall";
+    ball.path = KR::Sim::Path::fixed(kBall);
+    ball.hidden = {{2.0, 2.5}};
+    s.targets = {ball};
+    s.actions = {
+        {1.0, "aim",
+         [](Simulation& sim) {
+           const auto& model = sim.robot().trackerModel();
+           const Position3D inTorso = KR::Math::pinv(sim.motion().getMapToTorso()) * kBall;
+           std::vector<std::string> names;
+           std::vector<float> angles;
+           ASSERT_TRUE(KR::Tracker::tools::computeLookAtAngles(
+               inTorso, model, KR::Model::TRACK_EFFECTOR_CAMERA_TOP, false, names, angles));
+           KR::Tracker::tools::computePointAtAngles(inTorso, model.leftArm, names, angles);
+           sim.motion().setAngles(names, angles, {1.0f});
+           sim.memory().raiseEvent("KRTracker/TargetDetected", KR::KRValue(true));
+         }},
+        {2.0, "events", [](Simulation& sim) {
+           sim.memory().raiseEvent("KRTracker/TargetLost", KR::KRValue(true));
+           sim.memory().raiseEvent("KRTracker/ObjectConverter5", KR::KRValue(1));
+           sim.memory().raiseEvent("KRTracker/ObjectLookAt", KR::KRValue(1));
+         }}};
+    KR::Sim::Phase look;
+    look.name = "look";
+    look.begin = 0.0;
+    look.end = 3.0;
+    look.target = "ball";
+    look.arms = {"LArm"};  // the effector commands the left arm only
+    look.settleSeconds = 1.5;
+    s.phases = {look};
+    return s;
+  }
+
+  static inline const Position3D kBall{1.0f, 0.4f, 0.3f};
+};
+
+TEST_F(RunTest, MeasuresComeFromEveryVisibleSampleAndTheTrackersOwnState) {
+  std::vector<std::string> progress;
+  std::vector<KR::Sim::Sample> samples;
+  std::vector<std::string> hooks;
+  KR::Sim::SimulationConfig ideal;  // an ideal camera and ideal servos: known answers
+  ideal.setPerception(KR::Sim::Perception::ideal());
+  ideal.servo = KR::Sim::ServoModel::ideal();
+  ScenarioRun run(scenario(), ideal);
+  run.setProgress([&](const std::string& line) { progress.push_back(line); }, 1.0);
+  run.setSampleObserver([&](const KR::Sim::Sample& s) { samples.push_back(s); });
+  run.setPhaseHook([&](const std::string& label) { hooks.push_back(label); });
+  run.runToEnd();
+  EXPECT_FALSE(run.step());
+  ASSERT_EQ(samples.size(), 300u);
+  EXPECT_EQ(hooks, (std::vector<std::string>{"look", "end"}));
+
+  const auto summaries = run.summaries();
+  ASSERT_EQ(summaries.size(), 1u);
+  const auto& look = summaries[0].measures;
+  // In view from the start, on target once the head has turned a few steps after 1 s; the
+  // occlusion at 2 s keeps the camera on the ball, so no wait follows it.
+  ASSERT_TRUE(look.timeToOnTargetS && look.losMaxDeg && look.onTargetPct && look.armsRmsDeg);
+  EXPECT_GT(*look.timeToOnTargetS, 1.0);
+  EXPECT_LT(*look.timeToOnTargetS, 1.15);
+  // Every visible sample counts, the second before the head turned too; the half second of
+  // occlusion does not.
+  double firstError = samples.front().lineOfSightDeg;
+  EXPECT_NEAR(*look.losMaxDeg, firstError, 1e-4);
+  EXPECT_GT(firstError, 20.0);
+  EXPECT_NEAR(*look.onTargetPct, 100.0 * (3.0 - 0.5 - *look.timeToOnTargetS) / 3.0, 0.5);
+  EXPECT_LT(samples.back().lineOfSightDeg, 0.05);
+  // Only the commanded left arm, only while the tracker tracks (detection at 1 s, loss at 2 s)
+  // and once the arms have risen (1.5 s).
+  EXPECT_LT(*look.armsRmsDeg, 0.05);
+  const auto at = [&](double t) { return samples[static_cast<std::size_t>(t * 100) - 1]; };
+  for (const auto& s : samples) {
+    EXPECT_EQ(s.rightArmDeg, -1.0f);
+    EXPECT_EQ(s.leftArmDeg >= 0.0f, s.time > 1.495 && s.time < 2.005) << s.time;
+    EXPECT_EQ(s.tracked, s.time > 1.005 && s.time < 2.005) << s.time;
+  }
+  EXPECT_TRUE(at(2.2).inView);
+  EXPECT_FALSE(at(2.2).perceived);
+  EXPECT_TRUE(at(2.8).perceived);
+  // Observations and the smoother's streams are not counted.
+  EXPECT_EQ(look.events, (std::vector<std::pair<std::string, std::size_t>>{
+                             {"KRTracker/TargetDetected", 1}, {"KRTracker/TargetLost", 1}}));
+
+  EXPECT_NE(std::find(progress.begin(), progress.end(), "[   1.00 s] aim"), progress.end());
+  EXPECT_NE(std::find(progress.begin(), progress.end(), "[   2.00 s] event KRTracker/TargetLost"),
+            progress.end());
+  for (const auto& line : progress)
+    EXPECT_EQ(line.find("ObjectLookAt"), std::string::npos);
+}
+
+TEST_F(RunTest, CsvIsStreamedOneLinePerStepAndTheTableListsEventsBelow) {
+  ScenarioRun run(scenario(), KR::Sim::SimulationConfig());
+  std::ostringstream csv;
+  run.setCsv(&csv);
+  std::size_t streamed = 0;
+  run.setSampleObserver([&](const KR::Sim::Sample& s) {
+    // Each line is out as soon as its step is done.
+    const std::string text = csv.str();
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), static_cast<long>(++streamed) + 1)
+        << s.time;
+  });
+  run.runToEnd();
+  std::istringstream lines(csv.str());
+  std::string line;
+  ASSERT_TRUE(std::getline(lines, line));
+  EXPECT_EQ(line, run.csvHeader());
+  // Every joint commanded and measured.
+  for (const std::string joint : {"HeadYaw", "LShoulderPitch", "RElbowRoll"})
+    EXPECT_NE(line.find(",cmd_" + joint + "," + joint), std::string::npos) << line;
+  const auto columns = std::count(line.begin(), line.end(), ',');
+  int rows = 0;
+  while (std::getline(lines, line)) {
+    ++rows;
+    EXPECT_EQ(std::count(line.begin(), line.end(), ','), columns) << line;
+    if (rows == 150) {
+      EXPECT_EQ(line.rfind("1.50,look,0.0000,0.0000,0.0000,", 0), 0u) << line;
+      EXPECT_NE(line.find(",1,1,1,"), std::string::npos) << line;  // in view, perceived, tracked
+    }
+    if (rows == 101) {
+      EXPECT_NE(line.find(",TargetDetected,"), std::string::npos) << line;
+    }
+  }
+  EXPECT_EQ(rows, 300);
+
+  std::istringstream table(KR::Sim::formatSummary(run.summaries()));
+  std::vector<std::string> rowsOut;
+  while (std::getline(table, line))
+    rowsOut.push_back(line);
+  ASSERT_EQ(rowsOut.size(), 5u);
+  EXPECT_EQ(rowsOut[0].rfind("phase  on target  LoS RMS", 0), 0u) << rowsOut[0];
+  EXPECT_EQ(rowsOut[0].find("follow"), std::string::npos);  // no phase measures it
+  EXPECT_LE(rowsOut[0].size(), 110u);
+  EXPECT_EQ(rowsOut[2].rfind("look ", 0), 0u) << rowsOut[2];
+  EXPECT_EQ(rowsOut[3], "Events:");
+  EXPECT_EQ(rowsOut[4], "  look: KRTracker/TargetDetected x1, KRTracker/TargetLost x1");
+}
+
+}  // namespace
