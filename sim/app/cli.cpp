@@ -383,14 +383,14 @@ int runScenario(Options o, std::ostream& out, const SubModuleFactory& modules,
   config.noise = noise;
   config.modules = modules;
   config.physics = o.physics;
-  config.cameraRateHz = parseNumber("--camera-rate", o.cameraRate);
-  if (config.cameraRateHz <= 0.0 || config.cameraRateHz > 1000.0)
+  config.camera.cameraRateHz = parseNumber("--camera-rate", o.cameraRate);
+  if (config.camera.cameraRateHz <= 0.0 || config.camera.cameraRateHz > 1000.0)
     throw UsageError("--camera-rate expects a frame rate above 0 and up to 1000 Hz");
-  config.latencyS = parseNumber("--latency", o.latency);
-  if (config.latencyS < 0.0 || config.latencyS > 10.0)
+  config.camera.latencyS = parseNumber("--latency", o.latency);
+  if (config.camera.latencyS < 0.0 || config.camera.latencyS > 10.0)
     throw UsageError("--latency expects from 0 to 10 seconds");
-  config.dropout = parseNumber("--dropout", o.dropout);
-  if (config.dropout < 0.0 || config.dropout > 1.0)
+  config.camera.dropout = parseNumber("--dropout", o.dropout);
+  if (config.camera.dropout < 0.0 || config.camera.dropout > 1.0)
     throw UsageError("--dropout expects a probability from 0 to 1");
   config.compensation = o.compensation == "on";
   std::optional<SeedRange> seeds;
@@ -466,7 +466,7 @@ int runScenario(Options o, std::ostream& out, const SubModuleFactory& modules,
   info.scenario = scenario.name;
   info.robot = robot->getName();
   info.physics = config.physics;
-  info.latencyS = config.latencyS;
+  info.latencyS = config.camera.latencyS;
   info.compensation = config.compensation;
   StopSignals stopSignals;
 
@@ -541,8 +541,8 @@ int runScenario(Options o, std::ostream& out, const SubModuleFactory& modules,
   out << kProgram << ": scenario " << scenario.name << ": " << scenario.description << "\n"
       << "robot " << robot->getName() << " (" << robotPath << "), seed " << seed << ", "
       << std::fixed << std::setprecision(1) << scenario.duration << " s at 100 Hz, physics "
-      << config.physics << ", camera " << config.cameraRateHz << " Hz, latency "
-      << std::setprecision(3) << config.latencyS << " s, compensation " << o.compensation
+      << config.physics << ", camera " << config.camera.cameraRateHz << " Hz, latency "
+      << std::setprecision(3) << config.camera.latencyS << " s, compensation " << o.compensation
       << (o.realtime ? ", real time" : "") << "\n";
   for (const auto& note : scenario.notes)
     out << "note: " << note << "\n";
@@ -600,8 +600,9 @@ int runScenario(Options o, std::ostream& out, const SubModuleFactory& modules,
     std::ostringstream variables;
     std::ostringstream subtitle;
     subtitle << robot->getName() << ", seed " << seed << ", mode "
-             << (o.mode.empty() ? scenario.modeText : o.mode) << ", latency " << config.latencyS
-             << " s, compensation " << o.compensation << ", physics " << config.physics;
+             << (o.mode.empty() ? scenario.modeText : o.mode) << ", latency "
+             << config.camera.latencyS << " s, compensation " << o.compensation << ", physics "
+             << config.physics;
     variables << "subtitle=" << gpString(subtitle.str()) << "; yawmin=" << head.yaw.min * kDeg
               << "; yawmax=" << head.yaw.max * kDeg << "; pitchmin=" << head.pitch.min * kDeg
               << "; pitchmax=" << head.pitch.max * kDeg;

@@ -142,7 +142,7 @@ int runRemoteRobot(const std::string& scenarioName, std::ostream& out, std::ostr
   info.seed = config.seed;
   info.physics = config.physics;
   info.transport = "dds";
-  info.latencyS = config.latencyS;
+  info.latencyS = config.camera.latencyS;
   info.compensation = config.compensation;
   info.simulatedS = run.simulatedSeconds();
   info.cpuS = static_cast<double>(std::clock() - cpuStart) / CLOCKS_PER_SEC;

@@ -24,7 +24,7 @@ Simulation::Simulation(SimulationConfig config) {
   fContext.world =
       std::make_shared<World>(fContext.clock, fContext.memory, fContext.motion, config.seed);
   fContext.world->setNoise(config.noise);
-  fContext.world->setPerception(config.perception());
+  fContext.world->setPerception(config.camera);
   fContext.compensation = config.compensation;
   fContext.broker->addModule(fContext.motion);
   fContext.broker->addModule(fContext.memory);

@@ -10,6 +10,15 @@
 namespace KR {
 namespace Sim {
 
+void CameraConfig::validate() const {
+  if (!(cameraRateHz >= 0.0) || !(latencyS >= 0.0) || !(dropout >= 0.0 && dropout <= 1.0) ||
+      !(angleNoise >= 0.0f) || !(distanceNoise >= 0.0f)) {
+    throw KRError("World", "setPerception",
+                  "the camera rate, latency and noise must not be negative and the dropout must "
+                  "lie in [0, 1]");
+  }
+}
+
 namespace {
 constexpr float kDefaultHearingRange = 5.0f;  // [m]
 
@@ -151,18 +160,13 @@ void World::setNoise(float sigma) {
   fNoise = std::max(0.0f, sigma);
 }
 
-void World::setPerception(const Perception& p) {
-  if (!(p.cameraRateHz >= 0.0) || !(p.latencyS >= 0.0) || !(p.dropout >= 0.0 && p.dropout <= 1.0) ||
-      !(p.angleNoise >= 0.0f) || !(p.distanceNoise >= 0.0f)) {
-    throw KRError("World", "setPerception",
-                  "the camera rate, latency and noise must not be negative and the dropout must "
-                  "lie in [0, 1]");
-  }
+void World::setPerception(const CameraConfig& p) {
+  p.validate();
   std::lock_guard<std::mutex> lock(fMutex);
   fPerception = p;
 }
 
-Perception World::getPerception() const {
+CameraConfig World::getPerception() const {
   std::lock_guard<std::mutex> lock(fMutex);
   return fPerception;
 }

@@ -180,7 +180,7 @@ TEST_F(RunTest, MeasuresComeFromEveryVisibleSampleAndTheTrackersOwnState) {
   std::vector<KR::Sim::Sample> samples;
   std::vector<std::string> hooks;
   KR::Sim::SimulationConfig ideal;  // an ideal camera and ideal servos: known answers
-  ideal.setPerception(KR::Sim::Perception::ideal());
+  ideal.camera = KR::Sim::CameraConfig::ideal();
   ideal.servo = KR::Sim::ServoModel::ideal();
   ScenarioRun run(scenario(), ideal);
   run.setProgress([&](const std::string& line) { progress.push_back(line); }, 1.0);

@@ -29,7 +29,7 @@ struct Recorded {
     KR::Sim::SimulationConfig config;
     config.seed = seed;
     config.noise = noise;
-    config.setPerception(KR::Sim::Perception::ideal());
+    config.camera = KR::Sim::CameraConfig::ideal();
     config.servo = KR::Sim::ServoModel::ideal();
     config.modules = &KR::Sim::createTrackerModules;
     run = std::make_unique<ScenarioRun>(KR::Sim::makeScenario(name, options), config);
@@ -247,7 +247,7 @@ StepResponse stepResponse(double latencyS, bool compensation) {
   KR::Sim::SimulationConfig config;
   config.robotXml = krtest::readRobotFile("rover.xml");
   config.seed = 5;
-  config.latencyS = latencyS;
+  config.camera.latencyS = latencyS;
   config.compensation = compensation;
   config.modules = &KR::Sim::createTrackerModules;
   KR::Sim::Simulation sim(config);
@@ -323,7 +323,7 @@ struct BallRms {
 
 BallRms ballRun(bool compensation) {
   KR::Sim::SimulationConfig config;
-  config.latencyS = 0.06;
+  config.camera.latencyS = 0.06;
   config.compensation = compensation;
   config.modules = &KR::Sim::createTrackerModules;
   KR::Sim::ScenarioRun run(KR::Sim::makeScenario("ball", {}), config);

@@ -45,7 +45,7 @@ class ModulesTest : public ::testing::Test {
     recorder.reset();
     sim.reset();
     KR::Sim::SimulationConfig config;
-    config.setPerception(KR::Sim::Perception::ideal());
+    config.camera = KR::Sim::CameraConfig::ideal();
     config.robotXml = krtest::readRobotFile(robotFile);
     config.seed = 3;
     config.startPose = startPose;

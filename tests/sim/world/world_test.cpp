@@ -40,7 +40,7 @@ TEST(PathTest, OrbitsStayOnTheirCircleAndEndOnTime) {
 // Kibo with the servo model of a simulation run.
 class WorldTest : public ::testing::Test, protected SimRobot {
  protected:
-  WorldTest() : SimRobot("kibo.xml", false) { world->setPerception(KR::Sim::Perception::ideal()); }
+  WorldTest() : SimRobot("kibo.xml", false) { world->setPerception(KR::Sim::CameraConfig::ideal()); }
   /// Advances time in 10 ms steps, updating the world; returns the observations raised.
   std::vector<std::pair<std::string, KRValue>> run(double seconds) {
     std::vector<std::pair<std::string, KRValue>> out;
@@ -71,7 +71,7 @@ class WorldTest : public ::testing::Test, protected SimRobot {
   /// A world of its own with one target, published on "Obs" every 10 ms: each observation
   /// for `steps` steps of 10 ms, with the time it arrived [s].
   std::vector<std::pair<double, KRValue>> observe(std::uint32_t seed,
-                                                  const KR::Sim::Perception& perception,
+                                                  const KR::Sim::CameraConfig& perception,
                                                   const TargetScript& target, int steps,
                                                   float noise = 0.0f) {
     World w(clock, memory, motion, seed);
@@ -156,7 +156,7 @@ TEST_F(WorldTest, BothLayoutsConvertBackToTheTargetInTheOdometryFrame) {
   for (Layout layout : {Layout::World, Layout::Torso}) {
     TargetScript script = ball(Path::fixed(target), layout);
     script.headThreshold = 0.25f;
-    const auto observed = observe(7, KR::Sim::Perception::ideal(), script, 1);
+    const auto observed = observe(7, KR::Sim::CameraConfig::ideal(), script, 1);
     ASSERT_EQ(observed.size(), 1u);
     const KRValue& event = observed[0].second;
     ASSERT_EQ(event.size(), layout == Layout::World ? 4u : 5u);
@@ -212,7 +212,7 @@ TEST_F(WorldTest, TheNearestTargetOfAKindIsPublishedAndLandmarksGoToTheirOwnEven
 TEST_F(WorldTest, NoiseDependsOnlyOnTheSeed) {
   auto xs = [&](std::uint32_t seed, float noise) {
     std::vector<float> out;
-    for (const auto& o : observe(seed, KR::Sim::Perception::ideal(),
+    for (const auto& o : observe(seed, KR::Sim::CameraConfig::ideal(),
                                  ball(Path::fixed(ahead(1.0f)), Layout::World), 50, noise))
       out.push_back(o.second[0][0].asFloat());
     return out;
@@ -263,7 +263,7 @@ TEST_F(WorldTest, DetectionsComeAtTheCameraRateLateByTheLatencyStampedWithTheirC
 
 TEST_F(WorldTest, ADetectionOutsideTheFieldOfViewNeverReachesTheTracker) {
   // A noisy camera, and a ball that sweeps from far left to far right of it and back.
-  KR::Sim::Perception perception;
+  KR::Sim::CameraConfig perception;
   perception.angleNoise = 0.05f;
   perception.dropout = 0.1;
   world->setPerception(perception);

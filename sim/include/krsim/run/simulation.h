@@ -36,28 +36,10 @@ struct SimulationConfig {
   Math::Pose2D startPose;    // the robot's pose in the map frame
   SubModuleFactory modules;  // empty: services only, no tracking service
 
-  // Perception (see World's Perception for the defaults and where they come from), actuation
-  // and the tracking service's latency compensation.
-  std::string physics = "kinematic";                 // "kinematic" or "mujoco"
-  double cameraRateHz = Perception().cameraRateHz;   // frames per second; 0: every step
-  double latencyS = Perception().latencyS;           // capture to delivery of a detection [s]
-  double dropout = Perception().dropout;             // probability that a frame is missed
-  float angleNoise = Perception().angleNoise;        // [rad]
-  float distanceNoise = Perception().distanceNoise;  // distance error over distance^2 [1/m]
-  bool compensation = true;  // sub-modules use capture-time poses and prediction
-  ServoModel servo;          // joints of the kinematic backend
-
-  Perception perception() const {
-    return {cameraRateHz, latencyS, dropout, angleNoise, distanceNoise};
-  }
-  SimulationConfig& setPerception(const Perception& p) {
-    cameraRateHz = p.cameraRateHz;
-    latencyS = p.latencyS;
-    dropout = p.dropout;
-    angleNoise = p.angleNoise;
-    distanceNoise = p.distanceNoise;
-    return *this;
-  }
+  CameraConfig camera;                // the head camera and its detector
+  std::string physics = "kinematic";  // "kinematic" or "mujoco"
+  bool compensation = true;           // sub-modules use capture-time poses and prediction
+  ServoModel servo;                   // joints of the kinematic backend
 };
 
 class Simulation {

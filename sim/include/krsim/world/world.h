@@ -3,11 +3,11 @@
 // by the head camera (or heard, for a sound source) and published as tracker events in
 // platform memory, the way the robot's detection modules would.
 //
-// The head camera takes frames at Perception::cameraRateHz. On a frame, a target is detected
+// The head camera takes frames at CameraConfig::cameraRateHz. On a frame, a target is detected
 // when it lies in the field of view of the head camera of the configured effector (0: top
-// camera by default) and within range, unless the frame misses it (Perception::dropout). The
+// camera by default) and within range, unless the frame misses it (CameraConfig::dropout). The
 // detection is a point in the camera frame, with an angular error and a distance error that
-// grows with the distance. It is delivered Perception::latencyS later, stamped with the
+// grows with the distance. It is delivered CameraConfig::latencyS later, stamped with the
 // capture time: the detection module converts it into the event's frame with the head and
 // base pose it reads when it publishes, as a robot's vision service does, so a consumer that
 // wants the pose at capture time asks KRMotion for it ("_getSensorTransformAtTime").
@@ -44,6 +44,7 @@
 #include <krsim/robot/clock.h>
 #include <krsim/robot/memory.h>
 #include <krsim/robot/motion.h>
+#include <krsim/world/camera.h>
 
 namespace KR {
 namespace Sim {
@@ -82,31 +83,6 @@ struct TimeInterval {
 };
 
 enum class Layout { World, Torso };
-
-/// How the head camera and its on-board detector see. The defaults are those of a typical
-/// robot head camera running a face or ball detector on board:
-/// - 15 Hz: detectors on an embedded CPU or a small accelerator run at 10 to 30 Hz; 15 Hz is
-///   the middle of that range (one frame in two of a 30 fps sensor).
-/// - 80 ms: capture to delivery adds half a frame of exposure and readout (17 ms at 30 fps),
-///   the detector's inference (30 to 50 ms) and the transport to the robot's middleware
-///   (10 ms); published measurements of such pipelines lie between 30 and 150 ms.
-/// - 3 mrad of angular error: about 2 pixels of centroid jitter for a 640-pixel-wide image
-///   across a 60-degree lens (560 pixels of focal length).
-/// - distance error 0.02 * d^2 [m] at d metres: the distance comes from the apparent size of
-///   the target, whose pixel error is relative to a size that shrinks as 1/d; 2 % at 1 m is
-///   one pixel on the 30-pixel image of a 6 cm ball, then growing with the square.
-/// - no dropout by default, so that a run shows the latency alone; 0.1 is a typical miss
-///   rate of a detector on a moving target.
-struct Perception {
-  double cameraRateHz = 15.0;   // frames per second; 0: a frame every update
-  double latencyS = 0.08;       // capture to delivery [s]
-  double dropout = 0.0;         // probability that a frame misses the target
-  float angleNoise = 0.003f;    // standard deviation of each of two angles [rad]
-  float distanceNoise = 0.02f;  // standard deviation of the distance over its square [1/m]
-
-  /// A frame every update, delivered at once, exact and never missed.
-  static Perception ideal() { return {0.0, 0.0, 0.0, 0.0f, 0.0f}; }
-};
 
 struct TargetScript {
   std::string name;  // unique in the world, e.g. "ball"
@@ -148,8 +124,8 @@ class World {
   void setNoise(float sigma);
   /// The camera and detector; KRError for a negative rate, latency or noise, or a dropout
   /// outside [0, 1].
-  void setPerception(const Perception& perception);
-  Perception getPerception() const;
+  void setPerception(const CameraConfig& perception);
+  CameraConfig getPerception() const;
   /// Which head camera (TRACK_EFFECTOR 0, 1, 2) sees, and which effector the events carry.
   void setCameraEffector(int effector);
   int getCameraEffector() const;
@@ -207,7 +183,7 @@ class World {
   std::map<std::string, int> fPeriodsMs;
   float fNoise = 0.0f;
   int fEffector = 0;
-  Perception fPerception;
+  CameraConfig fPerception;
   std::int64_t fNextFrameNs = 0;
   std::deque<Detection> fInFlight;  // in order of delivery
   std::mt19937 fRandom;
