@@ -17,6 +17,7 @@
 #include <krtracker/config/krgenerictrackerconfig.h>
 
 #include <krsim/report/json_summary.h>
+#include <krsim/run/run_loop.h>
 #include <krsim/run/scenario.h>
 #include <krsim/run/scenario_run.h>
 #include <krsim/tracking/context.h>
@@ -97,13 +98,12 @@ int runRemoteTrackingService(std::ostream& out, std::ostream& err, double maxSec
   return 0;
 }
 
-int runRemoteRobot(const std::string& scenarioName, std::ostream& out, std::ostream& err,
-                   const std::string& physics) {
-  std::shared_ptr<KRRemote> remote;
-  bool found = true;
-  SimulationConfig config;
-  config.physics = physics;
-  config.modules = [&](const SimContext& context) -> std::vector<std::shared_ptr<SimModule>> {
+namespace {
+
+/// The robot side's own sub-modules, published to the domain; waits for the tracking service.
+SubModuleFactory publishingModules(std::shared_ptr<KRRemote>& remote, bool& found,
+                                   std::ostream& out) {
+  return [&remote, &found, &out](const SimContext& context) {
     auto modules = createSubModules(context);
     remote = KRRemote::attach(context.broker, remoteOptionsFromEnvironment());
     remote->publishAll();
@@ -111,14 +111,35 @@ int runRemoteRobot(const std::string& scenarioName, std::ostream& out, std::ostr
     found = remote->waitForModule("KRTracker", 120s);
     return modules;
   };
-  Scenario scenario = makeScenario(scenarioName, ScenarioOptions{});
+}
+
+void writeSummary(const RunConfig& config, const Scenario& scenario, const RunResult& r,
+                  std::ostream& out) {
+  out << "\nSummary (transport: dds)\n" << formatSummary(r.summaries);
+  // The same JSON summary as a one-process run, marked as run over DDS.
+  const RunRecord record{scenario.name, scenario.robot->robot->getName(), r.simulatedS, r.cpuS};
+  ::mkdir("out", 0755);
+  const std::string json = "out/" + scenario.name + ".json";
+  std::ofstream(json) << summaryJson(config, record, measuresOf(r.summaries));
+  out << "JSON: " << json << "\n";
+}
+
+}  // namespace
+
+int runRemoteRobot(const RunConfig& config, Scenario scenario, std::ostream& out,
+                   std::ostream& err) {
+  std::shared_ptr<KRRemote> remote;
+  bool found = true;
+  SimulationConfig sim;
+  static_cast<SimulationSettings&>(sim) = config;
+  sim.modules = publishingModules(remote, found, out);
   for (Action& action : scenario.actions) {
-    action.run = [act = std::move(action.run)](Simulation& sim) {
-      act(sim);
-      mirrorTrackerConfig(sim);
+    action.run = [act = std::move(action.run)](Simulation& s) {
+      act(s);
+      mirrorTrackerConfig(s);
     };
   }
-  ScenarioRun run(scenario, config);
+  ScenarioRun run(scenario, sim);
   if (!found) {
     err << "robot: the tracking service did not appear within 120 s\n";
     return 1;
@@ -126,33 +147,8 @@ int runRemoteRobot(const std::string& scenarioName, std::ostream& out, std::ostr
   out << "robot: scenario " << scenario.name << ", " << std::fixed << std::setprecision(1)
       << scenario.duration << " s in real time, tracking service in another process (dds)\n"
       << std::flush;
-  const std::clock_t cpuStart = std::clock();
-  const auto wallStart = std::chrono::steady_clock::now();
-  while (run.step()) {
-    std::this_thread::sleep_until(wallStart +
-                                  std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-                                      std::chrono::duration<double>(run.simulation().time())));
-  }
-  const auto summaries = run.summaries();
-  out << "\nSummary (transport: dds)\n" << formatSummary(summaries);
-  // The same JSON summary as a one-process run, marked as run over DDS.
-  RunInfo info;
-  info.scenario = scenario.name;
-  info.robot = run.simulation().robot().getName();
-  info.seed = config.seed;
-  info.physics = config.physics;
-  info.transport = "dds";
-  info.latencyS = config.camera.latencyS;
-  info.compensation = config.compensation;
-  info.simulatedS = run.simulatedSeconds();
-  info.cpuS = static_cast<double>(std::clock() - cpuStart) / CLOCKS_PER_SEC;
-  std::vector<PhaseMeasures> phases;
-  for (const auto& s : summaries)
-    phases.push_back(s.measures);
-  ::mkdir("out", 0755);
-  const std::string json = "out/" + scenario.name + ".json";
-  std::ofstream(json) << summaryJson(info, phases);
-  out << "JSON: " << json << "\n";
+  const RunResult result = playRun(run, true);
+  writeSummary(config, scenario, result, out);
   remote->close();
   return 0;
 }

@@ -20,18 +20,18 @@ json value(const std::optional<double>& v) {
   return v ? json(*v) : json(nullptr);
 }
 
-json top(const RunInfo& info) {
+json top(const RunConfig& config, const RunRecord& record) {
   json j;
-  j["scenario"] = info.scenario;
-  j["robot"] = info.robot;
-  j["seed"] = info.seed;
-  j["physics"] = info.physics;
-  j["transport"] = info.transport;
-  j["latency_s"] = info.latencyS;
-  j["compensation"] = info.compensation;
+  j["scenario"] = record.scenario;
+  j["robot"] = record.robot;
+  j["seed"] = config.seed;
+  j["physics"] = config.physics;
+  j["transport"] = config.transport;
+  j["latency_s"] = config.camera.latencyS;
+  j["compensation"] = config.compensation;
   // Whole steps of the simulated clock, without the last bits of the division.
-  j["simulated_s"] = std::round(info.simulatedS * 1e6) / 1e6;
-  j["cpu_s"] = std::round(info.cpuS * 1e6) / 1e6;
+  j["simulated_s"] = std::round(record.simulatedS * 1e6) / 1e6;
+  j["cpu_s"] = std::round(record.cpuS * 1e6) / 1e6;
   return j;
 }
 
@@ -51,8 +51,9 @@ json phaseJson(const PhaseMeasures& m) {
   return p;
 }
 
-json runJson(const RunInfo& info, const std::vector<PhaseMeasures>& phases) {
-  json j = top(info);
+json runJson(const RunConfig& config, const RunRecord& record,
+             const std::vector<PhaseMeasures>& phases) {
+  json j = top(config, record);
   j["phases"] = json::array();
   for (const auto& m : phases)
     j["phases"].push_back(phaseJson(m));
@@ -61,16 +62,17 @@ json runJson(const RunInfo& info, const std::vector<PhaseMeasures>& phases) {
 
 }  // namespace
 
-std::string summaryJson(const RunInfo& info, const std::vector<PhaseMeasures>& phases) {
-  return runJson(info, phases).dump(2) + "\n";
+std::string summaryJson(const RunConfig& config, const RunRecord& record,
+                        const std::vector<PhaseMeasures>& phases) {
+  return runJson(config, record, phases).dump(2) + "\n";
 }
 
-std::string seedsJson(const RunInfo& info, std::uint32_t first, std::uint32_t last,
+std::string seedsJson(const RunConfig& config, const RunRecord& record, SeedRange range,
                       const std::vector<std::vector<PhaseMeasures>>& runs,
                       const std::vector<double>& cpuS) {
-  json j = top(info);
+  json j = top(config, record);
   j["seed"] = nullptr;
-  j["seeds"] = {{"first", first}, {"last", last}};
+  j["seeds"] = {{"first", range.first}, {"last", range.last}};
   j["phases"] = json::array();
   for (const auto& a : aggregateSeeds(runs)) {
     json p;
@@ -83,11 +85,12 @@ std::string seedsJson(const RunInfo& info, std::uint32_t first, std::uint32_t la
   }
   j["runs"] = json::array();
   for (std::size_t r = 0; r < runs.size(); ++r) {
-    RunInfo one = info;
-    one.seed = first + static_cast<std::uint32_t>(r);
-    one.cpuS = r < cpuS.size() ? cpuS[r] : 0.0;
-    one.simulatedS = info.simulatedS / static_cast<double>(runs.size());
-    j["runs"].push_back(runJson(one, runs[r]));
+    RunConfig one = config;
+    one.seed = range.first + static_cast<std::uint32_t>(r);
+    RunRecord oneRecord = record;
+    oneRecord.cpuS = r < cpuS.size() ? cpuS[r] : 0.0;
+    oneRecord.simulatedS = record.simulatedS / static_cast<double>(runs.size());
+    j["runs"].push_back(runJson(one, oneRecord, runs[r]));
   }
   return j.dump(2) + "\n";
 }

@@ -5,11 +5,9 @@
 namespace KR {
 namespace Sim {
 
-SimRobotModel::SimRobotModel(std::string xml)
-    : KRModule("KRRobotModel"),
-      fXml(std::move(xml)),
-      fRobot(Model::ModelUtils::robotFromXml(fXml)) {
-  bind("getConfig", [this]() { return fXml; });
+SimRobotModel::SimRobotModel(std::shared_ptr<const RobotDescription> description)
+    : KRModule("KRRobotModel"), fDescription(std::move(description)), fRobot(fDescription->robot) {
+  bind("getConfig", [this]() { return fDescription->text; });
   bind("getRobotName", [this]() { return fRobot->getName(); });
   bind("getRobotType", [this]() { return fRobot->getRobotType(); });
 }

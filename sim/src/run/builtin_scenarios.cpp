@@ -88,9 +88,9 @@ TargetScript target(const std::string& name, const std::string& kind, Path path,
 Scenario oneShotScenario(const ScenarioOptions& o) {
   Scenario s;
   s.name = "oneshot";
-  s.robotFile = pick(o.robotFile, resolveRobotFile("kibo"));
+  s.robot = o.robot ? o.robot : RobotDescription::load("kibo");
   s.duration = 20.0;
-  auto robot = Model::ModelUtils::robotFromFile(s.robotFile);
+  const auto& robot = s.robot->robot;
   const float h = robot->getTorsoHeight();
   // The look: a torso-frame point behind and to the left.
   Position3D behind(-1.0f, 0.6f, 0.2f);
@@ -160,11 +160,11 @@ Scenario oneShotScenario(const ScenarioOptions& o) {
 Scenario stepScenario(const ScenarioOptions& o) {
   Scenario s;
   s.name = "step";
-  s.robotFile = resolveRobotFile("rover");
+  s.robot = RobotDescription::load("rover");
   const int steps = 4;
   const double period = 4.0;
   s.duration = (steps + 1) * period;
-  auto robot = Model::ModelUtils::robotFromFile(s.robotFile);
+  const auto& robot = s.robot->robot;
   const auto& head = robot->trackerModel().head;
   // The camera sits ahead of the yaw axis: the jump about the axis that the camera, on the
   // target, sees as 30 degrees, for targets on a circle about the axis at the camera's height.
@@ -281,8 +281,8 @@ Scenario buildScenario(const std::string& name, const ScenarioOptions& options) 
   for (const auto& e : kScenarios) {
     if (name == e.name) {
       Scenario s = e.make(options);
-      if (!options.robotFile.empty())
-        s.robotFile = options.robotFile;
+      if (options.robot)
+        s.robot = options.robot;
       return s;
     }
   }
@@ -312,12 +312,7 @@ Scenario makeScenario(const std::string& name, const ScenarioOptions& options) {
                                 [&](const Phase& p) { return p.begin >= s.duration; }),
                  s.phases.end());
   // A robot that cannot point runs the scenario to its end without the pointing.
-  std::unique_ptr<Model::Robot> robot;
-  try {
-    robot = Model::ModelUtils::robotFromFile(s.robotFile);
-  } catch (const std::exception&) {
-    return s;  // the caller reports the robot file
-  }
+  const auto& robot = s.robot->robot;
   if (!robot->canPointAt()) {
     for (auto& p : s.phases) {
       if (p.arms.empty())
@@ -342,17 +337,6 @@ Scenario makeScenario(const std::string& name, const ScenarioOptions& options) {
 std::string findDataFile(const std::string& relative) {
   const std::string path = std::string(KRTRACKER_ROBOTS_DIR) + "/../" + relative;
   return std::ifstream(path).good() ? path : std::string();
-}
-
-std::string resolveRobotFile(const std::string& nameOrPath) {
-  if (std::ifstream(nameOrPath).good())
-    return nameOrPath;
-  const std::string dir = KRTRACKER_ROBOTS_DIR;
-  for (const std::string& candidate : {dir + "/" + nameOrPath, dir + "/" + nameOrPath + ".xml"}) {
-    if (std::ifstream(candidate).good())
-      return candidate;
-  }
-  return nameOrPath;
 }
 
 }  // namespace Sim

@@ -235,8 +235,10 @@ Scenario loadScenarioFile(const std::string& path, const ScenarioOptions& option
   s.file = path;
   s.name = r.string(r.need(root, "name", ""), "name");
   s.description = root["description"] ? r.string(root["description"], "description") : "";
-  s.robotFile = resolveRobotFile(
-      options.robotFile.empty() ? r.string(r.need(root, "robot", ""), "robot") : options.robotFile);
+  s.robot =
+      options.robot
+          ? options.robot
+          : RobotDescription::load(resolveRobotFile(r.string(r.need(root, "robot", ""), "robot")));
   s.openEnded = r.boolean(root, "open_ended", "", false);
   s.duration = r.number(r.need(root, "duration", ""), "duration", 0.01, 7.0 * 24 * 3600);
   if (s.openEnded && options.duration > 0.0)

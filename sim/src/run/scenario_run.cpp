@@ -58,13 +58,8 @@ double ErrorStats::rms() const {
 
 ScenarioRun::ScenarioRun(Scenario scenario, SimulationConfig base)
     : fScenario(std::move(scenario)) {
-  if (base.robotXml.empty()) {
-    auto robot = Model::ModelUtils::robotFromFile(fScenario.robotFile);  // names the file
-    (void)robot;
-    std::ostringstream text;
-    text << std::ifstream(fScenario.robotFile).rdbuf();
-    base.robotXml = text.str();
-  }
+  if (!base.robot)
+    base.robot = fScenario.robot;
   base.startPose = fScenario.startPose;
   fSim = std::make_unique<Simulation>(std::move(base));
   fSim->motion().setOdometryDrift(fScenario.odometryDriftLinear, fScenario.odometryDriftAngular);

@@ -8,11 +8,13 @@ namespace KR {
 namespace Sim {
 
 Simulation::Simulation(SimulationConfig config) {
-  fRobotModel = std::make_shared<SimRobotModel>(config.robotXml);
+  if (!config.robot)
+    throw KRError("krsim", "Simulation", "no robot description");
+  fRobotModel = std::make_shared<SimRobotModel>(config.robot);
   fContext.broker = KR::KRBroker::create("krtracker-sim");
   fContext.clock = std::make_shared<SimClock>();
-  fContext.robot = std::make_shared<const Model::Robot>(fRobotModel->robot());
-  fContext.robotXml = config.robotXml;
+  fContext.robot = config.robot->robot;
+  fContext.robotXml = config.robot->text;
   fContext.memory = std::make_shared<SimMemory>(fContext.clock);
   fContext.motion = std::make_shared<SimMotion>(
       *fContext.robot, fContext.clock,

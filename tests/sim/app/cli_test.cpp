@@ -473,7 +473,7 @@ TEST(ScenarioFileTest, AUserScenarioRunsFromItsPathWithItsPhasesMeasured) {
   EXPECT_DOUBLE_EQ(s.phases[1].end, 12.0);
   EXPECT_DOUBLE_EQ(s.phases[1].acquireDegrees, 4.0);
   EXPECT_EQ(s.modeText, "Head");
-  EXPECT_EQ(KR::Sim::makeScenario(file, {"", "WholeBody", "", 0.0}).modeText, "WholeBody");
+  EXPECT_EQ(KR::Sim::makeScenario(file, {nullptr, "WholeBody", "", 0.0}).modeText, "WholeBody");
 }
 
 // Each kind of mistake is refused, naming the file, the line and the field.

@@ -29,7 +29,7 @@ void expectPoseNear(const Pose2D& actual, const Pose2D& expected, float toleranc
 /// A simulation of that description on that physics backend is refused.
 void expectNoSimulation(const std::string& xml, const std::string& physics) {
   KR::Sim::SimulationConfig config;
-  config.robotXml = xml;
+  config.robot = KR::Sim::RobotDescription::fromText(xml);
   config.physics = physics;
   EXPECT_THROW(Simulation{config}, KR::KRError);
 }
@@ -433,6 +433,7 @@ TEST(Snapshot, DrawsTheRobotItsTargetAndTheLineOfSightOffScreen) {
   ScenarioOptions options;
   options.duration = 3.0;
   KR::Sim::SimulationConfig config;
+  config.physics = "kinematic";
   config.modules = &KR::Sim::createTrackerModules;
   ScenarioRun run(KR::Sim::makeScenario("ball", options), config);
   run.runToEnd();

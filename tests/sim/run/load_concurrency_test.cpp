@@ -168,8 +168,9 @@ TEST_P(LoadConcurrency, EightClientsCallTheTrackerWhileTheSubModulesRun) {
   std::streambuf* const previousCerr = std::cerr.rdbuf(&nothing);
 
   KR::Sim::ScenarioOptions options;
-  options.robotFile = KR::Sim::resolveRobotFile(GetParam());
+  options.robot = KR::Sim::RobotDescription::load(GetParam());
   KR::Sim::SimulationConfig config;
+  config.physics = "kinematic";
   config.seed = kSeed;
   config.noise = 0.005f;
   config.modules = &KR::Sim::createTrackerModules;

@@ -135,7 +135,7 @@ class RunTest : public ::testing::Test {
   Scenario scenario() {
     Scenario s;
     s.name = "measure";
-    s.robotFile = KR::Sim::resolveRobotFile("kibo");
+    s.robot = KR::Sim::RobotDescription::load("kibo");
     s.duration = 3.0;
     KR::Sim::TargetScript ball;
     ball.name = "ball";
@@ -180,6 +180,7 @@ TEST_F(RunTest, MeasuresComeFromEveryVisibleSampleAndTheTrackersOwnState) {
   std::vector<KR::Sim::Sample> samples;
   std::vector<std::string> hooks;
   KR::Sim::SimulationConfig ideal;  // an ideal camera and ideal servos: known answers
+  ideal.physics = "kinematic";
   ideal.camera = KR::Sim::CameraConfig::ideal();
   ideal.servo = KR::Sim::ServoModel::ideal();
   ScenarioRun run(scenario(), ideal);
@@ -230,7 +231,9 @@ TEST_F(RunTest, MeasuresComeFromEveryVisibleSampleAndTheTrackersOwnState) {
 }
 
 TEST_F(RunTest, CsvIsStreamedOneLinePerStepAndTheTableListsEventsBelow) {
-  ScenarioRun run(scenario(), KR::Sim::SimulationConfig());
+  KR::Sim::SimulationConfig config;
+  config.physics = "kinematic";
+  ScenarioRun run(scenario(), config);
   std::ostringstream csv;
   run.setCsv(&csv);
   std::size_t streamed = 0;

@@ -27,6 +27,7 @@ struct Recorded {
   Recorded(const std::string& name, ScenarioOptions options = {}, std::uint32_t seed = 1,
            float noise = 0.005f) {
     KR::Sim::SimulationConfig config;
+    config.physics = "kinematic";
     config.seed = seed;
     config.noise = noise;
     config.camera = KR::Sim::CameraConfig::ideal();
@@ -189,7 +190,7 @@ TEST(ScenarioTest, NavigateFollowsOnTheWheeledRobot) {
 
 TEST(ScenarioTest, OneShotLookBehindTurnsTheRobotAndPointAtAimsEachEffector) {
   Recorded run("oneshot");
-  const auto robot = KR::Model::ModelUtils::robotFromFile(run->scenario().robotFile);
+  const auto& robot = run->scenario().robot->robot;
   KR::Math::Position3D behind(-1.0f, 0.6f, 0.2f);
   float turn = 0.0f;
   const auto& head = robot->trackerModel().head;
@@ -245,7 +246,8 @@ struct StepResponse {
 /// 30 degrees to the left at 2 s and back at 5 s, seen `latencyS` late at 15 Hz.
 StepResponse stepResponse(double latencyS, bool compensation) {
   KR::Sim::SimulationConfig config;
-  config.robotXml = krtest::readRobotFile("rover.xml");
+  config.physics = "kinematic";
+  config.robot = KR::Sim::RobotDescription::load("rover");
   config.seed = 5;
   config.camera.latencyS = latencyS;
   config.compensation = compensation;
@@ -323,6 +325,7 @@ struct BallRms {
 
 BallRms ballRun(bool compensation) {
   KR::Sim::SimulationConfig config;
+  config.physics = "kinematic";
   config.camera.latencyS = 0.06;
   config.compensation = compensation;
   config.modules = &KR::Sim::createTrackerModules;

@@ -45,8 +45,9 @@ class ModulesTest : public ::testing::Test {
     recorder.reset();
     sim.reset();
     KR::Sim::SimulationConfig config;
+    config.physics = "kinematic";
     config.camera = KR::Sim::CameraConfig::ideal();
-    config.robotXml = krtest::readRobotFile(robotFile);
+    config.robot = KR::Sim::RobotDescription::load(robotFile);
     config.seed = 3;
     config.startPose = startPose;
     config.modules = &KR::Sim::createTrackerModules;

@@ -13,6 +13,9 @@
 #include <iosfwd>
 #include <string>
 
+#include <krsim/run/run_config.h>
+#include <krsim/run/scenario.h>
+
 namespace KR {
 namespace Sim {
 
@@ -20,11 +23,11 @@ namespace Sim {
 /// normal end, 1 when the robot's modules never appeared.
 int runRemoteTrackingService(std::ostream& out, std::ostream& err, double maxSeconds = 3600.0);
 
-/// Plays a built-in scenario in real time on the robot side, with the tracking service in
-/// another process, on the physics backend `physics`, and prints the summary. Returns 0, or 1
+/// Plays `scenario` (prepared for `config`, see run_setup.h) in real time on the robot side,
+/// with the tracking service in another process, and prints the summary. Returns 0, or 1
 /// when the service never appeared.
-int runRemoteRobot(const std::string& scenario, std::ostream& out, std::ostream& err,
-                   const std::string& physics = "mujoco");
+int runRemoteRobot(const RunConfig& config, Scenario scenario, std::ostream& out,
+                   std::ostream& err);
 
 }  // namespace Sim
 }  // namespace KR

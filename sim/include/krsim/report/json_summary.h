@@ -7,29 +7,27 @@
 #include <vector>
 
 #include <krsim/run/measures.h>
+#include <krsim/run/run_config.h>
 
 namespace KR {
 namespace Sim {
 
-struct RunInfo {
+/// What ran: the scenario's and the robot's names, and what it took.
+struct RunRecord {
   std::string scenario;
   std::string robot;
-  std::uint32_t seed = 1;
-  std::string physics = "kinematic";
-  std::string transport = "inproc";  // "inproc" or "dds"
-  double latencyS = 0.0;
-  bool compensation = true;
   double simulatedS = 0.0;
   double cpuS = 0.0;
 };
 
-/// One run.
-std::string summaryJson(const RunInfo& info, const std::vector<PhaseMeasures>& phases);
+/// One run with `config`'s settings (seed, physics, transport, latency, compensation).
+std::string summaryJson(const RunConfig& config, const RunRecord& record,
+                        const std::vector<PhaseMeasures>& phases);
 
-/// Runs over seeds first..last: "seed" is null, "seeds" gives the range, each phase's measure
-/// is {"mean": x, "p95": y} across the seeds, and "runs" holds each seed's own summary;
-/// `info.simulatedS` and `info.cpuS` are the totals.
-std::string seedsJson(const RunInfo& info, std::uint32_t first, std::uint32_t last,
+/// Runs over the seeds of `range`: "seed" is null, "seeds" gives the range, each phase's
+/// measure is {"mean": x, "p95": y} across the seeds, and "runs" holds each seed's own summary;
+/// `record`'s times are the totals.
+std::string seedsJson(const RunConfig& config, const RunRecord& record, SeedRange range,
                       const std::vector<std::vector<PhaseMeasures>>& runs,
                       const std::vector<double>& cpuS);
 

@@ -10,19 +10,21 @@
 #include <kr/broker/broker.h>
 #include <kr/model/robot.h>
 
+#include <krsim/robot/robot_description.h>
+
 namespace KR {
 namespace Sim {
 
 class SimRobotModel : public KR::KRModule {
  public:
-  /// Parses the description (KRError when it is malformed) and serves it as given.
-  explicit SimRobotModel(std::string xml);
+  /// Serves the description's text as it was read.
+  explicit SimRobotModel(std::shared_ptr<const RobotDescription> description);
 
-  const std::string& getConfig() const { return fXml; }
+  const std::string& getConfig() const { return fDescription->text; }
   const Model::Robot& robot() const { return *fRobot; }
 
  private:
-  std::string fXml;
+  std::shared_ptr<const RobotDescription> fDescription;
   std::shared_ptr<const Model::Robot> fRobot;
 };
 

@@ -12,6 +12,7 @@
 
 #include <kr/math/types.h>
 
+#include <krsim/robot/robot_description.h>
 #include <krsim/world/world.h>
 
 namespace KR {
@@ -59,8 +60,8 @@ struct Scenario {
   std::string modeText;  // the mode(s) it runs in, for titles
   /// What was changed or skipped to run it on this robot, shown before the run.
   std::vector<std::string> notes;
-  std::string robotFile;   // path of the robot description
-  Math::Pose2D startPose;  // map frame
+  std::shared_ptr<const RobotDescription> robot;  // loaded once, read by the whole run
+  Math::Pose2D startPose;                         // map frame
   float odometryDriftLinear = 0.0f;
   float odometryDriftAngular = 0.0f;
   double duration = 60.0;  // [s], the end of the script
@@ -73,10 +74,10 @@ struct Scenario {
 
 /// What the command line may change in a scenario.
 struct ScenarioOptions {
-  std::string robotFile;  // empty: the scenario's own robot
-  std::string mode;       // empty: the scenario's own mode(s)
-  std::string effector;   // empty: the scenario's own effector(s)
-  double duration = 0.0;  // 0: the scenario's own duration
+  std::shared_ptr<const RobotDescription> robot;  // null: the scenario's own robot
+  std::string mode;                               // empty: the scenario's own mode(s)
+  std::string effector;                           // empty: the scenario's own effector(s)
+  double duration = 0.0;                          // 0: the scenario's own duration
 };
 
 struct ScenarioInfo {
@@ -93,8 +94,6 @@ Scenario makeScenario(const std::string& name, const ScenarioOptions& options);
 /// Reads a scenario file (format in the README); KRError("krsim", "scenario", "FILE:LINE:
 /// FIELD: what") when it is not right.
 Scenario loadScenarioFile(const std::string& path, const ScenarioOptions& options);
-/// Path of a robot file given as a path or as a name of the robots directory ("kibo").
-std::string resolveRobotFile(const std::string& nameOrPath);
 /// Path of a file of the project's data (robots/, scenarios/, tools/), found beside the robots
 /// directory; empty when it is not there.
 std::string findDataFile(const std::string& relative);

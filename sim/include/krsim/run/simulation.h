@@ -22,24 +22,21 @@
 #include <kr/math/types.h>
 
 #include <krsim/robot/physics/kinematic.h>
+#include <krsim/robot/robot_description.h>
 #include <krsim/robot/robot_model.h>
+#include <krsim/run/run_config.h>
 #include <krsim/tracking/context.h>
 #include <krsim/world/world.h>
 
 namespace KR {
 namespace Sim {
 
-struct SimulationConfig {
-  std::string robotXml;  // robot description served by "KRRobotModel"
-  std::uint32_t seed = 1;
-  float noise = 0.0f;        // extra Gaussian noise on each map coordinate of a detection [m]
-  Math::Pose2D startPose;    // the robot's pose in the map frame
-  SubModuleFactory modules;  // empty: services only, no tracking service
-
-  CameraConfig camera;                // the head camera and its detector
-  std::string physics = "kinematic";  // "kinematic" or "mujoco"
-  bool compensation = true;           // sub-modules use capture-time poses and prediction
-  ServoModel servo;                   // joints of the kinematic backend
+/// What a Simulation is built from: the run's settings, the robot and where it starts.
+struct SimulationConfig : SimulationSettings {
+  std::shared_ptr<const RobotDescription> robot;  // served by "KRRobotModel", driven by KRMotion
+  Math::Pose2D startPose;                         // the robot's pose in the map frame
+  SubModuleFactory modules;                       // empty: services only, no tracking service
+  ServoModel servo;                               // joints of the kinematic backend
 };
 
 class Simulation {

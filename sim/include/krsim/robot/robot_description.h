@@ -1,0 +1,44 @@
+#pragma once
+// RobotDescription: a robot description loaded once at the edge of a run (the file it came
+// from, its text and the robot parsed from it) and handed down to whatever needs the robot:
+// the scenario's geometry, the robot-model service (which serves the text as it was read),
+// the motion service and the physics backends (which read the parsed robot).
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include <kr/model/robot.h>
+
+namespace KR {
+namespace Sim {
+
+/// An input that cannot be read (not a regular file, too large, malformed): its text is the
+/// one line the user reads.
+struct InputError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+struct RobotDescription {
+  std::string path;  // the file it was read from; empty when given as text
+  std::string text;  // the description as read, served by "KRRobotModel"
+  std::shared_ptr<const Model::Robot> robot;
+
+  /// Reads and parses a robot given as a file or a name of the robots folder ("kibo").
+  /// InputError "robot 'PATH' is not a regular file", "... is N bytes, more than ..." or
+  /// "cannot load robot 'NAME': what is wrong".
+  static std::shared_ptr<const RobotDescription> load(const std::string& nameOrPath);
+  /// Parses a description given as text; KRError when it is malformed.
+  static std::shared_ptr<const RobotDescription> fromText(std::string text);
+};
+
+/// Path of a robot file given as a path or as a name of the robots folder ("kibo").
+std::string resolveRobotFile(const std::string& nameOrPath);
+
+/// Inputs are regular files of a reasonable size (not a device, a pipe or a folder):
+/// InputError "WHAT 'PATH' is not a regular file" or "... is N bytes, more than the M
+/// accepted". A missing file passes: its reader names it.
+void checkInputFile(const std::string& what, const std::string& path);
+
+}  // namespace Sim
+}  // namespace KR

@@ -1,0 +1,46 @@
+#pragma once
+// The loop every run goes through, in one process or as the robot side of two: step the
+// scenario to its end, paced to the wall clock when asked, stopping early at SIGINT or
+// SIGTERM with what ran measured.
+
+#include <ctime>
+#include <vector>
+
+#include <krsim/run/scenario_run.h>
+
+namespace KR {
+namespace Sim {
+
+/// Installs the SIGINT and SIGTERM handlers for its lifetime, then restores the previous ones.
+/// A signal stops the run at the end of its step.
+class StopSignals {
+ public:
+  StopSignals();
+  ~StopSignals();
+  StopSignals(const StopSignals&) = delete;
+  StopSignals& operator=(const StopSignals&) = delete;
+
+  /// The signal that stopped the run, 0 while none has.
+  static int received();
+
+ private:
+  void (*fInt)(int);
+  void (*fTerm)(int);
+};
+
+struct RunResult {
+  std::vector<PhaseSummary> summaries;
+  double simulatedS = 0.0;
+  double cpuS = 0.0;  // from `cpuStart`
+  bool interrupted = false;
+};
+
+/// Steps `run` until its end or a stop signal, sleeping so that simulated time keeps up
+/// with wall time when `realtime`.
+RunResult playRun(ScenarioRun& run, bool realtime, std::clock_t cpuStart = std::clock());
+
+/// The phases' measures alone, as the JSON summary and the seed aggregates take them.
+std::vector<PhaseMeasures> measuresOf(const std::vector<PhaseSummary>& summaries);
+
+}  // namespace Sim
+}  // namespace KR

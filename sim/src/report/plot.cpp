@@ -1,0 +1,88 @@
+#include <krsim/report/plot.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+#include <krsim/report/output_files.h>
+#include <krsim/run/scenario.h>
+
+namespace KR {
+namespace Sim {
+
+namespace {
+
+/// A gnuplot string in single quotes, where a quote is doubled.
+std::string gpString(const std::string& text) {
+  std::string q = "'";
+  for (char c : text)
+    q += c == '\'' ? std::string("''") : std::string(1, c);
+  return q + "'";
+}
+
+/// The first line of gnuplot's output that says something.
+std::string firstLineOf(const char* log) {
+  std::ifstream in(log);
+  std::string line;
+  while (std::getline(in, line)) {
+    if (line.find_first_not_of(" ^") != std::string::npos)
+      return line;
+  }
+  return "";
+}
+
+/// Runs gnuplot on the script with the variables, its output into a temporary file.
+void runGnuplot(const std::string& script, const std::string& args, const std::string& png) {
+  char log[] = "/tmp/krtracker-sim-gnuplot-XXXXXX";
+  const int logFd = ::mkstemp(log);
+  if (logFd < 0)
+    throw std::runtime_error("cannot create a temporary file");
+  const pid_t pid = ::fork();
+  if (pid < 0)
+    throw std::runtime_error("cannot start gnuplot");
+  if (pid == 0) {
+    ::dup2(logFd, 1);
+    ::dup2(logFd, 2);
+    ::execlp("gnuplot", "gnuplot", "-e", args.c_str(), script.c_str(), static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  ::close(logFd);
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  const std::string firstLine = firstLineOf(log);
+  std::remove(log);
+  if (!WIFEXITED(status) || WEXITSTATUS(status) == 127)
+    throw std::runtime_error("cannot run gnuplot: install the Debian package gnuplot-nox");
+  if (WEXITSTATUS(status) != 0) {
+    throw std::runtime_error("gnuplot failed to draw " + png +
+                             (firstLine.empty() ? "" : ": " + firstLine));
+  }
+}
+
+}  // namespace
+
+void drawPlot(const std::string& csv, const std::string& png, const RunConfig& config,
+              const Model::Robot& robot, const std::string& modeText) {
+  const std::string script = findDataFile("tools/plot.gp");
+  if (script.empty())
+    throw std::runtime_error("cannot find tools/plot.gp");
+  const auto& head = robot.trackerModel().head;
+  constexpr double kDeg = 180.0 / 3.14159265358979323846;
+  std::ostringstream subtitle;
+  subtitle << robot.getName() << ", seed " << config.seed << ", mode " << modeText << ", latency "
+           << config.camera.latencyS << " s, compensation " << (config.compensation ? "on" : "off")
+           << ", physics " << config.physics;
+  std::ostringstream args;
+  args << "csv=" << gpString(absolutePath(csv)) << "; png=" << gpString(png) << "; "
+       << "subtitle=" << gpString(subtitle.str()) << "; yawmin=" << head.yaw.min * kDeg
+       << "; yawmax=" << head.yaw.max * kDeg << "; pitchmin=" << head.pitch.min * kDeg
+       << "; pitchmax=" << head.pitch.max * kDeg;
+  runGnuplot(script, args.str(), png);
+}
+
+}  // namespace Sim
+}  // namespace KR

@@ -1,0 +1,61 @@
+#include <krsim/run/run_loop.h>
+
+#include <chrono>
+#include <csignal>
+#include <thread>
+
+namespace KR {
+namespace Sim {
+
+namespace {
+
+volatile std::sig_atomic_t gStopSignal = 0;
+
+extern "C" void onStopSignal(int signal) {
+  gStopSignal = signal;
+}
+
+}  // namespace
+
+StopSignals::StopSignals() {
+  gStopSignal = 0;
+  fInt = std::signal(SIGINT, onStopSignal);
+  fTerm = std::signal(SIGTERM, onStopSignal);
+}
+
+StopSignals::~StopSignals() {
+  std::signal(SIGINT, fInt);
+  std::signal(SIGTERM, fTerm);
+}
+
+int StopSignals::received() {
+  return gStopSignal;
+}
+
+RunResult playRun(ScenarioRun& run, bool realtime, std::clock_t cpuStart) {
+  using Clock = std::chrono::steady_clock;
+  const auto wallStart = Clock::now();
+  while (!gStopSignal && run.step()) {
+    if (realtime) {
+      std::this_thread::sleep_until(wallStart +
+                                    std::chrono::duration_cast<Clock::duration>(
+                                        std::chrono::duration<double>(run.simulation().time())));
+    }
+  }
+  RunResult result;
+  result.interrupted = gStopSignal != 0;
+  result.summaries = run.summaries();
+  result.simulatedS = run.simulatedSeconds();
+  result.cpuS = static_cast<double>(std::clock() - cpuStart) / CLOCKS_PER_SEC;
+  return result;
+}
+
+std::vector<PhaseMeasures> measuresOf(const std::vector<PhaseSummary>& summaries) {
+  std::vector<PhaseMeasures> m;
+  for (const auto& s : summaries)
+    m.push_back(s.measures);
+  return m;
+}
+
+}  // namespace Sim
+}  // namespace KR

@@ -1,0 +1,55 @@
+#include <krsim/run/run_setup.h>
+
+#include <kr/error.h>
+
+#include <krsim/robot/physics/backend.h>
+
+namespace KR {
+namespace Sim {
+
+namespace {
+
+bool endsWith(const std::string& text, const std::string& tail) {
+  return text.size() > tail.size() &&
+         text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
+}
+
+/// A mode the robot lacks is refused before anything runs, not replaced by another.
+void checkModes(const RunConfig& config, const Scenario& scenario) {
+  const std::string modes = config.mode.empty() ? scenario.modeText : config.mode;
+  const Model::Robot& robot = *scenario.robot->robot;
+  if (modes.find("Navigate") != std::string::npos && robot.getRobotType() != 1) {
+    throw KRError("krsim", "RunConfig",
+                  "mode Navigate needs a robot of type 1; " + robot.getName() + " is of type " +
+                      std::to_string(robot.getRobotType()));
+  }
+}
+
+void checkPhysics(const RunConfig& config, const Scenario& scenario) {
+  try {
+    makePhysicsBackend(config.physics, *scenario.robot->robot);
+  } catch (const KRError& e) {
+    throw KRError("krsim", "RunConfig", "--physics: " + e.message());
+  }
+}
+
+}  // namespace
+
+Scenario prepareScenario(const RunConfig& config) {
+  ScenarioOptions options;
+  if (!config.robot.empty())
+    options.robot = RobotDescription::load(config.robot);
+  options.mode = config.mode;
+  options.effector = config.effector;
+  options.duration = config.duration.value_or(0.0);
+  const std::string& name = config.scenario;
+  if (name.find('/') != std::string::npos || endsWith(name, ".yaml") || endsWith(name, ".yml"))
+    checkInputFile("scenario", name);
+  Scenario scenario = makeScenario(name, options);
+  checkModes(config, scenario);
+  checkPhysics(config, scenario);
+  return scenario;
+}
+
+}  // namespace Sim
+}  // namespace KR
