@@ -27,7 +27,9 @@
 
 #include <kr/model/modelutils.h>
 #include <krsim/remote/two_process.h>
+#include <krsim/report/csv_writer.h>
 #include <krsim/report/json_summary.h>
+#include <krsim/report/summary_table.h>
 #include <krsim/robot/physics/backend.h>
 #include <krsim/run/scenario.h>
 #include <krsim/run/scenario_run.h>
@@ -306,7 +308,8 @@ RunResult runOnce(const Scenario& scenario, const SimulationConfig& config, bool
   ScenarioRun run(scenario, config);
   if (progress != nullptr)
     run.setProgress([progress](const std::string& line) { *progress << line << "\n"; });
-  run.setCsv(csv);
+  if (csv != nullptr)
+    CsvWriter::follow(run, *csv);
   if (hook)
     run.setPhaseHook([&run, &hook](const std::string& label) { hook(run.simulation(), label); });
   RunResult result;
