@@ -167,7 +167,7 @@ void ScenarioRun::xEvents() {
     }
     if (fProgress)
       fProgress(timeTag(at) + "event " + e.name);
-    // For the CSV: the event's name without the service's prefix.
+    // The sample lists the step's events by name, without the service's prefix.
     const auto slash = e.name.find('/');
     fStepEvents += (fStepEvents.empty() ? "" : " ") +
                    (slash == std::string::npos ? e.name : e.name.substr(slash + 1));
