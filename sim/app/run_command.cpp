@@ -13,9 +13,11 @@
 
 #include <kr/error.h>
 
+#include <krsim/report/csv_writer.h>
 #include <krsim/report/json_summary.h>
 #include <krsim/report/output_files.h>
 #include <krsim/report/plot.h>
+#include <krsim/report/summary_table.h>
 #include <krsim/run/run_loop.h>
 #include <krsim/run/run_setup.h>
 #include <krsim/run/simulation.h>
@@ -64,7 +66,8 @@ RunResult runOnce(const Scenario& scenario, const SimulationConfig& config, bool
   ScenarioRun run(scenario, config);
   if (progress != nullptr)
     run.setProgress([progress](const std::string& line) { *progress << line << "\n"; });
-  run.setCsv(csv);
+  if (csv != nullptr)
+    CsvWriter::follow(run, *csv);
   if (hook)
     run.setPhaseHook([&run, &hook](const std::string& label) { hook(run.simulation(), label); });
   return playRun(run, realtime, cpuStart);

@@ -17,6 +17,7 @@
 #include <krtracker/config/krgenerictrackerconfig.h>
 
 #include <krsim/report/json_summary.h>
+#include <krsim/report/summary_table.h>
 #include <krsim/run/run_loop.h>
 #include <krsim/run/scenario.h>
 #include <krsim/run/scenario_run.h>
