@@ -3,6 +3,7 @@
 #include <kr/error.h>
 
 #include <krsim/robot/physics/backend.h>
+#include <krsim/run/simulation.h>
 
 namespace KR {
 namespace Sim {
@@ -33,7 +34,30 @@ void checkPhysics(const RunConfig& config, const Scenario& scenario) {
   }
 }
 
+/// A call to the tracker with one text argument, at time 0.
+Action callAtStart(const std::string& method, const std::string& argument) {
+  return {0.0, method + "(\"" + argument + "\")",
+          [method, argument](Simulation& s) { s.callTracker(method, argument); }};
+}
+
 }  // namespace
+
+Scenario prepareEmptyScenario(const RunConfig& config) {
+  Scenario scenario;
+  scenario.name = "empty";
+  scenario.description = "an empty world: targets and calls come from the caller";
+  scenario.robot = RobotDescription::load(config.robot.empty() ? "kibo" : config.robot);
+  scenario.duration = config.duration.value_or(RunConfig::kMaxDurationS);
+  scenario.openEnded = true;
+  scenario.modeText = config.mode.empty() ? "Head" : config.mode;
+  if (!config.mode.empty())
+    scenario.actions.push_back(callAtStart("setMode", config.mode));
+  if (!config.effector.empty())
+    scenario.actions.push_back(callAtStart("setEffector", config.effector));
+  checkModes(config, scenario);
+  checkPhysics(config, scenario);
+  return scenario;
+}
 
 Scenario prepareScenario(const RunConfig& config) {
   ScenarioOptions options;

@@ -266,6 +266,14 @@ TargetScript readTarget(const Reader& r, const YAML::Node& t, const std::string&
   TargetScript script;
   script.name = r.string(r.need(t, "name", where), where + "name");
   script.kind = r.string(r.need(t, "kind", where), where + "kind");
+  const auto& kinds = targetKinds();
+  if (std::find(kinds.begin(), kinds.end(), script.kind) == kinds.end()) {
+    std::string list;
+    for (const auto& k : kinds)
+      list += (list.empty() ? "" : ", ") + k;
+    fail(r.file(), t["kind"], where + "kind",
+         "expects one of " + list + ", not '" + script.kind + "'");
+  }
   const std::string layout = t["layout"] ? r.string(t["layout"], where + "layout") : "torso";
   if (layout != "torso" && layout != "world")
     fail(r.file(), t["layout"], where + "layout", "expects torso or world, not '" + layout + "'");

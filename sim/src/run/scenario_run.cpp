@@ -181,6 +181,8 @@ void ScenarioRun::xRecord() {
   s.tracked = fTrackerTracked;
   if (s.phase >= 0)
     xMeasure(s);
+  else if (!fFollowed.empty())
+    xTarget(s, fFollowed);
   xStepDetails(s);
   fLast = std::move(s);
   for (const auto& observer : fSampleObservers)
@@ -212,14 +214,7 @@ void ScenarioRun::xEnterPhase(int phase) {
 void ScenarioRun::xMeasure(Sample& s) {
   const auto index = static_cast<std::size_t>(s.phase);
   const Phase& phase = fScenario.phases[index];
-  const TargetState state = fSim->world().state(phase.target);
-  s.hasTarget = true;
-  s.target = state.position;
-  s.inView = state.inFieldOfView;
-  s.perceived = state.perceived;
-  const Math::Transform torsoToMap = Math::pinv(fSim->motion().getMapToTorso());
-  const Math::Position3D inTorso = torsoToMap * state.position;
-  xLineOfSight(s, inTorso);
+  const Math::Position3D inTorso = xTarget(s, phase.target);
 
   MeasureSample m;
   m.time = s.time;
@@ -235,6 +230,24 @@ void ScenarioRun::xMeasure(Sample& s) {
     xRelativePosition(s, *phase.relativePosition, fExtra[index]);
   if (phase.measureLocalisation)
     xLocalisation(s, phase, fExtra[index]);
+}
+
+Math::Position3D ScenarioRun::xTarget(Sample& s, const std::string& name) {
+  const TargetState state = fSim->world().state(name);
+  s.hasTarget = true;
+  s.target = state.position;
+  s.inView = state.inFieldOfView;
+  s.perceived = state.perceived;
+  const Math::Transform torsoToMap = Math::pinv(fSim->motion().getMapToTorso());
+  const Math::Position3D inTorso = torsoToMap * state.position;
+  xLineOfSight(s, inTorso);
+  return inTorso;
+}
+
+double ScenarioRun::lineOfSightDeg(const std::string& target) {
+  const Math::Position3D position = fSim->world().state(target).position;
+  return aimErrorDeg(fSim->motion().getMapToHeadEffector(fSim->world().getCameraEffector()),
+                     position);
 }
 
 void ScenarioRun::xLineOfSight(Sample& s, const Math::Position3D& inTorso) {

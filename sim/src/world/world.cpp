@@ -155,6 +155,46 @@ TargetState World::state(const std::string& name) const {
   throw KRError("World", "state", "no target named " + name);
 }
 
+World::Target& World::xTarget(const std::string& name, const char* method) {
+  for (auto& t : fTargets) {
+    if (t.script.name == name)
+      return t;
+  }
+  throw KRError("World", method, "no target named " + name);
+}
+
+void World::moveTarget(const std::string& name, const Math::Position3D& position) {
+  std::lock_guard<std::mutex> lock(fMutex);
+  Target& target = xTarget(name, "moveTarget");
+  const double now = fClock->seconds();
+  // The path before now, where the target was at this instant, then the jump.
+  std::vector<Keyframe> frames;
+  for (const auto& k : target.script.path.keyframes()) {
+    if (k.time < now)
+      frames.push_back(k);
+  }
+  if (!frames.empty())
+    frames.push_back({now, target.script.path.at(now)});
+  frames.push_back({now, position});
+  target.script.path = Path(std::move(frames));
+  target.state.position = position;
+}
+
+void World::setHidden(const std::string& name, bool hidden) {
+  std::lock_guard<std::mutex> lock(fMutex);
+  Target& target = xTarget(name, "setHidden");
+  const double now = fClock->seconds();
+  auto& intervals = target.script.hidden;
+  if (hidden) {
+    intervals.push_back({now, std::numeric_limits<double>::infinity()});
+    return;
+  }
+  for (auto& i : intervals) {
+    if (i.begin <= now && now < i.end)
+      i.end = now;
+  }
+}
+
 void World::setNoise(float sigma) {
   std::lock_guard<std::mutex> lock(fMutex);
   fNoise = std::max(0.0f, sigma);

@@ -79,12 +79,36 @@ TEST(RunConfigTest, PrepareRefusesAModeTheRobotLacksAndAnUnknownBackend) {
   RunConfig navigate;
   navigate.mode = "Navigate";
   navigate.robot = "kibo";
-  EXPECT_EQ(krtest::krErrorOf([&] { KR::Sim::prepareScenario(navigate); }).message(),
-            "mode Navigate needs a robot of type 1; Kibo is of type 0");
   RunConfig bullet;
   bullet.physics = "bullet";
-  EXPECT_EQ(krtest::krErrorOf([&] { KR::Sim::prepareScenario(bullet); }).message(),
-            "--physics: unknown physics backend \"bullet\" (accepted: kinematic, mujoco)");
+  // A scenario, and the empty world of a caller that scripts the run itself.
+  for (auto prepare : {&KR::Sim::prepareScenario, &KR::Sim::prepareEmptyScenario}) {
+    EXPECT_EQ(krtest::krErrorOf([&] { prepare(navigate); }).message(),
+              "mode Navigate needs a robot of type 1; Kibo is of type 0");
+    EXPECT_EQ(krtest::krErrorOf([&] { prepare(bullet); }).message(),
+              "--physics: unknown physics backend \"bullet\" (accepted: kinematic, mujoco)");
+  }
+}
+
+TEST(RunConfigTest, TheEmptyWorldRunsTheConfigsRobotForItsDurationAndStartsInItsMode) {
+  RunConfig config;
+  const KR::Sim::Scenario kibo = KR::Sim::prepareEmptyScenario(config);
+  EXPECT_EQ(kibo.robot->robot->getName(), "Kibo");
+  EXPECT_TRUE(kibo.targets.empty());
+  EXPECT_TRUE(kibo.phases.empty());
+  EXPECT_TRUE(kibo.actions.empty());
+  EXPECT_DOUBLE_EQ(kibo.duration, RunConfig::kMaxDurationS);
+
+  config.robot = "rover";
+  config.mode = "Navigate";
+  config.effector = "Arms";
+  config.duration = 12.0;
+  const KR::Sim::Scenario rover = KR::Sim::prepareEmptyScenario(config);
+  EXPECT_EQ(rover.robot->robot->getName(), "Rover");
+  EXPECT_DOUBLE_EQ(rover.duration, 12.0);
+  ASSERT_EQ(rover.actions.size(), 2u);
+  EXPECT_EQ(rover.actions[0].description, "setMode(\"Navigate\")");
+  EXPECT_EQ(rover.actions[1].description, "setEffector(\"Arms\")");
 }
 
 }  // namespace

@@ -102,6 +102,9 @@ TEST(ScenarioFileReaderTest, SectionMistakesNameTheFileTheLineAndTheField) {
        ":4: open_ended: expects true or false, not 'maybe'"},
       {"hidden", "hidden: [[2, 3], [6, 6.5]]", "hidden: 2",
        ":11: targets[0].hidden: expects a list of [from, to] intervals"},
+      {"kind", "kind: RedBall", "kind: Redball",
+       ":8: targets[0].kind: expects one of RedBall, Face, People, LandMarks, Sound, not "
+       "'Redball'"},
       {"args", "args: [Head]", "args: Head", ":13: actions[0].args: expects a list"},
       {"backwards", "{time: 4, call: setMode", "{time: 0.5, call: setMode",
        ":16: actions[3].time: calls go back in time"},

@@ -40,7 +40,9 @@ TEST(PathTest, OrbitsStayOnTheirCircleAndEndOnTime) {
 // Kibo with the servo model of a simulation run.
 class WorldTest : public ::testing::Test, protected SimRobot {
  protected:
-  WorldTest() : SimRobot("kibo.xml", false) { world->setPerception(KR::Sim::CameraConfig::ideal()); }
+  WorldTest() : SimRobot("kibo.xml", false) {
+    world->setPerception(KR::Sim::CameraConfig::ideal());
+  }
   /// Advances time in 10 ms steps, updating the world; returns the observations raised.
   std::vector<std::pair<std::string, KRValue>> run(double seconds) {
     std::vector<std::pair<std::string, KRValue>> out;
@@ -126,6 +128,35 @@ TEST_F(WorldTest, ATargetIsPerceivedInsideTheCameraConeAndRangeUnlessHidden) {
   EXPECT_FALSE(world->state("ball").perceived);
   run(1.0);
   EXPECT_TRUE(world->state("ball").perceived);
+}
+
+TEST_F(WorldTest, TargetsMovedAndHiddenByHandKeepTheirPastAndChangeFromNowOn) {
+  const Position3D start = ahead(1.5f);
+  const Position3D aside = start + Position3D(0, 0, 5.0f);  // far above the cone
+  world->addTarget(ball(Path({{0.0, start}, {10.0, start + Position3D(1, 0, 0)}})));
+  run(1.0);
+  EXPECT_TRUE(world->state("ball").perceived);
+  const Position3D before = world->targetPosition("ball", 0.5);
+  world->moveTarget("ball", aside);
+  EXPECT_EQ(world->state("ball").position, aside);  // at once
+  run(0.5);
+  EXPECT_FALSE(world->state("ball").inFieldOfView);
+  EXPECT_EQ(world->targetPosition("ball", 0.5), before);  // the past is kept
+  EXPECT_EQ(world->targetPosition("ball", 9.0), aside);   // the scripted future is not
+
+  world->moveTarget("ball", start);
+  run(0.5);
+  EXPECT_TRUE(world->state("ball").perceived);
+  world->setHidden("ball", true);
+  run(0.5);
+  EXPECT_TRUE(world->state("ball").inFieldOfView);
+  EXPECT_FALSE(world->state("ball").perceived);
+  world->setHidden("ball", false);
+  run(0.5);
+  EXPECT_TRUE(world->state("ball").perceived);
+
+  EXPECT_THROW(world->moveTarget("cup", start), KR::KRError);
+  EXPECT_THROW(world->setHidden("cup", true), KR::KRError);
 }
 
 TEST_F(WorldTest, ObservationsArePublishedOncePerPeriodOnlyWhilePublishing) {

@@ -14,5 +14,11 @@ namespace Sim {
 /// robot lacks or an unknown physics backend, its message the one line the user reads.
 Scenario prepareScenario(const RunConfig& config);
 
+/// An empty world on `config`'s robot (kibo when it names none), for a caller that adds the
+/// targets and calls the tracker itself: no targets, no phases, open-ended (its duration is
+/// `config`'s, a week by default); `config`'s mode and effector become calls at time 0. Checked
+/// and refused as prepareScenario's.
+Scenario prepareEmptyScenario(const RunConfig& config);
+
 }  // namespace Sim
 }  // namespace KR

@@ -62,6 +62,13 @@ class ScenarioRun {
   /// Seconds simulated so far.
   double simulatedSeconds() const;
 
+  /// Samples outside every phase (all of them in a scenario without phases) measure the line of
+  /// sight to this target of the world; empty: they measure nothing.
+  void followTarget(const std::string& name) { fFollowed = name; }
+  const std::string& followedTarget() const { return fFollowed; }
+  /// The line-of-sight error to a target of the world now [deg]; KRError for an unknown name.
+  double lineOfSightDeg(const std::string& target);
+
   const Sample& lastSample() const { return fLast; }
   /// The phases reached so far, measured up to now.
   std::vector<PhaseSummary> summaries() const;
@@ -75,6 +82,8 @@ class ScenarioRun {
   int xPhaseAt(double time) const;
   void xEnterPhase(int phase);
   void xMeasure(Sample& s);
+  /// The target's state, position and line of sight; returns the target in the torso frame.
+  Math::Position3D xTarget(Sample& s, const std::string& name);
   void xLineOfSight(Sample& s, const Math::Position3D& inTorso);
   void xPointing(Sample& s, const Phase& phase, const Math::Position3D& inTorso, MeasureSample& m);
   void xRelativePosition(Sample& s, const std::array<float, 6>& requested, PhaseSummary& extra);
@@ -100,6 +109,7 @@ class ScenarioRun {
   std::vector<std::string> fJoints;
   std::map<std::string, std::string> fObservations;  // observation events followed
   std::string fStepEvents;                           // the tracker's events of the current step
+  std::string fFollowed;                             // measured outside the phases
   PhaseHook fPhaseHook;
   std::vector<std::function<void(const Sample&)>> fSampleObservers;
   // Progress.

@@ -119,6 +119,13 @@ class World {
   /// States at the last update, in the order of addTarget.
   std::vector<TargetState> states() const;
   TargetState state(const std::string& name) const;
+  /// The target stands at `position` (map frame [m]) from the clock's time on, its path's later
+  /// keyframes dropped; the path up to now is kept. KRError for an unknown name.
+  void moveTarget(const std::string& name, const Math::Position3D& position);
+  /// Occludes the target from the clock's time on until it is shown again (its scripted hidden
+  /// intervals still apply); showing it ends every interval under way. KRError for an unknown
+  /// name.
+  void setHidden(const std::string& name, bool hidden);
 
   /// Standard deviation of extra noise on each map coordinate [m]; 0 by default.
   void setNoise(float sigma);
@@ -173,6 +180,8 @@ class World {
                const Math::Transform& mapToCamera, std::int64_t elapsedNs);
   std::optional<KRValue> xMakeEvent(const Detection& detection);
   bool xFrameDue(std::int64_t elapsedNs);
+  /// The target of that name; caller holds fMutex. KRError naming `method` when there is none.
+  Target& xTarget(const std::string& name, const char* method);
 
   std::shared_ptr<const SimClock> fClock;
   std::shared_ptr<SimMemory> fMemory;
