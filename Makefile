@@ -4,7 +4,7 @@
 #   make test       every test
 #   make test-asan  the tests under AddressSanitizer + UndefinedBehaviorSanitizer
 #   make test-tsan  the concurrency tests under ThreadSanitizer
-#   make bench      the benchmarks (medians of 5 repetitions)
+#   make bench      the benchmarks (medians of 5 repetitions), Python's steps beside the command line
 #   make bench-remote  remote calls over DDS on loopback beside in-process calls
 #   make fuzz       each fuzz target for FUZZ_SECONDS (clang and libFuzzer, installed if missing)
 #   make format     clang-format over the sources
@@ -66,6 +66,8 @@ bench:
 	for b in build-bench/bench/bench_*; do \
 	  $$b --benchmark_repetitions=5 --benchmark_report_aggregates_only=true \
 	      --benchmark_display_aggregates_only=true | grep -E 'median|^Run|^---|^Benchmark'; done
+	PYTHONPATH=build-bench/python KRTRACKER_SIM=build-bench/sim/krtracker-sim \
+	  /usr/bin/python3 bench/bench_python.py --benchmark_repetitions=5
 
 bench-remote:
 	$(MAKE) build BUILD=build-bench EXTRA_PACKAGES=liborocos-kdl-dev BUILD_TARGETS=remote_latency \

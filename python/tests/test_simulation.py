@@ -60,7 +60,7 @@ def ball_cli(tmp_path_factory, krtracker_sim):
     import subprocess
     folder = tmp_path_factory.mktemp("cli")
     subprocess.run([krtracker_sim, "--seed", "1", "--quiet", "--json", "ball.json", "--csv",
-                    "ball.csv", "--plot", ""], cwd=folder, check=True, capture_output=True)
+                    "ball.csv"], cwd=folder, check=True, capture_output=True)
     with open(folder / "ball.json") as f:
         summary = json.load(f)
     return summary, folder / "ball.csv"
