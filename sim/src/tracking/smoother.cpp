@@ -13,6 +13,7 @@
 #include <krtracker/tools/tools.h>
 
 #include <krsim/tracking/config_reads.h>
+#include <krsim/tracking/landmark_pose.h>
 #include <krsim/tracking/target_manager.h>
 #include <krsim/tracking/track_infos_edit.h>
 
@@ -469,28 +470,15 @@ KRValue Smoother::getPosition() {
       mapped[i] = inMap->second;
     }
   }
-  // Landmarks seen from the robot, against their map positions: the rotation aligns the
-  // segment between them, the translation is the mean of the two.
+  // Landmarks seen from the robot, against their map positions.
   const Math::Transform robotToWorld =
       Math::pinv(Tracker::tools::getWorldToRobotTransform(fMotion));
-  std::array<Math::Position3D, 2> seen{robotToWorld * observed[0], robotToWorld * observed[1]};
-  const float seenDx = seen[1].x - seen[0].x;
-  const float seenDy = seen[1].y - seen[0].y;
-  if (std::hypot(seenDx, seenDy) < 0.01f) {
+  const auto pose =
+      robotPoseFromLandmarks({robotToWorld * observed[0], robotToWorld * observed[1]}, mapped);
+  if (!pose) {
     return KRValue();
   }
-  const float theta =
-      Math::modulo2PI(std::atan2(mapped[1].y - mapped[0].y, mapped[1].x - mapped[0].x) -
-                      std::atan2(seenDy, seenDx));
-  const float c = std::cos(theta);
-  const float s = std::sin(theta);
-  float x = 0.0f;
-  float y = 0.0f;
-  for (std::size_t i = 0; i < 2; ++i) {
-    x += 0.5f * (mapped[i].x - (c * seen[i].x - s * seen[i].y));
-    y += 0.5f * (mapped[i].y - (s * seen[i].x + c * seen[i].y));
-  }
-  return KRValue(std::vector<float>{x, y, 0.0f, 0.0f, 0.0f, theta});
+  return KRValue(std::vector<float>{pose->x, pose->y, 0.0f, 0.0f, 0.0f, pose->theta});
 }
 
 // ---- state ---------------------------------------------------------------------------------

@@ -30,7 +30,7 @@
 //
 // Landmarks: given the two ids ("setTargetIds") and their map positions ("setMap"), the
 // latest observation of each landmark gives the robot's pose in the map frame
-// ("getPosition": [x, y, 0, 0, 0, theta]).
+// ("getPosition": [x, y, 0, 0, 0, theta]; landmark_pose.h).
 //
 // Remote methods: "startEvent"(event[, event2]), "stopSmoother"(), "restart"(event[, event2]),
 // "setTarget"(relative position), "setTargetIds"(int, int), "setMap"(map), "setMaxDistance"
