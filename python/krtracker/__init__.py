@@ -34,12 +34,3 @@ __all__ = ["Broker", "FRAME_ROBOT", "FRAME_TORSO", "FRAME_WORLD", "KRError", "Pr
 
 _install_tracker_methods(Tracker)
 
-# help() and repr() name the package, not its compiled part.
-for _name in __all__:
-    _item = globals()[_name]
-    if isinstance(_item, type) or callable(_item):
-        try:
-            _item.__module__ = __name__
-        except (AttributeError, TypeError):
-            pass
-del _name, _item

@@ -11,6 +11,9 @@
 
 PYBIND11_MODULE(_krtracker, m) {
   m.doc() = "The compiled part of krtracker; import krtracker rather than this module.";
+  // The classes and signatures name the package the user imports, krtracker.Simulation
+  // rather than krtracker._krtracker.Simulation.
+  m.attr("__name__") = "krtracker";
   KR::Py::bindValues(m);
   KR::Py::bindProxies(m);
   KR::Py::bindGeometry(m);

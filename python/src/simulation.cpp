@@ -56,7 +56,9 @@ void EventQueue::push(const std::string& name, const KRValue& value) {
 
 std::vector<std::pair<std::string, KRValue>> EventQueue::take() {
   std::lock_guard<std::mutex> lock(fMutex);
-  return std::move(fEvents);
+  std::vector<std::pair<std::string, KRValue>> events;
+  events.swap(fEvents);
+  return events;
 }
 
 bool EventQueue::empty() const {
@@ -182,7 +184,7 @@ py::object Simulation::proxy(py::object self, const std::string& module) {
   return makeProxy(module, xRoute(module), std::move(self));
 }
 
-void Simulation::addTarget(const std::string& name, const std::string& kind, py::handle position) {
+void Simulation::addTarget(const std::string& name, const std::string& kind, py::object position) {
   const auto& kinds = Sim::targetKinds();
   if (std::find(kinds.begin(), kinds.end(), kind) == kinds.end()) {
     std::string list;
@@ -205,7 +207,7 @@ void Simulation::addTarget(const std::string& name, const std::string& kind, py:
     run.followTarget(name);
 }
 
-void Simulation::moveTarget(const std::string& name, py::handle position) {
+void Simulation::moveTarget(const std::string& name, py::object position) {
   const Math::Position3D p = positionOf(position, "move_target");
   py::gil_scoped_release release;
   std::lock_guard<std::recursive_mutex> lock(fMutex);

@@ -86,8 +86,8 @@ class Simulation {
   py::object tracker(py::object self);
   py::object proxy(py::object self, const std::string& module);
 
-  void addTarget(const std::string& name, const std::string& kind, py::handle position);
-  void moveTarget(const std::string& name, py::handle position);
+  void addTarget(const std::string& name, const std::string& kind, py::object position);
+  void moveTarget(const std::string& name, py::object position);
   void hideTarget(const std::string& name, bool hidden);
   std::vector<std::string> targetNames();
   double lineOfSight(const std::optional<std::string>& target);

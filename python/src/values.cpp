@@ -12,8 +12,20 @@ namespace Py {
 
 namespace {
 
+/// The start of the value's repr, for an error's text.
+std::string shown(py::handle object) {
+  constexpr std::size_t kLongest = 60;
+  std::string text;
+  try {
+    text = py::str(py::repr(object));
+  } catch (const py::error_already_set&) {
+    return "...";  // a repr that fails (too deep, a broken __repr__) is left out
+  }
+  return text.size() > kLongest ? text.substr(0, kLongest) + "..." : text;
+}
+
 [[noreturn]] void refuse(const std::string& what, py::handle object, const std::string& why) {
-  throw py::type_error(what + ": " + why + " (" + std::string(py::str(py::repr(object))) + ")");
+  throw py::type_error(what + ": " + why + " (" + shown(object) + ")");
 }
 
 std::string typeName(py::handle object) {
@@ -36,12 +48,20 @@ KRValue fromFloat(double v, py::handle object, const std::string& what) {
   return KRValue(static_cast<float>(v));
 }
 
-KRValue fromSequence(py::handle object, const std::string& what) {
+/// Lists nest at most this deep: far beyond any value of the library, and a bound on the stack
+/// that converting them takes.
+constexpr int kMaxDepth = 32;
+
+KRValue convert(py::handle object, const std::string& what, int depth);
+
+KRValue fromSequence(py::handle object, const std::string& what, int depth) {
+  if (depth >= kMaxDepth)
+    refuse(what, object, "lists nest at most " + std::to_string(kMaxDepth) + " deep");
   const py::sequence items = py::reinterpret_borrow<py::sequence>(object);
   KRValue::Array array;
   array.reserve(items.size());
   for (std::size_t i = 0; i < items.size(); ++i)
-    array.push_back(toValue(items[i], what + "[" + std::to_string(i) + "]"));
+    array.push_back(convert(items[i], what + "[" + std::to_string(i) + "]", depth + 1));
   return KRValue(std::move(array));
 }
 
@@ -52,9 +72,7 @@ bool isNumpy(py::handle object) {
   return py::isinstance<py::str>(module) && std::string(py::str(module)) == "numpy";
 }
 
-}  // namespace
-
-KRValue toValue(py::handle object, const std::string& what) {
+KRValue convert(py::handle object, const std::string& what, int depth) {
   if (object.is_none())
     return KRValue();
   if (PyBool_Check(object.ptr()))
@@ -66,17 +84,23 @@ KRValue toValue(py::handle object, const std::string& what) {
   if (PyUnicode_Check(object.ptr()))
     return KRValue(object.cast<std::string>());
   if (PyList_Check(object.ptr()) || PyTuple_Check(object.ptr()))
-    return fromSequence(object, what);
+    return fromSequence(object, what, depth);
   if (isNumpy(object)) {
     // An array becomes a nested list, a scalar the Python number it holds.
     const py::object plain = object.attr("tolist")();
     if (!isNumpy(plain))
-      return toValue(plain, what);
+      return convert(plain, what, depth);
   }
   refuse(what, object,
          "a " + typeName(object) +
              " does not convert to a value; expected None, bool, int, float, str or a list of "
              "them");
+}
+
+}  // namespace
+
+KRValue toValue(py::handle object, const std::string& what) {
+  return convert(object, what, 0);
 }
 
 py::object toPython(const KRValue& value) {

@@ -60,6 +60,19 @@ def test_a_value_that_does_not_convert_raises_type_error_naming_the_argument(mem
     assert why in str(refused.value)
 
 
+def test_lists_nested_too_deep_are_refused_without_harm(memory):
+    deep = []
+    for _ in range(100000):
+        deep = [deep]
+    with pytest.raises(TypeError, match="lists nest at most 32 deep"):
+        memory.insertData("key", deep)
+    nested = 0
+    for _ in range(31):
+        nested = [nested]
+    memory.insertData("key", nested)
+    assert memory.getData("key") == nested
+
+
 def test_the_trackers_arguments_are_named_by_their_parameter(sim):
     with pytest.raises(TypeError, match=r"registerTarget: argument 'params'\[0\]: a dict"):
         sim.tracker.registerTarget("RedBall", [{"diameter": 0.06}])
