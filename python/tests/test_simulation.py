@@ -134,6 +134,15 @@ def test_a_callback_that_raises_is_reported_and_counted_and_the_run_goes_on(monk
     assert reported[0].object is broken
 
 
+def test_an_event_raised_by_a_call_reaches_its_callback_when_the_call_returns(sim):
+    heard = []
+    sim.on_event("Experiment/Marker", heard.append)
+    sim.proxy("KRMemory").raiseEvent("Experiment/Marker", [1, "start", 2.5])
+    assert heard == [[1, "start", 2.5]]
+    sim.proxy("KRMemory").raiseEvent("Experiment/Other", 3)
+    assert heard == [[1, "start", 2.5]]
+
+
 def test_callbacks_may_drive_the_simulation_between_steps_but_not_step_it(sim):
     sim.add_target("ball", "RedBall", [1.5, 0.0, 0.5])
     sim.tracker.registerTarget("RedBall", 0.06)
