@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <ctime>
+#include <sstream>
 
 #include <pybind11/numpy.h>
 #include <pybind11/stl.h>
@@ -123,8 +124,10 @@ void Simulation::step(double seconds) {
   py::gil_scoped_release release;
   std::lock_guard<std::recursive_mutex> lock(fMutex);
   if (steps > 0 && xRun().finished()) {
-    throw std::runtime_error("step: the scenario " + xRun().scenario().name + " ended at " +
-                             std::to_string(xRun().simulatedSeconds()) + " s");
+    std::ostringstream text;
+    text << "step: the scenario " << xRun().scenario().name << " ended at "
+         << xRun().simulatedSeconds() << " s";
+    throw std::runtime_error(text.str());
   }
   xSteps(steps);
 }

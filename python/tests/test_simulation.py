@@ -109,7 +109,7 @@ def test_a_scenario_stops_at_its_end():
     with krtracker.Simulation("ball", duration=0.5, physics="kinematic") as sim:
         sim.step(2.0)
         assert sim.time == pytest.approx(0.5) and sim.finished
-        with pytest.raises(RuntimeError, match="ended at 0.5"):
+        with pytest.raises(RuntimeError, match="the scenario ball ended at 0.5 s"):
             sim.step(0.01)
         sim.step(0.0)  # nothing asked, nothing refused
 
