@@ -28,7 +28,7 @@
 #include <kr/model/modelutils.h>
 #include <krsim/remote/two_process.h>
 #include <krsim/report/json_summary.h>
-#include <krsim/robot/physics/backend.h>
+#include <krsim/robot/physics/factory.h>
 #include <krsim/run/scenario.h>
 #include <krsim/run/scenario_run.h>
 #include <krtracker/tools/tools.h>

@@ -11,6 +11,7 @@
 
 #include <kr/error.h>
 #include <krsim/report/snapshot.h>
+#include <krsim/robot/physics/factory.h>
 
 #include "sim/helpers.h"
 
