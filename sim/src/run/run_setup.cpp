@@ -2,7 +2,7 @@
 
 #include <kr/error.h>
 
-#include <krsim/robot/physics/backend.h>
+#include <krsim/robot/physics/factory.h>
 #include <krsim/run/simulation.h>
 
 namespace KR {
@@ -26,9 +26,9 @@ void checkModes(const RunConfig& config, const Scenario& scenario) {
   }
 }
 
-void checkPhysics(const RunConfig& config, const Scenario& scenario) {
+void checkPhysics(const RunConfig& config) {
   try {
-    makePhysicsBackend(config.physics, *scenario.robot->robot);
+    checkPhysicsBackendName(config.physics);
   } catch (const KRError& e) {
     throw KRError("krsim", "RunConfig", "--physics: " + e.message());
   }
@@ -55,7 +55,7 @@ Scenario prepareEmptyScenario(const RunConfig& config) {
   if (!config.effector.empty())
     scenario.actions.push_back(callAtStart("setEffector", config.effector));
   checkModes(config, scenario);
-  checkPhysics(config, scenario);
+  checkPhysics(config);
   return scenario;
 }
 
@@ -71,7 +71,7 @@ Scenario prepareScenario(const RunConfig& config) {
     checkInputFile("scenario", name);
   Scenario scenario = makeScenario(name, options);
   checkModes(config, scenario);
-  checkPhysics(config, scenario);
+  checkPhysics(config);
   return scenario;
 }
 
