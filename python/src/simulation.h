@@ -4,11 +4,11 @@
 // it.
 //
 // Threads and the GIL: the steps, the tracker's calls and the building of the robot run without
-// the GIL, under the simulation's own (recursive) lock, which is only ever taken with the GIL
-// released. The memory events that callbacks wait for are queued by whichever thread raises
-// them (the stepping thread, the broker's worker) and handed to the callbacks on the stepping
-// thread after each 10 ms step, the GIL taken again, so that a callback may call the tracker or
-// move a target between two steps.
+// the GIL, under the simulation's own (recursive) lock, which is taken with the GIL released
+// (but by the destructor, when no other thread can hold the simulation). The memory events that
+// callbacks wait for are queued by whichever thread raises them (the stepping thread, the broker's
+// worker) and handed to the callbacks on the stepping thread after each 10 ms step, the GIL taken
+// again, so that a callback may call the tracker or move a target between two steps.
 
 #include <map>
 #include <memory>

@@ -4,6 +4,7 @@ command line's run of it, callbacks, refusals, threads and memory."""
 import gc
 import json
 import math
+import os
 import sys
 import threading
 import weakref
@@ -252,6 +253,8 @@ def resident_kib():
 
 
 def test_a_thousand_simulations_leave_memory_and_objects_flat():
+    count = int(os.environ.get("KRTRACKER_SIMULATIONS", "1000"))  # fewer under a sanitizer
+
     def create(n):
         for _ in range(n):
             sim = krtracker.Simulation()  # MuJoCo's model built and freed each time
@@ -262,9 +265,9 @@ def test_a_thousand_simulations_leave_memory_and_objects_flat():
             del sim
         gc.collect()
 
-    create(200)  # allocators and caches at their working size
+    create(count // 5)  # allocators and caches at their working size
     rss, objects = resident_kib(), len(gc.get_objects())
-    create(800)
+    create(count - count // 5)
     assert len(gc.get_objects()) - objects < 100
-    if "asan" not in __import__("os").environ.get("LD_PRELOAD", ""):  # the sanitizer's quarantine
+    if "KRTRACKER_SIMULATIONS" not in os.environ:  # a sanitizer holds on to freed memory
         assert resident_kib() - rss < 8 * 1024
