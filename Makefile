@@ -15,7 +15,7 @@ CMAKE_ARGS ?=
 DEB_PACKAGES := cmake g++ make libeigen3-dev libboost-dev libspdlog-dev libpugixml-dev \
                 libgtest-dev libgmock-dev libbenchmark-dev gnuplot-nox libcli11-dev nlohmann-json3-dev \
                 libyaml-cpp-dev libmsgpack-cxx-dev libmujoco-dev cyclonedds-dev cyclonedds-tools \
-                libglfw3-dev libpng-dev xvfb xauth libgl1-mesa-dri
+                libglfw3-dev libpng-dev xvfb xauth libgl1-mesa-dri liburdfdom-dev
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
 .PHONY: setup configure build test demo demo-remote test-asan test-tsan bench bench-remote fuzz fuzz-corpus format clean
