@@ -72,7 +72,7 @@ bench-remote:
 	build-bench/bench/remote_latency
 
 FUZZ_SECONDS ?= 60
-FUZZ_TARGETS := trackinfos tracker_event tracker_config namer robot_xml
+FUZZ_TARGETS := trackinfos tracker_event tracker_config namer robot_xml urdf_mapping urdf
 FUZZ_BUILD := CC=clang CXX=clang++ $(MAKE) build BUILD=build-fuzz \
   EXTRA_PACKAGES="clang libclang-rt-14-dev" \
   CMAKE_ARGS="-DKRTRACKER_BUILD_FUZZ=ON -DKRTRACKER_BUILD_TESTS=OFF -DKRTRACKER_BUILD_SIM=OFF"

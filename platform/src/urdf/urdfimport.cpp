@@ -33,6 +33,8 @@ constexpr std::size_t kMaxUrdfBytes = 4 << 20;
 // joints' origins from each other where the model has them at one point [m].
 constexpr double kAxisTolerance = 1e-5;
 constexpr double kPointTolerance = 1e-6;
+// Links farther than this from the root are a mistake (and would not print as floats).
+constexpr double kMaxReach = 1000.0;
 
 // urdfdom reports through console_bridge, a process-wide handler: while a URDF is parsed the
 // handler keeps the first error instead of printing it.
@@ -284,8 +286,15 @@ void Importer::computePoses() {
     stack.pop_back();
     const Iso& parent = fPose[l->name];
     for (const urdf::JointSharedPtr& j : l->child_joints) {
-      fPose[j->child_link_name] =
+      const Iso pose =
           parent * toIso(j->parent_to_joint_origin_transform) * motion(*j, positionOf(*j));
+      const double far = pose.translation().norm();
+      if (!std::isfinite(far) || far > kMaxReach || !pose.linear().allFinite()) {
+        failUrdf("joint '" + j->name + "'", "puts its child link '" + j->child_link_name +
+                                                "' out of range (" + numText(far) +
+                                                " m from the root link)");
+      }
+      fPose[j->child_link_name] = pose;
     }
     for (const urdf::LinkSharedPtr& c : l->child_links) {
       stack.push_back(c.get());
@@ -406,7 +415,7 @@ TrackerJoint Importer::trackerJoint(const JointInfo& j) {
   const urdf::Joint& u = *j.joint;
   TrackerJoint t;
   t.name = u.name;
-  if (t.name.size() > kMaxJointNameLength ||
+  if (t.name.empty() || t.name.size() > kMaxJointNameLength ||
       std::any_of(t.name.begin(), t.name.end(),
                   [](char c) { return std::isspace(static_cast<unsigned char>(c)); })) {
     failJoint(j, "a joint the tracker moves has a name of 1 to " +

@@ -515,6 +515,21 @@ TEST(UrdfRobots, ContinuousJointsTakeAHalfTurnEachWay) {
   EXPECT_EQ(robot->trackerModel().head.yaw.max, KR::Math::kPi);
 }
 
+TEST(UrdfRobots, WithoutMassesTheDefaultsAreUsedWithOneNote) {
+  std::string urdf = readText(kRobots + "/lumen.urdf");
+  for (auto at = urdf.find("<inertial>"); at != std::string::npos; at = urdf.find("<inertial>")) {
+    urdf.erase(at, urdf.find("</inertial>", at) + 11 - at);
+  }
+  std::vector<std::string> notes;
+  const auto robot = UrdfImport::robotFromTexts(readText(kRobots + "/lumen.yaml"), "lumen.yaml",
+                                                urdf, "lumen.urdf", &notes);
+  ASSERT_EQ(notes.size(), 1u);
+  EXPECT_EQ(notes[0], "lumen.urdf: the URDF gives no masses for the head or the torso: the "
+                      "defaults are used");
+  EXPECT_EQ(robot->getHeadMass(), Robot().getHeadMass());
+  EXPECT_EQ(robot->getTorsoMass(), Robot().getTorsoMass());
+}
+
 TEST(UrdfRobots, MappingOverridesWhatIsDerived) {
   std::string yaml = readText(kRobots + "/lumen.yaml");
   yaml += "can_look_behind: true\nwhole_body: {yaw_min: -1, look_at_height: 1.5}\n"
