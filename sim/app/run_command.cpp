@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <exception>
 #include <fstream>
 #include <iomanip>
 #include <mutex>
@@ -13,9 +14,11 @@
 
 #include <kr/error.h>
 
+#include <krsim/report/csv_writer.h>
 #include <krsim/report/json_summary.h>
 #include <krsim/report/output_files.h>
 #include <krsim/report/plot.h>
+#include <krsim/report/summary_table.h>
 #include <krsim/run/run_loop.h>
 #include <krsim/run/run_setup.h>
 #include <krsim/run/simulation.h>
@@ -35,19 +38,25 @@ int listScenariosTo(std::ostream& out) {
   return 0;
 }
 
-/// The scenario on its robot and the outputs, all checked: UsageError otherwise.
-Scenario prepare(RunConfig& config) {
-  Scenario scenario;
+/// The settings and the scenario on its robot, checked: UsageError otherwise.
+Scenario prepare(const RunConfig& config) {
   try {
     config.validate();
-    scenario = prepareScenario(config);
-    decideOutputs(config, scenario.name, {scenario.robot->path, scenario.file});
+    return prepareScenario(config);
   } catch (const KRError& e) {
     throw UsageError(e.message());
   } catch (const InputError& e) {
     throw UsageError(e.what());
   }
-  return scenario;
+}
+
+/// Where the outputs go, checked: UsageError otherwise.
+void prepareOutputs(RunConfig& config, const Scenario& scenario) {
+  try {
+    decideOutputs(config, scenario.name, {scenario.robot->path, scenario.file});
+  } catch (const KRError& e) {
+    throw UsageError(e.message());
+  }
 }
 
 SimulationConfig simulationConfig(const RunConfig& config, const SubModuleFactory& modules) {
@@ -57,17 +66,34 @@ SimulationConfig simulationConfig(const RunConfig& config, const SubModuleFactor
   return sim;
 }
 
-/// One run of a scenario with one seed; streams its CSV if `csv` is not null.
-RunResult runOnce(const Scenario& scenario, const SimulationConfig& config, bool realtime,
-                  std::ostream* progress, std::ostream* csv, const SnapshotHook& hook) {
-  const std::clock_t cpuStart = std::clock();
-  ScenarioRun run(scenario, config);
+/// The run of a scenario with one seed, built before anything is printed or written: a
+/// robot that the physics backend rejects is a bad input, refused like the others.
+std::unique_ptr<ScenarioRun> buildRun(const Scenario& scenario, const SimulationConfig& config) {
+  try {
+    return std::make_unique<ScenarioRun>(scenario, config);
+  } catch (const KRError& e) {
+    if (e.method() == config.physics)
+      throw UsageError("--physics: " + e.message());
+    throw;
+  }
+}
+
+/// Plays a run built by buildRun; streams its CSV if `csv` is not null.
+RunResult playOnce(ScenarioRun& run, bool realtime, std::ostream* progress, std::ostream* csv,
+                   const SnapshotHook& hook, std::clock_t cpuStart) {
   if (progress != nullptr)
     run.setProgress([progress](const std::string& line) { *progress << line << "\n"; });
-  run.setCsv(csv);
+  if (csv != nullptr)
+    CsvWriter::follow(run, *csv);
   if (hook)
     run.setPhaseHook([&run, &hook](const std::string& label) { hook(run.simulation(), label); });
   return playRun(run, realtime, cpuStart);
+}
+
+RunResult runOnce(const Scenario& scenario, const SimulationConfig& config) {
+  const std::clock_t cpuStart = std::clock();
+  const auto run = buildRun(scenario, config);
+  return playOnce(*run, false, nullptr, nullptr, {}, cpuStart);
 }
 
 /// The thresholds behind "on target", stated under the table.
@@ -88,24 +114,24 @@ std::vector<RunResult> runSeeds(const Scenario& scenario, const SimulationConfig
   std::vector<RunResult> results(n);
   std::atomic<std::size_t> next{0};
   std::mutex failureMutex;
-  std::string failure;
+  std::exception_ptr failure;
   auto worker = [&] {
     for (std::size_t i = next++; i < n; i = next++) {
       SimulationConfig c = config;
       c.seed = range.first + static_cast<std::uint32_t>(i);
       try {
-        results[i] = runOnce(scenario, c, false, nullptr, nullptr, {});
-      } catch (const std::exception& e) {
+        results[i] = runOnce(scenario, c);
+      } catch (...) {
         std::lock_guard<std::mutex> lock(failureMutex);
-        failure = e.what();
+        failure = std::current_exception();
       }
     }
   };
   std::thread second(worker);
   worker();
   second.join();
-  if (!failure.empty())
-    throw std::runtime_error(failure);
+  if (failure)
+    std::rethrow_exception(failure);
   return results;
 }
 
@@ -229,8 +255,8 @@ void writeOutputs(const RunConfig& config, const Scenario& scenario, const RunRe
   out << "Plot: " << absolutePath(config.plot) << "\n";
 }
 
-int runSingle(const RunConfig& config, const Scenario& scenario, const SubModuleFactory& modules,
-              const SnapshotHook& hook, std::ostream& out) {
+int runSingle(const RunConfig& config, const Scenario& scenario, ScenarioRun& run,
+              std::clock_t cpuStart, const SnapshotHook& hook, std::ostream& out) {
   printHeader(config, scenario, out);
   TemporaryFile temporary;
   const std::string csvPath = csvPathFor(config, temporary);
@@ -240,9 +266,8 @@ int runSingle(const RunConfig& config, const Scenario& scenario, const SubModule
     if (!csv)
       throw std::runtime_error("cannot write " + csvPath);
   }
-  const RunResult r =
-      runOnce(scenario, simulationConfig(config, modules), config.realtime,
-              config.quiet ? nullptr : &out, csvPath.empty() ? nullptr : &csv, hook);
+  const RunResult r = playOnce(run, config.realtime, config.quiet ? nullptr : &out,
+                               csvPath.empty() ? nullptr : &csv, hook, cpuStart);
   if (!csvPath.empty() && !csv.flush())
     throw std::runtime_error("cannot write " + csvPath);
   csv.close();
@@ -258,10 +283,16 @@ int RunCommand::run(std::ostream& out, const SubModuleFactory& modules,
   if (list)
     return listScenariosTo(out);
   const Scenario scenario = prepare(config);
-  StopSignals stopSignals;
-  if (config.seeds || !config.compare.empty())
+  if (config.seeds || !config.compare.empty()) {
+    prepareOutputs(config, scenario);
+    StopSignals stopSignals;
     return runMany(config, scenario, modules, out);
-  return runSingle(config, scenario, modules, snapshot, out);
+  }
+  const std::clock_t cpuStart = std::clock();
+  const auto run = buildRun(scenario, simulationConfig(config, modules));
+  prepareOutputs(config, scenario);
+  StopSignals stopSignals;
+  return runSingle(config, scenario, *run, cpuStart, snapshot, out);
 }
 
 }  // namespace Sim

@@ -214,12 +214,9 @@ std::vector<std::string> armsOf(const std::string& effector) {
   return {};
 }
 
-}  // namespace
-
-Scenario loadScenarioFile(const std::string& path, const ScenarioOptions& options) {
-  YAML::Node root;
+YAML::Node parseFile(const std::string& path) {
   try {
-    root = YAML::LoadFile(path);
+    return YAML::LoadFile(path);
   } catch (const YAML::BadFile&) {
     throw KRError("krsim", "scenario", path + ": cannot read the file");
   } catch (const YAML::ParserException& e) {
@@ -227,23 +224,29 @@ Scenario loadScenarioFile(const std::string& path, const ScenarioOptions& option
     os << path << ":" << e.mark.line + 1 << ": bad YAML: " << e.msg;
     throw KRError("krsim", "scenario", os.str());
   }
-  const Reader r(path);
-  r.onlyFields(root, "",
-               {"name", "description", "robot", "duration", "open_ended", "start_pose", "targets",
-                "actions", "phases", "odometry_drift"});
-  Scenario s;
-  s.file = path;
+}
+
+/// The robot description's path: the command line's robot, else the file's "robot" field.
+/// The robot the options give, or the file's own, loaded once for the whole run.
+std::shared_ptr<const RobotDescription> readRobot(const Reader& r, const YAML::Node& root,
+                                                  const ScenarioOptions& options) {
+  if (options.robot)
+    return options.robot;
+  return RobotDescription::load(resolveRobotFile(r.string(r.need(root, "robot", ""), "robot")));
+}
+
+/// The fields of the top level other than the lists: name, robot, duration, start pose, drift.
+void readHeader(const Reader& r, const YAML::Node& root, const ScenarioOptions& options,
+                Scenario& s) {
   s.name = r.string(r.need(root, "name", ""), "name");
   s.description = root["description"] ? r.string(root["description"], "description") : "";
-  s.robot =
-      options.robot
-          ? options.robot
-          : RobotDescription::load(resolveRobotFile(r.string(r.need(root, "robot", ""), "robot")));
+  s.robot = readRobot(r, root, options);
   s.openEnded = r.boolean(root, "open_ended", "", false);
   s.duration = r.number(r.need(root, "duration", ""), "duration", 0.01, 7.0 * 24 * 3600);
   if (s.openEnded && options.duration > 0.0)
     s.duration = options.duration;
   if (const YAML::Node p = root["start_pose"]) {
+    // [x, y] in metres, then the heading in degrees, map frame.
     const auto v = r.numbers(p, "start_pose", 3, 1000.0);
     s.startPose = {static_cast<float>(v[0]), static_cast<float>(v[1]),
                    static_cast<float>(v[2] * M_PI / 180.0)};
@@ -253,126 +256,168 @@ Scenario loadScenarioFile(const std::string& path, const ScenarioOptions& option
     s.odometryDriftLinear = static_cast<float>(v[0]);
     s.odometryDriftAngular = static_cast<float>(v[1]);
   }
+}
 
+TargetScript readTarget(const Reader& r, const YAML::Node& t, const std::string& where,
+                        double duration) {
+  r.onlyFields(t, where,
+               {"name", "kind", "layout", "max_range", "points", "polar", "fixed", "sample_s",
+                "repeat_every", "repeat_from", "hidden"});
+  TargetScript script;
+  script.name = r.string(r.need(t, "name", where), where + "name");
+  script.kind = r.string(r.need(t, "kind", where), where + "kind");
+  const std::string layout = t["layout"] ? r.string(t["layout"], where + "layout") : "torso";
+  if (layout != "torso" && layout != "world")
+    fail(r.file(), t["layout"], where + "layout", "expects torso or world, not '" + layout + "'");
+  script.layout = layout == "world" ? Layout::World : Layout::Torso;
+  script.maxRange = static_cast<float>(r.number(t, "max_range", where, 0.0, 100.0, 0.0));
+  script.path = readPath(r, t, where, duration);
+  if (const YAML::Node hidden = t["hidden"]) {
+    if (!hidden.IsSequence())
+      fail(r.file(), hidden, where + "hidden", "expects a list of [from, to] intervals");
+    for (std::size_t k = 0; k < hidden.size(); ++k) {
+      const auto v = r.numbers(hidden[k], where + "hidden[" + std::to_string(k) + "]", 2);
+      script.hidden.push_back({v[0], v[1]});
+    }
+  }
+  return script;
+}
+
+void readTargets(const Reader& r, const YAML::Node& root, Scenario& s) {
   const YAML::Node targets = r.need(root, "targets", "");
   if (!targets.IsSequence() || targets.size() == 0)
-    fail(path, targets, "targets", "expects a list of targets");
-  for (std::size_t i = 0; i < targets.size(); ++i) {
-    const YAML::Node t = targets[i];
-    const std::string where = "targets[" + std::to_string(i) + "].";
-    r.onlyFields(t, where,
-                 {"name", "kind", "layout", "max_range", "points", "polar", "fixed", "sample_s",
-                  "repeat_every", "repeat_from", "hidden"});
-    TargetScript script;
-    script.name = r.string(r.need(t, "name", where), where + "name");
-    script.kind = r.string(r.need(t, "kind", where), where + "kind");
-    const std::string layout = t["layout"] ? r.string(t["layout"], where + "layout") : "torso";
-    if (layout != "torso" && layout != "world")
-      fail(path, t["layout"], where + "layout", "expects torso or world, not '" + layout + "'");
-    script.layout = layout == "world" ? Layout::World : Layout::Torso;
-    script.maxRange = static_cast<float>(r.number(t, "max_range", where, 0.0, 100.0, 0.0));
-    script.path = readPath(r, t, where, s.duration);
-    if (const YAML::Node hidden = t["hidden"]) {
-      if (!hidden.IsSequence())
-        fail(path, hidden, where + "hidden", "expects a list of [from, to] intervals");
-      for (std::size_t k = 0; k < hidden.size(); ++k) {
-        const auto v = r.numbers(hidden[k], where + "hidden[" + std::to_string(k) + "]", 2);
-        script.hidden.push_back({v[0], v[1]});
-      }
-    }
-    s.targets.push_back(std::move(script));
-  }
+    fail(r.file(), targets, "targets", "expects a list of targets");
+  for (std::size_t i = 0; i < targets.size(); ++i)
+    s.targets.push_back(
+        readTarget(r, targets[i], "targets[" + std::to_string(i) + "].", s.duration));
+}
 
-  std::string firstMode;
-  std::string lastMode;
-  std::string effector = options.effector;
+/// The modes the actions set, for the scenario's title: the first and the last.
+struct Modes {
+  std::string first;
+  std::string last;
+
+  void add(const KRValue& mode) {
+    const std::string text = mode.toString();
+    last = text.size() > 1 && text.front() == '"' ? text.substr(1, text.size() - 2) : text;
+    if (first.empty())
+      first = last;
+  }
+  std::string text() const { return first == last ? first : first + " then " + last; }
+};
+
+/// One call of "actions", at or after `previous` [s].
+Action readAction(const Reader& r, const YAML::Node& a, const std::string& where, double previous,
+                  const ScenarioOptions& options, Modes& modes) {
+  r.onlyFields(a, where, {"time", "call", "args", "service"});
+  const double time = r.number(r.need(a, "time", where), where + "time", 0.0, 1e7);
+  if (time < previous)
+    fail(r.file(), a["time"], where + "time", "calls go back in time");
+  const std::string method = r.string(r.need(a, "call", where), where + "call");
+  std::vector<KRValue> args;
+  if (const YAML::Node list = a["args"]) {
+    if (!list.IsSequence())
+      fail(r.file(), list, where + "args", "expects a list");
+    for (std::size_t k = 0; k < list.size(); ++k)
+      args.push_back(r.value(list[k], where + "args[" + std::to_string(k) + "]"));
+  }
+  // The command line's mode and effector replace the file's.
+  if (method == "setMode" && !args.empty()) {
+    if (!options.mode.empty())
+      args[0] = KRValue(options.mode);
+    modes.add(args[0]);
+  }
+  if (method == "setEffector" && !args.empty() && !options.effector.empty())
+    args[0] = KRValue(options.effector);
+  std::string description = method + "(";
+  for (std::size_t k = 0; k < args.size(); ++k)
+    description += (k ? ", " : "") + args[k].toString();
+  description += ")";
+  // "service" names another module than the tracker (e.g. KRMotion.moveTo).
+  const std::string service = a["service"] ? r.string(a["service"], where + "service") : "";
+  if (!service.empty())
+    description = service + "." + description;
+  return {
+      time, description, [service, method, args](Simulation& sim) {
+        sim.broker().getProxy(service.empty() ? "KRTracker" : service, 0)->callValues(method, args);
+        sim.broker().waitForPostedCalls();
+      }};
+}
+
+void readActions(const Reader& r, const YAML::Node& root, const ScenarioOptions& options,
+                 Scenario& s) {
+  Modes modes;
   if (const YAML::Node actions = root["actions"]) {
     if (!actions.IsSequence())
-      fail(path, actions, "actions", "expects a list of calls");
+      fail(r.file(), actions, "actions", "expects a list of calls");
     double previous = 0.0;
     for (std::size_t i = 0; i < actions.size(); ++i) {
-      const YAML::Node a = actions[i];
-      const std::string where = "actions[" + std::to_string(i) + "].";
-      r.onlyFields(a, where, {"time", "call", "args", "service"});
-      const double time = r.number(r.need(a, "time", where), where + "time", 0.0, 1e7);
-      if (time < previous)
-        fail(path, a["time"], where + "time", "calls go back in time");
-      previous = time;
-      const std::string method = r.string(r.need(a, "call", where), where + "call");
-      std::vector<KRValue> args;
-      if (const YAML::Node list = a["args"]) {
-        if (!list.IsSequence())
-          fail(path, list, where + "args", "expects a list");
-        for (std::size_t k = 0; k < list.size(); ++k)
-          args.push_back(r.value(list[k], where + "args[" + std::to_string(k) + "]"));
-      }
-      // The command line's mode and effector replace the file's.
-      if (method == "setMode" && !args.empty()) {
-        if (!options.mode.empty())
-          args[0] = KRValue(options.mode);
-        const std::string mode = args[0].toString();
-        lastMode = mode.size() > 1 && mode.front() == '"' ? mode.substr(1, mode.size() - 2) : mode;
-        if (firstMode.empty())
-          firstMode = lastMode;
-      }
-      if (method == "setEffector" && !args.empty() && !options.effector.empty())
-        args[0] = KRValue(options.effector);
-      std::string description = method + "(";
-      for (std::size_t k = 0; k < args.size(); ++k)
-        description += (k ? ", " : "") + args[k].toString();
-      description += ")";
-      // "service" names another module than the tracker (e.g. KRMotion.moveTo).
-      const std::string service = a["service"] ? r.string(a["service"], where + "service") : "";
-      if (!service.empty())
-        description = service + "." + description;
-      s.actions.push_back({time, description, [service, method, args](Simulation& sim) {
-                             if (service.empty()) {
-                               sim.broker().getProxy("KRTracker", 0)->callValues(method, args);
-                             } else {
-                               sim.broker().getProxy(service, 0)->callValues(method, args);
-                             }
-                             sim.broker().waitForPostedCalls();
-                           }});
+      s.actions.push_back(readAction(r, actions[i], "actions[" + std::to_string(i) + "].", previous,
+                                     options, modes));
+      previous = s.actions.back().time;
     }
   }
-  s.modeText = firstMode == lastMode ? firstMode : firstMode + " then " + lastMode;
+  s.modeText = modes.text();
+}
 
+Phase readPhase(const Reader& r, const YAML::Node& p, const std::string& where, const Scenario& s,
+                const std::string& effector) {
+  r.onlyFields(p, where,
+               {"name", "begin", "end", "target", "on_target_deg", "line_of_sight", "settle_s",
+                "one_shot", "step", "localisation", "effector", "relative_position"});
+  Phase phase;
+  phase.name = r.string(r.need(p, "name", where), where + "name");
+  phase.begin = r.number(r.need(p, "begin", where), where + "begin", 0.0, 1e7);
+  phase.end = p["end"] ? r.number(p["end"], where + "end", phase.begin, 1e7) : s.duration;
+  phase.target = r.string(r.need(p, "target", where), where + "target");
+  if (std::none_of(s.targets.begin(), s.targets.end(),
+                   [&](const TargetScript& t) { return t.name == phase.target; }))
+    fail(r.file(), p["target"], where + "target", "no target is called '" + phase.target + "'");
+  phase.acquireDegrees = r.number(p, "on_target_deg", where, 0.01, 180.0, 3.0);
+  phase.lineOfSight = r.boolean(p, "line_of_sight", where, true);
+  phase.settleSeconds = r.number(p, "settle_s", where, 0.0, 1e6, 0.0);
+  phase.oneShot = r.boolean(p, "one_shot", where, false);
+  phase.step = r.boolean(p, "step", where, false);
+  phase.measureLocalisation = r.boolean(p, "localisation", where, false);
+  if (const YAML::Node e = p["effector"]) {
+    // The command line's effector replaces the file's.
+    const std::string own = r.string(e, where + "effector");
+    phase.arms = armsOf(effector.empty() ? own : effector);
+  }
+  if (const YAML::Node rp = p["relative_position"]) {
+    const auto v = r.numbers(rp, where + "relative_position", 6, 100.0);
+    std::array<float, 6> a{};
+    for (std::size_t k = 0; k < 6; ++k)
+      a[k] = static_cast<float>(v[k]);
+    phase.relativePosition = a;
+  }
+  return phase;
+}
+
+void readPhases(const Reader& r, const YAML::Node& root, const ScenarioOptions& options,
+                Scenario& s) {
   const YAML::Node phases = r.need(root, "phases", "");
   if (!phases.IsSequence() || phases.size() == 0)
-    fail(path, phases, "phases", "expects a list of phases");
-  for (std::size_t i = 0; i < phases.size(); ++i) {
-    const YAML::Node p = phases[i];
-    const std::string where = "phases[" + std::to_string(i) + "].";
-    r.onlyFields(p, where,
-                 {"name", "begin", "end", "target", "on_target_deg", "line_of_sight", "settle_s",
-                  "one_shot", "step", "localisation", "effector", "relative_position"});
-    Phase phase;
-    phase.name = r.string(r.need(p, "name", where), where + "name");
-    phase.begin = r.number(r.need(p, "begin", where), where + "begin", 0.0, 1e7);
-    phase.end = p["end"] ? r.number(p["end"], where + "end", phase.begin, 1e7) : s.duration;
-    phase.target = r.string(r.need(p, "target", where), where + "target");
-    if (std::none_of(s.targets.begin(), s.targets.end(),
-                     [&](const TargetScript& t) { return t.name == phase.target; }))
-      fail(path, p["target"], where + "target", "no target is called '" + phase.target + "'");
-    phase.acquireDegrees = r.number(p, "on_target_deg", where, 0.01, 180.0, 3.0);
-    phase.lineOfSight = r.boolean(p, "line_of_sight", where, true);
-    phase.settleSeconds = r.number(p, "settle_s", where, 0.0, 1e6, 0.0);
-    phase.oneShot = r.boolean(p, "one_shot", where, false);
-    phase.step = r.boolean(p, "step", where, false);
-    phase.measureLocalisation = r.boolean(p, "localisation", where, false);
-    if (const YAML::Node e = p["effector"]) {
-      const std::string own = r.string(e, where + "effector");
-      phase.arms = armsOf(effector.empty() ? own : effector);
-    }
-    if (const YAML::Node rp = p["relative_position"]) {
-      const auto v = r.numbers(rp, where + "relative_position", 6, 100.0);
-      std::array<float, 6> a{};
-      for (std::size_t k = 0; k < 6; ++k)
-        a[k] = static_cast<float>(v[k]);
-      phase.relativePosition = a;
-    }
-    s.phases.push_back(phase);
-  }
+    fail(r.file(), phases, "phases", "expects a list of phases");
+  for (std::size_t i = 0; i < phases.size(); ++i)
+    s.phases.push_back(
+        readPhase(r, phases[i], "phases[" + std::to_string(i) + "].", s, options.effector));
+}
+
+}  // namespace
+
+Scenario loadScenarioFile(const std::string& path, const ScenarioOptions& options) {
+  const YAML::Node root = parseFile(path);
+  const Reader r(path);
+  r.onlyFields(root, "",
+               {"name", "description", "robot", "duration", "open_ended", "start_pose", "targets",
+                "actions", "phases", "odometry_drift"});
+  Scenario s;
+  s.file = path;
+  readHeader(r, root, options, s);
+  readTargets(r, root, s);
+  readActions(r, root, options, s);
+  readPhases(r, root, options, s);
   return s;
 }
 

@@ -6,7 +6,6 @@
 #include <fstream>
 #include <iomanip>
 #include <mutex>
-#include <ostream>
 #include <sstream>
 
 #include <kr/model/modelutils.h>
@@ -46,16 +45,6 @@ bool isStream(const std::string& name) {
 
 }  // namespace
 
-void ErrorStats::add(double v) {
-  ++count;
-  sumSquares += v * v;
-  max = std::max(max, v);
-}
-
-double ErrorStats::rms() const {
-  return count ? std::sqrt(sumSquares / count) : 0.0;
-}
-
 ScenarioRun::ScenarioRun(Scenario scenario, SimulationConfig base)
     : fScenario(std::move(scenario)) {
   if (!base.robot)
@@ -80,12 +69,6 @@ void ScenarioRun::setProgress(Progress progress, double statusPeriodSeconds) {
   fProgress = std::move(progress);
   fStatusPeriod = statusPeriodSeconds;
   fNextStatus = statusPeriodSeconds;
-}
-
-void ScenarioRun::setCsv(std::ostream* out) {
-  fCsv = out;
-  if (fCsv != nullptr)
-    *fCsv << csvHeader() << "\n";
 }
 
 bool ScenarioRun::finished() const {
@@ -179,7 +162,7 @@ void ScenarioRun::xEvents() {
     }
     if (fProgress)
       fProgress(timeTag(at) + "event " + e.name);
-    // For the CSV: the event's name without the service's prefix.
+    // The sample lists the step's events by name, without the service's prefix.
     const auto slash = e.name.find('/');
     fStepEvents += (fStepEvents.empty() ? "" : " ") +
                    (slash == std::string::npos ? e.name : e.name.substr(slash + 1));
@@ -187,98 +170,140 @@ void ScenarioRun::xEvents() {
 }
 
 void ScenarioRun::xRecord() {
-  Simulation& sim = *fSim;
   Sample s;
-  s.time = sim.time();
+  s.time = fSim->time();
+  s.phase = xPhaseAt(s.time);
+  xEnterPhase(s.phase);
+  s.robot = fSim->motion().getTruePose();
+  const auto& head = fSim->robot().trackerModel().head;
+  s.headYaw = fSim->motion().getAngle(head.yaw.name);
+  s.headPitch = fSim->motion().getAngle(head.pitch.name);
+  s.tracked = fTrackerTracked;
+  if (s.phase >= 0)
+    xMeasure(s);
+  xStepDetails(s);
+  fLast = std::move(s);
+  for (const auto& observer : fSampleObservers)
+    observer(fLast);
+}
+
+int ScenarioRun::xPhaseAt(double time) const {
+  int phase = -1;
   for (std::size_t i = 0; i < fScenario.phases.size(); ++i) {
     const Phase& p = fScenario.phases[i];
     // A sample shows the state at the end of its step: (begin, end].
-    if (s.time > p.begin + 1e-9 && s.time <= p.end + 1e-9)
-      s.phase = static_cast<int>(i);
+    if (time > p.begin + 1e-9 && time <= p.end + 1e-9)
+      phase = static_cast<int>(i);
   }
-  if (s.phase != fPhase) {
-    fPhase = s.phase;
-    if (fPhase >= 0 && !fReached[static_cast<std::size_t>(fPhase)]) {
-      fReached[static_cast<std::size_t>(fPhase)] = true;
-      if (fPhaseHook)
-        fPhaseHook(fScenario.phases[static_cast<std::size_t>(fPhase)].name);
-    }
+  return phase;
+}
+
+void ScenarioRun::xEnterPhase(int phase) {
+  if (phase == fPhase)
+    return;
+  fPhase = phase;
+  if (fPhase >= 0 && !fReached[static_cast<std::size_t>(fPhase)]) {
+    fReached[static_cast<std::size_t>(fPhase)] = true;
+    if (fPhaseHook)
+      fPhaseHook(fScenario.phases[static_cast<std::size_t>(fPhase)].name);
   }
-  s.robot = sim.motion().getTruePose();
-  const auto& head = sim.robot().trackerModel().head;
-  s.headYaw = sim.motion().getAngle(head.yaw.name);
-  s.headPitch = sim.motion().getAngle(head.pitch.name);
-  s.tracked = fTrackerTracked;
-  if (s.phase >= 0) {
-    const auto index = static_cast<std::size_t>(s.phase);
-    const Phase& phase = fScenario.phases[index];
-    const TargetState state = sim.world().state(phase.target);
-    s.hasTarget = true;
-    s.target = state.position;
-    s.inView = state.inFieldOfView;
-    s.perceived = state.perceived;
+}
 
-    const Math::Transform torsoToMap = Math::pinv(sim.motion().getMapToTorso());
-    const Math::Position3D inTorso = torsoToMap * state.position;
-    const auto polar = Math::polar3DFromPosition3D(inTorso - head.headPosition);
-    s.bearingYaw = std::get<1>(polar);
-    s.bearingPitch = std::get<2>(polar);
-    const Math::Transform camera =
-        sim.motion().getMapToHeadEffector(sim.world().getCameraEffector());
-    s.lineOfSightDeg = aimErrorDeg(camera, s.target);
-    const Math::Position3D inCamera = Math::pinv(camera) * s.target;
-    s.horizontalDeg = static_cast<float>(std::atan2(inCamera.y, inCamera.x) * kRadToDeg);
+void ScenarioRun::xMeasure(Sample& s) {
+  const auto index = static_cast<std::size_t>(s.phase);
+  const Phase& phase = fScenario.phases[index];
+  const TargetState state = fSim->world().state(phase.target);
+  s.hasTarget = true;
+  s.target = state.position;
+  s.inView = state.inFieldOfView;
+  s.perceived = state.perceived;
+  const Math::Transform torsoToMap = Math::pinv(fSim->motion().getMapToTorso());
+  const Math::Position3D inTorso = torsoToMap * state.position;
+  xLineOfSight(s, inTorso);
 
-    MeasureSample m;
-    m.time = s.time;
-    m.perceived = s.perceived;
-    m.trackerLost = fTrackerLost;
-    m.hasLineOfSight = true;
-    m.lineOfSightDeg = s.lineOfSightDeg;
-    m.horizontalDeg = s.horizontalDeg;
-    // Arms the effector commands, once they have had time to rise, while the target is
-    // followed (or, for one-shot commands, at any time) and within reach.
-    const bool armsReady = s.time >= phase.begin + phase.settleSeconds - 1e-9;
-    if (armsReady && (s.tracked || phase.oneShot)) {
-      for (const auto& arm : phase.arms) {
-        if (!xInReach(arm, inTorso))
-          continue;
-        const float e = aimErrorDeg(sim.motion().getTorsoToForearm(arm), inTorso);
-        (arm == "LArm" ? s.leftArmDeg : s.rightArmDeg) = e;
-        m.armDeg.push_back(e);
-      }
-    }
-    fMeters[index].add(m);
+  MeasureSample m;
+  m.time = s.time;
+  m.perceived = s.perceived;
+  m.trackerLost = fTrackerLost;
+  m.hasLineOfSight = true;
+  m.lineOfSightDeg = s.lineOfSightDeg;
+  m.horizontalDeg = s.horizontalDeg;
+  xPointing(s, phase, inTorso, m);
+  fMeters[index].add(m);
 
-    PhaseSummary& extra = fExtra[index];
-    if (phase.relativePosition && s.perceived) {
-      const Math::Position3D inRobot =
-          Math::pinv(Math::transformFromPose2D(s.robot)) * state.position;
-      const auto& r = *phase.relativePosition;
-      s.relativeErrorM = std::hypot(inRobot.x - r[0], inRobot.y - r[1]);
-      extra.relativeErrorM.add(s.relativeErrorM);
-    }
-    if (phase.measureLocalisation) {
-      const long second = static_cast<long>(std::floor(s.time + 1e-9));
-      if (second != fLastLocalisationSecond && s.time >= phase.begin + 1.0) {
-        fLastLocalisationSecond = second;
-        const auto position = sim.callTracker<std::vector<float>>("getRobotPosition");
-        if (position.size() == 6) {
-          const Math::Pose2D truth = s.robot;
-          extra.localisationM.add(std::hypot(position[0] - truth.x, position[1] - truth.y));
-          extra.localisationDeg.add(std::fabs(Math::modulo2PI(position[5] - truth.theta)) *
-                                    kRadToDeg);
-        } else {
-          ++extra.localisationMissing;
-        }
-      }
-    }
+  if (phase.relativePosition && s.perceived)
+    xRelativePosition(s, *phase.relativePosition, fExtra[index]);
+  if (phase.measureLocalisation)
+    xLocalisation(s, phase, fExtra[index]);
+}
+
+void ScenarioRun::xLineOfSight(Sample& s, const Math::Position3D& inTorso) {
+  const auto& head = fSim->robot().trackerModel().head;
+  const auto polar = Math::polar3DFromPosition3D(inTorso - head.headPosition);
+  s.bearingYaw = std::get<1>(polar);
+  s.bearingPitch = std::get<2>(polar);
+  const Math::Transform camera =
+      fSim->motion().getMapToHeadEffector(fSim->world().getCameraEffector());
+  s.lineOfSightDeg = aimErrorDeg(camera, s.target);
+  const Math::Position3D inCamera = Math::pinv(camera) * s.target;
+  s.horizontalDeg = static_cast<float>(std::atan2(inCamera.y, inCamera.x) * kRadToDeg);
+}
+
+void ScenarioRun::xPointing(Sample& s, const Phase& phase, const Math::Position3D& inTorso,
+                            MeasureSample& m) {
+  // Arms the effector commands, once they have had time to rise, while the target is
+  // followed (or, for one-shot commands, at any time) and within reach.
+  const bool armsReady = s.time >= phase.begin + phase.settleSeconds - 1e-9;
+  if (!armsReady || !(s.tracked || phase.oneShot))
+    return;
+  for (const auto& arm : phase.arms) {
+    if (!xInReach(arm, inTorso))
+      continue;
+    const float e = aimErrorDeg(fSim->motion().getTorsoToForearm(arm), inTorso);
+    (arm == "LArm" ? s.leftArmDeg : s.rightArmDeg) = e;
+    m.armDeg.push_back(e);
   }
-  fLast = s;
-  if (fCsv != nullptr)
-    xWriteCsv(s);
-  if (fSampleObserver)
-    fSampleObserver(s);
+}
+
+void ScenarioRun::xRelativePosition(Sample& s, const std::array<float, 6>& requested,
+                                    PhaseSummary& extra) {
+  // The target in the robot frame against the offset asked of the tracker (x, y) [m].
+  const Math::Position3D inRobot = Math::pinv(Math::transformFromPose2D(s.robot)) * s.target;
+  s.relativeErrorM = std::hypot(inRobot.x - requested[0], inRobot.y - requested[1]);
+  extra.relativeErrorM.add(s.relativeErrorM);
+}
+
+void ScenarioRun::xLocalisation(const Sample& s, const Phase& phase, PhaseSummary& extra) {
+  // Asked once per whole second of the run, from one second into the phase on.
+  const long second = static_cast<long>(std::floor(s.time + 1e-9));
+  if (second == fLastLocalisationSecond || s.time < phase.begin + 1.0)
+    return;
+  fLastLocalisationSecond = second;
+  // [x, y, z, wx, wy, wz] in the map frame, or nothing while the tracker has no position.
+  const auto position = fSim->callTracker<std::vector<float>>("getRobotPosition");
+  if (position.size() != 6) {
+    ++extra.localisationMissing;
+    return;
+  }
+  const Math::Pose2D truth = s.robot;
+  extra.localisationM.add(std::hypot(position[0] - truth.x, position[1] - truth.y));
+  extra.localisationDeg.add(std::fabs(Math::modulo2PI(position[5] - truth.theta)) * kRadToDeg);
+}
+
+void ScenarioRun::xStepDetails(Sample& s) {
+  s.events = std::move(fStepEvents);
+  fStepEvents.clear();
+  {
+    std::lock_guard<std::mutex> lock(fObservationMutex);
+    s.observation = std::move(fObservation);
+    fObservation.clear();
+  }
+  s.jointCommands.reserve(fJoints.size());
+  s.jointAngles.reserve(fJoints.size());
+  for (const auto& joint : fJoints) {
+    s.jointCommands.push_back(fSim->motion().getCommand(joint));
+    s.jointAngles.push_back(fSim->motion().getAngle(joint));
+  }
 }
 
 void ScenarioRun::xReport() {
@@ -316,177 +341,6 @@ std::vector<PhaseSummary> ScenarioRun::summaries() const {
     out.push_back(std::move(sum));
   }
   return out;
-}
-
-std::string ScenarioRun::csvHeader() const {
-  std::string header =
-      "time,phase,robot_x,robot_y,robot_theta,head_yaw,head_pitch,target_x,target_y,"
-      "target_z,bearing_yaw,bearing_pitch,in_view,perceived,tracked,line_of_sight_deg,"
-      "horizontal_deg,larm_deg,rarm_deg,relative_error_m,phase_index,on_target_deg,events,"
-      "observation";
-  // Each joint as commanded, then as measured.
-  for (const auto& joint : fJoints)
-    header += ",cmd_" + joint + "," + joint;
-  return header;
-}
-
-void ScenarioRun::xWriteCsv(const Sample& s) {
-  std::ostream& out = *fCsv;
-  char buf[512];
-  auto optional = [](float v, char* dst, std::size_t n) {
-    if (v < 0.0f) {
-      dst[0] = '\0';
-    } else {
-      std::snprintf(dst, n, "%.3f", static_cast<double>(v));
-    }
-  };
-  const std::string phase =
-      s.phase >= 0 ? fScenario.phases[static_cast<std::size_t>(s.phase)].name : "";
-  int n = std::snprintf(buf, sizeof buf, "%.2f,%s,%.4f,%.4f,%.4f,%.4f,%.4f,", s.time, phase.c_str(),
-                        s.robot.x, s.robot.y, s.robot.theta, s.headYaw, s.headPitch);
-  out.write(buf, n);
-  if (s.hasTarget) {
-    n = std::snprintf(buf, sizeof buf, "%.4f,%.4f,%.4f,%.4f,%.4f,%d,%d,%d,%.3f,%.3f,", s.target.x,
-                      s.target.y, s.target.z, s.bearingYaw, s.bearingPitch, s.inView ? 1 : 0,
-                      s.perceived ? 1 : 0, s.tracked ? 1 : 0, s.lineOfSightDeg, s.horizontalDeg);
-    out.write(buf, n);
-  } else {
-    out << ",,,,,,," << (s.tracked ? 1 : 0) << ",,,";
-  }
-  char l[32], r[32], m[32];
-  optional(s.leftArmDeg, l, sizeof l);
-  optional(s.rightArmDeg, r, sizeof r);
-  optional(s.relativeErrorM, m, sizeof m);
-  out << l << ',' << r << ',' << m << ',' << s.phase << ',';
-  if (s.phase >= 0)
-    out << fScenario.phases[static_cast<std::size_t>(s.phase)].acquireDegrees;
-  out << ',' << fStepEvents << ',';
-  fStepEvents.clear();
-  {
-    std::lock_guard<std::mutex> lock(fObservationMutex);
-    out << fObservation;
-    fObservation.clear();
-  }
-  for (const auto& joint : fJoints) {
-    n = std::snprintf(buf, sizeof buf, ",%.4f,%.4f", fSim->motion().getCommand(joint),
-                      fSim->motion().getAngle(joint));
-    out.write(buf, n);
-  }
-  out << '\n';
-}
-
-namespace {
-
-std::string fixed(const std::optional<double>& v, int precision) {
-  if (!v)
-    return "-";
-  std::ostringstream os;
-  os << std::fixed << std::setprecision(precision) << *v;
-  return os.str();
-}
-
-std::string table(const std::vector<std::vector<std::string>>& header,
-                  const std::vector<std::vector<std::string>>& rows) {
-  std::vector<std::size_t> width(header[0].size(), 0);
-  for (const auto* block : {&header, &rows}) {
-    for (const auto& r : *block) {
-      for (std::size_t c = 0; c < r.size(); ++c)
-        width[c] = std::max(width[c], r[c].size());
-    }
-  }
-  std::ostringstream os;
-  auto line = [&](const std::vector<std::string>& cells) {
-    std::string text;
-    for (std::size_t c = 0; c < cells.size(); ++c) {
-      std::ostringstream cell;
-      if (c == 0) {
-        cell << std::left << std::setw(static_cast<int>(width[c])) << cells[c];
-      } else {
-        cell << "  " << std::right << std::setw(static_cast<int>(width[c])) << cells[c];
-      }
-      text += cell.str();
-    }
-    while (!text.empty() && text.back() == ' ')
-      text.pop_back();
-    os << text << "\n";
-  };
-  for (const auto& h : header)
-    line(h);
-  for (const auto& r : rows)
-    line(r);
-  return os.str();
-}
-
-std::vector<std::vector<std::string>> measuresHeader() {
-  return {{"phase", "on target", "LoS RMS", "p95", "max", "bias", "jitter", "on target",
-           "overshoot", "settling", "arms RMS"},
-          {"", "after [s]", "[deg]", "[deg]", "[deg]", "[deg]", "[deg]", "[%]", "[deg]", "[s]",
-           "[deg]"}};
-}
-
-std::vector<std::string> measuresRow(const std::string& label, const PhaseMeasures& m) {
-  return {label,
-          fixed(m.timeToOnTargetS, 2),
-          fixed(m.losRmsDeg, 2),
-          fixed(m.losP95Deg, 2),
-          fixed(m.losMaxDeg, 2),
-          fixed(m.losBiasDeg, 2),
-          fixed(m.losJitterDeg, 2),
-          fixed(m.onTargetPct, 1),
-          fixed(m.overshootDeg, 2),
-          fixed(m.settlingS, 2),
-          fixed(m.armsRmsDeg, 2)};
-}
-
-}  // namespace
-
-std::string formatSummary(const std::vector<PhaseSummary>& summaries) {
-  auto stat = [](const ErrorStats& st, bool rms, int precision) -> std::string {
-    return st.count == 0 ? "-" : fixed(rms ? st.rms() : st.max, precision);
-  };
-  const bool anyRelative = std::any_of(summaries.begin(), summaries.end(),
-                                       [](const auto& s) { return s.relativeErrorM.count > 0; });
-  const bool anyLocalisation = std::any_of(summaries.begin(), summaries.end(), [](const auto& s) {
-    return s.localisationM.count > 0 || s.localisationMissing > 0;
-  });
-  auto header = measuresHeader();
-  if (anyRelative) {
-    header[0].insert(header[0].end(), {"follow RMS", "follow max"});
-    header[1].insert(header[1].end(), {"[m]", "[m]"});
-  }
-  if (anyLocalisation) {
-    header[0].insert(header[0].end(), {"pose max", "pose max"});
-    header[1].insert(header[1].end(), {"[m]", "[deg]"});
-  }
-  std::vector<std::vector<std::string>> rows;
-  std::string events;
-  for (const auto& s : summaries) {
-    auto row = measuresRow(s.measures.name, s.measures);
-    if (anyRelative)
-      row.insert(row.end(), {stat(s.relativeErrorM, true, 3), stat(s.relativeErrorM, false, 3)});
-    if (anyLocalisation) {
-      row.insert(row.end(), {stat(s.localisationM, false, 3), stat(s.localisationDeg, false, 2)});
-    }
-    rows.push_back(std::move(row));
-    std::string list;
-    for (const auto& e : s.measures.events)
-      list += (list.empty() ? "" : ", ") + e.first + " x" + std::to_string(e.second);
-    events += "  " + s.measures.name + ": " + (list.empty() ? "none" : list) + "\n";
-  }
-  return table(header, rows) + "Events:\n" + events;
-}
-
-std::string formatSeedSummary(const std::vector<SeedAggregate>& phases, std::size_t seeds) {
-  std::vector<std::vector<std::string>> rows;
-  for (const auto& p : phases) {
-    if (seeds == 1) {
-      rows.push_back(measuresRow(p.mean.name, p.mean));
-      continue;
-    }
-    rows.push_back(measuresRow(p.mean.name + " mean", p.mean));
-    rows.push_back(measuresRow(p.p95.name + " p95", p.p95));
-  }
-  return table(measuresHeader(), rows);
 }
 
 }  // namespace Sim

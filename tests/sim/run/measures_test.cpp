@@ -2,17 +2,16 @@
 // simulated services alone, the head and arm commanded directly so that every expected figure
 // is known.
 
+#include <algorithm>
 #include <cmath>
-#include <sstream>
 
 #include <gtest/gtest.h>
 
-#include <kr/model/modelutils.h>
 #include <krsim/run/measures.h>
 #include <krsim/run/scenario_run.h>
-#include <krtracker/tools/tools.h>
 
 #include "sim/helpers.h"
+#include "sim/run/aim_scenario.h"
 
 namespace {
 
@@ -128,54 +127,8 @@ TEST(MeasuresTest, ArmsOnlyPhasesHaveNoLineOfSightFiguresAndSeedsAggregate) {
   EXPECT_FALSE(KR::Sim::meanAndP95({std::nullopt}).first);
 }
 
-class RunTest : public ::testing::Test {
- protected:
-  /// The ball sits ahead and to the left; at 1 s the head and the left arm are turned to it,
-  /// at 2 s it hides for half a second and an event is raised.
-  Scenario scenario() {
-    Scenario s;
-    s.name = "measure";
-    s.robot = KR::Sim::RobotDescription::load("kibo");
-    s.duration = 3.0;
-    KR::Sim::TargetScript ball;
-    ball.name = "ball";
-    ball.kind = "RedBall";
-    ball.path = KR::Sim::Path::fixed(kBall);
-    ball.hidden = {{2.0, 2.5}};
-    s.targets = {ball};
-    s.actions = {
-        {1.0, "aim",
-         [](Simulation& sim) {
-           const auto& model = sim.robot().trackerModel();
-           const Position3D inTorso = KR::Math::pinv(sim.motion().getMapToTorso()) * kBall;
-           std::vector<std::string> names;
-           std::vector<float> angles;
-           ASSERT_TRUE(KR::Tracker::tools::computeLookAtAngles(
-               inTorso, model, KR::Model::TRACK_EFFECTOR_CAMERA_TOP, false, names, angles));
-           KR::Tracker::tools::computePointAtAngles(inTorso, model.leftArm, names, angles);
-           sim.motion().setAngles(names, angles, {1.0f});
-           sim.memory().raiseEvent("KRTracker/TargetDetected", KR::KRValue(true));
-         }},
-        {2.0, "events", [](Simulation& sim) {
-           sim.memory().raiseEvent("KRTracker/TargetLost", KR::KRValue(true));
-           sim.memory().raiseEvent("KRTracker/ObjectConverter5", KR::KRValue(1));
-           sim.memory().raiseEvent("KRTracker/ObjectLookAt", KR::KRValue(1));
-         }}};
-    KR::Sim::Phase look;
-    look.name = "look";
-    look.begin = 0.0;
-    look.end = 3.0;
-    look.target = "ball";
-    look.arms = {"LArm"};  // the effector commands the left arm only
-    look.settleSeconds = 1.5;
-    s.phases = {look};
-    return s;
-  }
-
-  static inline const Position3D kBall{1.0f, 0.4f, 0.3f};
-};
-
-TEST_F(RunTest, MeasuresComeFromEveryVisibleSampleAndTheTrackersOwnState) {
+// The run of aimScenario() on ideal camera and servos, whose every figure is known.
+TEST(RunTest, MeasuresComeFromEveryVisibleSampleAndTheTrackersOwnState) {
   std::vector<std::string> progress;
   std::vector<KR::Sim::Sample> samples;
   std::vector<std::string> hooks;
@@ -183,9 +136,9 @@ TEST_F(RunTest, MeasuresComeFromEveryVisibleSampleAndTheTrackersOwnState) {
   ideal.physics = "kinematic";
   ideal.camera = KR::Sim::CameraConfig::ideal();
   ideal.servo = KR::Sim::ServoModel::ideal();
-  ScenarioRun run(scenario(), ideal);
+  ScenarioRun run(aimScenario(), ideal);
   run.setProgress([&](const std::string& line) { progress.push_back(line); }, 1.0);
-  run.setSampleObserver([&](const KR::Sim::Sample& s) { samples.push_back(s); });
+  run.addSampleObserver([&](const KR::Sim::Sample& s) { samples.push_back(s); });
   run.setPhaseHook([&](const std::string& label) { hooks.push_back(label); });
   run.runToEnd();
   EXPECT_FALSE(run.step());
@@ -228,55 +181,22 @@ TEST_F(RunTest, MeasuresComeFromEveryVisibleSampleAndTheTrackersOwnState) {
             progress.end());
   for (const auto& line : progress)
     EXPECT_EQ(line.find("ObjectLookAt"), std::string::npos);
-}
 
-TEST_F(RunTest, CsvIsStreamedOneLinePerStepAndTheTableListsEventsBelow) {
-  KR::Sim::SimulationConfig config;
-  config.physics = "kinematic";
-  ScenarioRun run(scenario(), config);
-  std::ostringstream csv;
-  run.setCsv(&csv);
-  std::size_t streamed = 0;
-  run.setSampleObserver([&](const KR::Sim::Sample& s) {
-    // Each line is out as soon as its step is done.
-    const std::string text = csv.str();
-    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), static_cast<long>(++streamed) + 1)
-        << s.time;
-  });
-  run.runToEnd();
-  std::istringstream lines(csv.str());
-  std::string line;
-  ASSERT_TRUE(std::getline(lines, line));
-  EXPECT_EQ(line, run.csvHeader());
-  // Every joint commanded and measured.
-  for (const std::string joint : {"HeadYaw", "LShoulderPitch", "RElbowRoll"})
-    EXPECT_NE(line.find(",cmd_" + joint + "," + joint), std::string::npos) << line;
-  const auto columns = std::count(line.begin(), line.end(), ',');
-  int rows = 0;
-  while (std::getline(lines, line)) {
-    ++rows;
-    EXPECT_EQ(std::count(line.begin(), line.end(), ','), columns) << line;
-    if (rows == 150) {
-      EXPECT_EQ(line.rfind("1.50,look,0.0000,0.0000,0.0000,", 0), 0u) << line;
-      EXPECT_NE(line.find(",1,1,1,"), std::string::npos) << line;  // in view, perceived, tracked
-    }
-    if (rows == 101) {
-      EXPECT_NE(line.find(",TargetDetected,"), std::string::npos) << line;
-    }
+  // Each sample carries its own step's events, without the service's prefix, and every joint
+  // commanded and measured in the order of jointNames().
+  const auto& joints = run.jointNames();
+  const auto headYaw = std::find(joints.begin(), joints.end(), "HeadYaw") - joints.begin();
+  ASSERT_LT(headYaw, static_cast<long>(joints.size()));
+  for (const auto& s : samples) {
+    const std::string expected = std::fabs(s.time - 1.01) < 1e-6   ? "TargetDetected"
+                                 : std::fabs(s.time - 2.01) < 1e-6 ? "TargetLost"
+                                                                   : "";
+    EXPECT_EQ(s.events, expected) << s.time;
+    ASSERT_EQ(s.jointCommands.size(), joints.size());
+    ASSERT_EQ(s.jointAngles.size(), joints.size());
+    EXPECT_EQ(s.jointAngles[static_cast<std::size_t>(headYaw)], s.headYaw) << s.time;
   }
-  EXPECT_EQ(rows, 300);
-
-  std::istringstream table(KR::Sim::formatSummary(run.summaries()));
-  std::vector<std::string> rowsOut;
-  while (std::getline(table, line))
-    rowsOut.push_back(line);
-  ASSERT_EQ(rowsOut.size(), 5u);
-  EXPECT_EQ(rowsOut[0].rfind("phase  on target  LoS RMS", 0), 0u) << rowsOut[0];
-  EXPECT_EQ(rowsOut[0].find("follow"), std::string::npos);  // no phase measures it
-  EXPECT_LE(rowsOut[0].size(), 110u);
-  EXPECT_EQ(rowsOut[2].rfind("look ", 0), 0u) << rowsOut[2];
-  EXPECT_EQ(rowsOut[3], "Events:");
-  EXPECT_EQ(rowsOut[4], "  look: KRTracker/TargetDetected x1, KRTracker/TargetLost x1");
+  EXPECT_GT(std::fabs(samples.back().jointCommands[static_cast<std::size_t>(headYaw)]), 0.1f);
 }
 
 }  // namespace

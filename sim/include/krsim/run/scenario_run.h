@@ -1,9 +1,9 @@
 #pragma once
 // ScenarioRun: plays a scenario on a simulation and measures it. Each step it records a
-// sample (robot, joints commanded and measured, the current phase's target, the observation
-// as the tracker received it, the tracker's state, line-of-sight and pointing errors), streams
-// it to the CSV if one is given, and feeds it to the phase's meter (krsim/run/measures.h); nothing
-// grows with the length of the run.
+// sample (krsim/run/sample.h: robot, joints commanded and measured, the current phase's target,
+// the observation as the tracker received it, the tracker's state, line-of-sight and pointing
+// errors), hands it to its observers (e.g. the CSV, krsim/report/csv_writer.h) and feeds it to
+// the phase's meter (krsim/run/measures.h); nothing grows with the length of the run.
 //
 // - line of sight: angle between the x axis of the head camera that the world uses and the
 //   direction from that camera to the target;
@@ -15,9 +15,9 @@
 // - localisation: the tracker's landmark-based robot position against the true pose, asked
 //   once per second.
 
+#include <array>
 #include <cstddef>
 #include <functional>
-#include <iosfwd>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -26,52 +26,13 @@
 #include <vector>
 
 #include <krsim/run/measures.h>
+#include <krsim/run/phase_summary.h>
+#include <krsim/run/sample.h>
 #include <krsim/run/scenario.h>
 #include <krsim/run/simulation.h>
 
 namespace KR {
 namespace Sim {
-
-struct Sample {
-  double time = 0.0;   // [s]
-  int phase = -1;      // index in the scenario's phases, -1 outside them
-  Math::Pose2D robot;  // map frame
-  float headYaw = 0.0f;
-  float headPitch = 0.0f;
-  bool hasTarget = false;
-  Math::Position3D target;    // map frame
-  float bearingYaw = 0.0f;    // target seen from the head's pivot, torso frame [rad]
-  float bearingPitch = 0.0f;  // positive looks down, like the head pitch [rad]
-  bool inView = false;
-  bool perceived = false;
-  bool tracked = false;  // the tracker's state: detected since its last loss
-  float lineOfSightDeg = 0.0f;
-  float horizontalDeg = 0.0f;    // signed horizontal part, positive: target to the left
-  float leftArmDeg = -1.0f;      // -1: not measured
-  float rightArmDeg = -1.0f;     // -1: not measured
-  float relativeErrorM = -1.0f;  // -1: not measured
-};
-
-/// Root mean square and maximum of a series.
-struct ErrorStats {
-  std::size_t count = 0;
-  double sumSquares = 0.0;
-  double max = 0.0;
-  void add(double v);
-  double rms() const;
-};
-
-/// The measures of a phase (krsim/run/measures.h) and the follow and localisation figures of the
-/// phases that ask for them.
-struct PhaseSummary {
-  PhaseMeasures measures;
-  double begin = 0.0;
-  double end = 0.0;
-  ErrorStats relativeErrorM;
-  ErrorStats localisationM;
-  ErrorStats localisationDeg;
-  std::size_t localisationMissing = 0;  // answers without a position
-};
 
 class ScenarioRun {
  public:
@@ -85,15 +46,12 @@ class ScenarioRun {
   const Scenario& scenario() const { return fScenario; }
   Simulation& simulation() { return *fSim; }
   void setProgress(Progress progress, double statusPeriodSeconds = 5.0);
-  /// Streams one CSV line per step to `out` (the header at once); the stream must outlive
-  /// the run.
-  void setCsv(std::ostream* out);
   /// Called at the start of each phase and at the end of the run with the phase's name (or
   /// "end"), e.g. to take a picture of the scene.
   void setPhaseHook(PhaseHook hook) { fPhaseHook = std::move(hook); }
-  /// Called with every sample.
-  void setSampleObserver(std::function<void(const Sample&)> observer) {
-    fSampleObserver = std::move(observer);
+  /// Called with every sample, after the observers added before it.
+  void addSampleObserver(std::function<void(const Sample&)> observer) {
+    fSampleObservers.push_back(std::move(observer));
   }
 
   /// Runs the actions that are due, one simulation step, and records it. False once the
@@ -107,14 +65,22 @@ class ScenarioRun {
   const Sample& lastSample() const { return fLast; }
   /// The phases reached so far, measured up to now.
   std::vector<PhaseSummary> summaries() const;
-  /// The CSV columns: the sample, then each joint commanded and measured.
-  std::string csvHeader() const;
+  /// The joints of the samples' joint values, in their order.
+  const std::vector<std::string>& jointNames() const { return fJoints; }
 
  private:
-  void xRecord();
   void xEvents();
+  void xRecord();
+  // The parts of a sample, each recorded by one function.
+  int xPhaseAt(double time) const;
+  void xEnterPhase(int phase);
+  void xMeasure(Sample& s);
+  void xLineOfSight(Sample& s, const Math::Position3D& inTorso);
+  void xPointing(Sample& s, const Phase& phase, const Math::Position3D& inTorso, MeasureSample& m);
+  void xRelativePosition(Sample& s, const std::array<float, 6>& requested, PhaseSummary& extra);
+  void xLocalisation(const Sample& s, const Phase& phase, PhaseSummary& extra);
+  void xStepDetails(Sample& s);
   void xReport();
-  void xWriteCsv(const Sample& s);
   bool xInReach(const std::string& arm, const Math::Position3D& torsoTarget) const;
 
   Scenario fScenario;
@@ -133,22 +99,14 @@ class ScenarioRun {
   long fLastLocalisationSecond = -1;
   std::vector<std::string> fJoints;
   std::map<std::string, std::string> fObservations;  // observation events followed
-  std::ostream* fCsv = nullptr;
-  std::string fStepEvents;  // the tracker's events of the current step, for the CSV
+  std::string fStepEvents;                           // the tracker's events of the current step
   PhaseHook fPhaseHook;
-  std::function<void(const Sample&)> fSampleObserver;
+  std::vector<std::function<void(const Sample&)>> fSampleObservers;
   // Progress.
   Progress fProgress;
   double fStatusPeriod = 5.0;
   double fNextStatus = 0.0;
 };
-
-/// The summary table printed at the end of a run: one narrow row per phase, the events
-/// listed below it.
-std::string formatSummary(const std::vector<PhaseSummary>& summaries);
-/// The table of a many-seed run: a mean and a 95th-percentile row per phase; one row per phase,
-/// unlabelled, when `seeds` is 1.
-std::string formatSeedSummary(const std::vector<SeedAggregate>& phases, std::size_t seeds);
 
 }  // namespace Sim
 }  // namespace KR

@@ -1,0 +1,134 @@
+// The CSV of a run: each line's fields from hand-made samples, then the lines streamed by a run
+// of the simulated services alone, and the same seed giving the same file byte for byte.
+
+#include <algorithm>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include <krsim/report/csv_writer.h>
+#include <krsim/run/scenario_run.h>
+
+#include "sim/helpers.h"
+#include "sim/run/aim_scenario.h"
+
+namespace {
+
+using namespace krtest;
+using KR::Sim::CsvWriter;
+
+long commas(const std::string& line) {
+  return std::count(line.begin(), line.end(), ',');
+}
+
+std::vector<std::string> linesOf(const std::string& text) {
+  std::istringstream in(text);
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(in, line);)
+    lines.push_back(line);
+  return lines;
+}
+
+TEST(CsvWriterTest, WritesTheHeaderAtOnceThenOneLinePerSampleWithEmptyFieldsForWhatIsMissing) {
+  KR::Sim::Phase look;
+  look.name = "look";
+  look.acquireDegrees = 2.5;
+  std::ostringstream out;
+  CsvWriter writer(out, {look}, {"HeadYaw", "LElbowRoll"});
+  const std::string header =
+      "time,phase,robot_x,robot_y,robot_theta,head_yaw,head_pitch,target_x,target_y,target_z,"
+      "bearing_yaw,bearing_pitch,in_view,perceived,tracked,line_of_sight_deg,horizontal_deg,"
+      "larm_deg,rarm_deg,relative_error_m,phase_index,on_target_deg,events,observation,"
+      "cmd_HeadYaw,HeadYaw,cmd_LElbowRoll,LElbowRoll";
+  EXPECT_EQ(out.str(), header + "\n");
+  EXPECT_EQ(CsvWriter::header({"HeadYaw", "LElbowRoll"}), header);
+
+  // In a phase, with its target, the left arm measured.
+  Sample in;
+  in.time = 1.5;
+  in.phase = 0;
+  in.robot = {0.1f, -0.2f, 0.3f};
+  in.headYaw = 0.25f;
+  in.headPitch = -0.125f;
+  in.hasTarget = in.inView = in.perceived = in.tracked = true;
+  in.target = {1.0f, 0.4f, 0.3f};
+  in.bearingYaw = 0.38f;
+  in.bearingPitch = 0.05f;
+  in.lineOfSightDeg = 1.25f;
+  in.horizontalDeg = -0.5f;
+  in.leftArmDeg = 0.75f;
+  in.events = "TargetDetected TargetLost";
+  in.observation = "[1 2]";
+  in.jointCommands = {0.5f, -1.0f};
+  in.jointAngles = {0.25f, -0.75f};
+  writer.write(in);
+  // Between phases, without a target nor joint values: only the robot and the tracker's state.
+  Sample between;
+  between.time = 0.01;
+  between.tracked = true;
+  between.relativeErrorM = 0.125f;
+  writer.write(between);
+
+  const auto lines = linesOf(out.str());
+  ASSERT_EQ(lines.size(), 3u);
+  EXPECT_EQ(lines[1],
+            "1.50,look,0.1000,-0.2000,0.3000,0.2500,-0.1250,1.0000,0.4000,0.3000,0.3800,0.0500,"
+            "1,1,1,1.250,-0.500,0.750,,,0,2.5,TargetDetected TargetLost,[1 2],"
+            "0.5000,0.2500,-1.0000,-0.7500");
+  EXPECT_EQ(lines[2], "0.01,,0.0000,0.0000,0.0000,0.0000,0.0000,,,,,,,,1,,,,,0.125,-1,,,,,,,");
+  for (const auto& line : lines)
+    EXPECT_EQ(commas(line), commas(header)) << line;
+}
+
+TEST(CsvWriterTest, FollowsARunOneLinePerStepAsSoonAsTheStepIsDone) {
+  KR::Sim::SimulationConfig config;
+  config.physics = "kinematic";
+  ScenarioRun run(aimScenario(), config);
+  std::ostringstream csv;
+  CsvWriter::follow(run, csv);
+  std::size_t streamed = 0;
+  run.addSampleObserver([&](const Sample& s) {
+    const std::string text = csv.str();
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), static_cast<long>(++streamed) + 1)
+        << s.time;
+  });
+  run.runToEnd();
+  const auto lines = linesOf(csv.str());
+  ASSERT_EQ(lines.size(), 301u);
+  EXPECT_EQ(lines[0], CsvWriter::header(run.jointNames()));
+  // Every joint commanded and measured.
+  for (const std::string joint : {"HeadYaw", "LShoulderPitch", "RElbowRoll"})
+    EXPECT_NE(lines[0].find(",cmd_" + joint + "," + joint), std::string::npos) << lines[0];
+  for (const auto& line : lines)
+    EXPECT_EQ(commas(line), commas(lines[0])) << line;
+  // The detection raised at 1 s, in its step's line only.
+  EXPECT_NE(lines[101].find(",TargetDetected,"), std::string::npos) << lines[101];
+  EXPECT_EQ(lines[102].find("TargetDetected"), std::string::npos) << lines[102];
+  EXPECT_EQ(lines[150].rfind("1.50,look,0.0000,0.0000,0.0000,", 0), 0u) << lines[150];
+  EXPECT_NE(lines[150].find(",1,1,1,"), std::string::npos) << lines[150];  // seen and tracked
+}
+
+TEST(CsvWriterTest, TheSameSeedGivesTheSameCsvByteForByte) {
+  auto csv = [](std::uint32_t seed) {
+    KR::Sim::SimulationConfig config;
+    config.physics = "kinematic";
+    config.seed = seed;
+    config.noise = 0.01f;
+    config.camera = KR::Sim::CameraConfig::ideal();
+    config.servo = KR::Sim::ServoModel::ideal();
+    config.modules = &KR::Sim::createTrackerModules;
+    ScenarioOptions options;
+    options.duration = 25.0;
+    ScenarioRun run(KR::Sim::makeScenario("ball", options), config);
+    std::ostringstream out;
+    CsvWriter::follow(run, out);
+    run.runToEnd();
+    return out.str();
+  };
+  const std::string first = csv(7);
+  EXPECT_EQ(std::count(first.begin(), first.end(), '\n'), 2501);
+  EXPECT_EQ(first, csv(7));
+  EXPECT_NE(first, csv(8));
+}
+
+}  // namespace
