@@ -18,7 +18,8 @@ Simulation::Simulation(SimulationConfig config) {
   fContext.memory = std::make_shared<SimMemory>(fContext.clock);
   fContext.motion = std::make_shared<SimMotion>(
       *fContext.robot, fContext.clock,
-      makePhysicsBackend(config.physics, *fContext.robot, config.servo));
+      makePhysicsBackend(config.physics, *fContext.robot, config.servo,
+                         config.robot->urdf.get()));
 
   fContext.motion->resetPose(config.startPose);
   fContext.world =

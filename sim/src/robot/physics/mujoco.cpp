@@ -13,6 +13,8 @@
 #include <kr/error.h>
 #include <kr/math/math.h>
 
+#include <krsim/robot/physics/mujoco_urdf.h>
+
 namespace KR {
 namespace Sim {
 
@@ -282,27 +284,26 @@ void MujocoBackend::DataDeleter::operator()(mjData_* d) const {
   mj_deleteData(d);
 }
 
-MujocoBackend::MujocoBackend(const Model::Robot& robot) : fRobotName(robot.getName()) {
+MujocoBackend::MujocoBackend(const Model::Robot& robot, const UrdfSource* urdf)
+    : fRobotName(robot.getName()) {
   installWarningHook();
-  ModelWriter writer(robot);
-  const std::string xml = writer.xml();
-
+  MujocoModelText text;
+  if (urdf) {
+    text = mujocoModelFromUrdf(robot, *urdf);
+  } else {
+    ModelWriter writer(robot);
+    text.xml = writer.xml();
+    text.sources = writer.sources();
+  }
   // The model text goes through MuJoCo's virtual file system: nothing touches the disk.
-  auto vfs = std::make_unique<mjVFS>();
-  mj_defaultVFS(vfs.get());
-  const char* file = "robot.xml";
-  if (mj_makeEmptyFileVFS(vfs.get(), file, static_cast<int>(xml.size())) != 0)
-    throw KRError(kModule, "mujoco", "cannot hold the model of robot \"" + fRobotName + "\"");
-  std::memcpy(vfs->filedata[mj_findFileVFS(vfs.get(), file)], xml.data(), xml.size());
   char error[1024] = "";
-  fModel.reset(mj_loadXML(file, vfs.get(), error, sizeof error));
-  mj_deleteVFS(vfs.get());
+  fModel.reset(loadMujocoModel(text, error, sizeof error));
   if (!fModel) {
     const std::string element = elementName(error);
-    const auto source = writer.sources().find(element);
-    const std::string field = source != writer.sources().end() ? source->second
-                              : element.empty()                ? "the description"
-                                                               : "element " + element;
+    const auto source = text.sources.find(element);
+    const std::string field = source != text.sources.end() ? source->second
+                              : element.empty()            ? "the description"
+                                                           : "element " + element;
     throw KRError(kModule, "mujoco",
                   "MuJoCo rejects the model of robot \"" + fRobotName + "\" built from " + field +
                       ": " + oneLine(error));
