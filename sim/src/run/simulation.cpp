@@ -10,6 +10,7 @@ namespace Sim {
 Simulation::Simulation(SimulationConfig config) {
   if (!config.robot)
     throw KRError("krsim", "Simulation", "no robot description");
+  fDescription = config.robot;
   fRobotModel = std::make_shared<SimRobotModel>(config.robot);
   fContext.broker = KR::KRBroker::create("krtracker-sim");
   fContext.clock = std::make_shared<SimClock>();

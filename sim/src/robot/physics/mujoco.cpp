@@ -149,10 +149,21 @@ void ModelWriter::head() {
     reach = std::max(reach, static_cast<double>(std::hypot(p.x, p.y)));
     top += p.z / Model::kTrackEffectorCount;
   }
-  const double headMass = fRobot.getHeadMass();
+  double headMass = fRobot.getHeadMass();
   fBody << "<body name=\"Head\" pos=\"" << vec(m.head.headPosition) << "\">\n";
   fSources["Head"] = "robot/head (mass, position)";
   joint(m.head.yaw, "0 0 1", "robot/head");
+  // A pitch joint away from the yaw axis (yawToPitch): its own body there, a tenth of the
+  // head's mass left on the yaw joint's.
+  const bool offset = !(m.head.yawToPitch == Math::Position3D());
+  if (offset) {
+    const double neck = 0.1 * headMass;
+    headMass -= neck;
+    fBody << "<inertial pos=\"0 0 0\" mass=\"" << fmt(neck) << "\" diaginertia=\""
+          << fmt(1e-4 * neck) << " " << fmt(1e-4 * neck) << " " << fmt(1e-4 * neck) << "\"/>\n"
+          << "<body name=\"HeadTilt\" pos=\"" << vec(m.head.yawToPitch) << "\">\n";
+    fSources["HeadTilt"] = "robot/head (mass, yawToPitch)";
+  }
   joint(m.head.pitch, "0 1 0", "robot/head");
   fBody << "<inertial pos=\"0 0 " << fmt(top) << "\" mass=\"" << fmt(headMass)
         << "\" diaginertia=\"" << fmt(0.4 * headMass * reach * reach) << " "
@@ -168,7 +179,7 @@ void ModelWriter::head() {
           << "\" xyaxes=\"" << vec(-e.yAxis()) << " " << vec(e.zAxis()) << "\" fovy=\"" << fmt(fovy)
           << "\"/>\n";
   }
-  fBody << "</body>\n";
+  fBody << (offset ? "</body>\n</body>\n" : "</body>\n");
 }
 
 // The world's targets as motion-capture bodies, out of sight until placed; the base's

@@ -118,6 +118,15 @@ class UrdfModelWriter {
   }
   void inertial(const urdf::Link& link, const Iso& frame);
   void geometry(const urdf::Link& link, const Iso& frame);
+  bool canDraw(const urdf::Geometry& g) const {
+    if (g.type != urdf::Geometry::MESH)
+      return true;
+    const std::string file =
+        findUrdfMesh(fSource.urdfPath, static_cast<const urdf::Mesh&>(g).filename);
+    std::string ext = file.size() > 4 ? file.substr(file.size() - 4) : "";
+    std::transform(ext.begin(), ext.end(), ext.begin(), ::tolower);
+    return ext == ".stl" || ext == ".obj";
+  }
   bool geom(const urdf::Geometry& g, const Iso& origin, const std::string& rgba);
   void simpleShape(const urdf::Link& link, const Iso& frame);
   void cameras(const urdf::Link& link, const Iso& frame);
@@ -232,25 +241,39 @@ void UrdfModelWriter::simpleShape(const urdf::Link& link, const Iso& frame) {
   }
 }
 
+// The visual geometry when all of it can be drawn (primitives, meshes found), else the collision
+// geometry when all of that can, else what can be drawn of either; a link with nothing drawable
+// (its meshes all missing) gets a simple shape.
 void UrdfModelWriter::geometry(const urdf::Link& link, const Iso& frame) {
-  // Collision geometry when there is some, else the visual one.
-  bool drawn = false, missing = false;
-  if (!link.collision_array.empty()) {
-    for (const auto& c : link.collision_array) {
-      const bool ok =
-          c->geometry && geom(*c->geometry, frame * toIso(c->origin), "0.85 0.85 0.9 1");
-      drawn |= ok;
-      missing |= !ok;
-    }
-  } else {
-    for (const auto& v : link.visual_array) {
-      const bool ok =
-          v->geometry && geom(*v->geometry, frame * toIso(v->origin), "0.85 0.85 0.9 1");
-      drawn |= ok;
-      missing |= !ok;
+  using Shapes = std::vector<std::pair<const urdf::Geometry*, Iso>>;
+  Shapes visual, collision;
+  for (const auto& v : link.visual_array) {
+    if (v->geometry)
+      visual.emplace_back(v->geometry.get(), frame * toIso(v->origin));
+  }
+  for (const auto& c : link.collision_array) {
+    if (c->geometry)
+      collision.emplace_back(c->geometry.get(), frame * toIso(c->origin));
+  }
+  const auto drawable = [&](const Shapes& shapes) {
+    return std::count_if(shapes.begin(), shapes.end(),
+                         [&](const auto& s) { return canDraw(*s.first); });
+  };
+  const Shapes* chosen = nullptr;
+  if (!visual.empty() && drawable(visual) == long(visual.size()))
+    chosen = &visual;
+  else if (!collision.empty() && drawable(collision) == long(collision.size()))
+    chosen = &collision;
+  else
+    chosen = drawable(visual) > 0 ? &visual : &collision;
+  bool drawn = false;
+  for (const auto& [g, at] : *chosen) {
+    if (canDraw(*g)) {
+      geom(*g, at, "0.85 0.85 0.9 1");
+      drawn = true;
     }
   }
-  if (missing && !drawn)
+  if (!drawn && !(visual.empty() && collision.empty()))
     simpleShape(link, frame);
 }
 
