@@ -129,10 +129,10 @@ Generated generate() {
             "0 0 " + std::to_string(0.785 * i));
     w.link(name + "_link", 0.01);
   }
-  for (int i = 0; i < 10; ++i) {
+  for (int i = 0; i < 13; ++i) {
     const std::string name = "bumper_" + std::to_string(i);
     w.joint(name + "_joint", "fixed", "base_link", name + "_link", "0.3 0 0.02",
-            "0 0 " + std::to_string(0.628 * i));
+            "0 0 " + std::to_string(0.483 * i));
     w.link(name + "_link", 0.02);
   }
   Generated g;

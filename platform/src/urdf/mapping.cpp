@@ -36,10 +36,10 @@ class MappingReader {
     if (node.IsDefined() && node.Mark().line >= 0) {
       where += " (line " + std::to_string(node.Mark().line + 1) + ")";
     }
-    throw KRError("UrdfImport", "readMapping", where + ": " + what);
+    throw KRError("UrdfImport", "readMapping", UrdfImport::oneLine(where + ": " + what));
   }
   [[noreturn]] void failTop(const std::string& what) const {
-    throw KRError("UrdfImport", "readMapping", fFile + ": " + what);
+    throw KRError("UrdfImport", "readMapping", UrdfImport::oneLine(fFile + ": " + what));
   }
 
   static const char* kindOf(const YAML::Node& n) {

@@ -187,18 +187,21 @@ class Importer {
 
  private:
   [[noreturn]] void failMap(const std::string& path, const std::string& what) const {
-    throw KRError("UrdfImport", "robotFromUrdfMapping", fMap + ": " + path + ": " + what);
+    throw KRError("UrdfImport", "robotFromUrdfMapping",
+                  UrdfImport::oneLine(fMap + ": " + path + ": " + what));
   }
   [[noreturn]] void failJoint(const JointInfo& j, const std::string& what) const {
     throw KRError("UrdfImport", "robotFromUrdfMapping",
-                  fUrdf + ": joint '" + j.joint->name + "' (" + j.role + "): " + what);
+                  UrdfImport::oneLine(fUrdf + ": joint '" + j.joint->name + "' (" + j.role +
+                                      "): " + what));
   }
   [[noreturn]] void failUrdf(const std::string& element, const std::string& what) const {
-    throw KRError("UrdfImport", "robotFromUrdfMapping", fUrdf + ": " + element + ": " + what);
+    throw KRError("UrdfImport", "robotFromUrdfMapping",
+                  UrdfImport::oneLine(fUrdf + ": " + element + ": " + what));
   }
   void note(const std::string& text) {
     if (fNotes) {
-      fNotes->push_back(text);
+      fNotes->push_back(UrdfImport::oneLine(text));
     }
   }
 
@@ -756,7 +759,8 @@ void Importer::run() {
 std::string readFile(const std::string& path, const std::string& what, const std::string& who) {
   std::ifstream in(path, std::ios::binary);
   if (!in) {
-    throw KRError("UrdfImport", "robotFromUrdfMapping", who + "cannot read " + what + " '" + path + "'");
+    throw KRError("UrdfImport", "robotFromUrdfMapping",
+                  UrdfImport::oneLine(who + "cannot read " + what + " '" + path + "'"));
   }
   std::ostringstream text;
   text << in.rdbuf();
@@ -785,13 +789,14 @@ std::unique_ptr<Robot> UrdfImport::robotFromTexts(const std::string& yaml,
   const UrdfMapping mapping = readMapping(yaml, mappingName);
   if (urdf.size() > kMaxUrdfBytes) {
     throw KRError("UrdfImport", "robotFromUrdfMapping",
-                  urdfName + ": is " + std::to_string(urdf.size()) + " bytes, more than the " +
-                      std::to_string(kMaxUrdfBytes) + " accepted");
+                  oneLine(urdfName + ": is " + std::to_string(urdf.size()) +
+                          " bytes, more than the " + std::to_string(kMaxUrdfBytes) + " accepted"));
   }
   std::string error;
   const urdf::ModelInterfaceSharedPtr model = parseUrdf(urdf, error);
   if (!model) {
-    throw KRError("UrdfImport", "robotFromUrdfMapping", urdfName + ": refused by urdfdom: " + error);
+    throw KRError("UrdfImport", "robotFromUrdfMapping",
+                  oneLine(urdfName + ": refused by urdfdom: " + error));
   }
   Importer in(mapping, mappingName, *model, urdfName, notes);
   in.run();
@@ -832,6 +837,20 @@ std::unique_ptr<Robot> UrdfImport::robotFromUrdfMapping(const std::string& path,
 std::string UrdfImport::urdfError(const std::string& urdf) {
   std::string error;
   return parseUrdf(urdf, error) ? std::string() : error;
+}
+
+std::string UrdfImport::oneLine(std::string text) {
+  constexpr std::size_t kMaxLength = 2000;
+  if (text.size() > kMaxLength) {
+    text.resize(kMaxLength);
+    text += "...";
+  }
+  for (char& c : text) {
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
+      c = ' ';
+    }
+  }
+  return text;
 }
 
 bool UrdfImport::isMappingFile(const std::string& path) {

@@ -80,6 +80,9 @@ class UrdfImport {
   static UrdfMapping readMapping(const std::string& yaml, const std::string& mappingName);
   /// The URDF alone as urdfdom reads it: its error, or empty when urdfdom accepts it.
   static std::string urdfError(const std::string& urdf);
+  /// The text of an error on one line: control characters (a newline in a name or a value the
+  /// error quotes) become spaces, and a very long text is cut.
+  static std::string oneLine(std::string text);
   /// Whether a file name is a mapping's (ends in .yaml or .yml).
   static bool isMappingFile(const std::string& path);
   /// The URDF file a mapping file names, resolved against the mapping's folder.

@@ -58,14 +58,14 @@ struct RobotDescription {
 /// "lumen" lumen.yaml: NAME, NAME.xml, NAME.yaml in this order).
 std::string resolveRobotFile(const std::string& nameOrPath);
 
-/// Path of a file of the project's data (robots/, scenarios/, tools/), found beside the robots
-/// folder; empty when it is not there.
-std::string findDataFile(const std::string& relative);
-
 /// Where a mesh file a URDF names is found ("package://PKG/PATH" looked for beside the URDF,
 /// one and two folders up, and under PKG there; "file://" and plain paths as given, relative
 /// to the URDF's folder); empty when it is not.
 std::string findUrdfMesh(const std::string& urdfPath, const std::string& filename);
+
+/// Path of a file of the project's data (robots/, scenarios/, tools/), found beside the robots
+/// folder; empty when it is not there.
+std::string findDataFile(const std::string& relative);
 
 /// Inputs are regular files of a reasonable size (not a device, a pipe or a folder):
 /// InputError "WHAT 'PATH' is not a regular file" or "... is N bytes, more than the M
