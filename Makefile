@@ -15,7 +15,7 @@ CMAKE_ARGS ?=
 DEB_PACKAGES := cmake g++ make libeigen3-dev libboost-dev libspdlog-dev libpugixml-dev \
                 libgtest-dev libgmock-dev libbenchmark-dev gnuplot-nox libcli11-dev nlohmann-json3-dev \
                 libyaml-cpp-dev libmsgpack-cxx-dev libmujoco-dev cyclonedds-dev cyclonedds-tools \
-                libglfw3-dev libpng-dev xvfb xauth libgl1-mesa-dri \
+                libglfw3-dev libpng-dev xvfb xauth libgl1-mesa-dri liburdfdom-dev \
                 python3-dev python3-pybind11 python3-numpy python3-pytest python3-matplotlib
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
@@ -75,7 +75,7 @@ bench-remote:
 	build-bench/bench/remote_latency
 
 FUZZ_SECONDS ?= 60
-FUZZ_TARGETS := trackinfos tracker_event tracker_config namer robot_xml
+FUZZ_TARGETS := trackinfos tracker_event tracker_config namer robot_xml urdf_mapping urdf
 FUZZ_BUILD := CC=clang CXX=clang++ $(MAKE) build BUILD=build-fuzz \
   EXTRA_PACKAGES="clang libclang-rt-14-dev" \
   CMAKE_ARGS="-DKRTRACKER_BUILD_FUZZ=ON -DKRTRACKER_BUILD_TESTS=OFF -DKRTRACKER_BUILD_SIM=OFF"
