@@ -18,7 +18,8 @@ const char* const kRobotDoc =
     R"(A robot description: its joints, their limits, and the joint angles the
 library computes to look or point at a point.
 
-    robot = krtracker.Robot.load("kibo")     # kibo, rover, or the path of a description file
+    robot = krtracker.Robot.load("kibo")     # kibo, rover, lumen, a description file, or
+                                             # a URDF's mapping file (robots/README.md)
     robot.look_at(1.0, 0.3, 0.2)             # {'HeadYaw': 0.29..., 'HeadPitch': ...} [rad]
     robot.point_at("LArm", 0.8, 0.4, 0.1)    # the left arm's joints
 
@@ -90,7 +91,7 @@ std::shared_ptr<const Sim::RobotDescription> robotOf(py::handle robot) {
   if (py::isinstance<Robot>(robot))
     return robot.cast<const Robot&>().description;
   if (!py::isinstance<py::str>(robot))
-    throw py::type_error("robot expects a krtracker.Robot, a name (kibo, rover) or a path");
+    throw py::type_error("robot expects a krtracker.Robot, a name (kibo, rover, lumen) or a path");
   try {
     return Sim::RobotDescription::load(robot.cast<std::string>());
   } catch (const Sim::InputError& e) {
@@ -107,14 +108,15 @@ void bindGeometry(py::module_& m) {
       .def_static(
           "load", [](py::str nameOrPath) { return Robot{robotOf(nameOrPath)}; },
           py::arg("name_or_path"),
-          "Loads a robot: kibo (the small humanoid), rover (the wheeled humanoid) or the path "
-          "of a description file. ValueError when it cannot be read.")
+          "Loads a robot: kibo (the small humanoid), rover (the wheeled humanoid), lumen (a "
+          "pan-tilt mobile robot), the path of an XML description, or the path of the YAML "
+          "mapping of a URDF. ValueError when it cannot be read.")
       .def_property_readonly(
           "name", [](const Robot& r) { return r.description->robot->getName(); },
           "The robot's name, e.g. 'Kibo'.")
       .def_property_readonly(
           "path", [](const Robot& r) { return r.description->path; },
-          "The description file it was read from.")
+          "The file it was read from (a URDF robot's mapping).")
       .def_property_readonly(
           "joint_names",
           [](const Robot& r) {

@@ -61,7 +61,7 @@ Sim::RunConfig runConfigOf(const RunOptions& options) {
   else if (py::isinstance<py::str>(options.robot))
     config.robot = options.robot.cast<std::string>();
   else if (!options.robot.is_none())
-    throw py::type_error("robot expects a krtracker.Robot, a name (kibo, rover) or a path");
+    throw py::type_error("robot expects a krtracker.Robot, a name (kibo, rover, lumen) or a path");
   if (options.seed < 0 || options.seed > 0xffffffffLL)
     throw py::value_error("seed expects an integer from 0 to 4294967295");
   config.seed = static_cast<std::uint32_t>(options.seed);

@@ -27,13 +27,13 @@ the name says so, times in seconds of simulated time.
     sim.step(2.0)
     sim.line_of_sight()             # [deg]
 
-Keywords: robot ('kibo', 'rover', a description file or a krtracker.Robot; None: the
-scenario's robot, kibo without one), physics ('mujoco' or 'kinematic'), latency [s] from
-capture to delivery of a detection, camera_rate [Hz], dropout (probability that a frame misses
-the target), compensation (the tracking service's latency compensation), seed (of the camera's
-noise), duration [s] (None: the scenario's own; a week without one), mode and effector (replace
-the scenario's), noise [m] (extra noise on each coordinate of a detection). A value out of its
-range raises ValueError naming the keyword.
+Keywords: robot ('kibo', 'rover', 'lumen', a description file, a URDF's mapping file or a
+krtracker.Robot; None: the scenario's robot, kibo without one), physics ('mujoco' or
+'kinematic'), latency [s] from capture to delivery of a detection, camera_rate [Hz], dropout
+(probability that a frame misses the target), compensation (the tracking service's latency
+compensation), seed (of the camera's noise), duration [s] (None: the scenario's own; a week
+without one), mode and effector (replace the scenario's), noise [m] (extra noise on each
+coordinate of a detection). A value out of its range raises ValueError naming the keyword.
 
 Use it as a context manager, or call close(), to stop the robot at a known point.
 )";

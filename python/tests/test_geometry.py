@@ -1,9 +1,13 @@
 """Robot descriptions and the library's look-at and point-at angles from Python, against the
 command line's `angles`, which calls the same functions."""
 
+import pathlib
+
 import pytest
 
 import krtracker
+
+ROBOTS = pathlib.Path(__file__).resolve().parents[2] / "robots"
 
 
 def cli_angles(run_cli, *args):
@@ -42,6 +46,21 @@ def test_a_robot_names_its_joints_and_their_limits():
     assert robot.velocity_limits["HeadYaw"] > 0.0
     assert robot.can_point
     assert "Rover" in repr(krtracker.Robot.load("rover"))
+
+
+def test_a_urdf_robot_loads_from_its_mapping_and_answers_as_its_xml_twin():
+    xml = krtracker.Robot.load("kibo")
+    urdf = krtracker.Robot.load(str(ROBOTS / "kibo.yaml"))
+    assert urdf.path.endswith("kibo.yaml") and urdf.name == xml.name
+    assert urdf.joint_names == xml.joint_names
+    assert urdf.look_at(1.0, 0.3, 0.2) == pytest.approx(xml.look_at(1.0, 0.3, 0.2), abs=1e-4)
+    lumen = krtracker.Robot.load("lumen")
+    assert not lumen.can_point
+    with pytest.raises(ValueError, match="cannot point"):
+        lumen.point_at("LArm", 1.0, 0.0, 0.5)
+    with krtracker.Simulation(robot=lumen, physics="kinematic") as sim:
+        sim.step(0.1)
+        assert sim.summary()["robot"] == lumen.name
 
 
 def test_a_robot_object_runs_in_a_simulation():
