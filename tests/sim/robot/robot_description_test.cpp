@@ -40,7 +40,7 @@ TEST(RobotDescriptionUrdf, AMappingLoadsByNameAndIsServedAsXml) {
 TEST(RobotDescriptionUrdf, MeshesAreLookedForWhereRosPackagesKeepThem) {
   // pkg/urdf/robot.urdf and pkg/meshes/base.stl, as a ROS package lays them out.
   const std::string root = ::testing::TempDir() + "/krtracker_mesh_pkg";
-  for (const std::string d : {root, root + "/urdf", root + "/meshes"})
+  for (const std::string& d : {root, root + "/urdf", root + "/meshes"})
     ::mkdir(d.c_str(), 0755);
   std::ofstream(root + "/meshes/base.stl") << "solid x\nendsolid x\n";
   const std::string urdf = root + "/urdf/robot.urdf";

@@ -141,7 +141,7 @@ void writeTetrahedron(const std::string& path) {
 TEST(MujocoUrdfModel, MeshesFoundBesideTheUrdfAreDrawnAndMissingOnesReplaced) {
   // lumen.urdf in a package of its own whose base mesh exists; the others stay missing.
   const std::string root = testing::TempDir() + "/krtracker_lumen_pkg";
-  for (const std::string d : {root, root + "/urdf", root + "/meshes"})
+  for (const std::string& d : {root, root + "/urdf", root + "/meshes"})
     ::mkdir(d.c_str(), 0755);
   writeTetrahedron(root + "/meshes/base_link.stl");
   std::ofstream(root + "/urdf/lumen.urdf") << readRobotFile("lumen.urdf");
