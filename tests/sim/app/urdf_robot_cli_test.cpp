@@ -17,31 +17,13 @@
 
 namespace {
 
-using krtest::readFile;
-using krtest::replaced;
-using Result = krtest::CommandResult;
-
-std::string robotPath(const std::string& file) {
-  return std::string(KRTRACKER_ROBOTS_DIR) + "/" + file;
-}
+using namespace krtest;
+using Result = CommandResult;
 
 std::string freshDirectory(const std::string& name) {
   const std::string dir = ::testing::TempDir() + "/krtracker_urdf_" + name;
   ::mkdir(dir.c_str(), 0755);
   return dir;
-}
-
-std::vector<std::string> filesIn(const std::string& dir) {
-  std::vector<std::string> names;
-  if (DIR* d = ::opendir(dir.c_str())) {
-    while (const dirent* e = ::readdir(d)) {
-      const std::string n = e->d_name;
-      if (n != "." && n != "..")
-        names.push_back(n);
-    }
-    ::closedir(d);
-  }
-  return names;
 }
 
 TEST(UrdfRobotCli, EveryScenarioRunsOnLumenOnBothBackends) {
@@ -50,10 +32,10 @@ TEST(UrdfRobotCli, EveryScenarioRunsOnLumenOnBothBackends) {
     for (const char* physics : {"kinematic", "mujoco"}) {
       SCOPED_TRACE(info.name + " on " + physics);
       const std::string json = dir + "/" + info.name + "-" + physics + ".json";
-      const Result r = krtest::runCli({"--scenario", info.name, "--robot", "lumen", "--physics",
-                                       physics, "--quiet", "--csv", dir + "/run.csv", "--json",
-                                       json},
-                                      &KR::Sim::createTrackerModules);
+      const Result r =
+          krtest::runCli({"--scenario", info.name, "--robot", "lumen", "--physics", physics,
+                          "--quiet", "--csv", dir + "/run.csv", "--json", json},
+                         &KR::Sim::createTrackerModules);
       ASSERT_EQ(r.code, 0) << r.err;
       EXPECT_NE(r.out.find("robot Lumen (" + robotPath("lumen.yaml") + ")"), std::string::npos)
           << r.out;
@@ -69,8 +51,8 @@ TEST(UrdfRobotCli, EveryScenarioRunsOnLumenOnBothBackends) {
 }
 
 TEST(UrdfRobotCli, AnglesAndScenarioFilesTakeAMapping) {
-  const Result angles =
-      krtest::runCli({"angles", "--robot", robotPath("lumen.yaml"), "--look-at", "1.5", "0.3", "0.4"});
+  const Result angles = krtest::runCli(
+      {"angles", "--robot", robotPath("lumen.yaml"), "--look-at", "1.5", "0.3", "0.4"});
   ASSERT_EQ(angles.code, 0) << angles.err;
   EXPECT_EQ(angles.out.rfind("head_pan_joint ", 0), 0u) << angles.out;
   EXPECT_NE(angles.out.find("\nhead_tilt_joint "), std::string::npos) << angles.out;
@@ -89,10 +71,10 @@ actions:
 phases:
   - {name: table, begin: 0, target: ball}
 )";
-  const Result r = krtest::runCli(
-      {"--scenario", file, "--physics", "kinematic", "--quiet", "--csv",
-       ::testing::TempDir() + "/lumen_table.csv", "--json", ::testing::TempDir() + "/lumen_table.json"},
-      &KR::Sim::createTrackerModules);
+  const Result r = krtest::runCli({"--scenario", file, "--physics", "kinematic", "--quiet", "--csv",
+                                   ::testing::TempDir() + "/lumen_table.csv", "--json",
+                                   ::testing::TempDir() + "/lumen_table.json"},
+                                  &KR::Sim::createTrackerModules);
   ASSERT_EQ(r.code, 0) << r.err;
   EXPECT_NE(r.out.find("robot Lumen"), std::string::npos) << r.out;
 }
@@ -114,7 +96,8 @@ TEST(UrdfRobotCli, EveryBadUrdfRobotIsRefusedOnOneLine) {
       {"missing_joint", replaced(yaml, "yaw: head_pan_joint", "yaw: pan"), urdf,
        "missing_joint.yaml: head/yaw: joint 'pan' does not exist in "},
       {"prismatic", yaml,
-       replaced(urdf, "\"head_tilt_joint\" type=\"revolute\"", "\"head_tilt_joint\" type=\"prismatic\""),
+       replaced(urdf, "\"head_tilt_joint\" type=\"revolute\"",
+                "\"head_tilt_joint\" type=\"prismatic\""),
        "prismatic.urdf: joint 'head_tilt_joint' (head/pitch): is prismatic"},
       {"yaw_tilted", yaml,
        replaced(urdf, "<origin xyz=\"0.05 0 0.6\" rpy=\"0 0 0\"/>",
@@ -129,7 +112,8 @@ TEST(UrdfRobotCli, EveryBadUrdfRobotIsRefusedOnOneLine) {
                 "pitch: head_tilt_joint", "pitch: head_pan_joint"),
        urdf, "the head is in the other order"},
       {"third_joint", yaml,
-       replaced(urdf, "\"head_camera_joint\" type=\"fixed\"", "\"head_camera_joint\" type=\"continuous\""),
+       replaced(urdf, "\"head_camera_joint\" type=\"fixed\"",
+                "\"head_camera_joint\" type=\"continuous\""),
        "third_joint.urdf: joint 'head_camera_joint': a third moving joint"},
       {"camera_above", yaml,
        replaced(urdf, "<parent link=\"head_tilt_link\"/>\n    <child link=\"head_wide_link\"/>",
@@ -161,8 +145,8 @@ TEST(UrdfRobotCli, EveryBadUrdfRobotIsRefusedOnOneLine) {
       EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
       EXPECT_EQ(r.err.rfind("krtracker-sim: ", 0), 0u) << r.err;
       EXPECT_NE(r.err.find("cannot load robot '" + mapping + "': "), std::string::npos) << r.err;
-      EXPECT_NE(r.err.find(c.fragment), std::string::npos) << "'" << c.fragment << "' not in "
-                                                           << r.err;
+      EXPECT_NE(r.err.find(c.fragment), std::string::npos)
+          << "'" << c.fragment << "' not in " << r.err;
       EXPECT_TRUE(filesIn(outputs).empty());
     }
   }

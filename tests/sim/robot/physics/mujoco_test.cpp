@@ -158,9 +158,9 @@ TEST(MujocoUrdfModel, MeshesFoundBesideTheUrdfAreDrawnAndMissingOnesReplaced) {
   // massless ones that move, carried by the body below them: here the root, base_footprint,
   // and base_link, which the planar base carries.
   EXPECT_LT(mj_name2id(backend.model(), mjOBJ_BODY, "base_link"), 0);
-  for (const char* link : {"laser_link", "caster_link", "torso_lift_link",
-                           "head_pan_link", "head_tilt_link", "head_camera_optical_frame",
-                           "head_wide_link", "l_wheel_link"}) {
+  for (const char* link :
+       {"laser_link", "caster_link", "torso_lift_link", "head_pan_link", "head_tilt_link",
+        "head_camera_optical_frame", "head_wide_link", "l_wheel_link"}) {
     EXPECT_GE(mj_name2id(backend.model(), mjOBJ_BODY, link), 0) << link;
   }
   // Only the head's joints and the base's move: the wheels and the lift are held.
