@@ -6,7 +6,6 @@
 #include <cmath>
 #include <fstream>
 #include <mutex>
-#include <set>
 #include <sstream>
 #include <string>
 #include <vector>

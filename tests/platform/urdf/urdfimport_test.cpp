@@ -241,9 +241,6 @@ TEST(UrdfRobots, XmlAndUrdfOfOneRobotGiveTheSameAngles) {
       EXPECT_EQ(xml->getServo(jointName).maxTorque, fromUrdf->getServo(jointName).maxTorque);
       EXPECT_EQ(xml->getServo(jointName).armature, fromUrdf->getServo(jointName).armature);
     }
-    for (const auto* arms : {&a.leftArm, &b.leftArm}) {
-      (void)arms;
-    }
     const std::pair<const KR::Model::TrackerArm*, const KR::Model::TrackerArm*> armPairs[] = {
         {&a.leftArm, &b.leftArm}, {&a.rightArm, &b.rightArm}};
     for (const auto& [x, u] : armPairs) {
@@ -533,6 +530,14 @@ TEST(UrdfRobots, EveryBadInputIsRefusedNamingFileAndElement) {
     const auto file = error.find(": " + (std::string(c.expected).substr(0, 9)));
     EXPECT_NE(file, std::string::npos) << error;
   }
+}
+
+// urdfdom quotes a bad value as it is written, line breaks included (a fuzz finding): every
+// error of the import is put on one line.
+TEST(UrdfRobots, ErrorsStayOnOneLine) {
+  EXPECT_EQ(UrdfImport::oneLine("r.urdf: length [0.11287\n1608476\r] is not a valid float"),
+            "r.urdf: length [0.11287 1608476 ] is not a valid float");
+  EXPECT_EQ(UrdfImport::oneLine(std::string(3000, 'x')).size(), 2003u);
 }
 
 TEST(UrdfRobots, ContinuousJointsTakeAHalfTurnEachWay) {
