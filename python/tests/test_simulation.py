@@ -222,16 +222,25 @@ def test_a_closed_simulation_refuses_every_call():
 
 
 def test_steps_release_the_gil():
+    # With a switch interval this long, a thread keeps the GIL until it blocks or releases it:
+    # start() returns (and reads `returned`) while the step runs only if the step let it go.
+    interval = sys.getswitchinterval()
+    returned = []
     with krtracker.Simulation("ball", physics="kinematic") as sim:
-        counted = 0
-        stepper = threading.Thread(target=sim.step, args=(30.0,))
-        stepper.start()
-        while stepper.is_alive():
-            counted += 1
+        def stepping():
+            sim.step(30.0)
+            returned.append(sim.time)
+
+        stepper = threading.Thread(target=stepping)
+        sys.setswitchinterval(1000.0)
+        try:
+            stepper.start()
+            seen_during_step = list(returned)
+        finally:
+            sys.setswitchinterval(interval)
         stepper.join()
-        assert sim.time == pytest.approx(30.0)
-    # Held for the whole step, the GIL would let this loop turn a few times at most.
-    assert counted > 10000
+    assert seen_during_step == []
+    assert returned == [pytest.approx(30.0)]
 
 
 def test_a_simulation_held_by_its_own_callback_is_collected():
