@@ -37,12 +37,14 @@ int listScenariosTo(std::ostream& out) {
   return 0;
 }
 
-/// The scenario on its robot and the outputs, all checked: UsageError otherwise.
-Scenario prepare(RunConfig& config) {
+/// The scenario on its robot, the outputs and the pictures, all checked: UsageError
+/// otherwise.
+Scenario prepare(RunConfig& config, bool snapshotHook) {
   Scenario scenario;
   try {
     config.validate();
     scenario = prepareScenario(config);
+    checkPictures(config, snapshotHook);
     decideOutputs(config, scenario.name, {scenario.robot->path, scenario.file});
   } catch (const KRError& e) {
     throw UsageError(e.message());
@@ -59,18 +61,11 @@ SimulationConfig simulationConfig(const RunConfig& config, const SubModuleFactor
   return sim;
 }
 
-/// One run of a scenario with one seed; streams its CSV if `csv` is not null.
-RunResult runOnce(const Scenario& scenario, const SimulationConfig& config, bool realtime,
-                  std::ostream* progress, std::ostream* csv, const SnapshotHook& hook) {
+/// One run of a scenario with one seed, measured only.
+RunResult runOnce(const Scenario& scenario, const SimulationConfig& config) {
   const std::clock_t cpuStart = std::clock();
   ScenarioRun run(scenario, config);
-  if (progress != nullptr)
-    run.setProgress([progress](const std::string& line) { *progress << line << "\n"; });
-  if (csv != nullptr)
-    CsvWriter::follow(run, *csv);
-  if (hook)
-    run.setPhaseHook([&run, &hook](const std::string& label) { hook(run.simulation(), label); });
-  return playRun(run, realtime, cpuStart);
+  return playRun(run, false, cpuStart);
 }
 
 /// The thresholds behind "on target", stated under the table.
@@ -97,7 +92,7 @@ std::vector<RunResult> runSeeds(const Scenario& scenario, const SimulationConfig
       SimulationConfig c = config;
       c.seed = range.first + static_cast<std::uint32_t>(i);
       try {
-        results[i] = runOnce(scenario, c, false, nullptr, nullptr, {});
+        results[i] = runOnce(scenario, c);
       } catch (const std::exception& e) {
         std::lock_guard<std::mutex> lock(failureMutex);
         failure = e.what();
@@ -201,9 +196,10 @@ std::string csvPathFor(const RunConfig& config, TemporaryFile& temporary) {
 }
 
 void printSummary(const RunConfig& config, const Scenario& scenario, const RunResult& r,
-                  std::ostream& out) {
+                  bool windowClosed, std::ostream& out) {
   if (r.interrupted) {
-    out << "\nStopped by signal " << StopSignals::received() << " after " << std::fixed
+    out << "\nStopped " << (windowClosed ? "by closing the live view" : "by signal ")
+        << (windowClosed ? "" : std::to_string(StopSignals::received())) << " after " << std::fixed
         << std::setprecision(2) << r.simulatedS << " s: what ran is measured below\n";
   }
   out << "\nSummary: " << std::fixed << std::setprecision(1) << r.simulatedS << " s simulated in "
@@ -243,13 +239,20 @@ int runSingle(const RunConfig& config, const Scenario& scenario, const SubModule
     if (!csv)
       throw std::runtime_error("cannot write " + csvPath);
   }
-  const RunResult r =
-      runOnce(scenario, simulationConfig(config, modules), config.realtime,
-              config.quiet ? nullptr : &out, csvPath.empty() ? nullptr : &csv, hook);
+  const std::clock_t cpuStart = std::clock();
+  ScenarioRun run(scenario, simulationConfig(config, modules));
+  if (!config.quiet)
+    run.setProgress([&out](const std::string& line) { out << line << "\n"; });
+  if (!csvPath.empty())
+    CsvWriter::follow(run, csv);
+  RunPictures pictures(run, config, hook);
+  const RunResult r = playRun(run, pictures.afterStep(config.realtime), cpuStart);
+  pictures.finish();
   if (!csvPath.empty() && !csv.flush())
     throw std::runtime_error("cannot write " + csvPath);
   csv.close();
-  printSummary(config, scenario, r, out);
+  printSummary(config, scenario, r, pictures.windowClosed(), out);
+  pictures.report(out);
   writeOutputs(config, scenario, r, csvPath, out);
   return r.interrupted ? 128 + StopSignals::received() : 0;
 }
@@ -260,7 +263,7 @@ int RunCommand::run(std::ostream& out, const SubModuleFactory& modules,
                     const SnapshotHook& snapshot) {
   if (list)
     return listScenariosTo(out);
-  const Scenario scenario = prepare(config);
+  const Scenario scenario = prepare(config, static_cast<bool>(snapshot));
   StopSignals stopSignals;
   if (config.seeds || !config.compare.empty())
     return runMany(config, scenario, modules, out);
@@ -324,6 +327,12 @@ void RunCommand::addOptions(CLI::App& app) {
   app.add_option("--plot", c.plot, "draw the run with tools/plot.gp (gnuplot)");
   app.add_option("--json", c.json, "write the JSON summary there");
   app.add_option("--snapshots", c.snapshots, "folder for pictures at each phase boundary");
+  app.add_option("--video", c.video,
+                 "film the run into FILE.mp4: 30 frames per simulated second, 1280x720, the "
+                 "robot followed from behind, the head camera's view inset, a caption");
+  app.add_flag("--view", c.view,
+               "show the run live in a window, in real time (space: pause, right arrow: step, "
+               "[ ]: speed, mouse: orbit and zoom; closing it stops the run)");
   app.add_flag("--quiet", c.quiet, "no progress lines");
 }
 

@@ -248,7 +248,7 @@ TEST(CommandLineErrors, BadRobotDescriptionsNameTheFileAndTheLine) {
 TEST(CommandLineErrors, ASignalStopsTheRunWithEverythingMeasuredSoFarWritten) {
   const std::string dir = freshDirectory("signal");
   KR::Sim::RunHooks hooks;
-  hooks.snapshot = [](KR::Sim::Simulation&, const std::string&, const std::string& label) {
+  hooks.snapshot = [](KR::Sim::ScenarioRun&, const std::string&, const std::string& label) {
     if (label == "whole body + arms")
       std::raise(SIGTERM);
   };

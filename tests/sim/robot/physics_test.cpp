@@ -1,7 +1,6 @@
 // The robot's physics: the backend factory, the kinematic servos and base, the base
 // controller, SimMotion on a backend; the MuJoCo model built from each description, its servos
-// and base, determinism, the faults a user meets, every scenario end to end on it, and the
-// off-screen snapshot.
+// and base, determinism, the faults a user meets, every scenario end to end on it.
 
 #include <cmath>
 #include <cstdio>
@@ -10,7 +9,6 @@
 #include <gmock/gmock.h>
 
 #include <kr/error.h>
-#include <krsim/report/snapshot.h>
 
 #include "sim/helpers.h"
 
@@ -426,45 +424,6 @@ TEST(MujocoEndToEnd, EveryScenarioTracksOnThePhysicsRobotAsOnTheKinematicOne) {
       }
     }
   }
-}
-
-// Runs under Xvfb as the ctest "snapshot_xvfb"; without a display it checks the error.
-TEST(Snapshot, DrawsTheRobotItsTargetAndTheLineOfSightOffScreen) {
-  ScenarioOptions options;
-  options.duration = 3.0;
-  KR::Sim::SimulationConfig config;
-  config.physics = "kinematic";
-  config.modules = &KR::Sim::createTrackerModules;
-  ScenarioRun run(KR::Sim::makeScenario("ball", options), config);
-  run.runToEnd();
-  const std::string path = testing::TempDir() + "krtracker_snapshot_test.png";
-  if (!std::getenv("DISPLAY")) {
-    EXPECT_THAT([&] { KR::Sim::writeSnapshot(run.simulation(), path); },
-                testing::ThrowsMessage<KR::KRError>(
-                    AllOf(HasSubstr("no display"), HasSubstr("xvfb-run -a"))));
-    return;
-  }
-  KR::Sim::SnapshotRenderer renderer(run.simulation().robot(), 320, 240);
-  const KR::Sim::Picture picture = renderer.render(run.simulation(), "ball");
-  ASSERT_EQ(picture.rgb.size(), 320u * 240u * 3u);
-  // The yellow line of sight and the red ball are in the picture.
-  auto count = [&](auto test) {
-    int n = 0;
-    for (std::size_t i = 0; i < picture.rgb.size(); i += 3)
-      n += test(picture.rgb[i], picture.rgb[i + 1], picture.rgb[i + 2]) ? 1 : 0;
-    return n;
-  };
-  EXPECT_GT(count([](int r, int g, int b) { return r > 150 && g > 120 && b < 80; }), 20);
-  EXPECT_GT(count([](int r, int g, int b) { return r > 120 && g < 70 && b < 70; }), 20);
-
-  renderer.write(run.simulation(), path);
-  std::ifstream png(path, std::ios::binary);
-  std::string head(8, '\0');
-  png.read(&head[0], 8);
-  EXPECT_EQ(head, "\x89PNG\r\n\x1a\n");
-  std::remove(path.c_str());
-  EXPECT_THAT([&] { renderer.write(run.simulation(), "/nonexistent/dir/x.png"); },
-              testing::ThrowsMessage<KR::KRError>(HasSubstr("/nonexistent/dir/x.png")));
 }
 
 }  // namespace

@@ -1,0 +1,255 @@
+#include <krsim/report/live_view.h>
+
+#include <GLFW/glfw3.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <optional>
+#include <thread>
+
+#include <kr/error.h>
+
+#include <krsim/report/gl_context.h>
+#include <krsim/report/run_frame.h>
+#include <krsim/report/scene_renderer.h>
+#include <krsim/run/run_loop.h>
+#include <krsim/run/scenario_run.h>
+
+namespace KR {
+namespace Sim {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr double kDrawPeriodS = 1.0 / 30.0;  // at most this often while ahead [s]
+constexpr double kLongestBlindS = 0.25;      // drawn at least this often when behind [s]
+constexpr double kMinSpeed = 1.0 / 16.0;
+constexpr double kMaxSpeed = 16.0;
+constexpr double kOrbitDegPerPixel = 0.3;
+
+double seconds(Clock::duration d) {
+  return std::chrono::duration<double>(d).count();
+}
+
+struct Window {
+  GLFWwindow* handle;
+  explicit Window(GLFWwindow* w) : handle(w) {}
+  ~Window() { destroyGlfwWindow(handle); }
+  Window(const Window&) = delete;
+  Window& operator=(const Window&) = delete;
+};
+
+}  // namespace
+
+struct LiveView::Impl {
+  ScenarioRun& run;
+  Window window;
+  std::optional<SceneRenderer> renderer;  // made once the window's context is current
+  RunFrame frame;
+  ViewAngles angles;
+  bool paused = false;
+  bool stepOnce = false;
+  bool closed = false;
+  double speed = 1.0;
+  // Pacing: simulated time runs from (anchorSim at anchorWall) at `speed`.
+  Clock::time_point anchorWall;
+  double anchorSim = 0.0;
+  Clock::time_point lastDraw;
+  // Totals over the closed stretches of running, for the pacing report.
+  double runWall = 0.0;      // [s]
+  double runSim = 0.0;       // simulated [s]
+  double expectedSim = 0.0;  // speed x wall time [s]
+  // Mouse.
+  int button = -1;  // the one held, -1: none
+  double mouseX = 0.0;
+  double mouseY = 0.0;
+
+  Impl(ScenarioRun& r, int width, int height)
+      : run(r),
+        window(createGlfwWindow(width, height, "krtracker-sim: " + r.scenario().name, true)),
+        frame(r) {
+    makeWindowCurrent(window.handle);
+    glfwSwapInterval(0);  // pacing is ours, not the display's
+    renderer.emplace(run.simulation().robot());
+    glfwSetWindowUserPointer(window.handle, this);
+    installCallbacks();
+    draw();
+    anchor();
+  }
+
+  static Impl& of(GLFWwindow* w) { return *static_cast<Impl*>(glfwGetWindowUserPointer(w)); }
+
+  void installCallbacks() {
+    glfwSetKeyCallback(window.handle, [](GLFWwindow* w, int key, int, int action, int) {
+      if (action != GLFW_RELEASE)
+        of(w).onKey(key);
+    });
+    glfwSetCharCallback(window.handle, [](GLFWwindow* w, unsigned int c) { of(w).onChar(c); });
+    glfwSetMouseButtonCallback(window.handle, [](GLFWwindow* w, int button, int action, int) {
+      Impl& v = of(w);
+      v.button = action == GLFW_PRESS ? button : -1;
+      glfwGetCursorPos(w, &v.mouseX, &v.mouseY);
+    });
+    glfwSetCursorPosCallback(window.handle,
+                             [](GLFWwindow* w, double x, double y) { of(w).onMouse(x, y); });
+    glfwSetScrollCallback(window.handle, [](GLFWwindow* w, double, double dy) {
+      ViewAngles& a = of(w).angles;
+      a.distanceM = std::clamp(a.distanceM * std::pow(0.9, dy), 0.4, 12.0);
+    });
+  }
+
+  /// A new stretch of running from now: the one before counts toward the pacing report.
+  void anchor() {
+    const Clock::time_point now = Clock::now();
+    const double sim = run.simulation().time();
+    if (!paused && anchorWall != Clock::time_point()) {
+      runWall += seconds(now - anchorWall);
+      runSim += sim - anchorSim;
+      expectedSim += speed * seconds(now - anchorWall);
+    }
+    anchorWall = now;
+    anchorSim = sim;
+  }
+
+  void onKey(int key) {
+    if (key == GLFW_KEY_SPACE) {
+      anchor();
+      paused = !paused;
+      anchor();
+    } else if (key == GLFW_KEY_RIGHT) {
+      if (!paused) {
+        anchor();
+        paused = true;
+      }
+      stepOnce = true;
+    }
+  }
+
+  void onChar(unsigned int c) {
+    if (c != '[' && c != ']')
+      return;
+    anchor();
+    speed = std::clamp(c == '[' ? speed / 2.0 : speed * 2.0, kMinSpeed, kMaxSpeed);
+  }
+
+  void onMouse(double x, double y) {
+    const double dx = x - mouseX;
+    const double dy = y - mouseY;
+    mouseX = x;
+    mouseY = y;
+    if (button == GLFW_MOUSE_BUTTON_LEFT) {
+      angles.azimuthDeg -= kOrbitDegPerPixel * dx;
+      angles.elevationDeg = std::clamp(angles.elevationDeg - kOrbitDegPerPixel * dy, -89.0, 5.0);
+    } else if (button == GLFW_MOUSE_BUTTON_RIGHT) {
+      angles.distanceM = std::clamp(angles.distanceM * std::exp(0.005 * dy), 0.4, 12.0);
+    }
+  }
+
+  std::string statusLine() const {
+    char text[160];
+    std::snprintf(text, sizeof text,
+                  "%s x%g    space: pause   right arrow: step   [ ]: speed   drag: orbit   "
+                  "wheel: zoom",
+                  paused ? "PAUSED" : "real time", speed);
+    return text;
+  }
+
+  void draw() {
+    makeWindowCurrent(window.handle);
+    renderer->useWindow(true);
+    int width = 0;
+    int height = 0;
+    glfwGetFramebufferSize(window.handle, &width, &height);
+    if (width > 0 && height > 0) {
+      const PixelRect all{0, 0, width, height};
+      frame.drawScene(*renderer, all, RunFrame::Camera::Follow, angles);
+      frame.drawWords(*renderer, all, renderer->headCameraAspect());
+      const std::string status = statusLine();
+      const int y = height - 14 - renderer->lineHeight();
+      const int x = std::max(0, (width - renderer->textWidth(status)) / 2);
+      renderer->fill({x - 8, y - 4, renderer->textWidth(status) + 16, renderer->lineHeight() + 8},
+                     SceneColours::kBox);
+      renderer->text(x, y, status, SceneColours::kText);
+      glfwSwapBuffers(window.handle);
+    }
+    lastDraw = Clock::now();
+  }
+
+  bool checkClosed() {
+    if (!closed && glfwWindowShouldClose(window.handle)) {
+      closed = true;
+      StopSignals::request(SIGINT);
+    }
+    return closed;
+  }
+
+  void afterStep() {
+    glfwPollEvents();
+    if (stepOnce) {
+      stepOnce = false;  // the step asked for has been made
+      draw();
+    }
+    while (paused && !stepOnce && !checkClosed() && StopSignals::received() == 0) {
+      draw();
+      glfwWaitEventsTimeout(0.05);
+    }
+    if (checkClosed() || paused)
+      return;
+    const Clock::time_point due =
+        anchorWall + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(
+                         (run.simulation().time() - anchorSim) / speed));
+    const Clock::time_point now = Clock::now();
+    const double sinceDraw = seconds(now - lastDraw);
+    if ((now < due && sinceDraw >= kDrawPeriodS) || sinceDraw >= kLongestBlindS)
+      draw();
+    std::this_thread::sleep_until(due);
+  }
+};
+
+LiveView::LiveView(ScenarioRun& run, int width, int height)
+    : fImpl(std::make_unique<Impl>(run, width, height)) {}
+
+LiveView::~LiveView() {
+  // The renderer frees its buffers in the window's context.
+  makeWindowCurrent(fImpl->window.handle);
+}
+
+void LiveView::afterStep() {
+  fImpl->afterStep();
+}
+
+bool LiveView::windowClosed() const {
+  return fImpl->closed;
+}
+
+std::string LiveView::pacingReport() const {
+  Impl& v = *fImpl;
+  v.anchor();
+  char text[200];
+  const double apart =
+      v.expectedSim > 0.0 ? 100.0 * std::fabs(v.runSim - v.expectedSim) / v.expectedSim : 0.0;
+  std::snprintf(text, sizeof text,
+                "%.2f s simulated in %.2f s of wall time at the chosen speeds (%.1f %% apart)",
+                v.runSim, v.runWall, apart);
+  return text;
+}
+
+std::string liveViewProblem() {
+  const char* display = std::getenv("DISPLAY");
+  if (display == nullptr || *display == '\0')
+    return "--view needs a display: a desktop, or Xvfb (xvfb-run -a <command>)";
+  try {
+    destroyGlfwWindow(createGlfwWindow(64, 64, "krtracker probe", false));
+  } catch (const KRError& e) {
+    return "--view cannot open a window: " + e.message();
+  }
+  return {};
+}
+
+}  // namespace Sim
+}  // namespace KR
