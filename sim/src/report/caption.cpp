@@ -67,7 +67,7 @@ std::vector<std::string> EventTicker::shown(double now) const {
 
 std::vector<LegendEntry> sceneLegend(bool withInset) {
   std::vector<LegendEntry> legend = {
-      {SceneColours::kTarget, "target (true position)"},
+      {SceneColours::kTarget, "target (true position; faded while hidden)"},
       {SceneColours::kDetection, "detection, where and when the tracker received it"},
       {SceneColours::kLineOfSight, "head camera's line of sight"},
       {SceneColours::kToTarget, "head camera to target"},

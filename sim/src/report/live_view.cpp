@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <optional>
 #include <thread>
+#include <vector>
 
 #include <kr/error.h>
 
@@ -64,6 +65,7 @@ struct LiveView::Impl {
   double runWall = 0.0;      // [s]
   double runSim = 0.0;       // simulated [s]
   double expectedSim = 0.0;  // speed x wall time [s]
+  double maxBehind = 0.0;    // the most wall time ran ahead of simulated time [s]
   // Mouse.
   int button = -1;  // the one held, -1: none
   double mouseX = 0.0;
@@ -74,8 +76,8 @@ struct LiveView::Impl {
         window(createGlfwWindow(width, height, "krtracker-sim: " + r.scenario().name, true)),
         frame(r) {
     makeWindowCurrent(window.handle);
-    glfwSwapInterval(0);  // pacing is ours, not the display's
-    renderer.emplace(run.simulation().robot());
+    glfwSwapInterval(0);                                // pacing is ours, not the display's
+    renderer.emplace(run.simulation().robot(), false);  // no shadows: twice the frame rate
     glfwSetWindowUserPointer(window.handle, this);
     installCallbacks();
     draw();
@@ -150,13 +152,27 @@ struct LiveView::Impl {
     }
   }
 
-  std::string statusLine() const {
-    char text[160];
-    std::snprintf(text, sizeof text,
-                  "%s x%g    space: pause   right arrow: step   [ ]: speed   drag: orbit   "
-                  "wheel: zoom",
-                  paused ? "PAUSED" : "real time", speed);
-    return text;
+  /// The speed and what the keys do, two lines, the first at the top.
+  std::vector<std::string> statusLines() const {
+    char speedText[64];
+    std::snprintf(speedText, sizeof speedText, "%s x%g", paused ? "PAUSED" : "real time", speed);
+    return {speedText, "space: pause   right arrow: step   [ ]: speed   mouse: orbit, zoom"};
+  }
+
+  /// The status lines in a box at the bottom right (the caption has the bottom left).
+  void drawStatus(int width) {
+    const std::vector<std::string> lines = statusLines();
+    int textWidth = 0;
+    for (const std::string& line : lines)
+      textWidth = std::max(textWidth, renderer->textWidth(line));
+    const int lineHeight = renderer->lineHeight();
+    const int right = width - 14;
+    const int height = static_cast<int>(lines.size()) * lineHeight;
+    renderer->fill({right - textWidth - 20, 14, textWidth + 20, height + 20}, SceneColours::kBox);
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+      const int y = 14 + 10 + height - static_cast<int>(i + 1) * lineHeight;
+      renderer->text(right - 10 - renderer->textWidth(lines[i]), y, lines[i], SceneColours::kText);
+    }
   }
 
   void draw() {
@@ -169,12 +185,7 @@ struct LiveView::Impl {
       const PixelRect all{0, 0, width, height};
       frame.drawScene(*renderer, all, RunFrame::Camera::Follow, angles);
       frame.drawWords(*renderer, all, renderer->headCameraAspect());
-      const std::string status = statusLine();
-      const int y = height - 14 - renderer->lineHeight();
-      const int x = std::max(0, (width - renderer->textWidth(status)) / 2);
-      renderer->fill({x - 8, y - 4, renderer->textWidth(status) + 16, renderer->lineHeight() + 8},
-                     SceneColours::kBox);
-      renderer->text(x, y, status, SceneColours::kText);
+      drawStatus(width);
       glfwSwapBuffers(window.handle);
     }
     lastDraw = Clock::now();
@@ -204,6 +215,7 @@ struct LiveView::Impl {
         anchorWall + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(
                          (run.simulation().time() - anchorSim) / speed));
     const Clock::time_point now = Clock::now();
+    maxBehind = std::max(maxBehind, seconds(now - due));
     const double sinceDraw = seconds(now - lastDraw);
     if ((now < due && sinceDraw >= kDrawPeriodS) || sinceDraw >= kLongestBlindS)
       draw();
@@ -234,8 +246,9 @@ std::string LiveView::pacingReport() const {
   const double apart =
       v.expectedSim > 0.0 ? 100.0 * std::fabs(v.runSim - v.expectedSim) / v.expectedSim : 0.0;
   std::snprintf(text, sizeof text,
-                "%.2f s simulated in %.2f s of wall time at the chosen speeds (%.1f %% apart)",
-                v.runSim, v.runWall, apart);
+                "%.2f s simulated in %.2f s of wall time at the chosen speeds (%.1f %% apart, "
+                "at most %.3f s behind)",
+                v.runSim, v.runWall, apart, v.maxBehind);
   return text;
 }
 

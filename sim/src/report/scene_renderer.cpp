@@ -19,11 +19,12 @@ namespace Sim {
 namespace {
 
 constexpr double kRadToDeg = 180.0 / M_PI;
-constexpr double kMarkSeconds = 0.6;  // a detection's mark fades out over this [s]
-constexpr double kMarkRadius = 0.07;  // around the 5 cm sphere of a target [m]
-constexpr int kGridHalfWidth = 6;     // floor grid lines this far around the robot [m]
-constexpr double kLookAhead = 0.5;    // the follow camera looks this far ahead [m]
-constexpr double kSkyRadius = 8.0;    // [m], within the far clipping plane
+constexpr double kMarkSeconds = 0.6;    // a detection's mark fades out over this [s]
+constexpr double kMarkRadius = 0.07;    // around the 5 cm sphere of a target [m]
+constexpr float kHiddenOpacity = 0.3f;  // of a target while it is occluded
+constexpr int kGridHalfWidth = 6;       // floor grid lines this far around the robot [m]
+constexpr double kLookAhead = 0.5;      // the follow camera looks this far ahead [m]
+constexpr double kSkyRadius = 8.0;      // [m], within the far clipping plane
 
 struct ModelDeleter {
   void operator()(mjModel* m) const { mj_deleteModel(m); }
@@ -74,7 +75,8 @@ struct SceneRenderer::Impl {
   bool hasAim = false;
   Math::Position3D aim;  // the target the line of sight runs to, map frame
   std::vector<DetectionMark> detections;
-  GlyphAtlas glyphs;  // captured on first use
+  GlyphAtlas glyphs;             // captured on first use
+  std::vector<int> targetGeoms;  // the sphere of each target's body
 
   explicit Impl(const Model::Robot& r) : robot(r) {
     mjv_defaultScene(&scene);
@@ -97,6 +99,16 @@ struct SceneRenderer::Impl {
       mjv_initGeom(g, mjGEOM_BOX, size[i], pos, nullptr, SceneColours::kSky.data());
       g->emission = 0.35f;  // with the headlight, about kSky whichever way a wall faces
       g->specular = 0.0f;
+    }
+  }
+
+  /// A target inside one of its scripted occlusions is drawn faded: the camera cannot see it.
+  void fadeHiddenTargets(const std::vector<TargetScript>& scripts, double time) {
+    for (std::size_t i = 0; i < scripts.size() && i < targetGeoms.size(); ++i) {
+      const auto& hidden = scripts[i].hidden;
+      const bool occluded = std::any_of(hidden.begin(), hidden.end(),
+                                        [time](const TimeInterval& h) { return h.contains(time); });
+      model->geom_rgba[4 * targetGeoms[i] + 3] = occluded ? kHiddenOpacity : 1.0f;
     }
   }
 
@@ -153,6 +165,12 @@ SceneRenderer::SceneRenderer(const Model::Robot& robot, bool shadows)
   r.model->vis.quality.shadowsize = 1024;
   r.model->vis.headlight.ambient[0] = r.model->vis.headlight.ambient[1] =
       r.model->vis.headlight.ambient[2] = 0.25f;
+  for (int i = 0; i < MujocoBackend::kTargetCount; ++i) {
+    const std::string name = "Target" + std::to_string(i);
+    const int body = mj_name2id(r.model.get(), mjOBJ_BODY, name.c_str());
+    if (body >= 0 && r.model->body_geomnum[body] > 0)
+      r.targetGeoms.push_back(r.model->body_geomadr[body]);
+  }
   mjv_makeScene(r.model.get(), &r.scene, 2000);
   if (!shadows)
     r.scene.flags[mjRND_SHADOW] = 0;
@@ -207,6 +225,7 @@ void SceneRenderer::update(Simulation& sim, const std::string& target,
     robot.setTargetPosition(
         i, i < static_cast<int>(targets.size()) ? targets[i].position : Math::Position3D(0, 0, -1));
   }
+  r.fadeHiddenTargets(sim.world().targets(), sim.time());
   robot.forward();
   const int effector = sim.world().getCameraEffector();
   r.camera = motion.getMapToHeadEffector(effector);

@@ -38,7 +38,7 @@ struct DetectionMark {
 
 /// Where the follow camera looks from, about the robot's heading.
 struct ViewAngles {
-  double azimuthDeg = 25.0;     // about the vertical, from straight behind; positive: to the
+  double azimuthDeg = -30.0;    // about the vertical, from straight behind; positive: to the
                                 // robot's right, looking to its left
   double elevationDeg = -24.0;  // negative: looking down
   double distanceM = 2.1;       // from the point looked at, 0.5 m ahead of the robot [m]
