@@ -93,7 +93,7 @@ void drawFrame(benchmark::State& state, bool shadows) {
     frame.drawScene(renderer, all, KR::Sim::RunFrame::Camera::Follow);
     renderer.readPixels(all, rgb.data());
     KR::Sim::PixelCanvas canvas(rgb.data(), 1280, 720, glyphs);
-    frame.drawWords(canvas, all, renderer.headCameraAspect());
+    frame.drawOverlay(canvas, renderer, all);
     benchmark::DoNotOptimize(rgb.data());
   }
   state.SetLabel(context.kind());
@@ -117,7 +117,7 @@ std::vector<std::vector<unsigned char>> realFrames(int count) {
       frames.emplace_back(3 * 1280 * 720);
       renderer.readPixels(all, frames.back().data());
       KR::Sim::PixelCanvas canvas(frames.back().data(), 1280, 720, renderer.glyphs());
-      frame.drawWords(canvas, all, renderer.headCameraAspect());
+      frame.drawOverlay(canvas, renderer, all);
     }
   }
   return frames;

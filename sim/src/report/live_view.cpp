@@ -184,7 +184,7 @@ struct LiveView::Impl {
     if (width > 0 && height > 0) {
       const PixelRect all{0, 0, width, height};
       frame.drawScene(*renderer, all, RunFrame::Camera::Follow, angles);
-      frame.drawWords(*renderer, all, renderer->headCameraAspect());
+      frame.drawOverlay(*renderer, *renderer, all);
       drawStatus(width);
       glfwSwapBuffers(window.handle);
     }

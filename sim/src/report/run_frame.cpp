@@ -52,15 +52,17 @@ void RunFrame::drawScene(SceneRenderer& renderer, const PixelRect& r, Camera cam
     renderer.drawFollowView(r, angles);
   else
     renderer.drawOverview(r);
-  const PixelRect inset = insetRect(renderer.headCameraAspect(), r);
-  renderer.fill(
-      {inset.x - kBorder, inset.y - kBorder, inset.width + 2 * kBorder, inset.height + 2 * kBorder},
-      SceneColours::kBox);
-  renderer.drawHeadCamera(inset);
+  renderer.drawHeadCamera(insetRect(renderer.headCameraAspect(), r));
 }
 
-void RunFrame::drawWords(Canvas& canvas, const PixelRect& r, double cameraAspect) {
-  const PixelRect inset = insetRect(cameraAspect, r);
+void RunFrame::drawOverlay(Canvas& canvas, const SceneRenderer& renderer, const PixelRect& r) {
+  const PixelRect inset = insetRect(renderer.headCameraAspect(), r);
+  const int outer = inset.width + 2 * kBorder;
+  canvas.fill({inset.x - kBorder, inset.y - kBorder, outer, kBorder}, SceneColours::kBox);
+  canvas.fill({inset.x - kBorder, inset.y + inset.height, outer, kBorder}, SceneColours::kBox);
+  canvas.fill({inset.x - kBorder, inset.y, kBorder, inset.height}, SceneColours::kBox);
+  canvas.fill({inset.x + inset.width, inset.y, kBorder, inset.height}, SceneColours::kBox);
+  renderer.markHeadCamera(canvas, inset);
   const std::string title = "head camera";
   canvas.text(inset.x + inset.width - canvas.textWidth(title),
               inset.y - kBorder - 4 - canvas.lineHeight(), title, SceneColours::kText);

@@ -55,7 +55,7 @@ struct RunVideo::Impl {
     frame.drawScene(renderer, all, RunFrame::Camera::Follow);
     renderer.readPixels(all, rgb.data());
     PixelCanvas canvas(rgb.data(), v.width, v.height, renderer.glyphs());
-    frame.drawWords(canvas, all, renderer.headCameraAspect());
+    frame.drawOverlay(canvas, renderer, all);
     encoder->addFrame(rgb.data(), VideoEncoder::Rows::BottomUp);
     busy += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   }

@@ -276,25 +276,26 @@ void SceneRenderer::drawHeadCamera(const PixelRect& rect) {
   mjv_defaultCamera(&view);
   view.type = mjCAMERA_FIXED;
   view.fixedcamid = r.cameraId;
-  // The line of sight would run from the eye into the picture: a cross marks it instead,
-  // open in the middle so as not to hide a target on the axis.
+  // The line of sight would run from the eye into the picture: markHeadCamera() draws a
+  // cross instead.
   r.render(rect, view, false);
+}
+
+void SceneRenderer::markHeadCamera(Canvas& canvas, const PixelRect& rect) const {
+  // The axis: a cross open in the middle, so as not to hide a target on it.
   const int cx = rect.x + rect.width / 2;
   const int cy = rect.y + rect.height / 2;
   const int arm = std::max(6, rect.width / 24);
   const int gap = std::max(4, rect.width / 16);
   const Colour& c = SceneColours::kCameraAxis;
-  fill({cx - gap - arm, cy, arm, 2}, c);
-  fill({cx + gap, cy, arm, 2}, c);
-  fill({cx, cy - gap - arm, 2, arm}, c);
-  fill({cx, cy + gap, 2, arm}, c);
-  xDetectionBoxes(rect);
-}
+  canvas.fill({cx - gap - arm, cy, arm, 2}, c);
+  canvas.fill({cx + gap, cy, arm, 2}, c);
+  canvas.fill({cx, cy - gap - arm, 2, arm}, c);
+  canvas.fill({cx, cy + gap, 2, arm}, c);
 
-void SceneRenderer::xDetectionBoxes(const PixelRect& rect) {
-  // Pinhole projection through the head camera (x forward, y left, z up): the same focal
-  // length across and up, the picture having the lens's aspect.
-  Impl& r = *fImpl;
+  // A box about each detection: pinhole projection through the head camera (x forward,
+  // y left, z up), the same focal length across and up, the picture having the lens's aspect.
+  const Impl& r = *fImpl;
   const Math::Transform toCamera = Math::pinv(r.camera);
   const double focal = 0.5 * rect.height / std::tan(0.5 * r.verticalFov);
   for (const DetectionMark& mark : r.detections) {
@@ -306,19 +307,17 @@ void SceneRenderer::xDetectionBoxes(const PixelRect& rect) {
     const int u = rect.x + static_cast<int>(std::lround(0.5 * rect.width - focal * p.y / p.x));
     const int v = rect.y + static_cast<int>(std::lround(0.5 * rect.height + focal * p.z / p.x));
     const int half = std::max(3, static_cast<int>(focal * kMarkRadius / p.x));
-    if (u + half < rect.x || u - half > rect.x + rect.width || v + half < rect.y ||
-        v - half > rect.y + rect.height) {
-      continue;
-    }
     // Clipped to the inset.
     const int left = std::max(rect.x, u - half);
     const int right = std::min(rect.x + rect.width, u + half);
     const int bottom = std::max(rect.y, v - half);
     const int top = std::min(rect.y + rect.height, v + half);
-    fill({left, bottom, right - left, 2}, colour);
-    fill({left, top - 2, right - left, 2}, colour);
-    fill({left, bottom, 2, top - bottom}, colour);
-    fill({right - 2, bottom, 2, top - bottom}, colour);
+    if (left >= right || bottom >= top)
+      continue;
+    canvas.fill({left, bottom, right - left, 2}, colour);
+    canvas.fill({left, top - 2, right - left, 2}, colour);
+    canvas.fill({left, bottom, 2, top - bottom}, colour);
+    canvas.fill({right - 2, bottom, 2, top - bottom}, colour);
   }
 }
 

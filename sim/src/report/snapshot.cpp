@@ -54,7 +54,7 @@ Picture SnapshotRenderer::render() {
                                   static_cast<std::size_t>(r.height));
   r.renderer.readPixels(all, rows.data());
   PixelCanvas canvas(rows.data(), r.width, r.height, r.renderer.glyphs());
-  r.frame.drawWords(canvas, all, r.renderer.headCameraAspect());
+  r.frame.drawOverlay(canvas, r.renderer, all);
   // OpenGL's rows run bottom-up.
   Picture picture{r.width, r.height, std::vector<unsigned char>(rows.size())};
   const std::size_t stride = 3 * static_cast<std::size_t>(r.width);

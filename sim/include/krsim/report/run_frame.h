@@ -1,7 +1,7 @@
 #pragma once
 // RunFrame: the picture of a moment of a run, as the video, the live view and the snapshots
-// show it, drawn in two parts: the scene through OpenGL, then the words on a Canvas (in
-// memory after reading the picture back, or through OpenGL in a window). The scene fills the
+// show it, drawn in two parts: the scene through OpenGL, then what lies over it on a Canvas
+// (in memory after reading the picture back, or through OpenGL in a window). The scene fills the
 // picture (krsim/report/scene_renderer.h); the head camera's view is inset in its top right corner;
 // the legend of the colours sits at the top left; the caption (time, phase, the target's state, the
 // line-of-sight error) and the tracker's events of the last seconds at the bottom left.
@@ -34,9 +34,9 @@ class RunFrame {
   /// current buffer.
   void drawScene(SceneRenderer& renderer, const PixelRect& r, Camera camera,
                  const ViewAngles& angles = {});
-  /// Then the words over it: legend, caption, events, the inset's title. `cameraAspect` is
-  /// the renderer's headCameraAspect().
-  void drawWords(Canvas& canvas, const PixelRect& r, double cameraAspect);
+  /// Then what lies over it: the inset's frame, axis, detection boxes and title, the legend,
+  /// the caption and the events.
+  void drawOverlay(Canvas& canvas, const SceneRenderer& renderer, const PixelRect& r);
   /// Where the inset lies in a picture `r`, for a head camera whose picture is
   /// `cameraAspect` times wider than high.
   static PixelRect insetRect(double cameraAspect, const PixelRect& r);

@@ -68,9 +68,11 @@ class SceneRenderer : public Canvas {
   void drawFollowView(const PixelRect& r, const ViewAngles& angles);
   /// The scene seen from behind the robot and to its side, framing the robot and its target.
   void drawOverview(const PixelRect& r);
-  /// What the head camera sees, its axis marked with a cross; `r` should have the aspect of
-  /// headCameraAspect().
+  /// What the head camera sees; `r` should have the aspect of headCameraAspect().
   void drawHeadCamera(const PixelRect& r);
+  /// Over that picture: the camera's axis (a cross) and a box around each detection received
+  /// in the last 0.6 s.
+  void markHeadCamera(Canvas& canvas, const PixelRect& r) const;
   /// Width over height of the head camera's picture.
   double headCameraAspect() const;
 
@@ -86,9 +88,6 @@ class SceneRenderer : public Canvas {
   void readPixels(const PixelRect& r, unsigned char* rgb);
 
  private:
-  /// A box around each detection received in the last 0.6 s, in the head camera's picture.
-  void xDetectionBoxes(const PixelRect& r);
-
   struct Impl;
   std::unique_ptr<Impl> fImpl;
 };
