@@ -1,10 +1,10 @@
 #pragma once
 // LiveView: a run shown in a window as it goes, in real time, for a user at a desktop. The
-// picture is RunFrame's (follow camera, head camera inset, legend, caption and events; no
-// shadows, which would halve the frame rate) with a line of what the keys do. The left mouse
-// button drags the camera around the robot, the wheel (or the right button dragged up and
-// down) zooms; space pauses and resumes; the right arrow steps one control period (10 ms) and
-// pauses; [ and ] halve and double the speed (1/16 to 16 times real time).
+// picture is RunFrame's (follow camera, head camera inset, legend, caption and events) with
+// a box saying the speed and what the keys do. The left mouse button drags the camera around
+// the robot, the wheel (or the right button dragged up and down) zooms; space pauses and
+// resumes; the right arrow steps one control period (10 ms) and pauses; [ and ] halve and
+// double the speed (1/16 to 16 times real time).
 //
 // Pacing: after each step the view waits until wall time catches up with simulated time at
 // the chosen speed, drawing a frame at most every 1/30 s of wall time while it is ahead;

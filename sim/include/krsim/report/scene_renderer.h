@@ -46,9 +46,10 @@ struct ViewAngles {
 
 class SceneRenderer : public Canvas {
  public:
-  /// `shadows`: the light casts shadows (about twice the drawing time in software).
-  /// KRError("krsim", "rendering", ...) when MuJoCo cannot draw with the current context.
-  explicit SceneRenderer(const Model::Robot& robot, bool shadows = true);
+  /// `shadows`: the light casts shadows (about twice the drawing time in software, and the
+  /// marks drawn over the scene cast theirs too). KRError("krsim", "rendering", ...) when
+  /// MuJoCo cannot draw with the current context.
+  explicit SceneRenderer(const Model::Robot& robot, bool shadows = false);
   ~SceneRenderer() override;
   SceneRenderer(const SceneRenderer&) = delete;
   SceneRenderer& operator=(const SceneRenderer&) = delete;
