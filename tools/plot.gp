@@ -33,7 +33,7 @@ set multiplot layout 3,1 title "krtracker-sim: how closely the head camera follo
 set grid
 set key outside right top box opaque
 set lmargin 12
-set rmargin 30
+set rmargin 34
 set style fill transparent solid 0.12 noborder
 set boxwidth 0.01 absolute
 
