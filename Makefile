@@ -4,7 +4,7 @@
 #   make demo-remote  the same with the tracking service in a second process, over DDS on loopback
 #   make test       every test
 #   make test-asan  the tests under AddressSanitizer + UndefinedBehaviorSanitizer
-#   make test-tsan  the concurrency tests under ThreadSanitizer
+#   make test-tsan  the tests under ThreadSanitizer
 #   make bench      the benchmarks (medians of 5 repetitions)
 #   make bench-remote  remote calls over DDS on loopback beside in-process calls
 #   make fuzz       each fuzz target for FUZZ_SECONDS (clang and libFuzzer, installed if missing)

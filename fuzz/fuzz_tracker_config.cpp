@@ -11,11 +11,14 @@
 #include <shared_mutex>
 #include <sstream>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
 #include <kr/error.h>
 #include <kr/value/valueutils.h>
 #include <krtracker/config/krgenerictrackerconfig.h>
 #include <krtracker/generictracker/generictracker.h>
+#include <krtracker/generictracker/submodules.h>
 
 #include "fuzz_support.h"
 #include "krvalue_gen.h"
@@ -38,9 +41,9 @@ std::string robotDescription() {
 void buildTracker() {
   static std::shared_ptr<KR::KRBroker> broker = KR::KRBroker::create();
   const std::string description = robotDescription();
-  for (const char* name :
-       {"KRMotion", "_Smoother", "_MotionMove", "_NavigationMove", "_RoundSearcher", "_HeadLooker",
-        "_WholeBodyLooker", "_ArmsLooker", "_KRTargetManager", "KRMemory", "KRRobotModel"}) {
+  std::vector<std::string> names{"KRMotion", "KRMemory", "KRRobotModel"};
+  names.insert(names.end(), T::kSubModules.begin(), T::kSubModules.end());
+  for (const std::string& name : names) {
     broker->addModule(std::make_shared<krfuzz::ScriptedModule>(
         name, [description](const std::string& method, const std::vector<KRValue>&) {
           return method == "getConfig" ? KRValue(description) : KRValue();

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <exception>
 #include <fstream>
 #include <iomanip>
 #include <mutex>
@@ -37,21 +38,25 @@ int listScenariosTo(std::ostream& out) {
   return 0;
 }
 
-/// The scenario on its robot, the outputs and the pictures, all checked: UsageError
-/// otherwise.
-Scenario prepare(RunConfig& config, bool snapshotHook) {
-  Scenario scenario;
+/// The settings and the scenario on its robot, checked: UsageError otherwise.
+Scenario prepare(const RunConfig& config) {
   try {
     config.validate();
-    scenario = prepareScenario(config);
-    checkPictures(config, snapshotHook);
-    decideOutputs(config, scenario.name, {scenario.robot->path, scenario.file});
+    return prepareScenario(config);
   } catch (const KRError& e) {
     throw UsageError(e.message());
   } catch (const InputError& e) {
     throw UsageError(e.what());
   }
-  return scenario;
+}
+
+/// Where the outputs go, checked: UsageError otherwise.
+void prepareOutputs(RunConfig& config, const Scenario& scenario) {
+  try {
+    decideOutputs(config, scenario.name, {scenario.robot->path, scenario.file});
+  } catch (const KRError& e) {
+    throw UsageError(e.message());
+  }
 }
 
 SimulationConfig simulationConfig(const RunConfig& config, const SubModuleFactory& modules) {
@@ -61,11 +66,32 @@ SimulationConfig simulationConfig(const RunConfig& config, const SubModuleFactor
   return sim;
 }
 
-/// One run of a scenario with one seed, measured only.
+/// The run of a scenario with one seed, built before anything is printed or written: a
+/// robot that the physics backend rejects is a bad input, refused like the others.
+std::unique_ptr<ScenarioRun> buildRun(const Scenario& scenario, const SimulationConfig& config) {
+  try {
+    return std::make_unique<ScenarioRun>(scenario, config);
+  } catch (const KRError& e) {
+    if (e.method() == config.physics)
+      throw UsageError("--physics: " + e.message());
+    throw;
+  }
+}
+
+/// Plays a run built by buildRun; streams its CSV if `csv` is not null.
+RunResult playOnce(ScenarioRun& run, std::ostream* progress, std::ostream* csv,
+                   const AfterStep& afterStep, std::clock_t cpuStart) {
+  if (progress != nullptr)
+    run.setProgress([progress](const std::string& line) { *progress << line << "\n"; });
+  if (csv != nullptr)
+    CsvWriter::follow(run, *csv);
+  return playRun(run, afterStep, cpuStart);
+}
+
 RunResult runOnce(const Scenario& scenario, const SimulationConfig& config) {
   const std::clock_t cpuStart = std::clock();
-  ScenarioRun run(scenario, config);
-  return playRun(run, false, cpuStart);
+  const auto run = buildRun(scenario, config);
+  return playOnce(*run, nullptr, nullptr, {}, cpuStart);
 }
 
 /// The thresholds behind "on target", stated under the table.
@@ -86,24 +112,24 @@ std::vector<RunResult> runSeeds(const Scenario& scenario, const SimulationConfig
   std::vector<RunResult> results(n);
   std::atomic<std::size_t> next{0};
   std::mutex failureMutex;
-  std::string failure;
+  std::exception_ptr failure;
   auto worker = [&] {
     for (std::size_t i = next++; i < n; i = next++) {
       SimulationConfig c = config;
       c.seed = range.first + static_cast<std::uint32_t>(i);
       try {
         results[i] = runOnce(scenario, c);
-      } catch (const std::exception& e) {
+      } catch (...) {
         std::lock_guard<std::mutex> lock(failureMutex);
-        failure = e.what();
+        failure = std::current_exception();
       }
     }
   };
   std::thread second(worker);
   worker();
   second.join();
-  if (!failure.empty())
-    throw std::runtime_error(failure);
+  if (failure)
+    std::rethrow_exception(failure);
   return results;
 }
 
@@ -228,8 +254,8 @@ void writeOutputs(const RunConfig& config, const Scenario& scenario, const RunRe
   out << "Plot: " << absolutePath(config.plot) << "\n";
 }
 
-int runSingle(const RunConfig& config, const Scenario& scenario, const SubModuleFactory& modules,
-              const SnapshotHook& hook, std::ostream& out) {
+int runSingle(const RunConfig& config, const Scenario& scenario, ScenarioRun& run,
+              std::clock_t cpuStart, const SnapshotHook& hook, std::ostream& out) {
   printHeader(config, scenario, out);
   TemporaryFile temporary;
   const std::string csvPath = csvPathFor(config, temporary);
@@ -239,14 +265,9 @@ int runSingle(const RunConfig& config, const Scenario& scenario, const SubModule
     if (!csv)
       throw std::runtime_error("cannot write " + csvPath);
   }
-  const std::clock_t cpuStart = std::clock();
-  ScenarioRun run(scenario, simulationConfig(config, modules));
-  if (!config.quiet)
-    run.setProgress([&out](const std::string& line) { out << line << "\n"; });
-  if (!csvPath.empty())
-    CsvWriter::follow(run, csv);
   RunPictures pictures(run, config, hook);
-  const RunResult r = playRun(run, pictures.afterStep(config.realtime), cpuStart);
+  const RunResult r = playOnce(run, config.quiet ? nullptr : &out, csvPath.empty() ? nullptr : &csv,
+                               pictures.afterStep(config.realtime), cpuStart);
   pictures.finish();
   if (!csvPath.empty() && !csv.flush())
     throw std::runtime_error("cannot write " + csvPath);
@@ -263,11 +284,18 @@ int RunCommand::run(std::ostream& out, const SubModuleFactory& modules,
                     const SnapshotHook& snapshot) {
   if (list)
     return listScenariosTo(out);
-  const Scenario scenario = prepare(config, static_cast<bool>(snapshot));
-  StopSignals stopSignals;
-  if (config.seeds || !config.compare.empty())
+  const Scenario scenario = prepare(config);
+  if (config.seeds || !config.compare.empty()) {
+    prepareOutputs(config, scenario);
+    StopSignals stopSignals;
     return runMany(config, scenario, modules, out);
-  return runSingle(config, scenario, modules, snapshot, out);
+  }
+  const std::clock_t cpuStart = std::clock();
+  const auto run = buildRun(scenario, simulationConfig(config, modules));
+  checkPictures(config, static_cast<bool>(snapshot));
+  prepareOutputs(config, scenario);
+  StopSignals stopSignals;
+  return runSingle(config, scenario, *run, cpuStart, snapshot, out);
 }
 
 }  // namespace Sim

@@ -43,6 +43,15 @@ inline std::string readFile(const std::string& path) {
   return text.str();
 }
 
+/// The lines of a text, without their ends.
+inline std::vector<std::string> linesOf(const std::string& text) {
+  std::istringstream in(text);
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(in, line);)
+    lines.push_back(line);
+  return lines;
+}
+
 /// A robot's motion service on a broker of its own, stepped by hand on a clock the test
 /// advances. The servos are ideal unless told otherwise.
 struct SimRobot {

@@ -197,7 +197,7 @@ TEST(WholeBodyLookAt, ClampsToTheBoundsAndTiltCorrectsAfterwards) {
     EXPECT_EQ(look(target, model, kTop, true).angles[0], 0.3f) << target;
 }
 
-// ---- dead bands and the configured yaw limit ---------------------------------------------------
+// ---- the configured yaw limit (the dead bands: dead_band_test.cpp) ----------------------------
 
 class HeadThresholdTest : public ::testing::Test {
  protected:
@@ -222,42 +222,6 @@ class HeadThresholdTest : public ::testing::Test {
   Names names_{"", ""};
   Floats angles_{0.0f, 0.0f};
 };
-
-TEST_F(HeadThresholdTest, ZeroThresholdAlwaysTakesTheNewAngles) {
-  const Position3D a(1.0f, 0.4f, 0.1f);
-  const Position3D b(1.0f, 0.4001f, 0.1f);
-  EXPECT_TRUE(look(a, 0.0f));
-  expectRemembered(solve(a).first, solve(a).second);
-  // Even an unchanged target counts as a change at threshold 0.
-  EXPECT_TRUE(look(a, 0.0f));
-  EXPECT_TRUE(look(b, 0.0f));
-  EXPECT_EQ(remembered_.yaw, solve(b).first);
-  EXPECT_EQ(names_, (Names{"HeadYaw", "HeadPitch"}));
-  EXPECT_EQ(angles_, (Floats{remembered_.yaw, remembered_.pitch}));
-
-  // An unsolvable target leaves everything untouched.
-  const TrackerHeadAngle before = remembered_;
-  const Floats anglesBefore = angles_;
-  EXPECT_FALSE(look(model_.head.headPosition, 0.0f));
-  expectRemembered(before.yaw, before.pitch);
-  EXPECT_EQ(angles_, anglesBefore);
-}
-
-TEST_F(HeadThresholdTest, LargeThresholdKeepsTheRememberedAngles) {
-  ASSERT_TRUE(look({1.0f, 0.4f, 0.1f}, 0.0f));
-  const TrackerHeadAngle before = remembered_;
-
-  EXPECT_FALSE(look({1.0f, 0.42f, 0.12f}, 0.2f));
-  expectRemembered(before.yaw, before.pitch);
-  // The lists carry the remembered command, written in place.
-  EXPECT_EQ(angles_, (Floats{before.yaw, before.pitch}));
-  EXPECT_EQ(names_.size(), 2u);
-
-  // A move beyond the band on one axis only updates that axis.
-  const Position3D left(0.2f, 1.0f, 0.12f);
-  EXPECT_TRUE(look(left, 0.2f));
-  expectRemembered(solve(left).first, before.pitch);
-}
 
 TEST_F(HeadThresholdTest, ConfiguredYawLimitBoundsOnlyTheYawAndIsReadEveryCall) {
   const Position3D farLeft(0.1f, 2.0f, -0.3f);
@@ -285,21 +249,6 @@ TEST_F(HeadThresholdTest, ConfiguredYawLimitBoundsOnlyTheYawAndIsReadEveryCall) 
   limitYaw(KRValue(1));
   ASSERT_TRUE(look(farLeft, 0.0f));
   EXPECT_EQ(remembered_.yaw, 1.0f);
-}
-
-TEST(HeadApplyThreshold, WritesTheFirstTwoEntriesInPlace) {
-  const KRTrackerModel model = loadModel("rover.xml");
-  TrackerHeadAngle remembered;
-  remembered.yaw = 0.1f, remembered.pitch = 0.2f;
-  Names names{"x", "y", "z"};
-  Floats angles{9.0f, 9.0f, 9.0f};
-
-  EXPECT_FALSE(tools::applyThreshold(0.05f, 0.12f, 0.17f, model.head, remembered, names, angles));
-  EXPECT_EQ(names, (Names{"HeadYaw", "HeadPitch", "z"}));
-  EXPECT_EQ(angles, (Floats{0.1f, 0.2f, 9.0f}));
-
-  EXPECT_TRUE(tools::applyThreshold(0.05f, 0.1f, 0.3f, model.head, remembered, names, angles));
-  EXPECT_EQ(angles, (Floats{0.1f, 0.3f, 9.0f}));
 }
 
 // ---- look behind -------------------------------------------------------------------------------

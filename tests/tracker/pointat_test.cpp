@@ -181,7 +181,7 @@ TEST(ArmPointAt, ElbowAnglesAreClippedToTheirJoints) {
   EXPECT_TRUE(q.a[4] >= -0.1f && q.a[4] <= 0.1f) << q.a[4];
 }
 
-// ---- dead band -------------------------------------------------------------------------------
+// ---- a dead band of the wrong kind (the dead bands: dead_band_test.cpp) -----------------------
 
 class ArmThresholdTest : public ::testing::Test {
  protected:
@@ -200,38 +200,6 @@ class ArmThresholdTest : public ::testing::Test {
   std::vector<float> angles_;
 };
 
-TEST_F(ArmThresholdTest, ZeroThresholdTakesEveryAngleAndAppends) {
-  setThreshold(KRValue(0.0f));
-  names_ = {"Head"}, angles_ = {0.0f};
-  const Position3D target(0.7f, 0.3f, 0.2f);
-  EXPECT_TRUE(point(target, kibo_.leftArm));
-  const Angles q = solve(target, kibo_.leftArm);
-  EXPECT_EQ(remembered_.angles, (std::array<float, 5>{q.a[0], q.a[1], q.a[2], q.a[3], q.a[4]}));
-  EXPECT_EQ(names_, (std::vector<std::string>{"Head", "LShoulderPitch", "LShoulderRoll",
-                                              "LElbowYaw", "LElbowRoll", "LWristYaw"}));
-  EXPECT_EQ(angles_, (std::vector<float>{0.0f, q.a[0], q.a[1], q.a[2], q.a[3], q.a[4]}));
-  EXPECT_TRUE(point(target, kibo_.leftArm));  // an unchanged target still counts at 0
-}
-
-TEST_F(ArmThresholdTest, ThresholdIsReadOnEveryCall) {
-  setThreshold(KRValue(0.0f));
-  ASSERT_TRUE(point({0.7f, 0.3f, 0.2f}, kibo_.rightArm));
-  const TrackerArmAngle before = remembered_;
-
-  // Well inside a wide band: nothing changes, and the remembered angles are sent again.
-  setThreshold(KRValue(0.5f));
-  names_.clear();
-  angles_.clear();
-  EXPECT_FALSE(point({0.7f, 0.32f, 0.22f}, kibo_.rightArm));
-  EXPECT_EQ(remembered_.angles, before.angles);
-  EXPECT_EQ(angles_, std::vector<float>(before.angles.begin(), before.angles.end()));
-
-  // The same target again once the band is closed.
-  setThreshold(KRValue(0));
-  EXPECT_TRUE(point({0.7f, 0.32f, 0.22f}, kibo_.rightArm));
-  EXPECT_NE(remembered_.angles, before.angles);
-}
-
 TEST_F(ArmThresholdTest, AThresholdOfTheWrongKindIsReportedUnderThisComputation) {
   setThreshold(KRValue("wide"));
   const std::string what = krtest::errorOf<std::runtime_error>([&] {
@@ -241,27 +209,6 @@ TEST_F(ArmThresholdTest, AThresholdOfTheWrongKindIsReportedUnderThisComputation)
   EXPECT_NE(what.find("KRValue"), std::string::npos) << what;
   EXPECT_EQ(what.find("getConfigFloatValue"), std::string::npos) << what;
   EXPECT_TRUE(angles_.empty());
-}
-
-TEST(ArmApplyThreshold, AnArmWithoutWristAppendsFourAndIgnoresTheFifthAngle) {
-  const KRTrackerModel rover = loadModel("rover.xml");
-  TrackerArmAngle remembered;
-  remembered.angles = {0.1f, 0.2f, 0.3f, 0.4f, 0.5f};
-  std::vector<std::string> names;
-  std::vector<float> angles;
-  // Only the absent wrist moves beyond the band.
-  EXPECT_FALSE(tools::applyThreshold(0.1f, 0.11f, 0.21f, 0.31f, 0.41f, 2.0f, rover.leftArm,
-                                     remembered, names, angles));
-  EXPECT_EQ(remembered.angles[4], 0.5f);
-  EXPECT_EQ(names, (std::vector<std::string>{"LShoulderPitch", "LShoulderRoll", "LElbowYaw",
-                                             "LElbowRoll"}));
-  EXPECT_EQ(angles, (std::vector<float>{0.1f, 0.2f, 0.3f, 0.4f}));
-
-  // One joint beyond the band is enough; the others keep their remembered value.
-  EXPECT_TRUE(tools::applyThreshold(0.1f, 0.11f, 0.21f, 0.9f, 0.41f, 0.5f, rover.leftArm,
-                                    remembered, names, angles));
-  EXPECT_EQ(remembered.angles, (std::array<float, 5>{0.1f, 0.2f, 0.9f, 0.4f, 0.5f}));
-  EXPECT_EQ(angles.size(), 8u);
 }
 
 }  // namespace

@@ -16,6 +16,7 @@
 #include <kr/broker/broker.h>
 #include <kr/target/targets.h>
 #include <krtracker/generictracker/generictracker.h>
+#include <krtracker/generictracker/submodules.h>
 
 #include "support/fake_module.h"
 #include "support/fault_injection.h"
@@ -53,9 +54,12 @@ inline Calls trackStartCalls(const std::string& target) {
 
 /// Modules the tracker opens, in the order it opens them.
 inline const std::vector<std::string>& trackerModuleNames() {
-  static const std::vector<std::string> kNames = {
-      "KRMotion",    "_Smoother",        "_MotionMove", "_NavigationMove",  "_RoundSearcher",
-      "_HeadLooker", "_WholeBodyLooker", "_ArmsLooker", "_KRTargetManager", "KRMemory"};
+  static const std::vector<std::string> kNames = [] {
+    std::vector<std::string> names{"KRMotion"};
+    names.insert(names.end(), KR::Tracker::kSubModules.begin(), KR::Tracker::kSubModules.end());
+    names.push_back("KRMemory");
+    return names;
+  }();
   return kNames;
 }
 
@@ -108,8 +112,8 @@ class TrackerHarness {
     }
     if (modules.count("KRRobotModel"))
       modules["KRRobotModel"]->answer("getConfig", readRobotFile(robotFile));
-    if (modules.count("_KRTargetManager")) {
-      FakeModule& tm = *modules["_KRTargetManager"];
+    if (modules.count(KR::Tracker::kTargetManagerModule)) {
+      FakeModule& tm = *modules[KR::Tracker::kTargetManagerModule];
       tm.answer("isTargetManaged", true);
       tm.answer("getEventName", "evt");
       tm.answer("getSecondEventName", "evt2");
@@ -181,10 +185,12 @@ class TrackerTest : public ::testing::Test {
   FakeModule& module(const std::string& name) { return harness.module(name); }
   Records records() const { return trackerRecords(log); }
   /// The target manager's `method` fails with "boom" until restored (then it answers true).
-  void failTargetManager(const std::string& method) { module("_KRTargetManager").throwOn(method); }
+  void failTargetManager(const std::string& method) {
+    module(KR::Tracker::kTargetManagerModule).throwOn(method);
+  }
   void restoreTargetManager(const std::string& method) {
-    module("_KRTargetManager").reset(method);
-    module("_KRTargetManager").answer("isTargetManaged", true);
+    module(KR::Tracker::kTargetManagerModule).reset(method);
+    module(KR::Tracker::kTargetManagerModule).answer("isTargetManaged", true);
   }
 
   ko::log::ScopedCapture log;

@@ -15,6 +15,7 @@
 #include <kr/error.h>
 
 #include <krtracker/config/krgenerictrackerconfig.h>
+#include <krtracker/generictracker/submodules.h>
 
 #include <krsim/report/json_summary.h>
 #include <krsim/report/summary_table.h>
@@ -33,10 +34,11 @@ using namespace std::chrono_literals;
 
 /// What the tracking service opens on the robot side.
 const std::vector<std::string>& robotModuleNames() {
-  static const std::vector<std::string> kNames = {
-      "KRMotion",    "KRMemory",       "KRRobotModel",   "_KRTargetManager",
-      "_Smoother",   "_RoundSearcher", "_HeadLooker",    "_WholeBodyLooker",
-      "_ArmsLooker", "_MotionMove",    "_NavigationMove"};
+  static const std::vector<std::string> kNames = [] {
+    std::vector<std::string> names{"KRMotion", "KRMemory", "KRRobotModel"};
+    names.insert(names.end(), Tracker::kSubModules.begin(), Tracker::kSubModules.end());
+    return names;
+  }();
   return kNames;
 }
 

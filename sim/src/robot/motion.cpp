@@ -7,6 +7,8 @@
 #include <kr/error.h>
 #include <kr/model/kinematics.h>
 
+#include <krsim/robot/physics/factory.h>
+
 namespace KR {
 namespace Sim {
 

@@ -1,4 +1,5 @@
-// The remote methods of "KRMotion": each converts its arguments and calls SimMotion.
+// SimMotion's bindings on the broker: the remote methods of "KRMotion", each converting its
+// arguments and calling SimMotion.
 #include <krsim/robot/motion.h>
 
 #include <kr/error.h>

@@ -68,6 +68,11 @@ std::string resolveRobotFile(const std::string& nameOrPath) {
   return nameOrPath;
 }
 
+std::string findDataFile(const std::string& relative) {
+  const std::string path = std::string(KRTRACKER_ROBOTS_DIR) + "/../" + relative;
+  return std::ifstream(path).good() ? path : std::string();
+}
+
 void checkInputFile(const std::string& what, const std::string& path) {
   struct stat st {};
   if (::stat(path.c_str(), &st) != 0)

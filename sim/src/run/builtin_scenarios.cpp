@@ -15,10 +15,6 @@
 #include <krsim/run/simulation.h>
 #include <krtracker/tools/tools.h>
 
-#ifndef KRTRACKER_ROBOTS_DIR
-#define KRTRACKER_ROBOTS_DIR "robots"
-#endif
-
 namespace KR {
 namespace Sim {
 
@@ -332,11 +328,6 @@ Scenario makeScenario(const std::string& name, const ScenarioOptions& options) {
     }
   }
   return s;
-}
-
-std::string findDataFile(const std::string& relative) {
-  const std::string path = std::string(KRTRACKER_ROBOTS_DIR) + "/../" + relative;
-  return std::ifstream(path).good() ? path : std::string();
 }
 
 }  // namespace Sim

@@ -2,7 +2,7 @@
 
 #include <kr/error.h>
 
-#include <krsim/robot/physics/backend.h>
+#include <krsim/robot/physics/factory.h>
 
 namespace KR {
 namespace Sim {
@@ -25,9 +25,9 @@ void checkModes(const RunConfig& config, const Scenario& scenario) {
   }
 }
 
-void checkPhysics(const RunConfig& config, const Scenario& scenario) {
+void checkPhysics(const RunConfig& config) {
   try {
-    makePhysicsBackend(config.physics, *scenario.robot->robot);
+    checkPhysicsBackendName(config.physics);
   } catch (const KRError& e) {
     throw KRError("krsim", "RunConfig", "--physics: " + e.message());
   }
@@ -47,7 +47,7 @@ Scenario prepareScenario(const RunConfig& config) {
     checkInputFile("scenario", name);
   Scenario scenario = makeScenario(name, options);
   checkModes(config, scenario);
-  checkPhysics(config, scenario);
+  checkPhysics(config);
   return scenario;
 }
 

@@ -2,7 +2,7 @@
 
 #include <kr/error.h>
 
-#include <krsim/robot/physics/backend.h>
+#include <krsim/robot/physics/factory.h>
 
 namespace KR {
 namespace Sim {
@@ -18,9 +18,7 @@ Simulation::Simulation(SimulationConfig config) {
   fContext.memory = std::make_shared<SimMemory>(fContext.clock);
   fContext.motion = std::make_shared<SimMotion>(
       *fContext.robot, fContext.clock,
-      config.physics == "kinematic" ? std::make_unique<KinematicBackend>(
-                                          simulatedJoints(*fContext.robot).size(), config.servo)
-                                    : makePhysicsBackend(config.physics, *fContext.robot));
+      makePhysicsBackend(config.physics, *fContext.robot, config.servo));
 
   fContext.motion->resetPose(config.startPose);
   fContext.world =

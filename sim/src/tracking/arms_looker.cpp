@@ -8,6 +8,7 @@
 #include <kr/model/kinematics.h>
 
 #include <krtracker/config/krgenerictrackerconfig.h>
+#include <krtracker/generictracker/submodules.h>
 #include <krtracker/tools/namer/namer.h>
 #include <krtracker/tools/tools.h>
 
@@ -37,18 +38,18 @@ bool ArmsLooker::isWithinReach(const Model::TrackerArm& arm, const Math::Positio
 }
 
 ArmsLooker::ArmsLooker(const SimContext& context)
-    : LookerBase(kArmsLookerModule, context, Tracker::Namer::getNameArmRestarted()) {
+    : LookerBase(Tracker::kArmsLookerModule, context, Tracker::Namer::getNameArmRestarted()) {
   bind("setImplParam", &ArmsLooker::setImplParam, this);
 }
 
 void ArmsLooker::setImplParam(const KRValue& params) {
   if (!params.isArray() || params.size() != 2 || !params[0].isString() || !params[1].isBool()) {
-    throw KRError(kArmsLookerModule, "setImplParam", "Expected [effector, wholeBody].");
+    throw KRError(Tracker::kArmsLookerModule, "setImplParam", "Expected [effector, wholeBody].");
   }
   const std::string& effector = params[0].asString();
   if (effector != "Arms" && effector != "LArm" && effector != "RArm" && effector != "None") {
     throw KRError(
-        kArmsLookerModule, "setImplParam",
+        Tracker::kArmsLookerModule, "setImplParam",
         "Invalid effector name: \"" + effector + "\". Could be: Arms, LArm, RArm or None.");
   }
   std::lock_guard<std::mutex> lock(fMutex);
@@ -97,58 +98,17 @@ bool ArmsLooker::xFollow(const TargetInput::Sample& sample, KRTimePoint now) {
     return false;
   }
   if (s.resync) {
-    for (const auto& [state, arm] : arms) {
-      const auto measured = fMotion->call<std::vector<float>>("getAngles", arm->name, true);
-      std::size_t k = 0;
-      for (std::size_t i = 0; i < arm->joints.size(); ++i) {
-        if (!arm->joints[i].name.empty() && k < measured.size()) {
-          state->remembered.angles[i] = measured[k++];
-        }
-      }
-      state->atRest = false;
-    }
+    xResyncArms(arms);
     s.resync = false;
   }
-
-  const Math::Transform worldToTorso = Tracker::tools::getWorldToTorsoTransform(fMotion);
-  const Math::Position3D seen = sample.info.getTorsoToObject3D(Math::pinv(worldToTorso));
-  // The command acts during the next step, while the target and the torso go on moving: aim
-  // where the target will be then, from its motion in the torso frame.
-  if (s.hasLast) {
-    const float dt = static_cast<float>(secondsBetween(s.lastTime, now));
-    if (dt > 0.0f && dt < 0.1f) {
-      s.torsoVelocity = s.torsoVelocity * (1.0f - kVelocitySmoothing) +
-                        (seen - s.lastSeen) * (kVelocitySmoothing / dt);
-    }
-  }
-  s.hasLast = true;
-  s.lastSeen = seen;
-  s.lastTime = now;
-  const Math::Position3D target =
-      seen + s.torsoVelocity * static_cast<float>(std::chrono::duration<double>(kLead).count());
+  const Math::Position3D target = xAimPoint(sample, now);
   fNames.clear();
   fAngles.clear();
   const auto previous = s.arms;
   for (const auto& [state, arm] : arms) {
     if (isWithinReach(*arm, target)) {
       state->atRest = false;
-      fArmNames.clear();
-      fArmAngles.clear();
-      // The dead band decides when to move; each move then aims exactly, with every joint,
-      // so that joints left inside their own band do not keep the forearm off the target.
-      bool send = Tracker::tools::computePointAtAnglesWithThreshold(target, *arm, state->remembered,
-                                                                    fArmNames, fArmAngles);
-      send = send || aimError(*arm, state->remembered, target) > kMaxAimError;
-      if (send) {
-        fArmNames.clear();
-        fArmAngles.clear();
-        Tracker::tools::computePointAtAngles(target, *arm, fArmNames, fArmAngles);
-        for (std::size_t i = 0; i < fArmAngles.size() && i < state->remembered.angles.size(); ++i) {
-          state->remembered.angles[i] = fArmAngles[i];
-        }
-        fNames.insert(fNames.end(), fArmNames.begin(), fArmNames.end());
-        fAngles.insert(fAngles.end(), fArmAngles.begin(), fArmAngles.end());
-      }
+      xAppendAim(*state, *arm, target);
     } else if (!s.wholeBody && !state->atRest) {
       state->atRest = true;
       xAppendRest(*state, *arm, fNames, fAngles);
@@ -165,6 +125,60 @@ bool ArmsLooker::xFollow(const TargetInput::Sample& sample, KRTimePoint now) {
                       false, true);
   xLog(Tracker::LOG_ARM_COMMAND, kLogFile, now);
   return true;
+}
+
+void ArmsLooker::xResyncArms(const std::vector<std::pair<Arm*, const Model::TrackerArm*>>& arms) {
+  for (const auto& [state, arm] : arms) {
+    const auto measured = fMotion->call<std::vector<float>>("getAngles", arm->name, true);
+    std::size_t k = 0;
+    for (std::size_t i = 0; i < arm->joints.size(); ++i) {
+      if (!arm->joints[i].name.empty() && k < measured.size()) {
+        state->remembered.angles[i] = measured[k++];
+      }
+    }
+    state->atRest = false;
+  }
+}
+
+Math::Position3D ArmsLooker::xAimPoint(const TargetInput::Sample& sample, KRTimePoint now) {
+  ArmsLookerState& s = fState;
+  const Math::Transform worldToTorso = Tracker::tools::getWorldToTorsoTransform(fMotion);
+  const Math::Position3D seen = sample.info.getTorsoToObject3D(Math::pinv(worldToTorso));
+  // The command acts during the next step, while the target and the torso go on moving: aim
+  // where the target will be then, from its motion in the torso frame.
+  if (s.hasLast) {
+    const float dt = static_cast<float>(secondsBetween(s.lastTime, now));
+    if (dt > 0.0f && dt < 0.1f) {
+      s.torsoVelocity = s.torsoVelocity * (1.0f - kVelocitySmoothing) +
+                        (seen - s.lastSeen) * (kVelocitySmoothing / dt);
+    }
+  }
+  s.hasLast = true;
+  s.lastSeen = seen;
+  s.lastTime = now;
+  return seen + s.torsoVelocity * static_cast<float>(std::chrono::duration<double>(kLead).count());
+}
+
+void ArmsLooker::xAppendAim(Arm& state, const Model::TrackerArm& arm,
+                            const Math::Position3D& target) {
+  fArmNames.clear();
+  fArmAngles.clear();
+  // The dead band decides when to move; each move then aims exactly, with every joint,
+  // so that joints left inside their own band do not keep the forearm off the target.
+  bool send = Tracker::tools::computePointAtAnglesWithThreshold(target, arm, state.remembered,
+                                                                fArmNames, fArmAngles);
+  send = send || aimError(arm, state.remembered, target) > kMaxAimError;
+  if (!send) {
+    return;
+  }
+  fArmNames.clear();
+  fArmAngles.clear();
+  Tracker::tools::computePointAtAngles(target, arm, fArmNames, fArmAngles);
+  for (std::size_t i = 0; i < fArmAngles.size() && i < state.remembered.angles.size(); ++i) {
+    state.remembered.angles[i] = fArmAngles[i];
+  }
+  fNames.insert(fNames.end(), fArmNames.begin(), fArmNames.end());
+  fAngles.insert(fAngles.end(), fArmAngles.begin(), fArmAngles.end());
 }
 
 }  // namespace Sim

@@ -5,6 +5,8 @@
 #include <kr/error.h>
 #include <kr/math/math.h>
 
+#include <krtracker/generictracker/submodules.h>
+
 namespace KR {
 namespace Sim {
 
@@ -19,7 +21,7 @@ float fractionOf(float speed, const Model::TrackerJoint& joint) {
 }  // namespace
 
 HeadLooker::HeadLooker(const SimContext& context)
-    : LookerBase(kHeadLookerModule, context, Tracker::Namer::getNameHeadRestarted()) {
+    : LookerBase(Tracker::kHeadLookerModule, context, Tracker::Namer::getNameHeadRestarted()) {
   fNames.resize(2);
   fAngles.resize(2);
   bind("setImplParam", &HeadLooker::setImplParam, this);
@@ -27,12 +29,13 @@ HeadLooker::HeadLooker(const SimContext& context)
 
 void HeadLooker::setImplParam(const KRValue& params) {
   if (!params.isArray() || params.size() != 2 || !params[0].isNumber() || !params[1].isNumber()) {
-    throw KRError(kHeadLookerModule, "setImplParam", "Expected [maxVelocity, maxAcceleration].");
+    throw KRError(Tracker::kHeadLookerModule, "setImplParam",
+                  "Expected [maxVelocity, maxAcceleration].");
   }
   const float velocity = params[0].asFloat();
   const float acceleration = params[1].asFloat();
   if (!(velocity > 0.0f) || !(acceleration > 0.0f)) {
-    throw KRError(kHeadLookerModule, "setImplParam",
+    throw KRError(Tracker::kHeadLookerModule, "setImplParam",
                   "The maximum velocity and acceleration must be strictly positive.");
   }
   std::lock_guard<std::mutex> lock(fMutex);

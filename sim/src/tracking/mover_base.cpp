@@ -2,11 +2,15 @@
 
 #include <algorithm>
 #include <cmath>
+#include <string>
+#include <vector>
 
 #include <kr/math/math.h>
 
 #include <krtracker/tools/namer/namer.h>
 #include <krtracker/tools/tools.h>
+
+#include <krsim/tracking/config_reads.h>
 
 namespace KR {
 namespace Sim {
@@ -19,20 +23,14 @@ bool MoverBase::Situation::withinThresholds() const {
 }
 
 MoverBase::MoverBase(const std::string& name, const SimContext& context)
-    : SimModule(name),
-      fName(name),
-      fMemory(context.memory),
-      fMotionService(context.motion),
-      fMotion(context.broker->getProxy("KRMotion", 0)) {
+    : SubModuleLifecycle(name, context) {
   fSubscriptions.push_back(fMemory->subscribe(
       Namer::getNameMove(), [this](const std::string&, const KRValue& v) { xOnMove(v); }));
   fSubscriptions.push_back(fMemory->subscribe(
       Namer::getNameLost(), [this](const std::string&, const KRValue&) { xOnLost(true); }));
   fSubscriptions.push_back(fMemory->subscribe(
       Namer::getNameDetected(), [this](const std::string&, const KRValue&) { xOnLost(false); }));
-  bind("start", &MoverBase::start, this);
   bind("setParam", &MoverBase::setParam, this);
-  bind("exit", &MoverBase::exit, this);
 }
 
 MoverBase::~MoverBase() {
@@ -64,27 +62,10 @@ void MoverBase::xOnLost(bool lost) {
   fLost = lost;
 }
 
-void MoverBase::start() {
-  std::lock_guard<std::mutex> lock(fMutex);
-  fState.running = true;
-  fState.reached = false;
-}
-
 void MoverBase::setParam(const KRValue& config) {
-  const MoveLimits limits = parseMoveConfig(config, fName);
+  const MoveLimits limits = parseMoveConfig(config, getName());
   std::lock_guard<std::mutex> lock(fMutex);
   fState.limits = limits;
-}
-
-void MoverBase::exit() {
-  std::lock_guard<std::mutex> lock(fMutex);
-  fState.running = false;
-  xStopBase();
-}
-
-MoverState MoverBase::snapshot() const {
-  std::lock_guard<std::mutex> lock(fMutex);
-  return fState;
 }
 
 void MoverBase::xStopBase() {
@@ -95,8 +76,9 @@ void MoverBase::xStopBase() {
 }
 
 bool MoverBase::xBaseAvailable() {
+  static const std::vector<std::string> kBaseResources{"Base"};
   return !configSwitch(Tracker::MOVE_LOW_PRIORITY) ||
-         !Tracker::tools::areAllResourcesTaken(fMotion, baseResources());
+         !Tracker::tools::areAllResourcesTaken(fMotion, kBaseResources);
 }
 
 bool MoverBase::xReached() {
@@ -108,7 +90,7 @@ bool MoverBase::xReached() {
 }
 
 void MoverBase::xRaiseReached() {
-  fMemory->raiseEvent(Namer::getNameTargetReached(), KRValue(fName));
+  fMemory->raiseEvent(Namer::getNameTargetReached(), KRValue(getName()));
 }
 
 std::optional<MoverBase::Situation> MoverBase::xSituation(KRTimePoint now) {

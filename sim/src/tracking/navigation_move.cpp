@@ -7,7 +7,11 @@
 #include <kr/math/math.h>
 
 #include <krtracker/config/krgenerictrackerconfig.h>
+#include <krtracker/generictracker/submodules.h>
 #include <krtracker/tools/tools.h>
+
+#include <krsim/tracking/config_reads.h>
+#include <krsim/tracking/seconds.h>
 
 namespace KR {
 namespace Sim {
@@ -17,7 +21,7 @@ const std::string kCategory = "KRTracker.NavigationMove";
 }  // namespace
 
 NavigationMove::NavigationMove(const SimContext& context)
-    : MoverBase(kNavigationMoveModule, context) {
+    : MoverBase(Tracker::kNavigationMoveModule, context) {
   bind("stopMove", &NavigationMove::stopMove, this);
   bind("stopWithoutStopMove", &NavigationMove::stopWithoutStopMove, this);
 }
@@ -83,33 +87,37 @@ void NavigationMove::update(KRTimePoint now) {
     } else {
       const bool goalMoved = !fGoal || Math::distance(*fGoal, placeInWorld) > kReplanDistance;
       if ((goalMoved || !walking || fTurning) && xBaseAvailable()) {
-        try {
-          if (std::hypot(place.x, place.y) > kNavigateDistance) {
-            fMotion->call<bool>("navigateTo", place.x, place.y);
-          } else {
-            // A short step: walking "facing the goal" would turn the robot round for a few
-            // centimetres; step there facing the target instead.
-            const float facing = std::atan2(s->target.y - place.y, s->target.x - place.x);
-            fMotion->call<void>("moveTo", place.x, place.y,
-                                Math::modulo2PI(facing - s->relative[2]));
-          }
-          fState.moving = true;
-          fTurning = false;
-          fState.reached = false;
-          fGoal = placeInWorld;
-          if (configSwitch(Tracker::LOG_MOVE_COMMAND)) {
-            Tracker::tools::logAnglesToFile({place.x, place.y, s->errorTheta}, {"X", "Y", "Theta"},
-                                            kLogFile, logTime(now), fLogFirst);
-          }
-        } catch (const std::exception& e) {
-          fRefused = true;
-          ko::log::error(kCategory, "update", std::string("Could not navigate: ") + e.what());
-        }
+        xWalkTo(*s, place, placeInWorld, now);
       }
     }
   }
   if (reached) {
     xRaiseReached();
+  }
+}
+
+void NavigationMove::xWalkTo(const Situation& s, const Math::Position3D& place,
+                             const Math::Position3D& placeInWorld, KRTimePoint now) {
+  try {
+    if (std::hypot(place.x, place.y) > kNavigateDistance) {
+      fMotion->call<bool>("navigateTo", place.x, place.y);
+    } else {
+      // A short step: walking "facing the goal" would turn the robot round for a few
+      // centimetres; step there facing the target instead.
+      const float facing = std::atan2(s.target.y - place.y, s.target.x - place.x);
+      fMotion->call<void>("moveTo", place.x, place.y, Math::modulo2PI(facing - s.relative[2]));
+    }
+    fState.moving = true;
+    fTurning = false;
+    fState.reached = false;
+    fGoal = placeInWorld;
+    if (configSwitch(Tracker::LOG_MOVE_COMMAND)) {
+      Tracker::tools::logAnglesToFile({place.x, place.y, s.errorTheta}, {"X", "Y", "Theta"},
+                                      kLogFile, logTime(now), fLogFirst);
+    }
+  } catch (const std::exception& e) {
+    fRefused = true;
+    ko::log::error(kCategory, "update", std::string("Could not navigate: ") + e.what());
   }
 }
 

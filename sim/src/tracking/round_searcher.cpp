@@ -6,9 +6,8 @@
 #include <kr/error.h>
 #include <kr/math/math.h>
 
+#include <krtracker/generictracker/submodules.h>
 #include <krtracker/tools/namer/namer.h>
-
-#include <krsim/tracking/common.h>
 
 namespace KR {
 namespace Sim {
@@ -21,7 +20,7 @@ const std::vector<float>& RoundSearcher::pitchRows() {
 }
 
 RoundSearcher::RoundSearcher(const SimContext& context)
-    : SimModule(kRoundSearcherModule),
+    : SimModule(Tracker::kRoundSearcherModule),
       fMemory(context.memory),
       fMotionService(context.motion),
       fMotion(context.broker->getProxy("KRMotion", 0)) {
@@ -112,7 +111,7 @@ void RoundSearcher::exit() {
 
 void RoundSearcher::setFractionMaxSpeed(float fraction) {
   if (!Math::Validation::isFractionStrict(fraction)) {
-    throw KRError(kRoundSearcherModule, "setFractionMaxSpeed",
+    throw KRError(Tracker::kRoundSearcherModule, "setFractionMaxSpeed",
                   "Expected a fraction in ]0, 1], not " + std::to_string(fraction) + ".");
   }
   std::lock_guard<std::mutex> lock(fMutex);

@@ -8,11 +8,14 @@
 #include <kr/math/math.h>
 
 #include <krtracker/config/krgenerictrackerconfig.h>
+#include <krtracker/generictracker/submodules.h>
 #include <krtracker/tools/namer/namer.h>
 #include <krtracker/tools/tools.h>
 
-#include <krsim/tracking/common.h>
+#include <krsim/tracking/config_reads.h>
+#include <krsim/tracking/landmark_pose.h>
 #include <krsim/tracking/target_manager.h>
+#include <krsim/tracking/track_infos_edit.h>
 
 namespace KR {
 namespace Sim {
@@ -26,12 +29,12 @@ constexpr const char* kInputLogFile = "Smoother_input.txt";
 
 std::vector<std::string> eventsFrom(const std::vector<KRValue>& args, const char* method) {
   if (args.empty() || args.size() > 2) {
-    throw KRError(kSmootherModule, method, "expects one event name or two.");
+    throw KRError(Tracker::kSmootherModule, method, "expects one event name or two.");
   }
   std::vector<std::string> events;
   for (const auto& a : args) {
     if (!a.isString() || a.asString().empty()) {
-      throw KRError(kSmootherModule, method, "event names must be non-empty strings.");
+      throw KRError(Tracker::kSmootherModule, method, "event names must be non-empty strings.");
     }
     events.push_back(a.asString());
   }
@@ -57,10 +60,19 @@ double filterTime(KRTimePoint t) {
   return std::chrono::duration<double>(t.time_since_epoch()).count();
 }
 
+/// Appends an accepted observation to the input log, created with its header on the first.
+void logInputData(const TrackInfos& info, bool first) {
+  const std::string path = Tracker::getLogDirectory() + kInputLogFile;
+  if (first) {
+    Tracker::createLogFile(path);
+  }
+  Tracker::logToFile(path, info.toString(" ", first), Tracker::kSmootherModule);
+}
+
 }  // namespace
 
 Smoother::Smoother(const SimContext& context, std::shared_ptr<const TargetManager> targets)
-    : SimModule(kSmootherModule),
+    : SimModule(Tracker::kSmootherModule),
       fClock(context.clock),
       fMemory(context.memory),
       fMotion(context.broker->getProxy("KRMotion", 0)),
@@ -170,12 +182,11 @@ void Smoother::xAssignLandmarkIds() {
   }
 }
 
-void Smoother::xOnEvent(int generation, std::size_t index, const std::string& name,
-                        const KRValue& value) {
+std::optional<TrackInfos> Smoother::xObservation(const std::string& name, const KRValue& value) {
   TrackInfos info;
-  if (!Tracker::tools::convertTrackerEventToTrackInfo(value, kSmootherModule, name, fMotion,
-                                                      info)) {
-    return;  // logged by the conversion
+  if (!Tracker::tools::convertTrackerEventToTrackInfo(value, Tracker::kSmootherModule, name,
+                                                      fMotion, info)) {
+    return std::nullopt;  // logged by the conversion
   }
   if (!eventCarriesHeadThreshold(value)) {
     info = withHeadThreshold(
@@ -194,9 +205,17 @@ void Smoother::xOnEvent(int generation, std::size_t index, const std::string& na
     info = withPose(info, Math::position6DFromTransform(worldToObject), timeOf(info));
   }
   if (!isFinite(info.getWorldToObject6D()) || !std::isfinite(info.getDistance())) {
-    return;  // never handed on
+    return std::nullopt;  // never handed on
   }
+  return info;
+}
 
+void Smoother::xOnEvent(int generation, std::size_t index, const std::string& name,
+                        const KRValue& value) {
+  const std::optional<TrackInfos> info = xObservation(name, value);
+  if (!info) {
+    return;
+  }
   const bool logInput = configSwitch(Tracker::LOG_INPUT_DATA);
   bool detected = false;
   bool logFirst = false;
@@ -205,106 +224,59 @@ void Smoother::xOnEvent(int generation, std::size_t index, const std::string& na
     if (!fRunning || generation != fGeneration || index >= fTracks.size()) {
       return;
     }
-    if (info.getDistance() > fMaxDistance) {
+    if (info->getDistance() > fMaxDistance) {
       return;
     }
-    Track& t = fTracks[index];
-    const KRTimePoint time = timeOf(info);
-    t.filter.update(filterTime(time), info.getWorldToObject3D());
-    t.hasSample = true;
-    t.last = info;
-    t.lastTime = std::max(t.lastTime, time);
-    fEverSeen = true;
-    fLastSample = info;
-    if (fLost) {
-      fLost = false;
-      detected = true;
-    }
+    detected = xFile(fTracks[index], *info);
     logFirst = fLogInputFirst;
     if (logInput) {
       fLogInputFirst = false;
     }
   }
   if (detected) {
-    xRaise(Namer::getNameDetected(), info.toKRValue());
+    xRaise(Namer::getNameDetected(), info->toKRValue());
   }
   if (logInput) {
-    const std::string path = Tracker::getLogDirectory() + kInputLogFile;
-    if (logFirst) {
-      Tracker::createLogFile(path);
-    }
-    Tracker::logToFile(path, info.toString(" ", logFirst), kSmootherModule);
+    logInputData(*info, logFirst);
   }
+}
+
+bool Smoother::xFile(Track& track, const TrackInfos& info) {
+  const KRTimePoint time = timeOf(info);
+  track.filter.update(filterTime(time), info.getWorldToObject3D());
+  track.hasSample = true;
+  track.last = info;
+  track.lastTime = std::max(track.lastTime, time);
+  fEverSeen = true;
+  fLastSample = info;
+  if (!fLost) {
+    return false;
+  }
+  fLost = false;
+  return true;
 }
 
 void Smoother::xRaise(const std::string& name, const KRValue& value) {
   fMemory->raiseEvent(name, value);
 }
 
+// ---- the periodic loop ---------------------------------------------------------------------
+
 void Smoother::update(KRTimePoint now) {
-  std::vector<std::pair<std::string, KRValue>> events;
+  Events events;
   {
     std::lock_guard<std::mutex> lock(fMutex);
     if (!fRunning) {
       return;
     }
     KRTimePoint lastSeen = fStartTime;
-    const Track* latest = nullptr;
-    for (const auto& t : fTracks) {
-      if (!t.hasSample) {
-        continue;
-      }
-      lastSeen = std::max(lastSeen, t.lastTime);
-      if (latest == nullptr || t.lastTime > latest->lastTime) {
-        latest = &t;
-      }
-    }
+    const Track* latest = xLatest(lastSeen);
     if (!fLost && now - lastSeen > std::chrono::milliseconds(fTimeOutMs)) {
       fLost = true;
       events.emplace_back(Namer::getNameLost(), fLastSample ? fLastSample->toKRValue() : KRValue());
     }
     if (!fLost && latest != nullptr) {
-      // With compensation, the lookers get where the target will be when a joint command sent
-      // now takes effect, the movers where it is now; without, both get the filtered estimate
-      // at its last measurement.
-      const ConstantVelocityFilter& f = latest->filter;
-      const Math::Position6D last = latest->last.getWorldToObject6D();
-      auto at = [&](KRTimePoint t) {
-        const Math::Position3D p = fCompensation ? f.predict(filterTime(t)) : f.position();
-        return Math::Position6D(p.x, p.y, p.z, last.wx, last.wy, last.wz);
-      };
-      const bool predicting =
-          now - latest->lastTime < std::chrono::duration_cast<std::chrono::nanoseconds>(
-                                       std::chrono::duration<double>(f.gains().maxPrediction));
-      events.emplace_back(Namer::getNameLooker(),
-                          withPose(latest->last, at(now + kCommandLead), now).toKRValue());
-      const Math::Position6D pose = at(now);
-      const KRValue sampleValue = withPose(latest->last, pose, now).toKRValue();
-
-      // A moving target is published in steps of the hysteresis; where it comes to rest is
-      // published once more, so that the movers do not stop short of it.
-      const Math::Position3D v = predicting ? f.velocity() : Math::Position3D();
-      const bool resting = std::hypot(v.x, v.y) < kRestSpeed;
-      const bool moved = !fLastMove || std::fabs(pose.x - fLastMove->x) > fMoveHysteresis[0] ||
-                         std::fabs(pose.y - fLastMove->y) > fMoveHysteresis[1] ||
-                         std::fabs(Math::modulo2PI(pose.wz - fLastMove->wz)) > fMoveHysteresis[2];
-      bool settled = false;  // has just come to rest: its velocity is news to the movers
-      if (!moved) {
-        settled = resting && !fMoveAtRest;
-        fMoveAtRest = resting;
-      }
-      if (moved || settled) {
-        fMoveAtRest = resting;
-        fLastMove = pose;
-        const KRValue move{
-            sampleValue,
-            KRValue(std::vector<float>(fRelativePosition.begin(), fRelativePosition.end())),
-            KRValue(v.toVector())};
-        events.emplace_back(Namer::getNameMove(), move);
-        if (!fMoveEvent.empty()) {
-          events.emplace_back(fMoveEvent, move);
-        }
-      }
+      xPublish(*latest, now, events);
     }
   }
   for (const auto& e : events) {
@@ -312,17 +284,79 @@ void Smoother::update(KRTimePoint now) {
   }
 }
 
+const Smoother::Track* Smoother::xLatest(KRTimePoint& lastSeen) const {
+  const Track* latest = nullptr;
+  for (const auto& t : fTracks) {
+    if (!t.hasSample) {
+      continue;
+    }
+    lastSeen = std::max(lastSeen, t.lastTime);
+    if (latest == nullptr || t.lastTime > latest->lastTime) {
+      latest = &t;
+    }
+  }
+  return latest;
+}
+
+void Smoother::xPublish(const Track& latest, KRTimePoint now, Events& events) {
+  // With compensation, the lookers get where the target will be when a joint command sent
+  // now takes effect, the movers where it is now; without, both get the filtered estimate
+  // at its last measurement.
+  const ConstantVelocityFilter& f = latest.filter;
+  const Math::Position6D last = latest.last.getWorldToObject6D();
+  auto at = [&](KRTimePoint t) {
+    const Math::Position3D p = fCompensation ? f.predict(filterTime(t)) : f.position();
+    return Math::Position6D(p.x, p.y, p.z, last.wx, last.wy, last.wz);
+  };
+  const bool predicting =
+      now - latest.lastTime < std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                  std::chrono::duration<double>(f.gains().maxPrediction));
+  events.emplace_back(Namer::getNameLooker(),
+                      withPose(latest.last, at(now + kCommandLead), now).toKRValue());
+  const Math::Position6D pose = at(now);
+  const Math::Position3D velocity = predicting ? f.velocity() : Math::Position3D();
+  xPublishMove(pose, velocity, withPose(latest.last, pose, now).toKRValue(), events);
+}
+
+void Smoother::xPublishMove(const Math::Position6D& pose, const Math::Position3D& velocity,
+                            const KRValue& sample, Events& events) {
+  // A moving target is published in steps of the hysteresis; where it comes to rest is
+  // published once more, so that the movers do not stop short of it.
+  const bool resting = std::hypot(velocity.x, velocity.y) < kRestSpeed;
+  const bool moved = !fLastMove || std::fabs(pose.x - fLastMove->x) > fMoveHysteresis[0] ||
+                     std::fabs(pose.y - fLastMove->y) > fMoveHysteresis[1] ||
+                     std::fabs(Math::modulo2PI(pose.wz - fLastMove->wz)) > fMoveHysteresis[2];
+  bool settled = false;  // has just come to rest: its velocity is news to the movers
+  if (!moved) {
+    settled = resting && !fMoveAtRest;
+    fMoveAtRest = resting;
+  }
+  if (!moved && !settled) {
+    return;
+  }
+  fMoveAtRest = resting;
+  fLastMove = pose;
+  const KRValue move{
+      sample, KRValue(std::vector<float>(fRelativePosition.begin(), fRelativePosition.end())),
+      KRValue(velocity.toVector())};
+  events.emplace_back(Namer::getNameMove(), move);
+  if (!fMoveEvent.empty()) {
+    events.emplace_back(fMoveEvent, move);
+  }
+}
+
 // ---- settings ------------------------------------------------------------------------------
 
 void Smoother::setTarget(const KRValue& relativePosition) {
   if (!relativePosition.isArray() || relativePosition.size() < 3) {
-    throw KRError(kSmootherModule, "setTarget",
+    throw KRError(Tracker::kSmootherModule, "setTarget",
                   "Expected [coordX, coordY, coordWz, thresholdX, thresholdY, thresholdWz].");
   }
   std::array<float, 6> values{};
   for (std::size_t i = 0; i < values.size() && i < relativePosition.size(); ++i) {
     if (!relativePosition[i].isNumber()) {
-      throw KRError(kSmootherModule, "setTarget", "the relative position must hold numbers.");
+      throw KRError(Tracker::kSmootherModule, "setTarget",
+                    "the relative position must hold numbers.");
     }
     values[i] = relativePosition[i].asFloat();
   }
@@ -340,19 +374,19 @@ void Smoother::setTargetIds(int id0, int id1) {
 void Smoother::setMap(const KRValue& map) {
   const char* kFormat = "The map must be [[id0, [x, y, z]], [id1, [x, y, z]]].";
   if (!map.isArray()) {
-    throw KRError(kSmootherModule, "setMap", kFormat);
+    throw KRError(Tracker::kSmootherModule, "setMap", kFormat);
   }
   std::map<int, Math::Position3D> parsed;
   for (std::size_t i = 0; i < map.size(); ++i) {
     const KRValue& entry = map[i];
     if (!entry.isArray() || entry.size() != 2 || !entry[0].isInt() || !entry[1].isArray() ||
         entry[1].size() < 2 || entry[1].size() > 3) {
-      throw KRError(kSmootherModule, "setMap", kFormat);
+      throw KRError(Tracker::kSmootherModule, "setMap", kFormat);
     }
     std::vector<float> xyz;
     for (std::size_t k = 0; k < entry[1].size(); ++k) {
       if (!entry[1][k].isNumber()) {
-        throw KRError(kSmootherModule, "setMap", kFormat);
+        throw KRError(Tracker::kSmootherModule, "setMap", kFormat);
       }
       xyz.push_back(entry[1][k].asFloat());
     }
@@ -364,7 +398,8 @@ void Smoother::setMap(const KRValue& map) {
 
 void Smoother::setMaxDistance(float distance) {
   if (!(distance > 0.0f)) {
-    throw KRError(kSmootherModule, "setMaxDistance", "The distance must be strictly positive.");
+    throw KRError(Tracker::kSmootherModule, "setMaxDistance",
+                  "The distance must be strictly positive.");
   }
   std::lock_guard<std::mutex> lock(fMutex);
   fMaxDistance = distance;
@@ -373,7 +408,7 @@ void Smoother::setMaxDistance(float distance) {
 void Smoother::setTimeOut(int timeOutMs) {
   if (timeOutMs <= 0) {
     throw KRError(
-        kSmootherModule, "setTimeOut",
+        Tracker::kSmootherModule, "setTimeOut",
         "The time-out must be strictly positive, not " + std::to_string(timeOutMs) + " ms.");
   }
   std::lock_guard<std::mutex> lock(fMutex);
@@ -393,7 +428,7 @@ void Smoother::setMoveEvent(const std::string& eventName) {
 void Smoother::setMoveHysteresis(const std::vector<float>& hysteresis) {
   if (hysteresis.size() != 3 ||
       std::any_of(hysteresis.begin(), hysteresis.end(), [](float h) { return !(h >= 0.0f); })) {
-    throw KRError(kSmootherModule, "_setMoveHysteresis",
+    throw KRError(Tracker::kSmootherModule, "_setMoveHysteresis",
                   "Expected three non-negative values [x, y, theta].");
   }
   std::lock_guard<std::mutex> lock(fMutex);
@@ -435,28 +470,15 @@ KRValue Smoother::getPosition() {
       mapped[i] = inMap->second;
     }
   }
-  // Landmarks seen from the robot, against their map positions: the rotation aligns the
-  // segment between them, the translation is the mean of the two.
+  // Landmarks seen from the robot, against their map positions.
   const Math::Transform robotToWorld =
       Math::pinv(Tracker::tools::getWorldToRobotTransform(fMotion));
-  std::array<Math::Position3D, 2> seen{robotToWorld * observed[0], robotToWorld * observed[1]};
-  const float seenDx = seen[1].x - seen[0].x;
-  const float seenDy = seen[1].y - seen[0].y;
-  if (std::hypot(seenDx, seenDy) < 0.01f) {
+  const auto pose =
+      robotPoseFromLandmarks({robotToWorld * observed[0], robotToWorld * observed[1]}, mapped);
+  if (!pose) {
     return KRValue();
   }
-  const float theta =
-      Math::modulo2PI(std::atan2(mapped[1].y - mapped[0].y, mapped[1].x - mapped[0].x) -
-                      std::atan2(seenDy, seenDx));
-  const float c = std::cos(theta);
-  const float s = std::sin(theta);
-  float x = 0.0f;
-  float y = 0.0f;
-  for (std::size_t i = 0; i < 2; ++i) {
-    x += 0.5f * (mapped[i].x - (c * seen[i].x - s * seen[i].y));
-    y += 0.5f * (mapped[i].y - (s * seen[i].x + c * seen[i].y));
-  }
-  return KRValue(std::vector<float>{x, y, 0.0f, 0.0f, 0.0f, theta});
+  return KRValue(std::vector<float>{pose->x, pose->y, 0.0f, 0.0f, 0.0f, pose->theta});
 }
 
 // ---- state ---------------------------------------------------------------------------------

@@ -6,11 +6,10 @@
 #include <kr/math/math.h>
 #include <kr/target/targets.h>
 
+#include <krtracker/generictracker/submodules.h>
 #include <krtracker/tools/namer/namer.h>
 #include <krtracker/tools/tools.h>
 #include <krtracker/types/types/trackinfos.h>
-
-#include <krsim/tracking/common.h>
 
 namespace KR {
 namespace Sim {
@@ -53,7 +52,7 @@ int TargetManager::preferredId(const std::string& kind) {
 }
 
 TargetManager::TargetManager(const SimContext& context)
-    : KRModule(kTargetManagerModule),
+    : KRModule(Tracker::kTargetManagerModule),
       fMemory(context.memory),
       fWorld(context.world),
       fMotion(context.broker->getProxy("KRMotion", 0)) {
@@ -87,7 +86,7 @@ TargetManager::~TargetManager() {
 void TargetManager::xExpectSupported(const std::string& name, const char* method) const {
   const auto& kinds = supportedKinds();
   if (std::find(kinds.begin(), kinds.end(), name) == kinds.end()) {
-    throw KRError(kTargetManagerModule, method,
+    throw KRError(Tracker::kTargetManagerModule, method,
                   "Unsupported target: \"" + name + "\". Could be: " + joined(kinds) + ".");
   }
 }
@@ -138,7 +137,7 @@ void TargetManager::xUnregister(const std::string& name) {
 void TargetManager::removeTarget(const std::string& name) {
   std::lock_guard<std::mutex> lock(fMutex);
   if (fTargets.count(name) == 0) {
-    throw KRError(kTargetManagerModule, "removeTarget",
+    throw KRError(Tracker::kTargetManagerModule, "removeTarget",
                   "Target \"" + name + "\" is not registered.");
   }
   xUnregister(name);
@@ -166,7 +165,7 @@ bool TargetManager::isTargetManaged(const std::string& name) const {
 void TargetManager::setActiveTarget(const std::string& name) {
   std::lock_guard<std::mutex> lock(fMutex);
   if (fTargets.count(name) == 0) {
-    throw KRError(kTargetManagerModule, "setActiveTarget",
+    throw KRError(Tracker::kTargetManagerModule, "setActiveTarget",
                   "Target \"" + name + "\" is not registered.");
   }
   fActiveTarget = name;
@@ -175,7 +174,7 @@ void TargetManager::setActiveTarget(const std::string& name) {
 
 void TargetManager::setActiveEvent(const std::string& event) {
   if (event.empty()) {
-    throw KRError(kTargetManagerModule, "setActiveEvent", "The event name is empty.");
+    throw KRError(Tracker::kTargetManagerModule, "setActiveEvent", "The event name is empty.");
   }
   std::lock_guard<std::mutex> lock(fMutex);
   fActiveEvent = event;
@@ -234,8 +233,8 @@ std::vector<float> TargetManager::getActiveTargetPosition() {
     return {};
   }
   Tracker::types::TrackInfos info;
-  if (!Tracker::tools::convertTrackerEventToTrackInfo(fMemory->getData(event), kTargetManagerModule,
-                                                      event, fMotion, info)) {
+  if (!Tracker::tools::convertTrackerEventToTrackInfo(
+          fMemory->getData(event), Tracker::kTargetManagerModule, event, fMotion, info)) {
     return {};
   }
   const Math::Transform worldToTorso = Tracker::tools::getWorldToTorsoTransform(fMotion);
@@ -245,7 +244,7 @@ std::vector<float> TargetManager::getActiveTargetPosition() {
 void TargetManager::setExtractorPeriod(const std::string& name, int periodMs) {
   xExpectSupported(name, "setExtractorPeriod");
   if (periodMs <= 0) {
-    throw KRError(kTargetManagerModule, "setExtractorPeriod",
+    throw KRError(Tracker::kTargetManagerModule, "setExtractorPeriod",
                   "The period must be strictly positive, not " + std::to_string(periodMs) + " ms.");
   }
   fWorld->setPeriodMs(name, periodMs);

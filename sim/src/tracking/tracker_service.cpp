@@ -8,12 +8,123 @@
 #include <kr/math/types.h>
 #include <kr/value/conversions.h>
 
-#include <krsim/tracking/common.h>
-
 namespace KR {
 namespace Sim {
 
 using Tracker::GenericTracker;
+
+namespace {
+
+/// "lookAt" in its two forms: (position, frame, fraction, wholeBody) or (position, frame,
+/// effectorId, fraction, wholeBody).
+void lookAt(GenericTracker& t, const std::vector<KRValue>& a) {
+  if (a.size() == 4) {
+    t.lookAt(fromKRValue<std::vector<float>>(a[0], "argument"),
+             fromKRValue<Math::FRAME>(a[1], "argument"), fromKRValue<float>(a[2], "argument"),
+             fromKRValue<bool>(a[3], "argument"));
+  } else if (a.size() == 5) {
+    t.lookAt(fromKRValue<std::vector<float>>(a[0], "argument"),
+             fromKRValue<Math::FRAME>(a[1], "argument"), fromKRValue<int>(a[2], "argument"),
+             fromKRValue<float>(a[3], "argument"), fromKRValue<bool>(a[4], "argument"));
+  } else {
+    throw KRError(kTrackerServiceModule, "lookAt",
+                  "expects (position, frame, fraction, wholeBody) or (position, frame, "
+                  "effectorId, fraction, wholeBody), not " +
+                      std::to_string(a.size()) + " arguments");
+  }
+}
+
+void bindLifecycle(KRModule& service, GenericTracker* t) {
+  service.bind("initialize", &GenericTracker::initialize, t);
+  service.bind("start", &GenericTracker::start, t);
+  service.bind("stop", &GenericTracker::stop, t);
+  service.bind("stopTracker", &GenericTracker::stop, t);
+  service.bind("pause", &GenericTracker::pause, t);
+  service.bind("restart", &GenericTracker::restart, t);
+  service.bind("exit", &GenericTracker::exit, t);
+  service.bind("isActive", &GenericTracker::isActive, t);
+}
+
+void bindTargets(KRModule& service, GenericTracker* t) {
+  service.bind("registerTarget", &GenericTracker::registerTarget, t);
+  service.bind("unregisterTarget", &GenericTracker::unregisterTarget, t);
+  service.bind("unregisterTargets", &GenericTracker::unregisterTargets, t);
+  service.bind("unregisterAllTargets", &GenericTracker::unregisterAllTargets, t);
+  service.bind("getSupportedTargets", &GenericTracker::getSupportedTargets, t);
+  service.bind("getRegisteredTargets", &GenericTracker::getRegisteredTargets, t);
+  service.bind("getActiveTarget", &GenericTracker::getActiveTarget, t);
+  service.bind("track", &GenericTracker::track, t);
+  service.bind("trackEvent", &GenericTracker::trackEvent, t);
+  service.bind("setTargetCoordinates", &GenericTracker::setTargetCoordinates, t);
+  service.bind("getTargetCoordinates", &GenericTracker::getTargetCoordinates, t);
+  service.bind("getTargetPosition", &GenericTracker::getTargetPosition, t);
+  service.bind("getEventName", &GenericTracker::getEventName, t);
+  service.bind("getSecondEventName", &GenericTracker::getSecondEventName, t);
+}
+
+void bindModesAndMoves(KRModule& service, GenericTracker* t) {
+  service.bind("setMode", &GenericTracker::setMode, t);
+  service.bind("getMode", &GenericTracker::getMode, t);
+  service.bind("getAvailableModes", &GenericTracker::getAvailableModes, t);
+  service.bind("setMoveConfig", &GenericTracker::setMoveConfig, t);
+  service.bind("getMoveConfig", &GenericTracker::getMoveConfig, t);
+  service.bind("setRelativePosition", &GenericTracker::setRelativePosition, t);
+  service.bind("getRelativePosition", &GenericTracker::getRelativePosition, t);
+  service.bind("setMoveHysteresis", &GenericTracker::setMoveHysteresis, t);
+  service.bind("getMoveHysteresis", &GenericTracker::getMoveHysteresis, t);
+  service.bind("setMoveEvent", &GenericTracker::setMoveEvent, t);
+  service.bind("getRobotPosition", &GenericTracker::getRobotPosition, t);
+}
+
+void bindEffectors(KRModule& service, GenericTracker* t) {
+  service.bind("setEffector", &GenericTracker::setEffector, t);
+  service.bind("getEffector", &GenericTracker::getEffector, t);
+  service.bind("addEffector", &GenericTracker::addEffector, t);
+  service.bind("removeEffector", &GenericTracker::removeEffector, t);
+}
+
+void bindSpeedsSmootherAndSearcher(KRModule& service, GenericTracker* t) {
+  service.bind("setMaximumVelocity", &GenericTracker::setMaximumVelocity, t);
+  service.bind("getMaximumVelocity", &GenericTracker::getMaximumVelocity, t);
+  service.bind("setMaximumAcceleration", &GenericTracker::setMaximumAcceleration, t);
+  service.bind("getMaximumAcceleration", &GenericTracker::getMaximumAcceleration, t);
+  service.bind("setTimeOut", &GenericTracker::setTimeOut, t);
+  service.bind("getTimeOut", &GenericTracker::getTimeOut, t);
+  service.bind("setExtractorPeriod", &GenericTracker::setExtractorPeriod, t);
+  service.bind("getExtractorPeriod", &GenericTracker::getExtractorPeriod, t);
+  service.bind("setMaximumDistanceDetection", &GenericTracker::setMaximumDistanceDetection, t);
+  service.bind("getMaximumDistanceDetection", &GenericTracker::getMaximumDistanceDetection, t);
+  service.bind("setSearcherFractionMaxSpeed", &GenericTracker::setSearcherFractionMaxSpeed, t);
+  service.bind("getSearcherFractionMaxSpeed", &GenericTracker::getSearcherFractionMaxSpeed, t);
+  service.bind("searcherSetUseWholeBodyLookAt", &GenericTracker::searcherSetUseWholeBodyLookAt, t);
+  service.bind("toggleSearch", &GenericTracker::toggleSearch, t);
+  service.bind("isSearchEnabled", &GenericTracker::isSearchEnabled, t);
+}
+
+void bindLooksAndPoints(KRModule& service, GenericTracker* t) {
+  service.bindRaw("lookAt", [t](const std::vector<KRValue>& a) {
+    lookAt(*t, a);
+    return KRValue();
+  });
+  service.bind("lookAtAndMove", &GenericTracker::lookAtAndMove, t);
+  service.bind("pointAt", &GenericTracker::pointAt, t);
+  service.bind("stopLookAt", &GenericTracker::stopLookAt, t);
+  service.bind("stopPointAt", &GenericTracker::stopPointAt, t);
+}
+
+void bindConfiguration(KRModule& service, GenericTracker* t) {
+  service.bind("setTrackerConfig", &GenericTracker::setTrackerConfig, t);
+  service.bind("getTrackerConfig", [t]() {
+    KRValue::Array pairs;
+    for (const auto& entry : t->getTrackerConfig()) {
+      pairs.push_back(KRValue{KRValue(entry.first), KRValue(entry.second)});
+    }
+    return KRValue(std::move(pairs));
+  });
+  service.bind("getTrackerConfigStr", &GenericTracker::getTrackerConfigStr, t);
+}
+
+}  // namespace
 
 TrackerService::TrackerService(const std::shared_ptr<KR::KRBroker>& broker)
     : KRModule(kTrackerServiceModule), fTracker(std::make_unique<GenericTracker>(broker)) {
@@ -25,102 +136,13 @@ TrackerService::~TrackerService() = default;
 
 void TrackerService::xBindMethods() {
   GenericTracker* t = fTracker.get();
-
-  // Lifecycle.
-  bind("initialize", &GenericTracker::initialize, t);
-  bind("start", &GenericTracker::start, t);
-  bind("stop", &GenericTracker::stop, t);
-  bind("stopTracker", &GenericTracker::stop, t);
-  bind("pause", &GenericTracker::pause, t);
-  bind("restart", &GenericTracker::restart, t);
-  bind("exit", &GenericTracker::exit, t);
-  bind("isActive", &GenericTracker::isActive, t);
-
-  // Targets.
-  bind("registerTarget", &GenericTracker::registerTarget, t);
-  bind("unregisterTarget", &GenericTracker::unregisterTarget, t);
-  bind("unregisterTargets", &GenericTracker::unregisterTargets, t);
-  bind("unregisterAllTargets", &GenericTracker::unregisterAllTargets, t);
-  bind("getSupportedTargets", &GenericTracker::getSupportedTargets, t);
-  bind("getRegisteredTargets", &GenericTracker::getRegisteredTargets, t);
-  bind("getActiveTarget", &GenericTracker::getActiveTarget, t);
-  bind("track", &GenericTracker::track, t);
-  bind("trackEvent", &GenericTracker::trackEvent, t);
-  bind("setTargetCoordinates", &GenericTracker::setTargetCoordinates, t);
-  bind("getTargetCoordinates", &GenericTracker::getTargetCoordinates, t);
-  bind("getTargetPosition", &GenericTracker::getTargetPosition, t);
-  bind("getEventName", &GenericTracker::getEventName, t);
-  bind("getSecondEventName", &GenericTracker::getSecondEventName, t);
-
-  // Modes and moves.
-  bind("setMode", &GenericTracker::setMode, t);
-  bind("getMode", &GenericTracker::getMode, t);
-  bind("getAvailableModes", &GenericTracker::getAvailableModes, t);
-  bind("setMoveConfig", &GenericTracker::setMoveConfig, t);
-  bind("getMoveConfig", &GenericTracker::getMoveConfig, t);
-  bind("setRelativePosition", &GenericTracker::setRelativePosition, t);
-  bind("getRelativePosition", &GenericTracker::getRelativePosition, t);
-  bind("setMoveHysteresis", &GenericTracker::setMoveHysteresis, t);
-  bind("getMoveHysteresis", &GenericTracker::getMoveHysteresis, t);
-  bind("setMoveEvent", &GenericTracker::setMoveEvent, t);
-  bind("getRobotPosition", &GenericTracker::getRobotPosition, t);
-
-  // Effectors.
-  bind("setEffector", &GenericTracker::setEffector, t);
-  bind("getEffector", &GenericTracker::getEffector, t);
-  bind("addEffector", &GenericTracker::addEffector, t);
-  bind("removeEffector", &GenericTracker::removeEffector, t);
-
-  // Speeds, smoother and searcher.
-  bind("setMaximumVelocity", &GenericTracker::setMaximumVelocity, t);
-  bind("getMaximumVelocity", &GenericTracker::getMaximumVelocity, t);
-  bind("setMaximumAcceleration", &GenericTracker::setMaximumAcceleration, t);
-  bind("getMaximumAcceleration", &GenericTracker::getMaximumAcceleration, t);
-  bind("setTimeOut", &GenericTracker::setTimeOut, t);
-  bind("getTimeOut", &GenericTracker::getTimeOut, t);
-  bind("setExtractorPeriod", &GenericTracker::setExtractorPeriod, t);
-  bind("getExtractorPeriod", &GenericTracker::getExtractorPeriod, t);
-  bind("setMaximumDistanceDetection", &GenericTracker::setMaximumDistanceDetection, t);
-  bind("getMaximumDistanceDetection", &GenericTracker::getMaximumDistanceDetection, t);
-  bind("setSearcherFractionMaxSpeed", &GenericTracker::setSearcherFractionMaxSpeed, t);
-  bind("getSearcherFractionMaxSpeed", &GenericTracker::getSearcherFractionMaxSpeed, t);
-  bind("searcherSetUseWholeBodyLookAt", &GenericTracker::searcherSetUseWholeBodyLookAt, t);
-  bind("toggleSearch", &GenericTracker::toggleSearch, t);
-  bind("isSearchEnabled", &GenericTracker::isSearchEnabled, t);
-
-  // One-shot looks and points.
-  bindRaw("lookAt", [t](const std::vector<KRValue>& a) {
-    if (a.size() == 4) {
-      t->lookAt(fromKRValue<std::vector<float>>(a[0], "argument"),
-                fromKRValue<Math::FRAME>(a[1], "argument"), fromKRValue<float>(a[2], "argument"),
-                fromKRValue<bool>(a[3], "argument"));
-    } else if (a.size() == 5) {
-      t->lookAt(fromKRValue<std::vector<float>>(a[0], "argument"),
-                fromKRValue<Math::FRAME>(a[1], "argument"), fromKRValue<int>(a[2], "argument"),
-                fromKRValue<float>(a[3], "argument"), fromKRValue<bool>(a[4], "argument"));
-    } else {
-      throw KRError(kTrackerServiceModule, "lookAt",
-                    "expects (position, frame, fraction, wholeBody) or (position, frame, "
-                    "effectorId, fraction, wholeBody), not " +
-                        std::to_string(a.size()) + " arguments");
-    }
-    return KRValue();
-  });
-  bind("lookAtAndMove", &GenericTracker::lookAtAndMove, t);
-  bind("pointAt", &GenericTracker::pointAt, t);
-  bind("stopLookAt", &GenericTracker::stopLookAt, t);
-  bind("stopPointAt", &GenericTracker::stopPointAt, t);
-
-  // Configuration table.
-  bind("setTrackerConfig", &GenericTracker::setTrackerConfig, t);
-  bind("getTrackerConfig", [t]() {
-    KRValue::Array pairs;
-    for (const auto& entry : t->getTrackerConfig()) {
-      pairs.push_back(KRValue{KRValue(entry.first), KRValue(entry.second)});
-    }
-    return KRValue(std::move(pairs));
-  });
-  bind("getTrackerConfigStr", &GenericTracker::getTrackerConfigStr, t);
+  bindLifecycle(*this, t);
+  bindTargets(*this, t);
+  bindModesAndMoves(*this, t);
+  bindEffectors(*this, t);
+  bindSpeedsSmootherAndSearcher(*this, t);
+  bindLooksAndPoints(*this, t);
+  bindConfiguration(*this, t);
 }
 
 }  // namespace Sim

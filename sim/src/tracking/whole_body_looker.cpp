@@ -5,6 +5,8 @@
 
 #include <kr/math/math.h>
 
+#include <krtracker/generictracker/submodules.h>
+
 namespace KR {
 namespace Sim {
 
@@ -15,7 +17,7 @@ constexpr float kMaxLead = 1.0f;       // [s] never aim further ahead than this
 }  // namespace
 
 WholeBodyLooker::WholeBodyLooker(const SimContext& context)
-    : LookerBase(kWholeBodyLookerModule, context, ""), fLead(context.compensation) {
+    : LookerBase(Tracker::kWholeBodyLookerModule, context, ""), fLead(context.compensation) {
   fNames.resize(2);
   fAngles.resize(2);
 }

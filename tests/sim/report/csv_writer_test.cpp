@@ -21,14 +21,6 @@ long commas(const std::string& line) {
   return std::count(line.begin(), line.end(), ',');
 }
 
-std::vector<std::string> linesOf(const std::string& text) {
-  std::istringstream in(text);
-  std::vector<std::string> lines;
-  for (std::string line; std::getline(in, line);)
-    lines.push_back(line);
-  return lines;
-}
-
 TEST(CsvWriterTest, WritesTheHeaderAtOnceThenOneLinePerSampleWithEmptyFieldsForWhatIsMissing) {
   KR::Sim::Phase look;
   look.name = "look";

@@ -16,14 +16,6 @@ using namespace krtest;
 using KR::Sim::formatSeedSummary;
 using KR::Sim::formatSummary;
 
-std::vector<std::string> linesOf(const std::string& text) {
-  std::istringstream in(text);
-  std::vector<std::string> lines;
-  for (std::string line; std::getline(in, line);)
-    lines.push_back(line);
-  return lines;
-}
-
 std::vector<std::string> wordsOf(const std::string& line) {
   std::istringstream in(line);
   std::vector<std::string> words;

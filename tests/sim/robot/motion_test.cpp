@@ -273,4 +273,34 @@ TEST_F(MotionTest, ResourcesWakeStateAndStopCommands) {
   EXPECT_FLOAT_EQ(motion->getAngle("HeadYaw"), stopped);
 }
 
+/// A base whose wheels slip: it covers half of what it is asked.
+class SlippingBackend : public KinematicBackend {
+ public:
+  using KinematicBackend::KinematicBackend;
+  void setBaseVelocity(const Pose2D& v) override {
+    KinematicBackend::setBaseVelocity({0.5f * v.x, 0.5f * v.y, 0.5f * v.theta});
+  }
+};
+
+TEST(SimMotionPhysics, OdometryFollowsTheMeasuredMotionAndJointsComeFromTheBackend) {
+  const auto robot = loadRobot("kibo.xml");
+  auto backend = std::make_unique<SlippingBackend>(KR::Sim::simulatedJoints(*robot).size());
+  SlippingBackend* physics = backend.get();
+  SimMotion motion(*robot, std::make_shared<SimClock>(), std::move(backend));
+  EXPECT_FLOAT_EQ(physics->jointAngle(2), 1.4f);  // rest angles handed to the backend
+  motion.move(0.1f, 0.0f, 0.2f);
+  for (int i = 0; i < 100; ++i)
+    motion.step(0.01);
+  const Pose2D odometry = motion.getOdometryPose();
+  const Pose2D truth = motion.getTruePose();
+  EXPECT_NEAR(odometry.x, truth.x, 1e-4f);
+  EXPECT_NEAR(odometry.y, truth.y, 1e-4f);
+  EXPECT_NEAR(KR::Math::modulo2PI(odometry.theta - truth.theta), 0.0f, 1e-4f);
+  // Half of the turn commanded, less what the start-up acceleration costs: w^2 / (2 a).
+  const float turn = 0.2f - 0.2f * 0.2f / (2.0f * motion.getBaseLimits().maxAngularAcceleration);
+  EXPECT_NEAR(motion.getTruePose().theta, 0.5f * turn, 1e-3f);
+  physics->resetJoint(0, 0.7f);
+  EXPECT_FLOAT_EQ(motion.getAngle(robot->trackerModel().head.yaw.name), 0.7f);
+}
+
 }  // namespace

@@ -1,3 +1,7 @@
+// The world: what each target's state says (seen, hidden, heard), which observations are
+// published when and under which names, in both event layouts, with the camera's rate, latency
+// and noise seen through the events, and detections dropped once their kind stops.
+
 #include <cmath>
 #include <map>
 
@@ -14,33 +18,12 @@ namespace {
 
 using namespace krtest;
 
-TEST(PathTest, InterpolatesBetweenKeyframesAndHoldsOutside) {
-  Path path({{1.0, {0, 0, 0}}, {3.0, {2, -4, 1}}});
-  path.add(4.0, {2, -4, 3});
-  EXPECT_EQ(path.at(0.0), Position3D(0, 0, 0));
-  EXPECT_EQ(path.at(2.0), Position3D(1, -2, 0.5f));
-  EXPECT_EQ(path.at(3.5), Position3D(2, -4, 2));
-  EXPECT_EQ(path.at(9.0), Position3D(2, -4, 3));
-  EXPECT_THROW(path.add(3.9, {}), KR::KRError);
-  EXPECT_THROW(Path({{2.0, {}}, {1.0, {}}}), KR::KRError);
-}
-
-TEST(PathTest, OrbitsStayOnTheirCircleAndEndOnTime) {
-  const Path orbit = Path::orbit({1, 1, 0}, 2.0f, 0.3f, 0.0f, 0.5f, 10.0, 13.02, 0.05);
-  EXPECT_DOUBLE_EQ(orbit.keyframes().back().time, 13.02);
-  for (double t = 10.0; t <= 13.0; t += 0.37) {
-    const Position3D p = orbit.at(t);
-    EXPECT_NEAR(std::hypot(p.x - 1, p.y - 1), 2.0, 2e-3) << t;  // chords sag < 1 mm
-    EXPECT_FLOAT_EQ(p.z, 0.3f);
-  }
-  const Position3D end = orbit.at(13.02);
-  EXPECT_NEAR(std::atan2(end.y - 1, end.x - 1), 0.5 * 3.02, 1e-5);
-}
-
 // Kibo with the servo model of a simulation run.
 class WorldTest : public ::testing::Test, protected SimRobot {
  protected:
-  WorldTest() : SimRobot("kibo.xml", false) { world->setPerception(KR::Sim::CameraConfig::ideal()); }
+  WorldTest() : SimRobot("kibo.xml", false) {
+    world->setPerception(KR::Sim::CameraConfig::ideal());
+  }
   /// Advances time in 10 ms steps, updating the world; returns the observations raised.
   std::vector<std::pair<std::string, KRValue>> run(double seconds) {
     std::vector<std::pair<std::string, KRValue>> out;
@@ -96,36 +79,45 @@ class WorldTest : public ::testing::Test, protected SimRobot {
   std::shared_ptr<World> world = std::make_shared<World>(clock, memory, motion, 7);
 };
 
-TEST_F(WorldTest, ATargetIsPerceivedInsideTheCameraConeAndRangeUnlessHidden) {
-  // kibo: horizontal field of view 1.02 rad, vertical 0.79 rad, range 3.2 m.
+TEST_F(WorldTest, ATargetIsPerceivedInViewUnlessHiddenAndASoundWithinRangeInAnyDirection) {
   const auto camera = motion->getMapToHeadEffector(0);
-  struct Case {
-    const char* what;
-    Position3D local;  // in the camera frame
-    bool inView;
-  };
-  const Case cases[] = {
-      {"straight ahead", {1.5f, 0, 0}, true},
-      {"just inside the side edge", {1.0f, std::tan(0.5f), 0}, true},
-      {"just outside the side edge", {1.0f, std::tan(0.52f), 0}, false},
-      {"just outside the top edge", {1.0f, 0, std::tan(0.40f)}, false},
-      {"beyond range", {3.3f, 0, 0}, false},
-      {"behind", {-1.0f, 0, 0}, false},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(world->isInFieldOfView(camera * c.local, robot->getCameraRange()), c.inView)
-        << c.what;
-  }
   TargetScript script = ball(Path::fixed(camera * Position3D(1.5f, 0, 0)));
   script.hidden = {{1.0, 2.0}};
   world->addTarget(script);
+  struct Sound {
+    const char* name;
+    Position3D local;  // camera frame
+    float maxRange;
+    bool heard, perceived;
+  };
+  const Sound sounds[] = {
+      {"behind", {-4.5f, 0, 0}, 0.0f, true, true},       // within the 5 m of hearing
+      {"too far", {-5.5f, 0, 0}, 0.0f, true, false},     // beyond them
+      {"far but loud", {0, 7.0f, 0}, 8.0f, true, true},  // its own range
+      {"near but faint", {0, -1.5f, 0}, 1.0f, true, false},
+      {"seen behind", {-1.0f, 0, 0}, 0.0f, false, false},  // not a sound
+  };
+  for (const auto& s : sounds) {
+    TargetScript sound = ball(Path::fixed(camera * s.local));
+    sound.name = s.name;
+    sound.kind = "Sound";
+    sound.maxRange = s.maxRange;
+    sound.heard = s.heard;
+    world->addTarget(sound);
+  }
   run(0.5);
   EXPECT_TRUE(world->state("ball").perceived);
+  for (const auto& s : sounds) {
+    EXPECT_EQ(world->state(s.name).perceived, s.perceived) << s.name;
+    EXPECT_EQ(world->state(s.name).inFieldOfView, s.perceived) << s.name;
+  }
   run(1.0);
   EXPECT_TRUE(world->state("ball").inFieldOfView);
   EXPECT_FALSE(world->state("ball").perceived);
   run(1.0);
   EXPECT_TRUE(world->state("ball").perceived);
+  EXPECT_EQ(world->state("ball").position, camera * Position3D(1.5f, 0, 0));
+  EXPECT_THROW(world->state("nothing"), KR::KRError);
 }
 
 TEST_F(WorldTest, ObservationsArePublishedOncePerPeriodOnlyWhilePublishing) {
@@ -289,29 +281,26 @@ TEST_F(WorldTest, ADetectionOutsideTheFieldOfViewNeverReachesTheTracker) {
   }
 }
 
-TEST_F(WorldTest, TheErrorIsAnAngleAndADistanceErrorThatGrowsWithDistance) {
-  // Standard deviations of the bearing [rad] and of the distance [m] seen at distance d.
-  auto spread = [&](float d) {
-    const auto cameraToMap = KR::Math::pinv(motion->getMapToHeadEffector(0));
-    double bearing = 0.0, distance = 0.0;
-    const auto seen = observe(11, {0.0, 0.0, 0.0, 0.004f, 0.02f},
-                              ball(Path::fixed(ahead(d)), Layout::World), 2000);
-    for (const auto& o : seen) {
-      const KRValue& v = o.second;
-      const Position3D p =
-          cameraToMap * Position3D(v[0][0].asFloat(), v[0][1].asFloat(), v[0][2].asFloat());
-      bearing += std::pow(std::atan2(p.y, p.x), 2);
-      distance += std::pow(p.norm() - d, 2);
-    }
-    const double n = static_cast<double>(seen.size());
-    return std::make_pair(std::sqrt(bearing / n), std::sqrt(distance / n));
-  };
-  const auto near = spread(1.0f);
-  const auto far = spread(3.0f);
-  EXPECT_NEAR(near.first, 0.004, 0.0004);
-  EXPECT_NEAR(far.first, 0.004, 0.0004);
-  EXPECT_NEAR(near.second, 0.02, 0.002);
-  EXPECT_NEAR(far.second, 0.18, 0.018);
+TEST_F(WorldTest, DetectionsInFlightAreDroppedWhenTheirKindStopsBeingPublished) {
+  KR::Sim::CameraConfig perception = KR::Sim::CameraConfig::ideal();
+  perception.latencyS = 0.1;
+  world->setPerception(perception);
+  world->addTarget(ball(Path::fixed(ahead(1.0f))));
+  std::vector<double> arrivals;
+  const int id = memory->subscribe(
+      "Obs", [&](const std::string&, const KRValue&) { arrivals.push_back(clock->seconds()); });
+  world->startPublishing("RedBall", {"Obs"});
+  run(0.05);  // captured at 0.01 s, on its way until 0.11 s
+  world->stopPublishing("RedBall");
+  run(0.5);
+  EXPECT_TRUE(arrivals.empty());
+  // Published again: what is captured from then on arrives.
+  world->startPublishing("RedBall", {"Obs"});
+  run(0.2);
+  memory->unsubscribe(id);
+  ASSERT_EQ(arrivals.size(), 2u);  // captured at 0.56 and 0.61 s
+  EXPECT_NEAR(arrivals[0], 0.66, 1e-9);
+  EXPECT_NEAR(arrivals[1], 0.71, 1e-9);
 }
 
 }  // namespace

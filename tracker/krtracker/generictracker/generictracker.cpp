@@ -11,6 +11,7 @@
 #include <kr/value/valueutils.h>
 
 #include <krtracker/config/krgenerictrackerconfig.h>
+#include <krtracker/generictracker/submodules.h>
 #include <krtracker/generictracker/trackerinternal.h>
 #include <krtracker/tools/namer/namer.h>
 #include <krtracker/tools/tools.h>
@@ -106,14 +107,14 @@ GenericTracker::~GenericTracker() {
 
 void GenericTracker::xInitProxies(const std::shared_ptr<KRBroker>& pBroker) {
   fMotionProxy = pBroker->getProxy("KRMotion", 0);
-  fSmootherProxy = pBroker->getProxy("_Smoother", 0);
-  fMotionMoveProxy = pBroker->getProxy("_MotionMove", 0);
-  fNavigationMoveProxy = pBroker->getProxy("_NavigationMove", 0);
-  fRoundSearcherProxy = pBroker->getProxy("_RoundSearcher", 0);
-  fHeadLookerProxy = pBroker->getProxy("_HeadLooker", 0);
-  fWholeBodyLookerProxy = pBroker->getProxy("_WholeBodyLooker", 0);
-  fArmsLookerProxy = pBroker->getProxy("_ArmsLooker", 0);
-  fTargetManagerProxy = pBroker->getProxy("_KRTargetManager", 0);
+  fSmootherProxy = pBroker->getProxy(kSmootherModule, 0);
+  fMotionMoveProxy = pBroker->getProxy(kMotionMoveModule, 0);
+  fNavigationMoveProxy = pBroker->getProxy(kNavigationMoveModule, 0);
+  fRoundSearcherProxy = pBroker->getProxy(kRoundSearcherModule, 0);
+  fHeadLookerProxy = pBroker->getProxy(kHeadLookerModule, 0);
+  fWholeBodyLookerProxy = pBroker->getProxy(kWholeBodyLookerModule, 0);
+  fArmsLookerProxy = pBroker->getProxy(kArmsLookerModule, 0);
+  fTargetManagerProxy = pBroker->getProxy(kTargetManagerModule, 0);
   // The memory service is optional: only the stop events need it.
   guarded<std::runtime_error>(
       "xInitProxies", [&] { fMemoryProxy = pBroker->getProxy("KRMemory", 0); },

@@ -6,7 +6,7 @@
 // is driven by "moveTo" (a relative goal), "move" (a velocity) or a whole-body gaze (see
 // below) through a BaseController. A PhysicsBackend carries the commands out and reports the
 // measured joint angles and the base's true pose. The remote methods are a thin adapter over
-// the public functions (motion_remote.cpp).
+// the public functions (motion_bindings.cpp).
 //
 // Frames. The simulation's map frame is the ground truth in which the world places targets.
 // FRAME_WORLD of the motion service is the odometry frame: it starts at the robot's initial
@@ -182,7 +182,7 @@ class SimMotion : public KR::KRModule {
     float speed = 0.0f;    // [rad/s]
   };
 
-  // Remote methods (motion_remote.cpp): argument conversion only.
+  // Remote methods (motion_bindings.cpp): argument conversion only.
   void bindMethods();
   std::vector<float> rGetTransform(const std::string& name, int frame, bool useSensors) const;
   std::vector<float> rGetPosition(const std::string& name, int frame, bool useSensors) const;

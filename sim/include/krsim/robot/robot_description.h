@@ -35,6 +35,10 @@ struct RobotDescription {
 /// Path of a robot file given as a path or as a name of the robots folder ("kibo").
 std::string resolveRobotFile(const std::string& nameOrPath);
 
+/// Path of a file of the project's data (robots/, scenarios/, tools/), found beside the robots
+/// folder; empty when it is not there.
+std::string findDataFile(const std::string& relative);
+
 /// Inputs are regular files of a reasonable size (not a device, a pipe or a folder):
 /// InputError "WHAT 'PATH' is not a regular file" or "... is N bytes, more than the M
 /// accepted". A missing file passes: its reader names it.

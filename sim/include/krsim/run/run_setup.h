@@ -11,7 +11,8 @@ namespace Sim {
 
 /// The scenario of `config` on its robot (Scenario::robot). InputError for a robot or
 /// scenario file that cannot be read; KRError("krsim", ...) for a bad scenario, a mode the
-/// robot lacks or an unknown physics backend, its message the one line the user reads.
+/// robot lacks or an unknown physics backend, its message the one line the user reads. The
+/// backend itself is not built here: a robot it rejects fails when the run is built.
 Scenario prepareScenario(const RunConfig& config);
 
 }  // namespace Sim

@@ -94,9 +94,6 @@ Scenario makeScenario(const std::string& name, const ScenarioOptions& options);
 /// Reads a scenario file (format in the README); KRError("krsim", "scenario", "FILE:LINE:
 /// FIELD: what") when it is not right.
 Scenario loadScenarioFile(const std::string& path, const ScenarioOptions& options);
-/// Path of a file of the project's data (robots/, scenarios/, tools/), found beside the robots
-/// directory; empty when it is not there.
-std::string findDataFile(const std::string& relative);
 
 }  // namespace Sim
 }  // namespace KR

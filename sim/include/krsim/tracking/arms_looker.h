@@ -18,6 +18,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <kr/broker/broker.h>
@@ -83,6 +84,12 @@ class ArmsLooker : public LookerBase<ArmsLookerState> {
   void xOnLost() override;
   /// The arms of the effector with their models.
   std::vector<std::pair<Arm*, const Model::TrackerArm*>> xArms();
+  /// The measured angles as the arms' last commands.
+  void xResyncArms(const std::vector<std::pair<Arm*, const Model::TrackerArm*>>& arms);
+  /// Where to aim (torso frame): the sample a step ahead, along its motion in the torso frame.
+  Math::Position3D xAimPoint(const TargetInput::Sample& sample, KRTimePoint now);
+  /// Appends the arm's joints and angles aimed at `target` when its dead band lets them go.
+  void xAppendAim(Arm& state, const Model::TrackerArm& arm, const Math::Position3D& target);
   /// Appends the arm's joints and rest angles.
   void xAppendRest(Arm& state, const Model::TrackerArm& arm, std::vector<std::string>& names,
                    std::vector<float>& angles);

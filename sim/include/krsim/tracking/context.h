@@ -1,7 +1,12 @@
 #pragma once
-// What the tracking service's simulated sub-modules build on: the context that gives them the
-// simulated services, the base class of a module that the simulation updates every step, and
-// the factory that builds them all.
+// What the simulation and the tracking service's simulated sub-modules share: the context that
+// gives the sub-modules the simulated services, the interface of a module that the simulation
+// updates every step, and the factory (factory.cpp) that builds them all.
+//
+// Threads: each sub-module keeps its state behind one mutex of its own. Remote methods arrive
+// on the callers' threads, update() and the KRMemory callbacks on the simulation's. No module
+// raises an event while holding its mutex; motion requests may be made under it, since
+// KRMotion never calls back into a sub-module.
 
 #include <functional>
 #include <memory>
@@ -44,15 +49,14 @@ class SimModule : public KR::KRModule {
   virtual void update(KR::KRTimePoint now) = 0;
 };
 
-/// Builds the eight sub-modules on `context.broker` ("_KRTargetManager", "_Smoother",
-/// "_HeadLooker", "_WholeBodyLooker", "_ArmsLooker", "_RoundSearcher", "_MotionMove",
-/// "_NavigationMove") and then the "KRTracker" host module (which constructs one
-/// GenericTracker on the broker and forwards its public methods). Returns the modules whose
-/// update() the simulation calls each step, in that order.
+/// Builds the eight sub-modules on `context.broker` (Tracker::kSubModules, submodules.h) and
+/// then the "KRTracker" host module (which constructs one GenericTracker on the broker and
+/// forwards its public methods). Returns the modules whose update() the simulation calls each
+/// step, in that order.
 using SubModuleFactory =
     std::function<std::vector<std::shared_ptr<SimModule>>(const SimContext& context)>;
 
-/// The factory of the tracking service's sub-modules (defined with them, in sim/src/modules).
+/// The factory of the tracking service's sub-modules (sim/src/tracking/factory.cpp).
 std::vector<std::shared_ptr<SimModule>> createTrackerModules(const SimContext& context);
 /// The eight sub-modules alone, without the "KRTracker" host: the robot side of a run whose
 /// tracking service is another process. Same update order.

@@ -1,16 +1,17 @@
 #pragma once
-// LookerBase: what the three lookers ("_HeadLooker", "_WholeBodyLooker", "_ArmsLooker") share.
-// While started, every step update() takes the smoother's latest target
-// (Namer::getNameLooker()) when it is fresh and hands it to xFollow(); without one, the next
-// sample starts again from the measured joints (others may have moved them meanwhile).
-// Remote methods of every looker: "start"(), "stopLooker"(), "exit"(). A command is sent
-// only when one of its joints is free, and logged when its switch is on.
+// LookerBase: what the three lookers (head_looker.h, whole_body_looker.h, arms_looker.h)
+// share beyond their lifecycle (sub_module_lifecycle.h). While started, every step update()
+// takes the smoother's latest target (Namer::getNameLooker()) when it is fresh and hands it to
+// xFollow(); without one, the next sample starts again from the measured joints (others may
+// have moved them meanwhile). Remote methods of every looker: "start"(), "stopLooker"(),
+// "exit"(). A command is sent only when one of its joints is free, and logged when its switch
+// is on.
 //
-// Each looker keeps its state in one struct `State` (derived from LookerState) behind one
-// mutex; snapshot() copies it. The lock is held across the motion requests, so once
-// stopLooker() returns nothing more is sent; KRMotion never calls back into a sub-module.
-// Events are raised without the lock.
+// Each looker's `State` derives from LookerState. The lock is held across the motion requests,
+// so once stopLooker() returns nothing more is sent; KRMotion never calls back into a
+// sub-module.
 
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -23,49 +24,35 @@
 #include <krtracker/tools/namer/namer.h>
 #include <krtracker/tools/tools.h>
 
-#include <krsim/tracking/common.h>
+#include <krsim/tracking/config_reads.h>
 #include <krsim/tracking/context.h>
+#include <krsim/tracking/seconds.h>
+#include <krsim/tracking/sub_module_lifecycle.h>
+#include <krsim/tracking/target_input.h>
 
 namespace KR {
 namespace Sim {
 
+/// A looker follows a sample only while it is this recent: the smoother publishes every step.
+inline constexpr std::chrono::milliseconds kLookerFreshness{50};
+
 struct LookerState {
   bool running = false;
   bool resync = true;  // take the measured joints as the last command first
+  void onStart() { resync = true; }
 };
 
 template <class State>
-class LookerBase : public SimModule {
+class LookerBase : public SubModuleLifecycle<State> {
  public:
   /// Raises `restartedEvent` (if not empty) on every start.
   LookerBase(const char* name, const SimContext& context, std::string restartedEvent)
-      : SimModule(name),
-        fMemory(context.memory),
-        fMotion(context.broker->getProxy("KRMotion", 0)),
+      : SubModuleLifecycle<State>(name, context),
         fInput(context.memory, context.clock, Tracker::Namer::getNameLooker()),
         fRestartedEvent(std::move(restartedEvent)) {
     context.robot->fillTrackerModel(fModel);
-    bind("start", &LookerBase::start, this);
-    bind("stopLooker", &LookerBase::stopLooker, this);
-    bind("exit", &LookerBase::exit, this);
+    this->bind("stopLooker", [this] { this->stop(); });
   }
-
-  void start() {
-    {
-      std::lock_guard<std::mutex> lock(fMutex);
-      fState.running = true;
-      fState.resync = true;
-      xOnStart();
-    }
-    if (!fRestartedEvent.empty())
-      fMemory->raiseEvent(fRestartedEvent, KRValue(true));
-  }
-  void stopLooker() {
-    std::lock_guard<std::mutex> lock(fMutex);
-    fState.running = false;
-    xOnStop();
-  }
-  void exit() { stopLooker(); }
 
   void update(KRTimePoint now) override {
     std::lock_guard<std::mutex> lock(fMutex);
@@ -78,24 +65,23 @@ class LookerBase : public SimModule {
     xOnLost();
   }
 
-  State snapshot() const {
-    std::lock_guard<std::mutex> lock(fMutex);
-    return fState;
-  }
-
  protected:
+  using SubModuleLifecycle<State>::fMemory;
+  using SubModuleLifecycle<State>::fMotion;
+  using SubModuleLifecycle<State>::fMutex;
+  using SubModuleLifecycle<State>::fState;
+
   /// Follows a fresh sample; false when there is nothing to follow (as without a sample).
   /// Caller holds fMutex.
   virtual bool xFollow(const TargetInput::Sample& sample, KRTimePoint now) = 0;
-  virtual void xOnStart() {}
-  virtual void xOnStop() {}
   virtual void xOnLost() {}
 
   /// The measured head angles into `angle` when a resync is due; true if it was.
   bool xResyncHead(Model::TrackerHeadAngle& angle) {
     if (!fState.resync)
       return false;
-    const auto measured = fMotion->call<std::vector<float>>("getAngles", std::string("Head"), true);
+    const auto measured =
+        fMotion->template call<std::vector<float>>("getAngles", std::string("Head"), true);
     if (measured.size() >= 2) {
       angle.yaw = measured[0];
       angle.pitch = measured[1];
@@ -111,17 +97,18 @@ class LookerBase : public SimModule {
       Tracker::tools::logAnglesToFile(fAngles, fNames, file, logTime(now), fLogFirst);
   }
 
-  std::shared_ptr<SimMemory> fMemory;
-  std::shared_ptr<KR::KRProxy> fMotion;
   Model::KRTrackerModel fModel;
   TargetInput fInput;
-  mutable std::mutex fMutex;
-  State fState;
   // The command being built (joint names and angles); under fMutex.
   std::vector<std::string> fNames;
   std::vector<float> fAngles;
 
  private:
+  void xOnStarted() override {
+    if (!fRestartedEvent.empty())
+      fMemory->raiseEvent(fRestartedEvent, KRValue(true));
+  }
+
   const std::string fRestartedEvent;
   bool fLogFirst = true;
 };

@@ -8,9 +8,14 @@
 // this mover had set it going. With LOG_MOVE_COMMAND on, each command goes to the log
 // "MotionMove.txt".
 //
-// Remote methods: "start"(), "stopMove"(), "setParam"(config), "exit"().
+// Remote methods: "start"(), "stopMove"() (as "exit"), "setParam"(config), "exit"().
 
 #include <array>
+#include <cstddef>
+
+#include <kr/math/types.h>
+
+#include <krtracker/config/krgenerictrackerconfig.h>
 
 #include <krsim/tracking/mover_base.h>
 
@@ -26,9 +31,16 @@ class MotionMove : public MoverBase {
   explicit MotionMove(const SimContext& context);
 
   void update(KRTimePoint now) override;
-  void stopMove();
 
  private:
+  /// The base velocity (vx, vy, vtheta) for the situation, within the limits; dt [s] since the
+  /// last update (0 at the first). Caller holds fMutex.
+  Math::Pose2D xCommand(const Situation& s, float dt);
+  /// Adds to `command` the PID correction of one axis (x, y, theta) while its error is being
+  /// corrected: from when it leaves its threshold until it is back within half of it.
+  void xCorrect(std::size_t axis, float error, float threshold, Tracker::ConfigKey gainKey,
+                float dt, float& command);
+
   std::array<bool, 3> fCorrecting{};
   std::array<float, 3> fIntegral{};
   std::array<float, 3> fLastError{};

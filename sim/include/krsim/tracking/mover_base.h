@@ -1,8 +1,9 @@
 #pragma once
-// MoverBase: what the two movers ("_MotionMove", "_NavigationMove") share. It follows the
-// smoother's move targets (Namer::getNameMove(): the target, the relative position to keep
-// and the target's velocity) and its lost and detected events, holds the move limits given
-// by "setParam", and tells whether the base was set going by this mover.
+// MoverBase: what the two movers (motion_move.h, navigation_move.h) share beyond their
+// lifecycle (sub_module_lifecycle.h). It follows the smoother's move targets
+// (Namer::getNameMove(): the target, the relative position to keep and the target's velocity)
+// and its lost and detected events, holds the move limits given by "setParam", and tells
+// whether the base was set going by this mover; stopping the mover stops that base.
 //
 // The relative position [coordX, coordY, coordWz, thresholdX, thresholdY, thresholdWz]: the
 // target is to stay at (coordX, coordY) in the robot frame, at the bearing coordWz, each
@@ -23,8 +24,9 @@
 
 #include <krtracker/types/types/trackinfos.h>
 
-#include <krsim/tracking/common.h>
 #include <krsim/tracking/context.h>
+#include <krsim/tracking/move_limits.h>
+#include <krsim/tracking/sub_module_lifecycle.h>
 
 namespace KR {
 namespace Sim {
@@ -34,9 +36,10 @@ struct MoverState {
   bool moving = false;   // the base runs on a command of this mover
   bool reached = false;  // TargetReached raised since the last move
   MoveLimits limits;
+  void onStart() { reached = false; }
 };
 
-class MoverBase : public SimModule {
+class MoverBase : public SubModuleLifecycle<MoverState> {
  public:
   /// A move target is extrapolated with its velocity at most this long (the smoother
   /// publishes it again when it has moved by the hysteresis or comes to rest).
@@ -57,11 +60,7 @@ class MoverBase : public SimModule {
   MoverBase(const std::string& name, const SimContext& context);
   ~MoverBase() override;
 
-  void start();
   void setParam(const KRValue& config);
-  void exit();
-
-  MoverState snapshot() const;
 
  protected:
   /// The situation at `now`; none while the target is lost or was never given.
@@ -75,13 +74,8 @@ class MoverBase : public SimModule {
   bool xReached();
   /// Raises "KRTracker/TargetReached"; called without fMutex.
   void xRaiseReached();
-
-  const std::string fName;
-  std::shared_ptr<SimMemory> fMemory;
-  std::shared_ptr<SimMotion> fMotionService;
-  std::shared_ptr<KR::KRProxy> fMotion;
-  mutable std::mutex fMutex;
-  MoverState fState;
+  /// On stop and exit: the base this mover set going stops.
+  void xOnStop() override { xStopBase(); }
 
  private:
   struct Goal {

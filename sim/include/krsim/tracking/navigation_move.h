@@ -35,6 +35,12 @@ class NavigationMove : public MoverBase {
   void stopWithoutStopMove();
 
  private:
+  /// Walks to `place` (robot frame; `placeInWorld` in FRAME_WORLD), by navigating or, when
+  /// near, by one step that ends facing the target. A refusal is logged and ends the mover's
+  /// work. Caller holds fMutex.
+  void xWalkTo(const Situation& s, const Math::Position3D& place,
+               const Math::Position3D& placeInWorld, KRTimePoint now);
+
   std::optional<Math::Position3D> fGoal;  // FRAME_WORLD, the last navigation goal
   bool fTurning = false;
   bool fRefused = false;  // the motion service refused to navigate

@@ -6,7 +6,15 @@
 // the target is followed it publishes the filtered target for the lookers
 // (Namer::getNameLooker()), and, when it has moved by more than the move hysteresis or has
 // come to rest, for the movers (Namer::getNameMove(), and the move event when one is set).
-// Payloads: see common.h.
+//
+// Payloads raised in KRMemory:
+//   Namer::getNameLooker()  TrackInfos KRValue form: the smoothed target (FRAME_WORLD), raised
+//                           every step while the target is followed and not lost (read by
+//                           TargetInput, target_input.h).
+//   Namer::getNameMove()    [TrackInfos KRValue, relative position (6 floats),
+//                            target velocity [vx, vy, vz] (FRAME_WORLD, m/s)], raised when the
+//                           target has moved by more than the move hysteresis, and once more
+//                           when it comes to rest (read by MoverBase, mover_base.h).
 //
 // Latency compensation (on unless the context turns it off). A detection reaches the
 // smoother late, converted with the camera pose of its delivery; the smoother moves it to
@@ -22,7 +30,7 @@
 //
 // Landmarks: given the two ids ("setTargetIds") and their map positions ("setMap"), the
 // latest observation of each landmark gives the robot's pose in the map frame
-// ("getPosition": [x, y, 0, 0, 0, theta]).
+// ("getPosition": [x, y, 0, 0, 0, theta]; landmark_pose.h).
 //
 // Remote methods: "startEvent"(event[, event2]), "stopSmoother"(), "restart"(event[, event2]),
 // "setTarget"(relative position), "setTargetIds"(int, int), "setMap"(map), "setMaxDistance"
@@ -37,6 +45,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <kr/broker/broker.h>
@@ -109,9 +118,27 @@ class Smoother : public SimModule {
     ConstantVelocityFilter filter;    // FRAME_WORLD [m], times since fStartTime [s]
   };
 
+  using Events = std::vector<std::pair<std::string, KRValue>>;  // [(name, value)]
+
   void xSubscribe(const std::vector<std::string>& events);
   void xUnsubscribeAll();
   void xOnEvent(int generation, std::size_t index, const std::string& name, const KRValue& value);
+  /// A tracker event as a target sample: converted, with its head threshold, and (with
+  /// compensation) placed where the camera was at capture. None when it does not convert or
+  /// is not finite.
+  std::optional<Tracker::types::TrackInfos> xObservation(const std::string& name,
+                                                         const KRValue& value);
+  /// Files an accepted sample in its track; true when it ends a loss. Caller holds fMutex.
+  bool xFile(Track& track, const Tracker::types::TrackInfos& info);
+  /// The track observed last (null when none has a sample); moves `lastSeen` on to the last
+  /// observation of any track. Caller holds fMutex.
+  const Track* xLatest(KRTimePoint& lastSeen) const;
+  /// The step's publications of the followed target. Caller holds fMutex.
+  void xPublish(const Track& latest, KRTimePoint now, Events& events);
+  /// The movers' publication, when the target has moved by the hysteresis or come to rest.
+  /// Caller holds fMutex.
+  void xPublishMove(const Math::Position6D& pose, const Math::Position3D& velocity,
+                    const KRValue& sample, Events& events);
   void xAssignLandmarkIds();
   void xRaise(const std::string& name, const KRValue& value);
 

@@ -15,6 +15,9 @@
 namespace KR {
 namespace Sim {
 
+/// The service's name on the broker.
+inline constexpr const char* kTrackerServiceModule = "KRTracker";
+
 class TrackerService : public KR::KRModule {
  public:
   explicit TrackerService(const std::shared_ptr<KR::KRBroker>& broker);

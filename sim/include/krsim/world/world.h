@@ -3,11 +3,11 @@
 // by the head camera (or heard, for a sound source) and published as tracker events in
 // platform memory, the way the robot's detection modules would.
 //
-// The head camera takes frames at CameraConfig::cameraRateHz. On a frame, a target is detected
-// when it lies in the field of view of the head camera of the configured effector (0: top
-// camera by default) and within range, unless the frame misses it (CameraConfig::dropout). The
-// detection is a point in the camera frame, with an angular error and a distance error that
-// grows with the distance. It is delivered CameraConfig::latencyS later, stamped with the
+// The head camera (Camera) takes frames at CameraConfig::cameraRateHz. On a frame, a target is
+// detected when it lies in the field of view of the head camera of the configured effector (0:
+// top camera by default) and within range, unless the frame misses it (CameraConfig::dropout).
+// The detection is a point in the camera frame, with an angular error and a distance error
+// that grows with the distance. It is delivered CameraConfig::latencyS later, stamped with the
 // capture time: the detection module converts it into the event's frame with the head and
 // base pose it reads when it publishes, as a robot's vision service does, so a consumer that
 // wants the pose at capture time asks KRMotion for it ("_getSensorTransformAtTime").
@@ -19,21 +19,20 @@
 //   Layout::Torso  [[torso 6D], [robot 6D], [sec, usec], effector(, threshold)]
 // FRAME_WORLD is the motion service's odometry frame, so a drifting odometry shows in the
 // events as it would on a robot. Every random draw (dropout, angle, distance, then the extra
-// Gaussian noise on each map coordinate) comes from one std::mt19937 seeded at construction,
-// in a fixed order: the same seed gives the same run. An observation that is not finite is
-// never raised.
+// Gaussian noise on each map coordinate) comes from the camera's std::mt19937 seeded at
+// construction, in a fixed order: the same seed gives the same run. An observation that is not
+// finite is never raised.
 //
 // Kinds are the platform's target names ("RedBall", "Face", "People", "Sound", "LandMarks").
 // When several targets of one kind are seen, the nearest is published; "LandMarks" is the
 // exception: its i-th target goes to the i-th event name, so two landmarks need two names.
 
+#include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <random>
 #include <string>
 #include <utility>
 #include <vector>
@@ -45,42 +44,10 @@
 #include <krsim/robot/memory.h>
 #include <krsim/robot/motion.h>
 #include <krsim/world/camera.h>
+#include <krsim/world/path.h>
 
 namespace KR {
 namespace Sim {
-
-/// A scripted path: keyframes in the map frame, interpolated linearly, held before the first
-/// and after the last.
-struct Keyframe {
-  double time = 0.0;          // [s] since the start of the simulation
-  Math::Position3D position;  // map frame [m]
-};
-
-class Path {
- public:
-  Path() = default;
-  explicit Path(std::vector<Keyframe> keyframes);
-  static Path fixed(const Math::Position3D& position);
-  /// A circle about `center` (map frame) at height z, from `startAngle` [rad] turning at
-  /// `angularSpeed` [rad/s] from `startTime` to `endTime`, sampled every `sampleStep` seconds.
-  static Path orbit(const Math::Position3D& center, float radius, float z, float startAngle,
-                    float angularSpeed, double startTime, double endTime, double sampleStep = 0.05);
-  /// Appends the keyframes of another path (which must start later).
-  Path& then(const Path& other);
-  Path& add(double time, const Math::Position3D& position);
-
-  Math::Position3D at(double time) const;
-  const std::vector<Keyframe>& keyframes() const { return fKeyframes; }
-
- private:
-  std::vector<Keyframe> fKeyframes;
-};
-
-struct TimeInterval {
-  double begin = 0.0;  // [s]
-  double end = 0.0;    // [s]
-  bool contains(double t) const { return t >= begin && t < end; }
-};
 
 enum class Layout { World, Torso };
 
@@ -158,35 +125,22 @@ class World {
     std::vector<std::string> eventNames;
     std::int64_t nextDueNs = -1;  // clock elapsed time of the next observation [ns]
   };
-  /// A detection on its way to the tracker.
-  struct Detection {
-    std::int64_t deliverNs = 0;  // clock elapsed time of delivery [ns]
-    KRTimePoint captured;
-    std::string eventName;
-    Math::Position3D cameraToObject;  // camera frame at capture [m]
-    Layout layout = Layout::Torso;
-    int effector = 0;
-    float headThreshold = -1.0f;
-  };
 
-  void xDetect(const Target& target, const std::string& eventName, KRTimePoint now,
-               const Math::Transform& mapToCamera, std::int64_t elapsedNs);
-  std::optional<KRValue> xMakeEvent(const Detection& detection);
-  bool xFrameDue(std::int64_t elapsedNs);
+  int xPeriodMs(const std::string& kind) const;
+  void xMoveTargets(double t, const Camera::View& view);
+  void xPublish(const std::string& kind, Publication& publication, const Camera::View& view,
+                KRTimePoint now, std::int64_t elapsedNs);
+  void xDeliver(std::int64_t elapsedNs, std::vector<std::pair<std::string, KRValue>>& events);
+  std::optional<KRValue> xMakeEvent(const Detection& detection) const;
 
   std::shared_ptr<const SimClock> fClock;
   std::shared_ptr<SimMemory> fMemory;
   std::shared_ptr<SimMotion> fMotion;
-  mutable std::mutex fMutex;
-  std::vector<Target> fTargets;
+  mutable std::mutex fMutex;     // guards everything below
+  std::vector<Target> fTargets;  // only ever appended to: Detection::target indexes it
   std::map<std::string, Publication> fPublications;
   std::map<std::string, int> fPeriodsMs;
-  float fNoise = 0.0f;
-  int fEffector = 0;
-  CameraConfig fPerception;
-  std::int64_t fNextFrameNs = 0;
-  std::deque<Detection> fInFlight;  // in order of delivery
-  std::mt19937 fRandom;
+  Camera fCamera;
 };
 
 }  // namespace Sim

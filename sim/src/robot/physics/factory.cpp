@@ -1,51 +1,38 @@
-#include <krsim/robot/physics/backend.h>
+#include <krsim/robot/physics/factory.h>
 
-#include <set>
+#include <algorithm>
 
 #include <kr/error.h>
-#include <kr/math/math.h>
 #include <kr/model/robot.h>
 
-#include <krsim/robot/physics/kinematic.h>
 #include <krsim/robot/physics/mujoco.h>
 
 namespace KR {
 namespace Sim {
 
-namespace {
-constexpr float kArmRestPitch = 1.4f;  // arms hanging down [rad]
+const std::vector<std::string>& physicsBackendNames() {
+  static const std::vector<std::string> names{"kinematic", "mujoco"};
+  return names;
 }
 
-std::vector<SimJoint> simulatedJoints(const Model::Robot& robot) {
-  const Model::KRTrackerModel& model = robot.trackerModel();
-  std::vector<SimJoint> out;
-  std::set<std::string> seen;
-  auto add = [&](const Model::TrackerJoint& joint, const char* chain, float rest) {
-    if (joint.name.empty() || !seen.insert(joint.name).second)
-      return;
-    Math::clipData(joint.min, joint.max, rest);
-    out.push_back({joint, chain, rest});
-  };
-  add(model.head.yaw, "Head", 0.0f);
-  add(model.head.pitch, "Head", 0.0f);
-  for (const auto* arm : {&model.leftArm, &model.rightArm}) {
-    const char* chain = arm == &model.leftArm ? "LArm" : "RArm";
-    for (std::size_t i = 0; i < arm->joints.size(); ++i)
-      add(arm->joints[i], chain, i == 0 ? kArmRestPitch : 0.0f);
-  }
-  for (const auto& entry : robot.getJoints())
-    add(entry.second, "Body", 0.0f);
-  return out;
+void checkPhysicsBackendName(const std::string& name) {
+  const auto& names = physicsBackendNames();
+  if (std::find(names.begin(), names.end(), name) != names.end())
+    return;
+  std::string accepted;
+  for (const auto& n : names)
+    accepted += (accepted.empty() ? "" : ", ") + n;
+  throw KRError("KRMotion", "physics",
+                "unknown physics backend \"" + name + "\" (accepted: " + accepted + ")");
 }
 
 std::unique_ptr<PhysicsBackend> makePhysicsBackend(const std::string& name,
-                                                   const Model::Robot& robot) {
-  if (name == "kinematic")
-    return std::make_unique<KinematicBackend>(simulatedJoints(robot).size());
+                                                   const Model::Robot& robot,
+                                                   const ServoModel& servo) {
+  checkPhysicsBackendName(name);
   if (name == "mujoco")
     return std::make_unique<MujocoBackend>(robot);
-  throw KRError("KRMotion", "physics",
-                "unknown physics backend \"" + name + "\" (accepted: kinematic, mujoco)");
+  return std::make_unique<KinematicBackend>(simulatedJoints(robot).size(), servo);
 }
 
 }  // namespace Sim

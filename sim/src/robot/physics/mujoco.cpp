@@ -65,18 +65,139 @@ class ModelWriter {
  public:
   explicit ModelWriter(const Model::Robot& robot) : fRobot(robot) {}
 
+  /// The whole model (MJCF text); once per writer.
   std::string xml();
   const std::map<std::string, std::string>& sources() const { return fSources; }
 
  private:
+  /// Half sizes of the torso's box, from the shoulders and the neck, and the radius of the
+  /// legs (or base) below it [m].
+  struct TorsoShape {
+    double halfWidth = 0.0, halfDepth = 0.0, halfHeight = 0.0, legRadius = 0.0;
+  };
+
+  TorsoShape torsoShape() const;
+  void base(const TorsoShape& torso);
+  void head();
   void joint(const Model::TrackerJoint& j, const char* axis, const std::string& source);
   void arm(const Model::TrackerArm& arm, const std::string& side);
+  void targets();
+  std::string document() const;
 
   const Model::Robot& fRobot;
   std::ostringstream fBody;
   std::ostringstream fActuators;
   std::map<std::string, std::string> fSources;
 };
+
+std::string ModelWriter::xml() {
+  const Model::KRTrackerModel& m = fRobot.trackerModel();
+  base(torsoShape());
+  head();
+  arm(m.leftArm, "left");
+  arm(m.rightArm, "right");
+  fBody << "</body>\n</body>\n";  // Torso, Base
+  targets();
+  return document();
+}
+
+ModelWriter::TorsoShape ModelWriter::torsoShape() const {
+  const Model::KRTrackerModel& m = fRobot.trackerModel();
+  TorsoShape t;
+  t.halfWidth = std::max(0.04, 0.8 * std::fabs(m.leftArm.shoulderPosition.y));
+  t.halfDepth = 0.6 * t.halfWidth;
+  t.halfHeight = std::max(0.03, 0.5 * static_cast<double>(m.head.headPosition.z));
+  t.legRadius = 0.5 * t.halfWidth;
+  return t;
+}
+
+// The base on its planar joints, carrying the mass of torso and legs, then the torso's body
+// (left open for the head and arms).
+void ModelWriter::base(const TorsoShape& torso) {
+  const double torsoHeight = fRobot.getTorsoHeight();
+  const double torsoMass = fRobot.getTorsoMass();
+  const double comZ = 0.5 * (torsoHeight + 2 * torso.halfHeight);  // over torso and legs
+  const double fullHalfHeight = 0.5 * (torsoHeight + 2 * torso.halfHeight);
+  fBody << "<body name=\"Base\">\n"
+        << "<joint name=\"BaseX\" type=\"slide\" axis=\"1 0 0\"/>\n"
+        << "<joint name=\"BaseY\" type=\"slide\" axis=\"0 1 0\"/>\n"
+        << "<joint name=\"BaseYaw\" type=\"hinge\" axis=\"0 0 1\"/>\n"
+        << "<inertial pos=\"0 0 " << fmt(comZ) << "\" mass=\"" << fmt(torsoMass)
+        << "\" diaginertia=\""
+        << boxInertia(torsoMass, torso.halfDepth, torso.halfWidth, fullHalfHeight) << "\"/>\n";
+  fSources["Base"] = "robot/torso (mass, height)";
+  if (torsoHeight > 0.0) {
+    fBody << "<geom type=\"capsule\" fromto=\"0 0 " << fmt(torso.legRadius) << " 0 0 "
+          << fmt(std::max(torsoHeight, torso.legRadius)) << "\" size=\"" << fmt(torso.legRadius)
+          << "\" rgba=\"0.5 0.5 0.55 1\"/>\n";
+  }
+  fBody << "<body name=\"Torso\" pos=\"0 0 " << fmt(torsoHeight) << "\">\n"
+        << "<geom type=\"box\" pos=\"0 0 " << fmt(torso.halfHeight) << "\" size=\""
+        << fmt(torso.halfDepth) << " " << fmt(torso.halfWidth) << " " << fmt(torso.halfHeight)
+        << "\" rgba=\"0.9 0.9 0.95 1\"/>\n";
+}
+
+// Head: yaw then pitch about its turning point; a sphere around its sensors, balanced over the
+// pitch axis as servo heads are; the cameras of the head effectors.
+void ModelWriter::head() {
+  const Model::KRTrackerModel& m = fRobot.trackerModel();
+  double reach = 0.03, top = 0.0;
+  for (const auto& e : m.head.effectorTransforms) {
+    const Math::Position3D p = e.translation();
+    reach = std::max(reach, static_cast<double>(std::hypot(p.x, p.y)));
+    top += p.z / Model::kTrackEffectorCount;
+  }
+  const double headMass = fRobot.getHeadMass();
+  fBody << "<body name=\"Head\" pos=\"" << vec(m.head.headPosition) << "\">\n";
+  fSources["Head"] = "robot/head (mass, position)";
+  joint(m.head.yaw, "0 0 1", "robot/head");
+  joint(m.head.pitch, "0 1 0", "robot/head");
+  fBody << "<inertial pos=\"0 0 " << fmt(top) << "\" mass=\"" << fmt(headMass)
+        << "\" diaginertia=\"" << fmt(0.4 * headMass * reach * reach) << " "
+        << fmt(0.4 * headMass * reach * reach) << " " << fmt(0.4 * headMass * reach * reach)
+        << "\"/>\n"
+        << "<geom type=\"sphere\" pos=\"0 0 " << fmt(top) << "\" size=\"" << fmt(0.9 * reach)
+        << "\" rgba=\"0.95 0.95 1 1\"/>\n";
+  // A MuJoCo camera looks along its -z axis with y up: x = -(effector y), y = effector z.
+  const double fovy = fRobot.getCameraVerticalFov() * 180.0 / M_PI;
+  for (int i = 0; i < Model::kTrackEffectorCount; ++i) {
+    const Math::Transform& e = m.head.effectorTransforms[i];
+    fBody << "<camera name=\"" << kCameras[i] << "\" pos=\"" << vec(e.translation())
+          << "\" xyaxes=\"" << vec(-e.yAxis()) << " " << vec(e.zAxis()) << "\" fovy=\"" << fmt(fovy)
+          << "\"/>\n";
+  }
+  fBody << "</body>\n";
+}
+
+// The world's targets as motion-capture bodies, out of sight until placed; the base's
+// velocity actuators after the joints' servos.
+void ModelWriter::targets() {
+  for (int i = 0; i < MujocoBackend::kTargetCount; ++i) {
+    fBody << "<body name=\"Target" << i << "\" mocap=\"true\" pos=\"0 0 -1\">"
+          << "<geom type=\"sphere\" size=\"0.05\" rgba=\"0.95 0.2 0.1 1\"/></body>\n";
+  }
+  for (const char* base : {"BaseX", "BaseY", "BaseYaw"})
+    fActuators << "<velocity name=\"" << base << "\" joint=\"" << base << "\" kv=\"1\"/>\n";
+}
+
+// Options (physics step, gravity, no contacts), the picture's size, light and floor around
+// the bodies and actuators written so far.
+std::string ModelWriter::document() const {
+  std::ostringstream out;
+  out << "<mujoco model=\"" << fRobot.getName() << "\">\n"
+      << "<compiler angle=\"radian\" inertiafromgeom=\"false\"/>\n"
+      << "<option timestep=\"" << fmt(MujocoBackend::kPhysicsStep)
+      << "\" gravity=\"0 0 -9.81\" integrator=\"Euler\">\n"
+      << "<flag contact=\"disable\"/>\n</option>\n"
+      << "<visual><global offwidth=\"1280\" offheight=\"960\"/></visual>\n"
+      << "<default><geom contype=\"0\" conaffinity=\"0\"/></default>\n"
+      << "<worldbody>\n"
+      << "<light pos=\"0 0 4\" dir=\"0 0 -1\" directional=\"true\"/>\n"
+      << "<geom name=\"Floor\" type=\"plane\" size=\"10 10 0.1\" rgba=\"0.75 0.78 0.8 1\"/>\n"
+      << fBody.str() << "</worldbody>\n<actuator>\n"
+      << fActuators.str() << "</actuator>\n</mujoco>\n";
+  return out.str();
+}
 
 void ModelWriter::joint(const Model::TrackerJoint& j, const char* axis, const std::string& source) {
   if (j.name.empty())
@@ -127,92 +248,6 @@ void ModelWriter::arm(const Model::TrackerArm& arm, const std::string& side) {
         << fmt(0.9 * radius) << "\" rgba=\"0.85 0.85 0.9 1\"/>\n"
         << "<site name=\"" << prefix << "Hand\" pos=\"" << fmt(fore) << " 0 0\"/>\n"
         << "</body>\n</body>\n";
-}
-
-std::string ModelWriter::xml() {
-  const Model::KRTrackerModel& m = fRobot.trackerModel();
-  const double torsoHeight = fRobot.getTorsoHeight();
-  const Math::Position3D neck = m.head.headPosition;
-  // Torso proportions from the shoulders and the neck; legs or base below it.
-  const double halfWidth = std::max(0.04, 0.8 * std::fabs(m.leftArm.shoulderPosition.y));
-  const double halfDepth = 0.6 * halfWidth;
-  const double halfHeight = std::max(0.03, 0.5 * static_cast<double>(neck.z));
-  const double legRadius = 0.5 * halfWidth;
-  const double torsoMass = fRobot.getTorsoMass();
-  const double comZ = 0.5 * (torsoHeight + 2 * halfHeight);  // over torso and legs
-  const double fullHalfHeight = 0.5 * (torsoHeight + 2 * halfHeight);
-
-  fBody << "<body name=\"Base\">\n"
-        << "<joint name=\"BaseX\" type=\"slide\" axis=\"1 0 0\"/>\n"
-        << "<joint name=\"BaseY\" type=\"slide\" axis=\"0 1 0\"/>\n"
-        << "<joint name=\"BaseYaw\" type=\"hinge\" axis=\"0 0 1\"/>\n"
-        << "<inertial pos=\"0 0 " << fmt(comZ) << "\" mass=\"" << fmt(torsoMass)
-        << "\" diaginertia=\"" << boxInertia(torsoMass, halfDepth, halfWidth, fullHalfHeight)
-        << "\"/>\n";
-  fSources["Base"] = "robot/torso (mass, height)";
-  if (torsoHeight > 0.0) {
-    fBody << "<geom type=\"capsule\" fromto=\"0 0 " << fmt(legRadius) << " 0 0 "
-          << fmt(std::max(torsoHeight, legRadius)) << "\" size=\"" << fmt(legRadius)
-          << "\" rgba=\"0.5 0.5 0.55 1\"/>\n";
-  }
-  fBody << "<body name=\"Torso\" pos=\"0 0 " << fmt(torsoHeight) << "\">\n"
-        << "<geom type=\"box\" pos=\"0 0 " << fmt(halfHeight) << "\" size=\"" << fmt(halfDepth)
-        << " " << fmt(halfWidth) << " " << fmt(halfHeight) << "\" rgba=\"0.9 0.9 0.95 1\"/>\n";
-
-  // Head: yaw then pitch about its turning point; a sphere around its sensors, balanced
-  // over the pitch axis as servo heads are.
-  double reach = 0.03, top = 0.0;
-  for (const auto& e : m.head.effectorTransforms) {
-    const Math::Position3D p = e.translation();
-    reach = std::max(reach, static_cast<double>(std::hypot(p.x, p.y)));
-    top += p.z / Model::kTrackEffectorCount;
-  }
-  const double headMass = fRobot.getHeadMass();
-  fBody << "<body name=\"Head\" pos=\"" << vec(neck) << "\">\n";
-  fSources["Head"] = "robot/head (mass, position)";
-  joint(m.head.yaw, "0 0 1", "robot/head");
-  joint(m.head.pitch, "0 1 0", "robot/head");
-  fBody << "<inertial pos=\"0 0 " << fmt(top) << "\" mass=\"" << fmt(headMass)
-        << "\" diaginertia=\"" << fmt(0.4 * headMass * reach * reach) << " "
-        << fmt(0.4 * headMass * reach * reach) << " " << fmt(0.4 * headMass * reach * reach)
-        << "\"/>\n"
-        << "<geom type=\"sphere\" pos=\"0 0 " << fmt(top) << "\" size=\"" << fmt(0.9 * reach)
-        << "\" rgba=\"0.95 0.95 1 1\"/>\n";
-  // A MuJoCo camera looks along its -z axis with y up: x = -(effector y), y = effector z.
-  const double fovy = fRobot.getCameraVerticalFov() * 180.0 / M_PI;
-  for (int i = 0; i < Model::kTrackEffectorCount; ++i) {
-    const Math::Transform& e = m.head.effectorTransforms[i];
-    fBody << "<camera name=\"" << kCameras[i] << "\" pos=\"" << vec(e.translation())
-          << "\" xyaxes=\"" << vec(-e.yAxis()) << " " << vec(e.zAxis()) << "\" fovy=\"" << fmt(fovy)
-          << "\"/>\n";
-  }
-  fBody << "</body>\n";
-
-  arm(m.leftArm, "left");
-  arm(m.rightArm, "right");
-  fBody << "</body>\n</body>\n";
-
-  for (int i = 0; i < MujocoBackend::kTargetCount; ++i) {
-    fBody << "<body name=\"Target" << i << "\" mocap=\"true\" pos=\"0 0 -1\">"
-          << "<geom type=\"sphere\" size=\"0.05\" rgba=\"0.95 0.2 0.1 1\"/></body>\n";
-  }
-  for (const char* base : {"BaseX", "BaseY", "BaseYaw"})
-    fActuators << "<velocity name=\"" << base << "\" joint=\"" << base << "\" kv=\"1\"/>\n";
-
-  std::ostringstream out;
-  out << "<mujoco model=\"" << fRobot.getName() << "\">\n"
-      << "<compiler angle=\"radian\" inertiafromgeom=\"false\"/>\n"
-      << "<option timestep=\"" << fmt(MujocoBackend::kPhysicsStep)
-      << "\" gravity=\"0 0 -9.81\" integrator=\"Euler\">\n"
-      << "<flag contact=\"disable\"/>\n</option>\n"
-      << "<visual><global offwidth=\"1280\" offheight=\"960\"/></visual>\n"
-      << "<default><geom contype=\"0\" conaffinity=\"0\"/></default>\n"
-      << "<worldbody>\n"
-      << "<light pos=\"0 0 4\" dir=\"0 0 -1\" directional=\"true\"/>\n"
-      << "<geom name=\"Floor\" type=\"plane\" size=\"10 10 0.1\" rgba=\"0.75 0.78 0.8 1\"/>\n"
-      << fBody.str() << "</worldbody>\n<actuator>\n"
-      << fActuators.str() << "</actuator>\n</mujoco>\n";
-  return out.str();
 }
 
 // "... Object name = LUpperArm, id = 4, line = 28 ..." -> LUpperArm

@@ -2,7 +2,7 @@
 // PhysicsBackend: what moves the simulated robot's joints and base. The motion service decides
 // what each joint and the base should do (commands, limits, gaze and walk control); a backend
 // turns that into motion over time: the kinematic servo model (fast, for tests) or a physics
-// engine (mass, inertia, gravity, position servos).
+// engine (mass, inertia, gravity, position servos). factory.h builds one by name.
 //
 // Joints are numbered in the robot's order: head (yaw, pitch), then the left arm, then the right
 // arm, each arm in chain order; SimMotion::jointNames() lists them. Angles [rad], speeds
@@ -10,7 +10,6 @@
 // frame [m/s, rad/s].
 
 #include <cstddef>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -39,7 +38,8 @@ class PhysicsBackend {
   /// Advances the simulated robot by dt seconds.
   virtual void step(double dt) = 0;
 
-  /// Measured angle and velocity of a joint, as its sensors read them.
+  /// Measured angle and velocity of a joint, as its sensors read them. Every method taking a
+  /// joint throws KRError("KRMotion", "physics", ...) for a number the robot lacks.
   virtual float jointAngle(std::size_t joint) const = 0;
   virtual float jointVelocity(std::size_t joint) const = 0;
   /// Pose of the base in the map frame (ground truth).
@@ -58,14 +58,10 @@ struct SimJoint {
   float rest = 0.0f;
 };
 
-/// The robot's joints in the backends' order: head (yaw, pitch), left arm, right arm, then the
-/// other joints of the robot description by name.
+/// The robot's joints in the backends' order, which every backend numbers its joints by: head
+/// (yaw, pitch), left arm, right arm (each in chain order), then the other joints of the robot
+/// description by name. A joint named twice counts once.
 std::vector<SimJoint> simulatedJoints(const Model::Robot& robot);
-
-/// The backend called `name` ("kinematic" or "mujoco"), its joints and base at rest; KRError
-/// naming the accepted names for any other.
-std::unique_ptr<PhysicsBackend> makePhysicsBackend(const std::string& name,
-                                                   const Model::Robot& robot);
 
 }  // namespace Sim
 }  // namespace KR
