@@ -268,13 +268,15 @@ int runSingle(const RunConfig& config, const Scenario& scenario, ScenarioRun& ru
   RunPictures pictures(run, config, hook);
   const RunResult r = playOnce(run, config.quiet ? nullptr : &out, csvPath.empty() ? nullptr : &csv,
                                pictures.afterStep(config.realtime), cpuStart);
-  pictures.finish();
+  const std::string videoError = pictures.finish();  // reported once the outputs are written
   if (!csvPath.empty() && !csv.flush())
     throw std::runtime_error("cannot write " + csvPath);
   csv.close();
   printSummary(config, scenario, r, pictures.windowClosed(), out);
   pictures.report(out);
   writeOutputs(config, scenario, r, csvPath, out);
+  if (!videoError.empty())
+    throw std::runtime_error(videoError);
   return r.interrupted ? 128 + StopSignals::received() : 0;
 }
 

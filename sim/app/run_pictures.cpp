@@ -5,6 +5,8 @@
 #include <ostream>
 #include <sstream>
 
+#include <kr/error.h>
+
 #include <krsim/report/gl_context.h>
 #include <krsim/report/live_view.h>
 #include <krsim/report/output_files.h>
@@ -64,9 +66,14 @@ AfterStep RunPictures::afterStep(bool realtime) {
   return realtime ? realTimePacing(fRun) : AfterStep();
 }
 
-void RunPictures::finish() {
-  if (fVideo)
-    fVideo->finish();
+std::string RunPictures::finish() {
+  try {
+    if (fVideo)
+      fVideo->finish();
+  } catch (const KRError& e) {
+    return e.message();
+  }
+  return {};
 }
 
 void RunPictures::report(std::ostream& out) const {

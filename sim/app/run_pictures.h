@@ -40,8 +40,8 @@ class RunPictures {
   /// What to do after each step: the live view's drawing and pacing, else real-time pacing
   /// when `realtime`, else nothing.
   AfterStep afterStep(bool realtime);
-  /// Completes the video; KRError when it cannot be.
-  void finish();
+  /// Completes the video; what went wrong with it, or empty.
+  std::string finish();
   /// Where the video went and, for the live view, how closely it kept to real time.
   void report(std::ostream& out) const;
   bool windowClosed() const;

@@ -76,7 +76,7 @@ struct LiveView::Impl {
         window(createGlfwWindow(width, height, "krtracker-sim: " + r.scenario().name, true)),
         frame(r) {
     makeWindowCurrent(window.handle);
-    glfwSwapInterval(0);                                // pacing is ours, not the display's
+    glfwSwapInterval(0);  // pacing is ours, not the display's
     renderer.emplace(run.simulation().robot());
     glfwSetWindowUserPointer(window.handle, this);
     installCallbacks();

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include <kr/error.h>
@@ -22,6 +23,7 @@ struct RunVideo::Impl {
   std::optional<VideoEncoder> encoder;  // opened once the renderer can draw its frames
   std::vector<unsigned char> rgb;       // the frame being encoded
   long next = 0;                        // index of the next frame
+  std::string error;                    // why the video stopped before the run did
   double busy = 0.0;                    // [s]
 
   Impl(ScenarioRun& run, const std::string& path, const Settings& settings)
@@ -40,9 +42,14 @@ struct RunVideo::Impl {
 
   void onSample(const Sample& s) {
     const double fps = encoder->settings().fps;
-    while (static_cast<double>(next) / fps < s.time - 1e-9) {
-      addFrame();
-      ++next;
+    try {
+      while (error.empty() && static_cast<double>(next) / fps < s.time - 1e-9) {
+        addFrame();
+        ++next;
+      }
+    } catch (const std::exception& e) {
+      // The run goes on and keeps its outputs; the video stops at the last frame written.
+      error = e.what();
     }
   }
 
@@ -75,7 +82,15 @@ RunVideo::~RunVideo() {
 }
 
 void RunVideo::finish() {
-  fImpl->encoder->finish();
+  if (fImpl->error.empty()) {
+    fImpl->encoder->finish();
+    return;
+  }
+  try {
+    fImpl->encoder->finish();  // what it holds, if it still can
+  } catch (const std::exception&) {
+  }
+  throw KRError("krsim", "video", fImpl->error);
 }
 
 int RunVideo::frames() const {

@@ -8,6 +8,7 @@
 //
 // The ctest "pictures_xvfb" runs them again under Xvfb through GLFW (KRTRACKER_GL=glfw).
 
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <cmath>
@@ -25,6 +26,7 @@
 #include <kr/error.h>
 #include <krsim/report/gl_context.h>
 #include <krsim/report/run_frame.h>
+#include <krsim/report/run_video.h>
 #include <krsim/report/scene_renderer.h>
 #include <krsim/report/snapshot.h>
 #include <krsim/robot/robot_description.h>
@@ -37,6 +39,7 @@
 namespace {
 
 using namespace krtest;
+using testing::AllOf;
 using testing::HasSubstr;
 
 constexpr double kRadToDeg = 180.0 / M_PI;
@@ -301,6 +304,41 @@ TEST(Video, FilmsTheRunFrameByFrameAndChangesNoneOfItsFigures) {
 long fileSize(const std::string& path) {
   struct stat st {};
   return ::stat(path.c_str(), &st) == 0 ? static_cast<long>(st.st_size) : 0;
+}
+
+// A disk that fills during the run (a file size limit of 4 kB, below the first 32 kB that the
+// muxer writes at once): the video stops at its last frame written, the run goes on to its
+// end, and finishing the video says why it stopped.
+TEST(Video, AFullDiskStopsTheVideoNotTheRun) {
+  ScenarioOptions options;
+  options.duration = 8.0;
+  KR::Sim::SimulationConfig config;
+  config.physics = "kinematic";
+  config.modules = &KR::Sim::createTrackerModules;
+  ScenarioRun run(KR::Sim::makeScenario("ball", options), config);
+  const std::string path = testing::TempDir() + "krtracker_full_disk.mp4";
+  if (!drawingProblem().empty()) {
+    EXPECT_THAT([&] { KR::Sim::RunVideo video(run, path); },
+                testing::ThrowsMessage<KR::KRError>(HasSubstr("xvfb-run -a")));
+    return;
+  }
+  KR::Sim::RunVideo video(run, path);
+  rlimit before{};
+  ::getrlimit(RLIMIT_FSIZE, &before);
+  rlimit small = before;
+  small.rlim_cur = 4096;
+  const auto signal = std::signal(SIGXFSZ, SIG_IGN);
+  ::setrlimit(RLIMIT_FSIZE, &small);
+  run.runToEnd();
+  ::setrlimit(RLIMIT_FSIZE, &before);
+  std::signal(SIGXFSZ, signal);
+  EXPECT_NEAR(run.simulatedSeconds(), 8.0, 1e-6);
+  EXPECT_GT(video.frames(), 0);
+  EXPECT_LT(video.frames(), 240);
+  EXPECT_THAT([&] { video.finish(); },
+              testing::ThrowsMessage<KR::KRError>(
+                  AllOf(HasSubstr("cannot write the video '" + path + "'"), HasSubstr("large"))));
+  std::remove(path.c_str());
 }
 
 // Ctrl-C in the middle of a filmed run: the program ends as for any stop (exit 130, what ran

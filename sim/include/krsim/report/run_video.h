@@ -35,7 +35,8 @@ class RunVideo {
   RunVideo(const RunVideo&) = delete;
   RunVideo& operator=(const RunVideo&) = delete;
 
-  /// Completes the file; KRError when it cannot be.
+  /// Completes the file; KRError when it cannot be, or when a frame could not be drawn or
+  /// written during the run (the video then stops there; the run itself goes on).
   void finish();
   int frames() const;
   /// Wall time spent drawing, reading back and encoding frames so far [s].
