@@ -17,7 +17,7 @@ DEB_PACKAGES := cmake g++ make libeigen3-dev libboost-dev libspdlog-dev libpugix
                 libgtest-dev libgmock-dev libbenchmark-dev gnuplot-nox libcli11-dev nlohmann-json3-dev \
                 libyaml-cpp-dev libmsgpack-cxx-dev libmujoco-dev cyclonedds-dev cyclonedds-tools \
                 libglfw3-dev libpng-dev xvfb xauth libgl1-mesa-dri libegl-dev libegl-mesa0 \
-                libavcodec-dev libavformat-dev libswscale-dev libavutil-dev ffmpeg pkgconf
+                libavcodec-dev libavformat-dev libswscale-dev libavutil-dev ffmpeg pkgconf xdotool
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
 .PHONY: setup configure build test demo demo-video demo-remote test-asan test-tsan bench bench-remote fuzz fuzz-corpus format clean

@@ -54,7 +54,7 @@ struct LiveView::Impl {
   RunFrame frame;
   ViewAngles angles;
   bool paused = false;
-  bool stepOnce = false;
+  int stepsAsked = 0;  // right arrow presses not yet stepped, while paused
   bool closed = false;
   double speed = 1.0;
   // Pacing: simulated time runs from (anchorSim at anchorWall) at `speed`.
@@ -128,7 +128,7 @@ struct LiveView::Impl {
         anchor();
         paused = true;
       }
-      stepOnce = true;
+      ++stepsAsked;
     }
   }
 
@@ -201,11 +201,11 @@ struct LiveView::Impl {
 
   void afterStep() {
     glfwPollEvents();
-    if (stepOnce) {
-      stepOnce = false;  // the step asked for has been made
+    if (stepsAsked > 0) {
+      --stepsAsked;  // the step asked for has been made
       draw();
     }
-    while (paused && !stepOnce && !checkClosed() && StopSignals::received() == 0) {
+    while (paused && stepsAsked == 0 && !checkClosed() && StopSignals::received() == 0) {
       draw();
       glfwWaitEventsTimeout(0.05);
     }

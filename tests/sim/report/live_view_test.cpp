@@ -1,6 +1,7 @@
 // The live view, under Xvfb (the ctest "live_view_xvfb"): the program's window two seconds in
-// shows the robot, its line of sight and the caption, and the run keeps to wall time; closing
-// the window stops the run as SIGINT does. Without a display, the view is refused.
+// shows the robot, its line of sight and the caption, and the run keeps to wall time; keys
+// change the speed, pause and step; closing the window stops the run as SIGINT does. Without
+// a display, the view is refused.
 
 #include <cmath>
 #include <csignal>
@@ -107,6 +108,51 @@ TEST(LiveView, ShowsTheRunInAWindowKeptToTheWallClock) {
       "live view: 6.00 s simulated in %s s of wall time (%s %% apart, at most %s s "
       "behind)\n",
       m[1].str().c_str(), m[2].str().c_str(), m[3].str().c_str());
+  EXPECT_LE(std::stod(m[2]), 2.0);
+  std::system(("rm -rf '" + dir + "'").c_str());
+}
+
+/// Sends a key to the window under the pointer (the screen's middle, inside the window), as
+/// the X server would from a keyboard (xdotool, through the XTEST extension).
+void press(const std::string& key) {
+  EXPECT_EQ(std::system(("xdotool key " + key).c_str()), 0) << key;
+}
+
+// ] doubles the speed, space pauses, the right arrow steps one control period while paused,
+// space resumes: the 8 s run ends with 3 steps made while paused (7.97 s simulated while
+// running), in well under 8 s of running wall time.
+TEST(LiveView, KeysChangeTheSpeedPauseAndStep) {
+  if (!haveDisplay()) {
+    EXPECT_THAT(KR::Sim::liveViewProblem(), HasSubstr("--view needs a display"));
+    return;
+  }
+  ASSERT_EQ(std::system("command -v xdotool >/dev/null"), 0) << "xdotool sends the keys";
+  const std::string dir = testing::TempDir() + "krtracker_live_view_keys";
+  std::system(("rm -rf '" + dir + "' && mkdir -p '" + dir + "'").c_str());
+  ChildProgram program({"--view", "--quiet", "--duration", "8", "--csv", dir + "/run.csv", "--json",
+                        dir + "/run.json"},
+                       dir + "/out.txt", dir + "/err.txt");
+  ASSERT_TRUE(program.started());
+  auto wait = [](double s) { std::this_thread::sleep_for(std::chrono::duration<double>(s)); };
+  wait(1.5);
+  press("bracketright");
+  wait(0.5);
+  press("space");
+  wait(1.0);
+  press("Right");
+  press("Right");
+  press("Right");
+  wait(0.5);
+  press("space");
+  EXPECT_EQ(program.wait(), 0) << readFile(dir + "/err.txt");
+  const std::string out = readFile(dir + "/out.txt");
+  std::smatch m;
+  ASSERT_TRUE(std::regex_search(
+      out, m,
+      std::regex("Live view: 7.97 s simulated in ([0-9.]+) s of wall time at the chosen "
+                 "speeds \\(([0-9.]+) % apart")))
+      << out;
+  EXPECT_LT(std::stod(m[1]), 6.0);
   EXPECT_LE(std::stod(m[2]), 2.0);
   std::system(("rm -rf '" + dir + "'").c_str());
 }
