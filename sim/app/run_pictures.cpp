@@ -77,7 +77,10 @@ std::string RunPictures::finish() {
 }
 
 void RunPictures::report(std::ostream& out) const {
-  if (fVideo) {
+  if (fVideo && fVideo->stopped()) {
+    out << "Video: " << absolutePath(fVideoPath)
+        << " stopped before the run did (see the error below)\n";
+  } else if (fVideo) {
     out << "Video: " << absolutePath(fVideoPath) << " (" << fVideo->frames()
         << " frames; drawn and encoded in " << std::fixed << std::setprecision(1)
         << fVideo->busySeconds() << " s)\n";

@@ -47,8 +47,10 @@ struct RunVideo::Impl {
         addFrame();
         ++next;
       }
-    } catch (const std::exception& e) {
+    } catch (const KRError& e) {
       // The run goes on and keeps its outputs; the video stops at the last frame written.
+      error = e.message();
+    } catch (const std::exception& e) {
       error = e.what();
     }
   }
@@ -91,6 +93,10 @@ void RunVideo::finish() {
   } catch (const std::exception&) {
   }
   throw KRError("krsim", "video", fImpl->error);
+}
+
+bool RunVideo::stopped() const {
+  return !fImpl->error.empty();
 }
 
 int RunVideo::frames() const {

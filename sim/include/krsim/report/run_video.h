@@ -38,6 +38,8 @@ class RunVideo {
   /// Completes the file; KRError when it cannot be, or when a frame could not be drawn or
   /// written during the run (the video then stops there; the run itself goes on).
   void finish();
+  /// A frame could not be drawn or written: the video stopped before the run.
+  bool stopped() const;
   int frames() const;
   /// Wall time spent drawing, reading back and encoding frames so far [s].
   double busySeconds() const;
