@@ -16,8 +16,9 @@ CMAKE_ARGS ?=
 DEB_PACKAGES := cmake g++ make libeigen3-dev libboost-dev libspdlog-dev libpugixml-dev \
                 libgtest-dev libgmock-dev libbenchmark-dev gnuplot-nox libcli11-dev nlohmann-json3-dev \
                 libyaml-cpp-dev libmsgpack-cxx-dev libmujoco-dev cyclonedds-dev cyclonedds-tools \
-                libglfw3-dev libpng-dev xvfb xauth libgl1-mesa-dri libegl-dev libegl-mesa0 \
-                libavcodec-dev libavformat-dev libswscale-dev libavutil-dev ffmpeg pkgconf xdotool
+                libglfw3-dev libpng-dev xvfb xauth libgl1-mesa-dri liburdfdom-dev libegl-dev \
+                libegl-mesa0 libavcodec-dev libavformat-dev libswscale-dev libavutil-dev ffmpeg \
+                pkgconf xdotool
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
 .PHONY: setup configure build test demo demo-video demo-remote test-asan test-tsan bench bench-remote fuzz fuzz-corpus format clean
@@ -87,7 +88,7 @@ bench-remote:
 	build-bench/bench/remote_latency
 
 FUZZ_SECONDS ?= 60
-FUZZ_TARGETS := trackinfos tracker_event tracker_config namer robot_xml
+FUZZ_TARGETS := trackinfos tracker_event tracker_config namer robot_xml urdf_mapping urdf
 FUZZ_BUILD := CC=clang CXX=clang++ $(MAKE) build BUILD=build-fuzz \
   EXTRA_PACKAGES="clang libclang-rt-14-dev" \
   CMAKE_ARGS="-DKRTRACKER_BUILD_FUZZ=ON -DKRTRACKER_BUILD_TESTS=OFF -DKRTRACKER_BUILD_SIM=OFF"

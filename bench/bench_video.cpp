@@ -42,7 +42,7 @@ std::string scratchVideo() {
 void drawPart(benchmark::State& state, int part) {
   KR::Sim::OffscreenContext context;
   auto run = makeRun(10.0);
-  KR::Sim::SceneRenderer renderer(run.simulation().robot(), false);
+  KR::Sim::SceneRenderer renderer(run.simulation(), false);
   while (run.simulatedSeconds() < 5.0)
     run.step();
   renderer.update(run.simulation(), "ball");
@@ -82,7 +82,7 @@ BENCHMARK_CAPTURE(drawPart, texts, 3)
 void drawFrame(benchmark::State& state, bool shadows) {
   KR::Sim::OffscreenContext context;
   auto run = makeRun(10.0);
-  KR::Sim::SceneRenderer renderer(run.simulation().robot(), shadows);
+  KR::Sim::SceneRenderer renderer(run.simulation(), shadows);
   KR::Sim::RunFrame frame(run);
   while (run.simulatedSeconds() < 5.0)
     run.step();  // the ball in view, tracked
@@ -105,7 +105,7 @@ std::vector<std::vector<unsigned char>> realFrames(int count) {
   auto run = makeRun(10.0);
   std::vector<std::vector<unsigned char>> frames;
   {
-    KR::Sim::SceneRenderer renderer(run.simulation().robot(), false);
+    KR::Sim::SceneRenderer renderer(run.simulation(), false);
     KR::Sim::RunFrame frame(run);
     const KR::Sim::PixelRect all{0, 0, 1280, 720};
     while (static_cast<int>(frames.size()) < count) {

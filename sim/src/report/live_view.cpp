@@ -77,7 +77,7 @@ struct LiveView::Impl {
         frame(r) {
     makeWindowCurrent(window.handle);
     glfwSwapInterval(0);  // pacing is ours, not the display's
-    renderer.emplace(run.simulation().robot());
+    renderer.emplace(run.simulation());
     glfwSetWindowUserPointer(window.handle, this);
     installCallbacks();
     draw();

@@ -27,7 +27,7 @@ struct RunVideo::Impl {
   double busy = 0.0;                    // [s]
 
   Impl(ScenarioRun& run, const std::string& path, const Settings& settings)
-      : renderer(run.simulation().robot(), settings.shadows), frame(run) {
+      : renderer(run.simulation(), settings.shadows), frame(run) {
     const VideoEncoder::Settings& v = settings.video;
     if (v.width > renderer.maxWidth() || v.height > renderer.maxHeight()) {
       throw KRError("krsim", "video",

@@ -25,6 +25,7 @@ constexpr double kFloorSquare = 2.0;    // the floor is drawn in squares of this
 constexpr float kHiddenOpacity = 0.3f;  // of a target while it is occluded
 constexpr int kGridHalfWidth = 6;       // floor grid lines this far around the robot [m]
 constexpr double kLookAhead = 0.5;      // the follow camera looks this far ahead [m]
+constexpr double kFramedHeight = 0.55;  // of the head camera the follow view is framed for [m]
 constexpr double kSkyRadius = 8.0;      // [m], within the far clipping plane
 
 struct ModelDeleter {
@@ -60,7 +61,8 @@ void addSphere(mjvScene& scene, const Math::Position3D& p, double radius, const 
 }  // namespace
 
 struct SceneRenderer::Impl {
-  MujocoBackend robot;                           // the state being drawn
+  MujocoBackend robot;  // the state being drawn
+  const Model::Robot& robotModel;
   std::unique_ptr<mjModel, ModelDeleter> model;  // its model with the drawing settings
   mjvScene scene;
   mjvOption option;
@@ -79,7 +81,7 @@ struct SceneRenderer::Impl {
   GlyphAtlas glyphs;             // captured on first use
   std::vector<int> targetGeoms;  // the sphere of each target's body
 
-  explicit Impl(const Model::Robot& r) : robot(r) {
+  Impl(const Model::Robot& r, const UrdfSource* urdf) : robot(r, urdf), robotModel(r) {
     mjv_defaultScene(&scene);
     mjv_defaultOption(&option);
     mjr_defaultContext(&context);
@@ -101,6 +103,15 @@ struct SceneRenderer::Impl {
       g->emission = 0.35f;  // with the headlight, about kSky whichever way a wall faces
       g->specular = 0.0f;
     }
+  }
+
+  /// The head camera of a head effector (0, 1 or 2): its MuJoCo camera and its lens.
+  void useCamera(int effector) {
+    static const char* const kNames[] = {"CameraTop", "CameraBottom", "DepthCamera"};
+    const int e = std::clamp(effector, 0, 2);
+    cameraId = std::max(0, mj_name2id(model.get(), mjOBJ_CAMERA, kNames[e]));
+    verticalFov = robotModel.getCameraVerticalFov(e);
+    aspect = std::tan(0.5 * robotModel.getCameraHorizontalFov(e)) / std::tan(0.5 * verticalFov);
   }
 
   /// A target inside one of its scripted occlusions is drawn faded: the camera cannot see it.
@@ -154,8 +165,8 @@ struct SceneRenderer::Impl {
   }
 };
 
-SceneRenderer::SceneRenderer(const Model::Robot& robot, bool shadows)
-    : fImpl(std::make_unique<Impl>(robot)) {
+SceneRenderer::SceneRenderer(Simulation& sim, bool shadows)
+    : fImpl(std::make_unique<Impl>(sim.robot(), sim.description().urdf.get())) {
   Impl& r = *fImpl;
   r.model.reset(mj_copyModel(nullptr, r.robot.model()));
   if (!r.model)
@@ -186,10 +197,7 @@ SceneRenderer::SceneRenderer(const Model::Robot& robot, bool shadows)
   useWindow(false);
   if (r.context.currentBuffer != mjFB_OFFSCREEN)
     throw KRError("krsim", "rendering", "the OpenGL context has no off-screen buffer");
-  const float h = robot.getCameraHorizontalFov();
-  const float v = robot.getCameraVerticalFov();
-  r.aspect = std::tan(0.5 * h) / std::tan(0.5 * v);
-  r.verticalFov = v;
+  r.useCamera(sim.world().getCameraEffector());
 }
 
 SceneRenderer::~SceneRenderer() {
@@ -236,7 +244,7 @@ void SceneRenderer::update(Simulation& sim, const std::string& target,
   robot.forward();
   const int effector = sim.world().getCameraEffector();
   r.camera = motion.getMapToHeadEffector(effector);
-  r.cameraId = std::min(effector, r.model->ncam - 1);
+  r.useCamera(effector);
   r.detections = detections;
 }
 
@@ -245,10 +253,13 @@ void SceneRenderer::drawFollowView(const PixelRect& rect, const ViewAngles& angl
   mjvCamera view;
   mjv_defaultCamera(&view);
   view.type = mjCAMERA_FREE;
-  view.lookat[0] = r.base.x + kLookAhead * std::cos(r.base.theta);
-  view.lookat[1] = r.base.y + kLookAhead * std::sin(r.base.theta);
+  // Framed for a robot whose head camera is kFramedHeight high; a taller one is seen from
+  // further away.
+  const double scale = std::max(1.0, r.camera.translation().z / kFramedHeight);
+  view.lookat[0] = r.base.x + scale * kLookAhead * std::cos(r.base.theta);
+  view.lookat[1] = r.base.y + scale * kLookAhead * std::sin(r.base.theta);
   view.lookat[2] = 0.6 * r.camera.translation().z;
-  view.distance = angles.distanceM;
+  view.distance = scale * angles.distanceM;
   view.azimuth = r.base.theta * kRadToDeg + angles.azimuthDeg;
   view.elevation = angles.elevationDeg;
   r.render(rect, view, true);

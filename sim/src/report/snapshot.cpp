@@ -23,7 +23,7 @@ struct SnapshotRenderer::Impl {
   int height;
 
   Impl(ScenarioRun& run, int w, int h)
-      : renderer(run.simulation().robot()), frame(run), width(w), height(h) {
+      : renderer(run.simulation()), frame(run), width(w), height(h) {
     renderer.glyphs();  // drawn off screen once, before any picture
   }
 };

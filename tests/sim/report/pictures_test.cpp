@@ -100,29 +100,33 @@ TEST(SceneRenderer, TheInsetIsThePinholeViewOfTheHeadCamera) {
   // Points in the head camera's frame (x forward, y left, z up) [m].
   const std::vector<Position3D> points = {
       {1.2f, 0.0f, 0.0f}, {1.2f, 0.15f, 0.0f}, {1.0f, -0.1f, 0.08f}, {1.5f, 0.25f, -0.15f}};
-  for (const Position3D& p : points) {
-    KR::Sim::SimulationConfig config;
-    config.robot = KR::Sim::RobotDescription::load("kibo");
-    config.physics = "kinematic";
-    Simulation sim(config);
-    TargetScript ball;
-    ball.name = "ball";
-    ball.kind = "RedBall";
-    ball.path = Path::fixed(sim.motion().getMapToHeadEffector(0) * p);
-    sim.world().addTarget(ball);
-    sim.step();
-    KR::Sim::SceneRenderer renderer(sim.robot(), false);
-    renderer.update(sim, "ball");
-    const int w = 400;
-    const int h = static_cast<int>(w / renderer.headCameraAspect());
-    renderer.drawHeadCamera({0, 0, w, h});
-    std::vector<unsigned char> rgb(3 * static_cast<std::size_t>(w * h));
-    renderer.readPixels({0, 0, w, h}, rgb.data());  // bottom row first
-    const Blob blob = redBlob(rgb, w, 0, 0, w, h);
-    ASSERT_GT(blob.count, 30) << p.y << " " << p.z;
-    const double focal = 0.5 * h / std::tan(0.5 * sim.robot().getCameraVerticalFov());
-    EXPECT_NEAR(blob.x, 0.5 * w - 0.5 - focal * p.y / p.x, 1.5) << p.y << " " << p.z;
-    EXPECT_NEAR(blob.y, 0.5 * h - 0.5 + focal * p.z / p.x, 1.5) << p.y << " " << p.z;
+  // A robot of an XML description, and one of a URDF (drawn from its own MuJoCo model).
+  for (const std::string robot : {"kibo", "lumen"}) {
+    for (const Position3D& p : points) {
+      SCOPED_TRACE(robot);
+      KR::Sim::SimulationConfig config;
+      config.robot = KR::Sim::RobotDescription::load(robot);
+      config.physics = "kinematic";
+      Simulation sim(config);
+      TargetScript ball;
+      ball.name = "ball";
+      ball.kind = "RedBall";
+      ball.path = Path::fixed(sim.motion().getMapToHeadEffector(0) * p);
+      sim.world().addTarget(ball);
+      sim.step();
+      KR::Sim::SceneRenderer renderer(sim, false);
+      renderer.update(sim, "ball");
+      const int w = 400;
+      const int h = static_cast<int>(w / renderer.headCameraAspect());
+      renderer.drawHeadCamera({0, 0, w, h});
+      std::vector<unsigned char> rgb(3 * static_cast<std::size_t>(w * h));
+      renderer.readPixels({0, 0, w, h}, rgb.data());  // bottom row first
+      const Blob blob = redBlob(rgb, w, 0, 0, w, h);
+      ASSERT_GT(blob.count, 30) << p.y << " " << p.z;
+      const double focal = 0.5 * h / std::tan(0.5 * sim.robot().getCameraVerticalFov());
+      EXPECT_NEAR(blob.x, 0.5 * w - 0.5 - focal * p.y / p.x, 1.5) << p.y << " " << p.z;
+      EXPECT_NEAR(blob.y, 0.5 * h - 0.5 + focal * p.z / p.x, 1.5) << p.y << " " << p.z;
+    }
   }
 }
 

@@ -23,9 +23,6 @@
 #include <krsim/report/caption.h>
 
 namespace KR {
-namespace Model {
-class Robot;
-}
 namespace Sim {
 
 class Simulation;
@@ -41,15 +38,16 @@ struct ViewAngles {
   double azimuthDeg = -30.0;    // about the vertical, from straight behind; positive: to the
                                 // robot's right, looking to its left
   double elevationDeg = -24.0;  // negative: looking down
-  double distanceM = 2.1;       // from the point looked at, 0.5 m ahead of the robot [m]
+  double distanceM = 2.1;       // from the point looked at, 0.5 m ahead of the robot [m]; both
+                                // grow with a head camera higher than 0.55 m
 };
 
 class SceneRenderer : public Canvas {
  public:
-  /// `shadows`: the light casts shadows (about twice the drawing time in software, and the
-  /// marks drawn over the scene cast theirs too). KRError("krsim", "rendering", ...) when
-  /// MuJoCo cannot draw with the current context.
-  explicit SceneRenderer(const Model::Robot& robot, bool shadows = false);
+  /// Draws `sim`'s robot (from its URDF when it has one). `shadows`: the light casts shadows (about
+  /// twice the drawing time in software, and the marks drawn over the scene cast theirs too).
+  /// KRError("krsim", "rendering", ...) when MuJoCo cannot draw with the current context.
+  explicit SceneRenderer(Simulation& sim, bool shadows = false);
   ~SceneRenderer() override;
   SceneRenderer(const SceneRenderer&) = delete;
   SceneRenderer& operator=(const SceneRenderer&) = delete;
