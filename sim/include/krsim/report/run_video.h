@@ -4,7 +4,7 @@
 // first step that ends after k/fps seconds, so a run of T seconds gives ceil(T * fps) frames
 // and a video of T seconds to within one frame. Each frame is drawn off screen
 // (OffscreenContext: no window, no X server needed where EGL works) and encoded at once
-// (VideoEncoder); only the frame being encoded is held.
+// (VideoEncoder); only the frame being drawn is held (and the encoder's look-ahead).
 //
 // It only observes: the run's figures are the same with and without a video. It follows the
 // run's samples from its construction on and must outlive the run's stepping; destroyed
