@@ -72,6 +72,7 @@ test-asan:
 
 # TSAN_BUILD_TARGETS limits the build to the test binaries that TSAN_CTEST_ARGS selects.
 test-tsan:
+	TSAN_OPTIONS="suppressions=$(CURDIR)/tests/tsan.supp $$TSAN_OPTIONS" \
 	$(MAKE) test BUILD=build-tsan CMAKE_ARGS="-DKRTRACKER_SANITIZE=thread" \
 	  BUILD_TARGETS="$(TSAN_BUILD_TARGETS)" CTEST_ARGS="$(TSAN_CTEST_ARGS)"
 

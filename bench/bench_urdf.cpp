@@ -32,10 +32,12 @@ class UrdfWriter {
     fOut << "  <link name=\"" << name << "\">\n"
          << "    <inertial>\n      <origin xyz=\"0 0 0.01\" rpy=\"0 0 0\"/>\n"
          << "      <mass value=\"" << mass << "\"/>\n"
-         << "      <inertia ixx=\"0.001\" ixy=\"0\" ixz=\"0\" iyy=\"0.001\" iyz=\"0\" izz=\"0.001\"/>\n"
+         << "      <inertia ixx=\"0.001\" ixy=\"0\" ixz=\"0\" iyy=\"0.001\" iyz=\"0\" "
+            "izz=\"0.001\"/>\n"
          << "    </inertial>\n"
          << "    <visual>\n      <origin xyz=\"0 0 0\" rpy=\"0 0 0\"/>\n"
-         << "      <geometry><mesh filename=\"package://bench/meshes/" << name << ".dae\"/></geometry>\n"
+         << "      <geometry><mesh filename=\"package://bench/meshes/" << name
+         << ".dae\"/></geometry>\n"
          << "    </visual>\n"
          << "    <collision>\n      <origin xyz=\"0 0 0.01\" rpy=\"0 0 0\"/>\n"
          << "      <geometry><box size=\"0.05 0.04 0.03\"/></geometry>\n"
@@ -54,7 +56,9 @@ class UrdfWriter {
     }
     fOut << "  </joint>\n";
   }
-  std::string text() const { return "<?xml version=\"1.0\"?>\n<robot name=\"bench\">\n" + fOut.str() + "</robot>\n"; }
+  std::string text() const {
+    return "<?xml version=\"1.0\"?>\n<robot name=\"bench\">\n" + fOut.str() + "</robot>\n";
+  }
   int links() const { return fLinks; }
 
  private:
@@ -78,15 +82,18 @@ Generated generate() {
   }
   w.joint("torso_lift", "prismatic", "base_link", "torso", "0 0 0.4", "0 0 0", "0 0 1", 0, 0.3);
   w.link("torso", 10);
-  w.joint("head_pan", "revolute", "torso", "head_pan_link", "0.03 0 0.5", "0 0 0", "0 0 1", -2.5, 2.5);
+  w.joint("head_pan", "revolute", "torso", "head_pan_link", "0.03 0 0.5", "0 0 0", "0 0 1", -2.5,
+          2.5);
   w.link("head_pan_link");
-  w.joint("head_tilt", "revolute", "head_pan_link", "head_tilt_link", "0.08 0 0.05", "0 0 0", "0 1 0", -0.8, 1.1);
+  w.joint("head_tilt", "revolute", "head_pan_link", "head_tilt_link", "0.08 0 0.05", "0 0 0",
+          "0 1 0", -0.8, 1.1);
   w.link("head_tilt_link");
   const char* cameras[] = {"rgb", "depth", "wide"};
   for (int i = 0; i < 3; ++i) {
     const std::string c = cameras[i];
     w.joint(c + "_joint", "fixed", "head_tilt_link", c + "_link",
-            "0.05 " + std::to_string(0.03 * (i - 1)) + " 0.02", "0 " + std::to_string(0.1 * i) + " 0");
+            "0.05 " + std::to_string(0.03 * (i - 1)) + " 0.02",
+            "0 " + std::to_string(0.1 * i) + " 0");
     w.link(c + "_link", 0.05);
     w.joint(c + "_optical_joint", "fixed", c + "_link", c + "_optical_frame", "0 0 0", optical);
     w.link(c + "_optical_frame", 0.001);
@@ -95,11 +102,14 @@ Generated generate() {
     const std::string s = side;
     const std::string y = s == "l" ? "0.2" : "-0.2";
     const std::string oy = s == "l" ? "0.02" : "-0.02";
-    w.joint(s + "_sh_pitch", "revolute", "torso", s + "_shoulder", "0 " + y + " 0.35", "0 0 0", "0 1 0");
+    w.joint(s + "_sh_pitch", "revolute", "torso", s + "_shoulder", "0 " + y + " 0.35", "0 0 0",
+            "0 1 0");
     w.link(s + "_shoulder");
-    w.joint(s + "_sh_roll", "revolute", s + "_shoulder", s + "_upper_arm", "0 0 0", "0 0 0", "0 0 1");
+    w.joint(s + "_sh_roll", "revolute", s + "_shoulder", s + "_upper_arm", "0 0 0", "0 0 0",
+            "0 0 1");
     w.link(s + "_upper_arm", 1.5);
-    w.joint(s + "_el_roll", "revolute", s + "_upper_arm", s + "_elbow", "0.25 " + oy + " 0", "0 0 0", "0 0 1");
+    w.joint(s + "_el_roll", "revolute", s + "_upper_arm", s + "_elbow", "0.25 " + oy + " 0",
+            "0 0 0", "0 0 1");
     w.link(s + "_elbow");
     w.joint(s + "_el_yaw", "revolute", s + "_elbow", s + "_forearm", "0 0 0", "0 0 0", "1 0 0");
     w.link(s + "_forearm", 1.0);
@@ -141,14 +151,15 @@ Generated generate() {
   std::ostringstream m;
   m << "urdf: bench.urdf\nname: Bench\ntype: 1\ntorso: torso\n"
     << "head:\n  yaw: head_pan\n  pitch: head_tilt\n  cameras:\n"
-    << "    - {frame: rgb_optical_frame, axis: z, horizontal_fov: 1.2, vertical_fov: 0.8, range: 5}\n"
+    << "    - {frame: rgb_optical_frame, axis: z, horizontal_fov: 1.2, vertical_fov: 0.8, range: "
+       "5}\n"
     << "    - {frame: wide_link, axis: x}\n    - {frame: depth_optical_frame, axis: z}\n"
     << "arms:\n";
   for (const char* side : {"left", "right"}) {
     const std::string s = side[0] == 'l' ? "l" : "r";
     m << "  " << side << ": {shoulder_pitch: " << s << "_sh_pitch, shoulder_roll: " << s
-      << "_sh_roll, elbow_yaw: " << s << "_el_yaw, elbow_roll: " << s << "_el_roll, wrist_yaw: "
-      << s << "_wr_yaw, hand: " << s << "_hand}\n";
+      << "_sh_roll, elbow_yaw: " << s << "_el_yaw, elbow_roll: " << s
+      << "_el_roll, wrist_yaw: " << s << "_wr_yaw, hand: " << s << "_hand}\n";
   }
   m << "fixed: {torso_lift: 0.1}\n";
   g.mapping = m.str();
@@ -185,7 +196,8 @@ BENCHMARK(BM_LoadUrdfMappingFromFiles)->Unit(benchmark::kMillisecond);
 void BM_LoadUrdfMappingFromTexts(benchmark::State& state) {
   const Generated& g = generated();
   for (auto _ : state) {
-    auto robot = KR::Model::UrdfImport::robotFromTexts(g.mapping, "bench.yaml", g.urdf, "bench.urdf");
+    auto robot =
+        KR::Model::UrdfImport::robotFromTexts(g.mapping, "bench.yaml", g.urdf, "bench.urdf");
     benchmark::DoNotOptimize(robot);
   }
   state.counters["links"] = g.links;
@@ -204,9 +216,9 @@ void checks() {
   for (int i = 0; i < 5; ++i) {
     const auto start = std::chrono::steady_clock::now();
     KR::Model::UrdfImport::robotFromUrdfMapping(mappingFile());
-    slowest = std::max(slowest, std::chrono::duration<double, std::milli>(
-                                    std::chrono::steady_clock::now() - start)
-                                    .count());
+    slowest = std::max(
+        slowest, std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
+                     .count());
   }
   std::printf("URDF of %d links with its mapping: slowest of 5 loads %.2f ms (goal: under 50 ms)\n",
               g.links, slowest);

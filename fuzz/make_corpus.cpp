@@ -156,8 +156,9 @@ int main(int argc, char** argv) {
   write("urdf_mapping", "swapped-head",
         edited(edited(kiboYaml, "yaw: HeadYaw", "yaw: X"), "pitch: HeadPitch", "pitch: HeadYaw"));
   write("urdf_mapping", "overrides",
-        lumenYaml + "can_look_behind: true\nwhole_body: {yaw_min: -1}\nmax_velocity: "
-                    "{head_pan_joint: 2}\nservos: {head_pan_joint: {stiffness: 9}}\n");
+        lumenYaml +
+            "can_look_behind: true\nwhole_body: {yaw_min: -1}\nmax_velocity: "
+            "{head_pan_joint: 2}\nservos: {head_pan_joint: {stiffness: 9}}\n");
   const std::string lumenUrdf = read(robots + "/lumen.urdf");
   const std::string kiboUrdf = read(robots + "/kibo.urdf");
   write("urdf", "kibo.urdf", kiboUrdf);
@@ -166,9 +167,11 @@ int main(int argc, char** argv) {
   write("urdf", "bad-close", edited(lumenUrdf, "</robot>", "</robo>"));
   write("urdf", "yaw-down", edited(kiboUrdf, "<axis xyz=\"0 0 1\"/>", "<axis xyz=\"0 0 -1\"/>"));
   write("urdf", "prismatic-head",
-        edited(lumenUrdf, "\"head_tilt_joint\" type=\"revolute\"", "\"head_tilt_joint\" type=\"prismatic\""));
+        edited(lumenUrdf, "\"head_tilt_joint\" type=\"revolute\"",
+               "\"head_tilt_joint\" type=\"prismatic\""));
   write("urdf", "third-joint",
-        edited(lumenUrdf, "\"head_camera_joint\" type=\"fixed\"", "\"head_camera_joint\" type=\"continuous\""));
+        edited(lumenUrdf, "\"head_camera_joint\" type=\"fixed\"",
+               "\"head_camera_joint\" type=\"continuous\""));
 
   std::printf("%d seeds written to %s\n", gWritten, gOut.c_str());
   return 0;

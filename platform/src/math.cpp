@@ -384,8 +384,8 @@ bool computeLookAtAngles(const Position3D& target, const Position3D& headPositio
 }
 
 bool computeLookAtAngles(const Position3D& target, const Position3D& headPosition,
-                         const Position3D& yawToPitch, const Transform& neckToEffector,
-                         float& yaw, float& pitch) {
+                         const Position3D& yawToPitch, const Transform& neckToEffector, float& yaw,
+                         float& pitch) {
   if (yawToPitch.x == 0.0f && yawToPitch.y == 0.0f && yawToPitch.z == 0.0f) {
     return computeLookAtAngles(target, headPosition, neckToEffector, yaw, pitch);
   }

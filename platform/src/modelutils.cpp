@@ -310,10 +310,9 @@ class DescriptionParser {
         node, "effector", {{{"cameraTop", true}, {"cameraBottom", true}, {"depthCamera", true}}});
     for (int i = 0; i < kTrackEffectorCount; ++i) {
       h.effectorTransforms[i] = transform(effectors[i]);
-      robot.effectorCameras[i] = {
-          optionalPositive(effectors[i], "horizontalFov", robot.cameraHFov),
-          optionalPositive(effectors[i], "verticalFov", robot.cameraVFov),
-          optionalPositive(effectors[i], "range", robot.cameraRange)};
+      robot.effectorCameras[i] = {optionalPositive(effectors[i], "horizontalFov", robot.cameraHFov),
+                                  optionalPositive(effectors[i], "verticalFov", robot.cameraVFov),
+                                  optionalPositive(effectors[i], "range", robot.cameraRange)};
     }
   }
 
@@ -550,10 +549,9 @@ std::string ModelUtils::robotToXml(const Robot& robot) {
     pugi::xml_node e = head.append_child("effector");
     e.append_attribute("role") = effectorRoles[i];
     writeTransform(e, m.head.effectorTransforms[i]);
-    const std::pair<const char*, float> own[] = {
-        {"horizontalFov", robot.getCameraHorizontalFov(i)},
-        {"verticalFov", robot.getCameraVerticalFov(i)},
-        {"range", robot.getCameraRange(i)}};
+    const std::pair<const char*, float> own[] = {{"horizontalFov", robot.getCameraHorizontalFov(i)},
+                                                 {"verticalFov", robot.getCameraVerticalFov(i)},
+                                                 {"range", robot.getCameraRange(i)}};
     const float robotWide[] = {robot.getCameraHorizontalFov(), robot.getCameraVerticalFov(),
                                robot.getCameraRange()};
     for (int k = 0; k < 3; ++k) {

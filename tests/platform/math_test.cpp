@@ -446,7 +446,8 @@ TEST(MathLookAtOffset, ZeroOffsetIsBitForBitTheFormerSolver) {
   // The effectors of both robots, a sideways one, a rolled one, and the plain x axis; heads at
   // both robots' positions; a grid of targets around them, near, far, above, below, behind.
   const Transform effectors[] = {
-      Transform(), transformFromPosition6D({0.061f, 0, 0.072f, 0, 0, 0}),
+      Transform(),
+      transformFromPosition6D({0.061f, 0, 0.072f, 0, 0, 0}),
       transformFromPosition6D({0.054f, 0, 0.021f, 0, 0.61f, 0}),
       transformFromPosition6D({0.057f, 0, 0.049f, 0, 0.2f, 0}),
       transformFromPosition6D({0.088f, 0, 0.066f, 0, 0, 0}),
@@ -528,17 +529,17 @@ TEST(MathLookAtOffset, LineOfSightPassesThroughTheTarget) {
     // closed form); every fourth has the axes meet (x = 0, closed form).
     const float sideways = i % 4 == 0 ? 0.0f : turn(rng);
     const Position3D offsetUsed = i % 4 == 1 ? Position3D(0, p.y, p.z) : p;
-    const Transform e = transformFromPosition6D(
-        {0.08f * unit(rng), 0.08f * unit(rng), 0.08f * unit(rng), i % 4 == 0 ? 0.0f : tilt(rng),
-         tilt(rng), sideways});
+    const Transform e =
+        transformFromPosition6D({0.08f * unit(rng), 0.08f * unit(rng), 0.08f * unit(rng),
+                                 i % 4 == 0 ? 0.0f : tilt(rng), tilt(rng), sideways});
     const float az = yawDist(rng), el = elevation(rng), r = range(rng);
     const Position3D target = head + Position3D(r * std::cos(el) * std::cos(az),
                                                 r * std::cos(el) * std::sin(az), r * std::sin(el));
     float yaw = 0.0f, pitch = 0.0f;
     const auto where = [&] {
       return ::testing::Message() << "case " << i << " target " << target << " head " << head
-                                  << " offset " << offsetUsed << " effector " << e << " yaw "
-                                  << yaw << " pitch " << pitch;
+                                  << " offset " << offsetUsed << " effector " << e << " yaw " << yaw
+                                  << " pitch " << pitch;
     };
     ASSERT_TRUE(computeLookAtAngles(target, head, offsetUsed, e, yaw, pitch)) << where();
     const float err = offsetSightError(target, head, offsetUsed, e, yaw, pitch);
@@ -558,7 +559,8 @@ TEST(MathLookAtOffset, NoSolutionLeavesOutputsUntouched) {
   } cases[] = {
       {"target at the head position", {0, 0, 0.5f}, Transform()},
       {"NaN target", {std::numeric_limits<float>::quiet_NaN(), 0, 1}, Transform()},
-      {"sensor looking along the pitch axis", {2, 0, 0.5f},
+      {"sensor looking along the pitch axis",
+       {2, 0, 0.5f},
        transformFromPosition6D({0, 0, 0, 0, 0, kPi2})},
   };
   for (const auto& k : cases) {

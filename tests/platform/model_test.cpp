@@ -367,8 +367,8 @@ void expectSameRobot(const Robot& a, const Robot& b) {
   for (int e = 0; e < 3; ++e) {
     EXPECT_TRUE(m.head.effectorTransforms[e].isNear(n.head.effectorTransforms[e], 1e-7f)) << e;
   }
-  for (const auto& [x, y] : {std::make_pair(&m.leftArm, &n.leftArm),
-                             std::make_pair(&m.rightArm, &n.rightArm)}) {
+  for (const auto& [x, y] :
+       {std::make_pair(&m.leftArm, &n.leftArm), std::make_pair(&m.rightArm, &n.rightArm)}) {
     EXPECT_EQ(x->shoulderPosition, y->shoulderPosition);
     EXPECT_TRUE(x->armTransform.isNear(y->armTransform, 1e-7f));
   }

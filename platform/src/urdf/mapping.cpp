@@ -71,8 +71,7 @@ class MappingReader {
       }
       const std::string key = entry.first.Scalar();
       const std::string at = path.empty() ? key : path + "/" + key;
-      if (std::none_of(allowed.begin(), allowed.end(),
-                       [&](const char* k) { return key == k; })) {
+      if (std::none_of(allowed.begin(), allowed.end(), [&](const char* k) { return key == k; })) {
         std::string known;
         for (const char* k : allowed) {
           known += known.empty() ? k : std::string(", ") + k;
@@ -125,8 +124,9 @@ class MappingReader {
     if (n.IsScalar() && (n.Scalar() == "true" || n.Scalar() == "false")) {
       return n.Scalar() == "true";
     }
-    fail(path, n, std::string("must be true or false, got ") +
-                       (n.IsScalar() ? "'" + n.Scalar() + "'" : kindOf(n)));
+    fail(path, n,
+         std::string("must be true or false, got ") +
+             (n.IsScalar() ? "'" + n.Scalar() + "'" : kindOf(n)));
   }
 
   void head(const YAML::Node& node, UrdfMapping& m);
@@ -144,9 +144,10 @@ void MappingReader::head(const YAML::Node& node, UrdfMapping& m) {
   m.headPitch = word(node["pitch"], "head/pitch");
   const YAML::Node cameras = node["cameras"];
   if (!cameras.IsSequence() || cameras.size() < 1 || cameras.size() > 3) {
-    fail("head/cameras", cameras,
-         std::string("must be a list of 1 to 3 cameras, got ") +
-             (cameras.IsSequence() ? std::to_string(cameras.size()) + " entries" : kindOf(cameras)));
+    fail(
+        "head/cameras", cameras,
+        std::string("must be a list of 1 to 3 cameras, got ") +
+            (cameras.IsSequence() ? std::to_string(cameras.size()) + " entries" : kindOf(cameras)));
   }
   for (std::size_t i = 0; i < cameras.size(); ++i) {
     const std::string path = "head/cameras[" + std::to_string(i) + "]";
@@ -175,9 +176,9 @@ void MappingReader::head(const YAML::Node& node, UrdfMapping& m) {
     if (c["range"]) {
       camera.range = positive(c["range"], path + "/range");
     }
-    for (const auto& [what, v] : {std::pair<const char*, std::optional<float>>{
-                                      "horizontal_fov", camera.horizontalFov},
-                                  {"vertical_fov", camera.verticalFov}}) {
+    for (const auto& [what, v] :
+         {std::pair<const char*, std::optional<float>>{"horizontal_fov", camera.horizontalFov},
+          {"vertical_fov", camera.verticalFov}}) {
       if (v && *v >= 3.1415926f) {
         fail(path + "/" + what, c[what], "a field of view must be below pi");
       }
@@ -220,7 +221,7 @@ void MappingReader::jointTable(const YAML::Node& node, const std::string& path,
 UrdfMapping MappingReader::read(const std::string& text) {
   if (text.size() > kMaxMappingBytes) {
     failTop("is " + std::to_string(text.size()) + " bytes, more than the " +
-                          std::to_string(kMaxMappingBytes) + " accepted");
+            std::to_string(kMaxMappingBytes) + " accepted");
   }
   // Flow collections and indentation both nest; yaml-cpp recurses on each level.
   int depth = 0;
@@ -232,7 +233,7 @@ UrdfMapping MappingReader::read(const std::string& text) {
     } else if (c == '[' || c == '{') {
       if (++depth > kMaxNesting) {
         failTop("line " + std::to_string(line) + ": nested more than " +
-                              std::to_string(kMaxNesting) + " levels");
+                std::to_string(kMaxNesting) + " levels");
       }
     } else if (c == ']' || c == '}') {
       depth = std::max(0, depth - 1);

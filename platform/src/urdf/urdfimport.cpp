@@ -6,14 +6,13 @@
 #include <cmath>
 #include <fstream>
 #include <mutex>
-#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include <Eigen/Geometry>
 #include <console_bridge/console.h>
 #include <urdf_parser/urdf_parser.h>
+#include <Eigen/Geometry>
 
 #include <kr/error.h>
 #include <kr/math/math.h>
@@ -191,9 +190,9 @@ class Importer {
                   UrdfImport::oneLine(fMap + ": " + path + ": " + what));
   }
   [[noreturn]] void failJoint(const JointInfo& j, const std::string& what) const {
-    throw KRError("UrdfImport", "robotFromUrdfMapping",
-                  UrdfImport::oneLine(fUrdf + ": joint '" + j.joint->name + "' (" + j.role +
-                                      "): " + what));
+    throw KRError(
+        "UrdfImport", "robotFromUrdfMapping",
+        UrdfImport::oneLine(fUrdf + ": joint '" + j.joint->name + "' (" + j.role + "): " + what));
   }
   [[noreturn]] void failUrdf(const std::string& element, const std::string& what) const {
     throw KRError("UrdfImport", "robotFromUrdfMapping",
@@ -402,16 +401,15 @@ void Importer::checkAxis(const JointInfo& j, const Vec& want, const char* wantTe
                      " (flip the axis and swap the limits)");
   }
   if (want.z() != 0.0) {
-    failJoint(j, "its axis is not vertical in the torso frame" + at + ": " + vecText(axis) +
-                     ", " + numText(off) + " rad from the torso's z axis");
+    failJoint(j, "its axis is not vertical in the torso frame" + at + ": " + vecText(axis) + ", " +
+                     numText(off) + " rad from the torso's z axis");
   }
   if (want.y() != 0.0 && std::fabs(axis.z()) > std::sin(kAxisTolerance)) {
     failJoint(j, "its axis is not horizontal in the torso frame" + at + ": " + vecText(axis) +
-                     ", tilted " + numText(std::asin(std::min(1.0, std::fabs(axis.z())))) +
-                     " rad");
+                     ", tilted " + numText(std::asin(std::min(1.0, std::fabs(axis.z())))) + " rad");
   }
-  failJoint(j, "its axis is " + vecText(axis) + " in the torso frame" + at + ", " +
-                   numText(off) + " rad from " + wantText);
+  failJoint(j, "its axis is " + vecText(axis) + " in the torso frame" + at + ", " + numText(off) +
+                   " rad from " + wantText);
 }
 
 TrackerJoint Importer::trackerJoint(const JointInfo& j) {
@@ -449,8 +447,10 @@ TrackerJoint Importer::trackerJoint(const JointInfo& j) {
              u.limits->velocity < 1e6) {
     t.maxVelocity = float(u.limits->velocity);
   } else {
-    failJoint(j, "has no velocity limit: give <limit velocity=\"...\"> in the URDF or "
-                 "max_velocity/" + u.name + " in the mapping");
+    failJoint(j,
+              "has no velocity limit: give <limit velocity=\"...\"> in the URDF or "
+              "max_velocity/" +
+                  u.name + " in the mapping");
   }
   JointServo servo;
   if (u.limits && std::isfinite(u.limits->effort) && u.limits->effort > 0.0 &&
@@ -500,8 +500,8 @@ void Importer::head() {
                        "' in " + fUrdf);
     }
     if (ip == n) {
-      failMap(key, "camera frame '" + c.frame + "' is not below the pitch joint '" +
-                       m.headPitch + "' in " + fUrdf);
+      failMap(key, "camera frame '" + c.frame + "' is not below the pitch joint '" + m.headPitch +
+                       "' in " + fUrdf);
     }
     for (const urdf::Joint* j : path) {
       if (j != fYaw.joint && j != fPitch.joint && j->type != urdf::Joint::FIXED &&
@@ -510,8 +510,8 @@ void Importer::head() {
                  std::string("a third moving joint (") + typeName(j->type) +
                      ") between the torso '" + m.torso + "' and the camera '" + c.frame +
                      "', besides the yaw joint '" + m.headYaw + "' and the pitch joint '" +
-                     m.headPitch + "': the tracker's head has two; hold it with fixed/" +
-                     j->name + " in the mapping");
+                     m.headPitch + "': the tracker's head has two; hold it with fixed/" + j->name +
+                     " in the mapping");
       }
     }
     cameraPoses.push_back(linkPose(frame));
@@ -563,15 +563,16 @@ void Importer::arm(int side) {
   const urdf::Link* hand = link(a.hand, base + "/hand");
   std::vector<const urdf::Joint*> path;
   if (!chain(fTorso, hand, path)) {
-    failMap(base + "/hand", "link '" + a.hand + "' is not below the torso link '" + m.torso +
-                                "' in " + fUrdf);
+    failMap(base + "/hand",
+            "link '" + a.hand + "' is not below the torso link '" + m.torso + "' in " + fUrdf);
   }
   const auto fits = [&](const std::string& why) {
-    failMap(base, "the arm's chain does not fit the tracker's arm (shoulder pitch about y, "
-                  "shoulder roll about z at the same point, then at the elbow, level with the "
-                  "shoulder, elbow roll about z and elbow yaw about x, the hand on the "
-                  "forearm's x axis): " +
-                      why + "; leave out 'arms' to load the robot without pointing");
+    failMap(base,
+            "the arm's chain does not fit the tracker's arm (shoulder pitch about y, "
+            "shoulder roll about z at the same point, then at the elbow, level with the "
+            "shoulder, elbow roll about z and elbow yaw about x, the hand on the "
+            "forearm's x axis): " +
+                why + "; leave out 'arms' to load the robot without pointing");
   };
   std::size_t next = 0;
   for (const urdf::Joint* j : path) {
@@ -630,8 +631,7 @@ void Importer::arm(int side) {
     fits("the elbow is " + numText(elbow.z() - shoulder.z()) +
          " m above the shoulder at the zero pose (the upper arm must lie along x and y)");
   }
-  if (order.size() == 5 &&
-      angleBetween(axisIn(order[4]), xForearm) > kAxisTolerance &&
+  if (order.size() == 5 && angleBetween(axisIn(order[4]), xForearm) > kAxisTolerance &&
       angleBetween(axisIn(order[4]), -xForearm) > kAxisTolerance) {
     fits("the wrist yaw axis is not along the forearm");
   }
@@ -689,8 +689,7 @@ void Importer::derive() {
   // Whole-body bounds: the head's yaw range; the pitch range in which the head stays inside
   // its limits for every effector, the depth sensor's tilt taken off (computeLookAtWB).
   const TrackerHead& h = model.head;
-  const Math::Position3D sight =
-      h.getNeckToEffectorTransform(TRACK_EFFECTOR_DEPTH_CAMERA).xAxis();
+  const Math::Position3D sight = h.getNeckToEffectorTransform(TRACK_EFFECTOR_DEPTH_CAMERA).xAxis();
   const float tilt = std::atan2(sight.z, sight.x);  // added to the whole-body pitch
   float pitchMin = h.pitch.min - std::min(0.0f, tilt);
   float pitchMax = h.pitch.max - std::max(0.0f, tilt);

@@ -71,8 +71,8 @@ std::shared_ptr<const RobotDescription> readUrdfRobot(const std::string& path) {
   urdfText << urdf.rdbuf();
   source->urdfText = urdfText.str();
   auto description = std::make_shared<RobotDescription>();
-  const auto imported = Model::UrdfImport::robotFromTexts(
-      text.str(), path, source->urdfText, source->urdfPath, &description->notes);
+  const auto imported = Model::UrdfImport::robotFromTexts(text.str(), path, source->urdfText,
+                                                          source->urdfPath, &description->notes);
   description->path = path;
   description->text = Model::ModelUtils::robotToXml(*imported);
   description->robot = Model::ModelUtils::robotFromXml(description->text);
@@ -151,8 +151,8 @@ std::string resolveRobotFile(const std::string& nameOrPath) {
   if (std::ifstream(nameOrPath).good())
     return nameOrPath;
   const std::string dir = KRTRACKER_ROBOTS_DIR;
-  for (const std::string& candidate :
-       {dir + "/" + nameOrPath, dir + "/" + nameOrPath + ".xml", dir + "/" + nameOrPath + ".yaml"}) {
+  for (const std::string& candidate : {dir + "/" + nameOrPath, dir + "/" + nameOrPath + ".xml",
+                                       dir + "/" + nameOrPath + ".yaml"}) {
     if (std::ifstream(candidate).good())
       return candidate;
   }

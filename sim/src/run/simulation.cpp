@@ -19,8 +19,7 @@ Simulation::Simulation(SimulationConfig config) {
   fContext.memory = std::make_shared<SimMemory>(fContext.clock);
   fContext.motion = std::make_shared<SimMotion>(
       *fContext.robot, fContext.clock,
-      makePhysicsBackend(config.physics, *fContext.robot, config.servo,
-                         config.robot->urdf.get()));
+      makePhysicsBackend(config.physics, *fContext.robot, config.servo, config.robot->urdf.get()));
 
   fContext.motion->resetPose(config.startPose);
   fContext.world =

@@ -12,9 +12,9 @@
 #include <string>
 #include <vector>
 
-#include <Eigen/Geometry>
 #include <gtest/gtest.h>
 #include <urdf_parser/urdf_parser.h>
+#include <Eigen/Geometry>
 
 #include <kr/error.h>
 #include <kr/math/math.h>
@@ -104,15 +104,32 @@ struct UrdfRobotCase {
 };
 
 const std::vector<UrdfRobotCase> kUrdfRobots = {
-    {"kibo.yaml", "kibo.urdf", "torso", "HeadYaw", "HeadPitch", {},
-     {{"camera_top_optical_frame", 'z'}, {"camera_bottom_link", 'x'},
+    {"kibo.yaml",
+     "kibo.urdf",
+     "torso",
+     "HeadYaw",
+     "HeadPitch",
+     {},
+     {{"camera_top_optical_frame", 'z'},
+      {"camera_bottom_link", 'x'},
       {"depth_camera_optical_frame", 'z'}}},
-    {"rover.yaml", "rover.urdf", "torso", "HeadYaw", "HeadPitch", {},
-     {{"camera_top_optical_frame", 'z'}, {"camera_bottom_link", 'x'},
+    {"rover.yaml",
+     "rover.urdf",
+     "torso",
+     "HeadYaw",
+     "HeadPitch",
+     {},
+     {{"camera_top_optical_frame", 'z'},
+      {"camera_bottom_link", 'x'},
       {"depth_camera_optical_frame", 'z'}}},
-    {"lumen.yaml", "lumen.urdf", "torso_lift_link", "head_pan_joint", "head_tilt_joint",
+    {"lumen.yaml",
+     "lumen.urdf",
+     "torso_lift_link",
+     "head_pan_joint",
+     "head_tilt_joint",
      {{"torso_lift_joint", 0.1}},
-     {{"head_camera_optical_frame", 'z'}, {"head_wide_optical_frame", 'z'},
+     {{"head_camera_optical_frame", 'z'},
+      {"head_wide_optical_frame", 'z'},
       {"head_depth_optical_frame", 'z'}}},
 };
 
@@ -153,9 +170,9 @@ TEST(UrdfRobots, LookAtAimsEveryCameraAtTheTargetByTheUrdfsKinematics) {
             const double yawGiven =
                 yawJoint.limits->lower + (0.02 + 0.96 * i / (kSteps - 1)) *
                                              (yawJoint.limits->upper - yawJoint.limits->lower);
-            const double pitchGiven =
-                pitchJoint.limits->lower + (0.02 + 0.96 * k / (kSteps - 1)) *
-                                               (pitchJoint.limits->upper - pitchJoint.limits->lower);
+            const double pitchGiven = pitchJoint.limits->lower +
+                                      (0.02 + 0.96 * k / (kSteps - 1)) *
+                                          (pitchJoint.limits->upper - pitchJoint.limits->lower);
             const Iso at = cameraInTorso(chain, r, c, yawGiven, pitchGiven);
             const Eigen::Vector3d target =
                 at.translation() + distance * at.linear().col(c.axis == 'z' ? 2 : 0);
@@ -168,7 +185,8 @@ TEST(UrdfRobots, LookAtAimsEveryCameraAtTheTargetByTheUrdfsKinematics) {
             const double err = aimError(cameraInTorso(chain, r, c, yaw, pitch), c.axis, target);
             ASSERT_LT(err, 1e-4) << c.frame << " yaw " << yaw << " pitch " << pitch;
             worst = std::max(worst, err);
-            worstAngle = std::max({worstAngle, std::fabs(yaw - yawGiven), std::fabs(pitch - pitchGiven)});
+            worstAngle =
+                std::max({worstAngle, std::fabs(yaw - yawGiven), std::fabs(pitch - pitchGiven)});
             ++count;
           }
         }
@@ -223,9 +241,6 @@ TEST(UrdfRobots, XmlAndUrdfOfOneRobotGiveTheSameAngles) {
       EXPECT_EQ(xml->getServo(jointName).maxTorque, fromUrdf->getServo(jointName).maxTorque);
       EXPECT_EQ(xml->getServo(jointName).armature, fromUrdf->getServo(jointName).armature);
     }
-    for (const auto* arms : {&a.leftArm, &b.leftArm}) {
-      (void)arms;
-    }
     const std::pair<const KR::Model::TrackerArm*, const KR::Model::TrackerArm*> armPairs[] = {
         {&a.leftArm, &b.leftArm}, {&a.rightArm, &b.rightArm}};
     for (const auto& [x, u] : armPairs) {
@@ -266,8 +281,9 @@ TEST(UrdfRobots, XmlAndUrdfOfOneRobotGiveTheSameAngles) {
         }
       }
     }
-    std::printf("[ xml/urdf ] %-6s %d targets x effectors, largest joint angle difference %.2e rad\n",
-                name, count, worst);
+    std::printf(
+        "[ xml/urdf ] %-6s %d targets x effectors, largest joint angle difference %.2e rad\n", name,
+        count, worst);
   }
 }
 
@@ -305,8 +321,8 @@ TEST(UrdfRobots, LumenIsDerivedFromItsUrdf) {
   EXPECT_EQ(back->trackerModel().head.yawToPitch, m.head.yawToPitch);
   EXPECT_EQ(back->getCameraHorizontalFov(1), 1.9f);
   for (int e = 0; e < 3; ++e) {
-    EXPECT_TRUE(back->trackerModel().head.effectorTransforms[e].isNear(
-        m.head.effectorTransforms[e], 2e-7f))
+    EXPECT_TRUE(
+        back->trackerModel().head.effectorTransforms[e].isNear(m.head.effectorTransforms[e], 2e-7f))
         << e;
   }
 }
@@ -337,7 +353,8 @@ TEST(UrdfRobots, EveryBadInputIsRefusedNamingFileAndElement) {
        },
        "lumen.urdf: refused by urdfdom: "},
       // Names the mapping gives that the URDF lacks.
-      {"missing yaw joint", "lumen", [&](auto& y, auto&) { in(y, "yaw: head_pan_joint", "yaw: pan"); },
+      {"missing yaw joint", "lumen",
+       [&](auto& y, auto&) { in(y, "yaw: head_pan_joint", "yaw: pan"); },
        "lumen.yaml: head/yaw: joint 'pan' does not exist in "},
       {"missing pitch joint", "lumen",
        [&](auto& y, auto&) { in(y, "pitch: head_tilt_joint", "pitch: tilt"); },
@@ -369,7 +386,8 @@ TEST(UrdfRobots, EveryBadInputIsRefusedNamingFileAndElement) {
        "it must be revolute or continuous"},
       {"yaw axis not vertical", "lumen",
        [&](auto&, auto& u) {
-         in(u, "<origin xyz=\"0.05 0 0.6\" rpy=\"0 0 0\"/>", "<origin xyz=\"0.05 0 0.6\" rpy=\"0.1 0 0\"/>");
+         in(u, "<origin xyz=\"0.05 0 0.6\" rpy=\"0 0 0\"/>",
+            "<origin xyz=\"0.05 0 0.6\" rpy=\"0.1 0 0\"/>");
        },
        "lumen.urdf: joint 'head_pan_joint' (head/yaw): its axis is not vertical in the torso "
        "frame at the zero pose: (0 -0.09983 0.995), 0.1 rad from the torso's z axis"},
@@ -451,8 +469,10 @@ TEST(UrdfRobots, EveryBadInputIsRefusedNamingFileAndElement) {
        "lumen.yaml: type (line 6): key 'type' is given twice"},
       {"missing required key", "lumen", [&](auto& y, auto&) { in(y, "name: Lumen\n", ""); },
        "lumen.yaml: (top level) (line 3): missing key 'name'"},
-      {"type of the wrong kind", "lumen", [&](auto& y, auto&) { in(y, "type: 1", "type: wheeled"); },
-       "lumen.yaml: type (line 5): must be 0 (humanoid) or 1 (wheeled: can navigate), got 'wheeled'"},
+      {"type of the wrong kind", "lumen",
+       [&](auto& y, auto&) { in(y, "type: 1", "type: wheeled"); },
+       "lumen.yaml: type (line 5): must be 0 (humanoid) or 1 (wheeled: can navigate), got "
+       "'wheeled'"},
       {"cameras not a list", "lumen",
        [&](auto& y, auto&) {
          const auto at = y.find("  cameras:");
@@ -461,16 +481,22 @@ TEST(UrdfRobots, EveryBadInputIsRefusedNamingFileAndElement) {
        "lumen.yaml: head/cameras (line 10): must be a list of 1 to 3 cameras, got a mapping"},
       {"four cameras", "lumen",
        [&](auto& y, auto&) {
-         in(y, "    - {frame: head_depth", "    - {frame: head_camera_link, axis: x}\n    - {frame: head_depth");
+         in(y, "    - {frame: head_depth",
+            "    - {frame: head_camera_link, axis: x}\n    - {frame: head_depth");
        },
        "lumen.yaml: head/cameras (line 11): must be a list of 1 to 3 cameras, got 4 entries"},
-      {"axis neither x nor z", "lumen", [&](auto& y, auto&) { in(y, "axis: z, horizontal_fov: 1.9", "axis: y, horizontal_fov: 1.9"); },
+      {"axis neither x nor z", "lumen",
+       [&](auto& y, auto&) {
+         in(y, "axis: z, horizontal_fov: 1.9", "axis: y, horizontal_fov: 1.9");
+       },
        "lumen.yaml: head/cameras[1]/axis (line 12): must be 'z' (an optical frame) or 'x'"},
       {"number that is not one", "lumen",
        [&](auto& y, auto&) { in(y, "horizontal_fov: 1.21", "horizontal_fov: wide"); },
        "lumen.yaml: head/cameras[0]/horizontal_fov (line 11): must be a number, got 'wide'"},
       {"fixed of the wrong kind", "lumen",
-       [&](auto& y, auto&) { in(y, "fixed: {torso_lift_joint: 0.1}", "fixed: [torso_lift_joint]"); },
+       [&](auto& y, auto&) {
+         in(y, "fixed: {torso_lift_joint: 0.1}", "fixed: [torso_lift_joint]");
+       },
        "lumen.yaml: fixed (line 14): must be a mapping of joint names, got a list"},
       {"one arm only", "kibo",
        [&](auto& y, auto&) {
@@ -479,7 +505,8 @@ TEST(UrdfRobots, EveryBadInputIsRefusedNamingFileAndElement) {
          y.erase(at, end - at - 1);
        },
        "kibo.yaml: arms (line 14): give both arms or neither"},
-      {"urdf file missing", "lumen", [&](auto& y, auto&) { in(y, "urdf: lumen.urdf", "urdf: gone.urdf"); },
+      {"urdf file missing", "lumen",
+       [&](auto& y, auto&) { in(y, "urdf: lumen.urdf", "urdf: gone.urdf"); },
        "lumen.yaml: urdf: cannot read the URDF '"},
   };
   for (const BadCase& c : cases) {
@@ -505,12 +532,20 @@ TEST(UrdfRobots, EveryBadInputIsRefusedNamingFileAndElement) {
   }
 }
 
+// urdfdom quotes a bad value as it is written, line breaks included (a fuzz finding): every
+// error of the import is put on one line.
+TEST(UrdfRobots, ErrorsStayOnOneLine) {
+  EXPECT_EQ(UrdfImport::oneLine("r.urdf: length [0.11287\n1608476\r] is not a valid float"),
+            "r.urdf: length [0.11287 1608476 ] is not a valid float");
+  EXPECT_EQ(UrdfImport::oneLine(std::string(3000, 'x')).size(), 2003u);
+}
+
 TEST(UrdfRobots, ContinuousJointsTakeAHalfTurnEachWay) {
   std::string urdf = readText(kRobots + "/lumen.urdf");
   urdf = replaced(urdf, "<joint name=\"head_pan_joint\" type=\"revolute\">",
                   "<joint name=\"head_pan_joint\" type=\"continuous\">");
-  const auto robot =
-      UrdfImport::robotFromTexts(readText(kRobots + "/lumen.yaml"), "lumen.yaml", urdf, "lumen.urdf");
+  const auto robot = UrdfImport::robotFromTexts(readText(kRobots + "/lumen.yaml"), "lumen.yaml",
+                                                urdf, "lumen.urdf");
   EXPECT_EQ(robot->trackerModel().head.yaw.min, -KR::Math::kPi);
   EXPECT_EQ(robot->trackerModel().head.yaw.max, KR::Math::kPi);
 }
@@ -524,18 +559,20 @@ TEST(UrdfRobots, WithoutMassesTheDefaultsAreUsedWithOneNote) {
   const auto robot = UrdfImport::robotFromTexts(readText(kRobots + "/lumen.yaml"), "lumen.yaml",
                                                 urdf, "lumen.urdf", &notes);
   ASSERT_EQ(notes.size(), 1u);
-  EXPECT_EQ(notes[0], "lumen.urdf: the URDF gives no masses for the head or the torso: the "
-                      "defaults are used");
+  EXPECT_EQ(notes[0],
+            "lumen.urdf: the URDF gives no masses for the head or the torso: the "
+            "defaults are used");
   EXPECT_EQ(robot->getHeadMass(), Robot().getHeadMass());
   EXPECT_EQ(robot->getTorsoMass(), Robot().getTorsoMass());
 }
 
 TEST(UrdfRobots, MappingOverridesWhatIsDerived) {
   std::string yaml = readText(kRobots + "/lumen.yaml");
-  yaml += "can_look_behind: true\nwhole_body: {yaw_min: -1, look_at_height: 1.5}\n"
-          "max_velocity: {head_pan_joint: 2.5}\nservos: {head_tilt_joint: {stiffness: 33}}\n";
-  const auto robot =
-      UrdfImport::robotFromTexts(yaml, "lumen.yaml", readText(kRobots + "/lumen.urdf"), "lumen.urdf");
+  yaml +=
+      "can_look_behind: true\nwhole_body: {yaw_min: -1, look_at_height: 1.5}\n"
+      "max_velocity: {head_pan_joint: 2.5}\nservos: {head_tilt_joint: {stiffness: 33}}\n";
+  const auto robot = UrdfImport::robotFromTexts(yaml, "lumen.yaml",
+                                                readText(kRobots + "/lumen.urdf"), "lumen.urdf");
   EXPECT_TRUE(robot->canLookBehind());
   EXPECT_EQ(robot->trackerModel().wbYawMin, -1.0f);
   EXPECT_EQ(robot->trackerModel().wbYawMax, 2.6f);  // still derived

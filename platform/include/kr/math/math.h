@@ -116,8 +116,8 @@ bool computeLookAtAngles(const Position3D& target, const Position3D& headPositio
 /// otherwise the closed form of the square mounting starts Newton steps on the exact equation,
 /// converged to double precision or refused. The solution looking forward is chosen.
 bool computeLookAtAngles(const Position3D& target, const Position3D& headPosition,
-                         const Position3D& yawToPitch, const Transform& neckToEffector,
-                         float& yaw, float& pitch);
+                         const Position3D& yawToPitch, const Transform& neckToEffector, float& yaw,
+                         float& pitch);
 
 namespace DSP {
 /// Dead band: when |value - stored| >= threshold, stored takes value and the result is true;

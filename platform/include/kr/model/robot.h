@@ -63,7 +63,9 @@ class Robot {
     float vfov = 0.8f;
     float range = 5.0f;
   };
-  static int slot(int effector) { return effector >= 0 && effector < kTrackEffectorCount ? effector : 0; }
+  static int slot(int effector) {
+    return effector >= 0 && effector < kTrackEffectorCount ? effector : 0;
+  }
   std::string fName;
   int fType = 0;
   bool fCanLookBehind = true;

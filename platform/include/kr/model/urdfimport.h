@@ -73,8 +73,7 @@ class UrdfImport {
   /// The same from both texts, nothing read from disk; urdfName names the URDF in errors.
   static std::unique_ptr<Robot> robotFromTexts(const std::string& yaml,
                                                const std::string& mappingName,
-                                               const std::string& urdf,
-                                               const std::string& urdfName,
+                                               const std::string& urdf, const std::string& urdfName,
                                                std::vector<std::string>* notes = nullptr);
   /// The mapping alone, validated for its keys and kinds (not against a URDF).
   static UrdfMapping readMapping(const std::string& yaml, const std::string& mappingName);

@@ -11,10 +11,10 @@
 #include <sstream>
 #include <vector>
 
-#include <Eigen/Geometry>
 #include <console_bridge/console.h>
 #include <mujoco/mujoco.h>
 #include <urdf_parser/urdf_parser.h>
+#include <Eigen/Geometry>
 
 #include <kr/error.h>
 
@@ -157,8 +157,8 @@ void UrdfModelWriter::joint(const urdf::Joint& j, const Iso& frame) {
   const Model::JointServo servo = fRobot.getServo(j.name);
   const Eigen::Vector3d axis = Eigen::Vector3d(j.axis.x, j.axis.y, j.axis.z).normalized();
   fBody << "<joint name=\"" << j.name << "\" pos=\"" << vec(frame.translation()) << "\" axis=\""
-        << vec(frame.linear() * axis) << "\" limited=\"true\" range=\"" << fmt(tj.min) << " " << fmt(tj.max)
-        << "\" armature=\"" << fmt(servo.armature) << "\"/>\n";
+        << vec(frame.linear() * axis) << "\" limited=\"true\" range=\"" << fmt(tj.min) << " "
+        << fmt(tj.max) << "\" armature=\"" << fmt(servo.armature) << "\"/>\n";
   // The damping is set once the model is loaded, from the inertia that the joint moves.
   fActuators << "<position name=\"" << j.name << "\" joint=\"" << j.name << "\" kp=\""
              << fmt(servo.stiffness) << "\" forcelimited=\"true\" forcerange=\""
@@ -286,8 +286,10 @@ void UrdfModelWriter::cameras(const urdf::Link& link, const Iso& frame) {
     // A MuJoCo camera looks along its -z axis with y up: from an optical frame (z forward,
     // y down) x stays and y turns over; from an x-forward frame x is -y and y is z.
     const Eigen::Matrix3d r = frame.linear();
-    const Eigen::Vector3d x = cams[i].axis == 'z' ? Eigen::Vector3d(r.col(0)) : Eigen::Vector3d(-r.col(1));
-    const Eigen::Vector3d y = cams[i].axis == 'z' ? Eigen::Vector3d(-r.col(1)) : Eigen::Vector3d(r.col(2));
+    const Eigen::Vector3d x =
+        cams[i].axis == 'z' ? Eigen::Vector3d(r.col(0)) : Eigen::Vector3d(-r.col(1));
+    const Eigen::Vector3d y =
+        cams[i].axis == 'z' ? Eigen::Vector3d(-r.col(1)) : Eigen::Vector3d(r.col(2));
     const double fovy = fRobot.getCameraVerticalFov(e) * 180.0 / M_PI;
     fBody << "<camera name=\"" << kCameras[e] << "\" pos=\"" << vec(frame.translation())
           << "\" xyaxes=\"" << vec(x) << " " << vec(y) << "\" fovy=\"" << fmt(fovy) << "\"/>\n";
@@ -343,8 +345,8 @@ MujocoModelText UrdfModelWriter::write() {
   contents(*fModel.getRoot(), rootInBase, moving, massive);
   if (!massive)
     tinyInertial();
-  fOut.sources["Base"] = "the URDF's root link '" + fModel.getRoot()->name +
-                         "' and the links it carries";
+  fOut.sources["Base"] =
+      "the URDF's root link '" + fModel.getRoot()->name + "' and the links it carries";
   fBody << "</body>\n";
   for (int i = 0; i < MujocoBackend::kTargetCount; ++i) {
     fBody << "<body name=\"Target" << i << "\" mocap=\"true\" pos=\"0 0 -1\">"
@@ -361,7 +363,8 @@ MujocoModelText UrdfModelWriter::write() {
       << "<flag contact=\"disable\"/>\n</option>\n"
       << "<visual><global offwidth=\"1280\" offheight=\"960\"/></visual>\n"
       << "<default><geom contype=\"0\" conaffinity=\"0\"/></default>\n"
-      << "<asset>\n" << fAssets.str() << "</asset>\n"
+      << "<asset>\n"
+      << fAssets.str() << "</asset>\n"
       << "<worldbody>\n"
       << "<light pos=\"0 0 4\" dir=\"0 0 -1\" directional=\"true\"/>\n"
       << "<geom name=\"Floor\" type=\"plane\" size=\"10 10 0.1\" rgba=\"0.75 0.78 0.8 1\"/>\n"
@@ -390,9 +393,9 @@ bool addToVfs(mjVFS* vfs, const std::string& name, const std::string& content) {
 MujocoModelText mujocoModelFromUrdf(const Model::Robot& robot, const UrdfSource& source) {
   const urdf::ModelInterfaceSharedPtr model = parseQuietly(source.urdfText);
   if (!model) {
-    throw KRError("KRMotion", "mujoco",
-                  "the URDF of robot \"" + robot.getName() + "\" no longer reads: " +
-                      source.urdfPath);
+    throw KRError(
+        "KRMotion", "mujoco",
+        "the URDF of robot \"" + robot.getName() + "\" no longer reads: " + source.urdfPath);
   }
   return UrdfModelWriter(robot, source, *model).write();
 }
