@@ -54,7 +54,7 @@ struct LiveView::Impl {
   RunFrame frame;
   ViewAngles angles;
   bool paused = false;
-  int stepsAsked = 0;  // right arrow presses not yet stepped, while paused
+  int stepsAsked = 0;  // right arrow presses not yet stepped (paused)
   bool closed = false;
   double speed = 1.0;
   // Pacing: simulated time runs from (anchorSim at anchorWall) at `speed`.
@@ -122,6 +122,7 @@ struct LiveView::Impl {
     if (key == GLFW_KEY_SPACE) {
       anchor();
       paused = !paused;
+      stepsAsked = 0;  // resuming drops single steps not made yet
       anchor();
     } else if (key == GLFW_KEY_RIGHT) {
       if (!paused) {
@@ -199,18 +200,21 @@ struct LiveView::Impl {
     return closed;
   }
 
+  /// Paused, returns once per right arrow press, so that each press makes exactly one step
+  /// however the presses arrive between polls.
   void afterStep() {
     glfwPollEvents();
-    if (stepsAsked > 0) {
-      --stepsAsked;  // the step asked for has been made
-      draw();
-    }
     while (paused && stepsAsked == 0 && !checkClosed() && StopSignals::received() == 0) {
       draw();
       glfwWaitEventsTimeout(0.05);
     }
-    if (checkClosed() || paused)
+    if (checkClosed())
       return;
+    if (paused) {
+      if (stepsAsked > 0)
+        --stepsAsked;  // the next step is the one asked for
+      return;
+    }
     const Clock::time_point due =
         anchorWall + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(
                          (run.simulation().time() - anchorSim) / speed));
@@ -237,6 +241,14 @@ void LiveView::afterStep() {
 
 bool LiveView::windowClosed() const {
   return fImpl->closed;
+}
+
+bool LiveView::paused() const {
+  return fImpl->paused;
+}
+
+double LiveView::speed() const {
+  return fImpl->speed;
 }
 
 std::string LiveView::pacingReport() const {

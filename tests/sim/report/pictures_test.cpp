@@ -6,7 +6,8 @@
 // degrees), and a run whose figures are those of the same run without a video. Without any
 // way to draw here (no EGL, no X display), each checks the refusal instead.
 //
-// The ctest "pictures_xvfb" runs them again under Xvfb through GLFW (KRTRACKER_GL=glfw).
+// The ctests "snapshot_xvfb" and "video_xvfb" run them again under Xvfb through GLFW
+// (KRTRACKER_GL=glfw).
 
 #include <sys/resource.h>
 #include <sys/stat.h>

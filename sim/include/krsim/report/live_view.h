@@ -6,10 +6,11 @@
 // resumes; the right arrow steps one control period (10 ms) and pauses; [ and ] halve and
 // double the speed (1/16 to 16 times real time).
 //
-// Pacing: after each step the view waits until wall time catches up with simulated time at
-// the chosen speed, drawing a frame at most every 1/30 s of wall time while it is ahead;
-// when drawing falls behind, steps run without drawing until the run has caught up, so that
-// simulated time keeps to wall time whatever the drawing costs. Closing the window stops the
+// Pacing: after each step the view sleeps until the wall-clock instant the step is due at
+// (counted from where the current speed was chosen, so that late wake-ups do not add up to a
+// drift), drawing a frame at most every 1/30 s of wall time while it is ahead; when drawing
+// falls behind, steps run without drawing until the run has caught up, so that simulated time
+// keeps to wall time whatever the drawing costs. Closing the window stops the
 // run as SIGINT does (StopSignals::request).
 //
 // Needs an X display (a desktop, or Xvfb): KRError("krsim", "rendering", ...) otherwise. Runs
@@ -35,6 +36,9 @@ class LiveView {
   /// To call after each step (playRun's AfterStep): draws, handles input, paces.
   void afterStep();
   bool windowClosed() const;
+  /// Paused by the keys (space, or the right arrow while running), and the chosen speed.
+  bool paused() const;
+  double speed() const;
   /// How closely simulated time followed wall time at the chosen speeds while running (not
   /// paused): "12.00 s simulated in 12.01 s of wall time at the chosen speeds (0.1 % apart, at
   /// most 0.040 s behind)"; behind: how late a step ended, at worst, against the wall clock.
