@@ -14,9 +14,17 @@
 #include <thread>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 extern char** environ;
 
 namespace krtest {
+
+/// A path in the tests' temporary folder of this process alone: the plain run and the Xvfb
+/// run of the same test may run at once.
+inline std::string scratchPath(const std::string& name) {
+  return testing::TempDir() + name + "_" + std::to_string(::getpid());
+}
 
 class ChildProgram {
  public:

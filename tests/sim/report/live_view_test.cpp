@@ -104,7 +104,7 @@ TEST(LiveView, ShowsTheRunInAWindow) {
     return;
   }
   ASSERT_EQ(std::system("command -v xdotool >/dev/null"), 0) << "xdotool finds the window";
-  const std::string dir = testing::TempDir() + "krtracker_live_view";
+  const std::string dir = scratchPath("krtracker_live_view");
   std::system(("rm -rf '" + dir + "' && mkdir -p '" + dir + "'").c_str());
   ChildProgram program({"--view", "--quiet", "--duration", "60", "--csv", dir + "/run.csv",
                         "--json", dir + "/run.json"},

@@ -174,7 +174,7 @@ TEST(Snapshot, ShowsTheRobotItsTargetTheLegendAndTheCaption) {
   expectTextBox(picture.rgb, 1280, 20, 20, 300, 100, "legend");
   expectTextBox(picture.rgb, 1280, 20, 600, 300, 100, "caption");
 
-  const std::string path = testing::TempDir() + "krtracker_snapshot_test.png";
+  const std::string path = scratchPath("krtracker_snapshot_test") + ".png";
   snapshots.write(path);
   EXPECT_EQ(readFile(path).substr(0, 8), "\x89PNG\r\n\x1a\n");
   std::remove(path.c_str());
@@ -222,7 +222,7 @@ std::string withoutCpu(const std::string& json) {
 }
 
 TEST(Video, FilmsTheRunFrameByFrameAndChangesNoneOfItsFigures) {
-  const std::string dir = testing::TempDir() + "krtracker_video_test";
+  const std::string dir = scratchPath("krtracker_video_test");
   std::system(("rm -rf '" + dir + "' && mkdir -p '" + dir + "'").c_str());
   const std::vector<std::string> common = {"--quiet", "--duration", "10"};
   auto withOutputs = [&](const std::string& name, bool video) {
@@ -321,7 +321,7 @@ TEST(Video, AFullDiskStopsTheVideoNotTheRun) {
   config.physics = "kinematic";
   config.modules = &KR::Sim::createTrackerModules;
   ScenarioRun run(KR::Sim::makeScenario("ball", options), config);
-  const std::string path = testing::TempDir() + "krtracker_full_disk.mp4";
+  const std::string path = scratchPath("krtracker_full_disk") + ".mp4";
   if (!drawingProblem().empty()) {
     EXPECT_THAT([&] { KR::Sim::RunVideo video(run, path); },
                 testing::ThrowsMessage<KR::KRError>(HasSubstr("xvfb-run -a")));
@@ -349,7 +349,7 @@ TEST(Video, AFullDiskStopsTheVideoNotTheRun) {
 // Ctrl-C in the middle of a filmed run: the program ends as for any stop (exit 130, what ran
 // measured) and the video holds what ran, complete and playable.
 TEST(Video, AnInterruptedRunLeavesAPlayableVideoOfWhatRan) {
-  const std::string dir = testing::TempDir() + "krtracker_video_interrupted";
+  const std::string dir = scratchPath("krtracker_video_interrupted");
   std::system(("rm -rf '" + dir + "' && mkdir -p '" + dir + "'").c_str());
   const std::string video = dir + "/run.mp4";
   ChildProgram program({"--quiet", "--duration", "30", "--csv", dir + "/run.csv", "--json",
