@@ -65,6 +65,19 @@ int count(const std::vector<unsigned char>& rgb, int x0, int y0, int w, int h, T
   return n;
 }
 
+/// Waits until the run's window is on the screen (false if it has not come within 5 minutes).
+/// xdotool is asked again and again rather than with --sync: a window that closes while it
+/// walks the window tree (the program's probe window) makes it fail with BadWindow.
+bool waitForTheWindow() {
+  for (int attempt = 0; attempt < 600; ++attempt) {
+    if (std::system("xdotool search --onlyvisible --name '^krtracker-sim: ball$' >/dev/null "
+                    "2>&1") == 0)
+      return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  }
+  return false;
+}
+
 /// What a screenshot must show of the window (1280x720 at the screen's top left, no window
 /// manager under Xvfb); empty when it does, else what is missing.
 std::string missingFromWindow(const std::vector<unsigned char>& shot) {
@@ -110,11 +123,8 @@ TEST(LiveView, ShowsTheRunInAWindow) {
                         "--json", dir + "/run.json"},
                        dir + "/out.txt", dir + "/err.txt");
   ASSERT_TRUE(program.started());
-  // Waits for the window to be mapped (the run starts once it has drawn its first frame).
-  ASSERT_EQ(std::system("timeout 300 xdotool search --sync --onlyvisible --name "
-                        "'^krtracker-sim: ball$' >/dev/null"),
-            0)
-      << readFile(dir + "/err.txt");
+  // The run starts once the window has drawn its first frame.
+  ASSERT_TRUE(waitForTheWindow()) << readFile(dir + "/err.txt");
   std::this_thread::sleep_for(std::chrono::seconds(2));
   std::string missing = missingFromWindow(screenshot());
   for (int attempt = 0; attempt < 20 && !missing.empty(); ++attempt) {
@@ -177,9 +187,7 @@ TEST(LiveView, KeysChangeTheSpeedPauseAndStep) {
       }
     };
     // Keys go to the window under the pointer: once it is on the screen.
-    EXPECT_EQ(std::system("xdotool search --sync --onlyvisible --name '^krtracker-sim: ball$' "
-                          ">/dev/null"),
-              0);
+    EXPECT_TRUE(waitForTheWindow());
     press("bracketright");
     await([&] { return speed == 2.0; }, "] doubled the speed");
     press("bracketleft bracketleft");
