@@ -121,7 +121,7 @@ int dispatch(Parser& p, std::ostream& out, std::ostream& err, const SubModuleFac
   SnapshotHook hook;
   if (hooks.snapshot && !p.run.config.snapshots.empty()) {
     hook = [snapshot = hooks.snapshot, folder = p.run.config.snapshots](
-               Simulation& sim, const std::string& label) { snapshot(sim, folder, label); };
+               ScenarioRun& run, const std::string& label) { snapshot(run, folder, label); };
   }
   return p.run.run(out, modules, hook);
 }

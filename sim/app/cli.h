@@ -13,13 +13,13 @@
 namespace KR {
 namespace Sim {
 
-class Simulation;
+class ScenarioRun;
 
-/// What the program around the command line may plug in.
+/// What a test may plug in.
 struct RunHooks {
   /// Called at each phase boundary of a single run (the phase's name, "end" at the end) when
-  /// --snapshots is given, e.g. to store a picture of the scene in that folder.
-  std::function<void(Simulation& sim, const std::string& folder, const std::string& label)>
+  /// --snapshots is given, instead of drawing a picture of the scene into that folder.
+  std::function<void(ScenarioRun& run, const std::string& folder, const std::string& label)>
       snapshot;
 };
 

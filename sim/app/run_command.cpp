@@ -79,21 +79,19 @@ std::unique_ptr<ScenarioRun> buildRun(const Scenario& scenario, const Simulation
 }
 
 /// Plays a run built by buildRun; streams its CSV if `csv` is not null.
-RunResult playOnce(ScenarioRun& run, bool realtime, std::ostream* progress, std::ostream* csv,
-                   const SnapshotHook& hook, std::clock_t cpuStart) {
+RunResult playOnce(ScenarioRun& run, std::ostream* progress, std::ostream* csv,
+                   const AfterStep& afterStep, std::clock_t cpuStart) {
   if (progress != nullptr)
     run.setProgress([progress](const std::string& line) { *progress << line << "\n"; });
   if (csv != nullptr)
     CsvWriter::follow(run, *csv);
-  if (hook)
-    run.setPhaseHook([&run, &hook](const std::string& label) { hook(run.simulation(), label); });
-  return playRun(run, realtime, cpuStart);
+  return playRun(run, afterStep, cpuStart);
 }
 
 RunResult runOnce(const Scenario& scenario, const SimulationConfig& config) {
   const std::clock_t cpuStart = std::clock();
   const auto run = buildRun(scenario, config);
-  return playOnce(*run, false, nullptr, nullptr, {}, cpuStart);
+  return playOnce(*run, nullptr, nullptr, {}, cpuStart);
 }
 
 /// The thresholds behind "on target", stated under the table.
@@ -234,9 +232,10 @@ std::string csvPathFor(const RunConfig& config, TemporaryFile& temporary) {
 }
 
 void printSummary(const RunConfig& config, const Scenario& scenario, const RunResult& r,
-                  std::ostream& out) {
+                  bool windowClosed, std::ostream& out) {
   if (r.interrupted) {
-    out << "\nStopped by signal " << StopSignals::received() << " after " << std::fixed
+    out << "\nStopped " << (windowClosed ? "by closing the live view" : "by signal ")
+        << (windowClosed ? "" : std::to_string(StopSignals::received())) << " after " << std::fixed
         << std::setprecision(2) << r.simulatedS << " s: what ran is measured below\n";
   }
   out << "\nSummary: " << std::fixed << std::setprecision(1) << r.simulatedS << " s simulated in "
@@ -276,13 +275,18 @@ int runSingle(const RunConfig& config, const Scenario& scenario, ScenarioRun& ru
     if (!csv)
       throw std::runtime_error("cannot write " + csvPath);
   }
-  const RunResult r = playOnce(run, config.realtime, config.quiet ? nullptr : &out,
-                               csvPath.empty() ? nullptr : &csv, hook, cpuStart);
+  RunPictures pictures(run, config, hook);
+  const RunResult r = playOnce(run, config.quiet ? nullptr : &out, csvPath.empty() ? nullptr : &csv,
+                               pictures.afterStep(config.realtime), cpuStart);
+  const std::string videoError = pictures.finish();  // reported once the outputs are written
   if (!csvPath.empty() && !csv.flush())
     throw std::runtime_error("cannot write " + csvPath);
   csv.close();
-  printSummary(config, scenario, r, out);
+  printSummary(config, scenario, r, pictures.windowClosed(), out);
+  pictures.report(out);
   writeOutputs(config, scenario, r, csvPath, out);
+  if (!videoError.empty())
+    throw std::runtime_error(videoError);
   return r.interrupted ? 128 + StopSignals::received() : 0;
 }
 
@@ -300,6 +304,7 @@ int RunCommand::run(std::ostream& out, const SubModuleFactory& modules,
   }
   const std::clock_t cpuStart = std::clock();
   const auto run = buildRun(scenario, simulationConfig(config, modules));
+  checkPictures(config, static_cast<bool>(snapshot));
   prepareOutputs(config, scenario);
   StopSignals stopSignals;
   return runSingle(config, scenario, *run, cpuStart, snapshot, out);
@@ -363,6 +368,12 @@ void RunCommand::addOptions(CLI::App& app) {
   app.add_option("--plot", c.plot, "draw the run with tools/plot.gp (gnuplot)");
   app.add_option("--json", c.json, "write the JSON summary there");
   app.add_option("--snapshots", c.snapshots, "folder for pictures at each phase boundary");
+  app.add_option("--video", c.video,
+                 "film the run into FILE.mp4: 30 frames per simulated second, 1280x720, the "
+                 "robot followed from behind, the head camera's view inset, a caption");
+  app.add_flag("--view", c.view,
+               "show the run live in a window, in real time (space: pause, right arrow: step, "
+               "[ ]: speed, mouse: orbit and zoom; closing it stops the run)");
   app.add_flag("--quiet", c.quiet, "no progress lines");
 }
 

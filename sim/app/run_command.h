@@ -11,13 +11,10 @@
 #include <krsim/run/run_config.h>
 #include <krsim/tracking/context.h>
 
+#include "app/run_pictures.h"
+
 namespace KR {
 namespace Sim {
-
-class Simulation;
-
-/// Called at each phase boundary of a single run with the simulation and the label.
-using SnapshotHook = std::function<void(Simulation& sim, const std::string& label)>;
 
 struct RunCommand {
   RunConfig config;
@@ -25,7 +22,8 @@ struct RunCommand {
 
   /// The command's options, filling `config` as typed values.
   void addOptions(CLI::App& app);
-  /// Exit codes as runCommandLine's.
+  /// Exit codes as runCommandLine's. `snapshot`, when set, is called at each phase boundary
+  /// instead of drawing the pictures of --snapshots.
   int run(std::ostream& out, const SubModuleFactory& modules, const SnapshotHook& snapshot);
 };
 

@@ -52,6 +52,23 @@ void checkWritable(const std::string& option, const std::string& path) {
     refuse(option + " " + path + ": cannot write in " + dir);
 }
 
+std::string folderOf(const std::string& path) {
+  const auto slash = path.find_last_of('/');
+  return slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+}
+
+/// The video's folder must exist, or be made for another output: a mistyped one is refused.
+void checkVideoFolder(const RunConfig& config) {
+  const std::string dir = folderOf(config.video);
+  for (const std::string& other : {config.csv, config.plot, config.json}) {
+    if (!other.empty() && folderOf(other) == dir)
+      return;
+  }
+  struct stat st {};
+  if (::stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
+    refuse("--video " + config.video + ": the folder " + dir + " does not exist");
+}
+
 void checkWritableFolder(const std::string& option, const std::string& dir) {
   ::mkdir(dir.c_str(), 0755);
   struct stat st {};
@@ -71,8 +88,12 @@ void decideOutputs(RunConfig& config, const std::string& name,
     if (config.json.empty())
       config.json = stem + ".json";
   }
-  const std::vector<std::pair<std::string, std::string>> outputs = {
-      {"--csv", config.csv}, {"--plot", config.plot}, {"--json", config.json}};
+  const std::vector<std::pair<std::string, std::string>> outputs = {{"--csv", config.csv},
+                                                                    {"--plot", config.plot},
+                                                                    {"--json", config.json},
+                                                                    {"--video", config.video}};
+  if (!config.video.empty())
+    checkVideoFolder(config);  // before any folder is made
   for (std::size_t i = 0; i < outputs.size(); ++i) {
     const auto& [option, path] = outputs[i];
     if (path.empty())

@@ -68,6 +68,14 @@ void RunConfig::validate() const {
     refuse("--latency expects from 0 to 10 seconds");
   if (!(camera.dropout >= 0.0 && camera.dropout <= 1.0))
     refuse("--dropout expects a probability from 0 to 1");
+  const std::string mp4 = ".mp4";
+  if (!video.empty() && (video.size() <= mp4.size() ||
+                         video.compare(video.size() - mp4.size(), mp4.size(), mp4) != 0)) {
+    refuse("--video " + video + ": the video is an MP4 file, a name ending in .mp4");
+  }
+  if ((!video.empty() || view) && (seeds || !compare.empty()))
+    refuse(std::string(view ? "--view" : "--video") +
+           " shows a single run, not --seeds or --compare");
   if (seeds && (seeds->last < seeds->first || seeds->last - seeds->first >= kMaxSeeds)) {
     refuse("--seeds expects a range A-B of integers with A <= B and at most 10000 seeds, not '" +
            std::to_string(seeds->first) + "-" + std::to_string(seeds->last) + "'");

@@ -32,15 +32,14 @@ int StopSignals::received() {
   return gStopSignal;
 }
 
-RunResult playRun(ScenarioRun& run, bool realtime, std::clock_t cpuStart) {
-  using Clock = std::chrono::steady_clock;
-  const auto wallStart = Clock::now();
+void StopSignals::request(int signal) {
+  gStopSignal = signal;
+}
+
+RunResult playRun(ScenarioRun& run, const AfterStep& afterStep, std::clock_t cpuStart) {
   while (!gStopSignal && run.step()) {
-    if (realtime) {
-      std::this_thread::sleep_until(wallStart +
-                                    std::chrono::duration_cast<Clock::duration>(
-                                        std::chrono::duration<double>(run.simulation().time())));
-    }
+    if (afterStep)
+      afterStep();
   }
   RunResult result;
   result.interrupted = gStopSignal != 0;
@@ -48,6 +47,19 @@ RunResult playRun(ScenarioRun& run, bool realtime, std::clock_t cpuStart) {
   result.simulatedS = run.simulatedSeconds();
   result.cpuS = static_cast<double>(std::clock() - cpuStart) / CLOCKS_PER_SEC;
   return result;
+}
+
+RunResult playRun(ScenarioRun& run, bool realtime, std::clock_t cpuStart) {
+  return playRun(run, realtime ? realTimePacing(run) : AfterStep(), cpuStart);
+}
+
+AfterStep realTimePacing(ScenarioRun& run) {
+  using Clock = std::chrono::steady_clock;
+  return [&run, wallStart = Clock::now()] {
+    std::this_thread::sleep_until(wallStart +
+                                  std::chrono::duration_cast<Clock::duration>(
+                                      std::chrono::duration<double>(run.simulation().time())));
+  };
 }
 
 std::vector<PhaseMeasures> measuresOf(const std::vector<PhaseSummary>& summaries) {

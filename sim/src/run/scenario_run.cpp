@@ -94,6 +94,9 @@ bool ScenarioRun::step() {
   xRecord();
   if (fProgress)
     xReport();
+  if (!fPhaseLabel.empty() && fPhaseHook)
+    fPhaseHook(fPhaseLabel);
+  fPhaseLabel.clear();
   if (finished() && fPhaseHook)
     fPhaseHook("end");
   return true;
@@ -141,6 +144,7 @@ void ScenarioRun::xEvents() {
           std::replace(text.begin(), text.end(), ',', ' ');
           std::lock_guard<std::mutex> lock(fObservationMutex);
           fObservation = std::move(text);
+          fObservationValue = v;
         });
       }
       continue;
@@ -206,8 +210,7 @@ void ScenarioRun::xEnterPhase(int phase) {
   fPhase = phase;
   if (fPhase >= 0 && !fReached[static_cast<std::size_t>(fPhase)]) {
     fReached[static_cast<std::size_t>(fPhase)] = true;
-    if (fPhaseHook)
-      fPhaseHook(fScenario.phases[static_cast<std::size_t>(fPhase)].name);
+    fPhaseLabel = fScenario.phases[static_cast<std::size_t>(fPhase)].name;
   }
 }
 
@@ -306,17 +309,41 @@ void ScenarioRun::xLocalisation(const Sample& s, const Phase& phase, PhaseSummar
 void ScenarioRun::xStepDetails(Sample& s) {
   s.events = std::move(fStepEvents);
   fStepEvents.clear();
+  KRValue observation;
   {
     std::lock_guard<std::mutex> lock(fObservationMutex);
     s.observation = std::move(fObservation);
     fObservation.clear();
+    observation = std::move(fObservationValue);
+    fObservationValue = KRValue();
   }
+  if (!s.observation.empty())
+    xDetection(s, observation);
   s.jointCommands.reserve(fJoints.size());
   s.jointAngles.reserve(fJoints.size());
   for (const auto& joint : fJoints) {
     s.jointCommands.push_back(fSim->motion().getCommand(joint));
     s.jointAngles.push_back(fSim->motion().getAngle(joint));
   }
+}
+
+void ScenarioRun::xDetection(Sample& s, const KRValue& observation) const {
+  // [[x, y, z, wx, wy, wz] in FRAME_WORLD, stamp, ...] or [[torso 6D], [robot 6D], stamp, ...]
+  // (krsim/world/world.h). The motion service has not moved since the world published it.
+  if (!observation.isArray() || observation.size() < 2 || !observation[0].isArray() ||
+      observation[0].size() != 6) {
+    return;
+  }
+  float p[3];
+  for (std::size_t i = 0; i < 3; ++i) {
+    if (!observation[0][i].toFloat(p[i]))
+      return;
+  }
+  const bool torso = observation[1].isArray() && observation[1].size() == 6;
+  const Math::Transform frame =
+      torso ? fSim->motion().getMapToTorso() : fSim->motion().getMapToOdometry();
+  s.detection = frame * Math::Position3D(p[0], p[1], p[2]);
+  s.hasDetection = true;
 }
 
 void ScenarioRun::xReport() {

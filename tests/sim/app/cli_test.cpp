@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdlib>
 
 #include <nlohmann/json.hpp>
 
@@ -136,6 +137,20 @@ TEST(CommandLineErrors, EachBadOptionIsNamedAndNothingIsWritten) {
        {"--csv", "kibo.xml", "input"}},
       {{"--csv", "/proc/krtracker/run.csv", "--plot", dir + "/x.png"}, {"--csv", "cannot write"}},
       {{"--snapshots", "/proc/krtracker"}, {"--snapshots", "not a folder that can be written"}},
+      // The video: in a folder that does not exist (not made for it), another output, not
+      // MP4, or of many runs.
+      {{"--video", dir + "/missing/run.mp4"},
+       {"--video " + dir + "/missing/run.mp4: the folder " + dir + "/missing does not exist"},
+       true},
+      {{"--csv", dir + "/x.mp4", "--plot", dir + "/x.png", "--video", dir + "/x.mp4"},
+       {"--video", "also the file of --csv"}},
+      {{"--video", dir + "/run.avi"}, {"--video", "run.avi", "a name ending in .mp4"}},
+      {{"--video", dir + "/run.mp4", "--seeds", "1-2"},
+       {"--video shows a single run, not --seeds or --compare"},
+       true},
+      {{"--view", "--compare", "compensation"},
+       {"--view shows a single run, not --seeds or --compare"},
+       true},
       // The angles dry run.
       {{"angles", "--look-at", "1", "0", "0"}, {"angles needs --robot FILE"}, true},
       {{"angles", "--robot", "kibo"}, {"angles needs either --look-at X Y Z or --point-at"}, true},
@@ -180,6 +195,60 @@ TEST(CommandLineErrors, EachBadOptionIsNamedAndNothingIsWritten) {
     SCOPED_TRACE("krtracker-sim" + line);
     expectOneLineRefusal(run(args), c.fragments, dir, c.exact);
   }
+}
+
+/// Sets (or, with null, unsets) an environment variable for the life of the object.
+class ScopedEnv {
+ public:
+  ScopedEnv(const char* name, const char* value) : fName(name) {
+    const char* old = std::getenv(name);
+    fHad = old != nullptr;
+    if (fHad)
+      fOld = old;
+    if (value != nullptr)
+      ::setenv(name, value, 1);
+    else
+      ::unsetenv(name);
+  }
+  ~ScopedEnv() {
+    if (fHad)
+      ::setenv(fName.c_str(), fOld.c_str(), 1);
+    else
+      ::unsetenv(fName.c_str());
+  }
+
+ private:
+  std::string fName;
+  std::string fOld;
+  bool fHad = false;
+};
+
+// No display and EGL ruled out: the pictures that need drawing are refused before the run,
+// nothing written; a window needs a display whatever EGL offers.
+TEST(CommandLineErrors, PicturesThatCannotBeDrawnHereAreRefusedBeforeTheRun) {
+  const std::string dir = freshDirectory("pictures");
+  const std::vector<std::string> outputs = {"--csv", dir + "/run.csv", "--plot", dir + "/run.png"};
+  ScopedEnv noDisplay("DISPLAY", nullptr);
+  {
+    ScopedEnv glfwOnly("KRTRACKER_GL", "glfw");
+    for (const std::vector<std::string>& extra :
+         {std::vector<std::string>{"--video", dir + "/run.mp4"},
+          std::vector<std::string>{"--snapshots", dir + "/pictures"}}) {
+      std::vector<std::string> args = outputs;
+      args.insert(args.end(), extra.begin(), extra.end());
+      expectOneLineRefusal(
+          run(args),
+          {extra[0] + ": cannot draw off-screen", "there is no X display", "xvfb-run -a"}, dir);
+    }
+  }
+  {
+    ScopedEnv wrong("KRTRACKER_GL", "vulkan");
+    expectOneLineRefusal(run({"--csv", dir + "/run.csv", "--video", dir + "/run.mp4"}),
+                         {"KRTRACKER_GL is egl or glfw, not 'vulkan'"}, dir);
+  }
+  std::vector<std::string> view = outputs;
+  view.push_back("--view");
+  expectOneLineRefusal(run(view), {"--view needs a display", "xvfb-run -a"}, dir);
 }
 
 // Broken robot descriptions: the line names the file, the element and its line.
@@ -233,7 +302,7 @@ TEST(CommandLineErrors, BadRobotDescriptionsNameTheFileAndTheLine) {
 TEST(CommandLineErrors, ASignalStopsTheRunWithEverythingMeasuredSoFarWritten) {
   const std::string dir = freshDirectory("signal");
   KR::Sim::RunHooks hooks;
-  hooks.snapshot = [](KR::Sim::Simulation&, const std::string&, const std::string& label) {
+  hooks.snapshot = [](KR::Sim::ScenarioRun&, const std::string&, const std::string& label) {
     if (label == "whole body + arms")
       std::raise(SIGTERM);
   };

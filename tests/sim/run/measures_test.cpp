@@ -9,6 +9,7 @@
 
 #include <krsim/run/measures.h>
 #include <krsim/run/scenario_run.h>
+#include <krsim/tracking/context.h>
 
 #include "sim/helpers.h"
 #include "sim/run/aim_scenario.h"
@@ -139,11 +140,16 @@ TEST(RunTest, MeasuresComeFromEveryVisibleSampleAndTheTrackersOwnState) {
   ScenarioRun run(aimScenario(), ideal);
   run.setProgress([&](const std::string& line) { progress.push_back(line); }, 1.0);
   run.addSampleObserver([&](const KR::Sim::Sample& s) { samples.push_back(s); });
-  run.setPhaseHook([&](const std::string& label) { hooks.push_back(label); });
+  std::vector<int> hookPhases;  // of the sample recorded when the hook is called
+  run.setPhaseHook([&](const std::string& label) {
+    hooks.push_back(label);
+    hookPhases.push_back(run.lastSample().phase);
+  });
   run.runToEnd();
   EXPECT_FALSE(run.step());
   ASSERT_EQ(samples.size(), 300u);
   EXPECT_EQ(hooks, (std::vector<std::string>{"look", "end"}));
+  EXPECT_EQ(hookPhases, (std::vector<int>{0, 0}));
 
   const auto summaries = run.summaries();
   ASSERT_EQ(summaries.size(), 1u);
@@ -197,6 +203,33 @@ TEST(RunTest, MeasuresComeFromEveryVisibleSampleAndTheTrackersOwnState) {
     EXPECT_EQ(s.jointAngles[static_cast<std::size_t>(headYaw)], s.headYaw) << s.time;
   }
   EXPECT_GT(std::fabs(samples.back().jointCommands[static_cast<std::size_t>(headYaw)]), 0.1f);
+}
+
+// Where each observation the tracker received places its target, in the map frame: on the
+// ball itself for an ideal camera (no noise, no latency), in either layout of the events.
+TEST(RunTest, SamplesPlaceEachReceivedObservationInTheMap) {
+  ScenarioOptions options;
+  options.duration = 8.0;
+  KR::Sim::SimulationConfig config;
+  config.physics = "kinematic";
+  config.camera = KR::Sim::CameraConfig::ideal();
+  config.modules = &KR::Sim::createTrackerModules;
+  for (const auto layout : {KR::Sim::Layout::Torso, KR::Sim::Layout::World}) {
+    Scenario scenario = KR::Sim::makeScenario("ball", options);
+    for (auto& target : scenario.targets)
+      target.layout = layout;
+    ScenarioRun run(scenario, config);
+    int detections = 0;
+    run.addSampleObserver([&](const Sample& s) {
+      EXPECT_EQ(s.hasDetection, !s.observation.empty()) << s.time;
+      if (s.hasDetection && s.hasTarget) {
+        ++detections;
+        EXPECT_LT(KR::Math::distance(s.detection, s.target), 1e-3f) << s.time;
+      }
+    });
+    run.runToEnd();
+    EXPECT_GT(detections, 40);  // every 50 ms while the ball is in view
+  }
 }
 
 }  // namespace

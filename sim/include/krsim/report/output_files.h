@@ -13,8 +13,8 @@ namespace Sim {
 
 /// Fills the default outputs of `config` for the scenario `name` (out/NAME.{csv,png,json}
 /// unless --csv or --plot is given), then checks them against `inputs`, each other and their
-/// folders (created if missing). KRError("krsim", "outputs", "--OPTION PATH ...") when one
-/// cannot be written.
+/// folders (created if missing, except the video's, which must exist). KRError("krsim",
+/// "outputs", "--OPTION PATH ...") when one cannot be written.
 void decideOutputs(RunConfig& config, const std::string& name,
                    const std::vector<std::string>& inputs);
 

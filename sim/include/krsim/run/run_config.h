@@ -52,6 +52,8 @@ struct RunConfig : SimulationSettings {
   std::string plot;
   std::string json;
   std::string snapshots;  // a folder
+  std::string video;      // an MP4 file of the run, drawn at 30 frames per simulated second
+  bool view = false;      // shown live in a window, paced to the wall clock
   bool quiet = false;     // no progress lines
 
   /// KRError("krsim", "RunConfig", "--option ...") for the first setting out of its range.

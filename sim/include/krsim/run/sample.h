@@ -33,6 +33,10 @@ struct Sample {
   /// The last observation the tracker received during the step, commas turned to spaces;
   /// empty when none came.
   std::string observation;
+  /// Where that observation places its target, map frame, converted with the true poses of
+  /// the moment it was received (as the tracking service would without odometry drift).
+  bool hasDetection = false;
+  Math::Position3D detection;
   /// Every joint of ScenarioRun::jointNames(), as commanded and as measured [rad].
   std::vector<float> jointCommands;
   std::vector<float> jointAngles;

@@ -25,6 +25,8 @@
 #include <utility>
 #include <vector>
 
+#include <kr/value/krvalue.h>
+
 #include <krsim/run/measures.h>
 #include <krsim/run/phase_summary.h>
 #include <krsim/run/sample.h>
@@ -47,7 +49,8 @@ class ScenarioRun {
   Simulation& simulation() { return *fSim; }
   void setProgress(Progress progress, double statusPeriodSeconds = 5.0);
   /// Called at the start of each phase and at the end of the run with the phase's name (or
-  /// "end"), e.g. to take a picture of the scene.
+  /// "end"), once the sample of that step is recorded (lastSample()), e.g. to take a picture
+  /// of the scene.
   void setPhaseHook(PhaseHook hook) { fPhaseHook = std::move(hook); }
   /// Called with every sample, after the observers added before it.
   void addSampleObserver(std::function<void(const Sample&)> observer) {
@@ -89,13 +92,15 @@ class ScenarioRun {
   void xRelativePosition(Sample& s, const std::array<float, 6>& requested, PhaseSummary& extra);
   void xLocalisation(const Sample& s, const Phase& phase, PhaseSummary& extra);
   void xStepDetails(Sample& s);
+  void xDetection(Sample& s, const KRValue& observation) const;
   void xReport();
   bool xInReach(const std::string& arm, const Math::Position3D& torsoTarget) const;
 
   Scenario fScenario;
   // Written by the observation subscribers; declared before the simulation that calls them.
   mutable std::mutex fObservationMutex;
-  std::string fObservation;  // the last observation received during the current step
+  std::string fObservation;   // the last observation received during the current step
+  KRValue fObservationValue;  // the same, as received
   std::unique_ptr<Simulation> fSim;
   std::size_t fNextAction = 0;
   Sample fLast;
@@ -111,6 +116,7 @@ class ScenarioRun {
   std::string fStepEvents;                           // the tracker's events of the current step
   std::string fFollowed;                             // measured outside the phases
   PhaseHook fPhaseHook;
+  std::string fPhaseLabel;  // of a phase entered in this step, for the hook
   std::vector<std::function<void(const Sample&)>> fSampleObservers;
   // Progress.
   Progress fProgress;

@@ -1,8 +1,8 @@
 // The MuJoCo backend's own behaviour: the model built from each description, its cameras
 // where the motion service puts the head effectors, the faults a user meets (a description
-// MuJoCo rejects, a simulation that goes unstable), every scenario end to end on it, and the
-// off-screen snapshot drawn from its model. What it shares with the kinematic backend is in
-// backend_test.cpp.
+// MuJoCo rejects, a simulation that goes unstable), every scenario end to end on it. What it
+// shares with the kinematic backend is in backend_test.cpp; the pictures drawn from its model
+// are in tests/sim/report/pictures_test.cpp.
 
 #include <sys/stat.h>
 
@@ -17,7 +17,6 @@
 #include <mujoco/mujoco.h>
 
 #include <kr/error.h>
-#include <krsim/report/snapshot.h>
 #include <krsim/robot/physics/mujoco_urdf.h>
 
 #include "sim/helpers.h"
@@ -237,45 +236,6 @@ TEST(MujocoEndToEnd, EveryScenarioTracksOnThePhysicsRobotAsOnTheKinematicOne) {
       }
     }
   }
-}
-
-// Runs under Xvfb as the ctest "snapshot_xvfb"; without a display it checks the error.
-TEST(Snapshot, DrawsTheRobotItsTargetAndTheLineOfSightOffScreen) {
-  ScenarioOptions options;
-  options.duration = 3.0;
-  KR::Sim::SimulationConfig config;
-  config.physics = "kinematic";
-  config.modules = &KR::Sim::createTrackerModules;
-  ScenarioRun run(KR::Sim::makeScenario("ball", options), config);
-  run.runToEnd();
-  const std::string path = testing::TempDir() + "krtracker_snapshot_test.png";
-  if (!std::getenv("DISPLAY")) {
-    EXPECT_THAT([&] { KR::Sim::writeSnapshot(run.simulation(), path); },
-                testing::ThrowsMessage<KR::KRError>(
-                    AllOf(HasSubstr("no display"), HasSubstr("xvfb-run -a"))));
-    return;
-  }
-  KR::Sim::SnapshotRenderer renderer(run.simulation().robot(), 320, 240);
-  const KR::Sim::Picture picture = renderer.render(run.simulation(), "ball");
-  ASSERT_EQ(picture.rgb.size(), 320u * 240u * 3u);
-  // The yellow line of sight and the red ball are in the picture.
-  auto count = [&](auto test) {
-    int n = 0;
-    for (std::size_t i = 0; i < picture.rgb.size(); i += 3)
-      n += test(picture.rgb[i], picture.rgb[i + 1], picture.rgb[i + 2]) ? 1 : 0;
-    return n;
-  };
-  EXPECT_GT(count([](int r, int g, int b) { return r > 150 && g > 120 && b < 80; }), 20);
-  EXPECT_GT(count([](int r, int g, int b) { return r > 120 && g < 70 && b < 70; }), 20);
-
-  renderer.write(run.simulation(), path);
-  std::ifstream png(path, std::ios::binary);
-  std::string head(8, '\0');
-  png.read(&head[0], 8);
-  EXPECT_EQ(head, "\x89PNG\r\n\x1a\n");
-  std::remove(path.c_str());
-  EXPECT_THAT([&] { renderer.write(run.simulation(), "/nonexistent/dir/x.png"); },
-              testing::ThrowsMessage<KR::KRError>(HasSubstr("/nonexistent/dir/x.png")));
 }
 
 }  // namespace
