@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include <kr/error.h>
 #include <kr/math/math.h>
@@ -67,6 +68,7 @@ void RoundSearcher::xOnFound() {
   }
   fState.searching = false;
   fState.haltPending = true;
+  fState.endings.push_back("found");
 }
 
 void RoundSearcher::xHalt() {
@@ -77,6 +79,12 @@ void RoundSearcher::xHalt() {
   fState.gazeSent = false;  // the lookers' next command replaces a search gaze
 }
 
+void RoundSearcher::xEnd(const std::string& reason) {
+  fState.searching = false;
+  fState.endings.push_back(reason);
+  xHalt();
+}
+
 // ---- remote methods ------------------------------------------------------------------------
 
 void RoundSearcher::initialize() {
@@ -84,8 +92,7 @@ void RoundSearcher::initialize() {
   fState.fraction = kDefaultFraction;
   fState.useWholeBody = false;
   if (fState.searching) {
-    fState.searching = false;
-    xHalt();
+    xEnd("stopped");
   }
   fState.round = 0;
 }
@@ -100,8 +107,7 @@ void RoundSearcher::stopSearcher() {
   fState.enabled = false;
   fState.haltPending = false;
   if (fState.searching) {
-    fState.searching = false;
-    xHalt();
+    xEnd("stopped");
   }
 }
 
@@ -189,14 +195,28 @@ void RoundSearcher::xNextGaze(KRTimePoint now) {
 }
 
 void RoundSearcher::update(KRTimePoint now) {
-  std::lock_guard<std::mutex> lock(fMutex);
-  if (fState.haltPending) {
-    fState.haltPending = false;
-    xHalt();
+  std::vector<std::pair<std::string, KRValue>> raised;
+  {
+    std::lock_guard<std::mutex> lock(fMutex);
+    if (fState.haltPending) {
+      fState.haltPending = false;
+      xHalt();
+    }
+    if (fState.enabled && fState.searching) {
+      if (fState.phase == RoundSearcherState::Phase::Start)
+        raised.emplace_back(kSearchStarted, KRValue());
+      xSearch(now);
+    }
+    for (const auto& reason : fState.endings)
+      raised.emplace_back(kSearchEnded, KRValue(reason));
+    fState.endings.clear();
   }
-  if (!fState.enabled || !fState.searching) {
-    return;
-  }
+  // Events are raised outside the lock: subscribers may call back.
+  for (const auto& [name, value] : raised)
+    fMemory->raiseEvent(name, value);
+}
+
+void RoundSearcher::xSearch(KRTimePoint now) {
   switch (fState.phase) {
     case RoundSearcherState::Phase::Start:
       fState.step = 0;

@@ -97,7 +97,7 @@ TEST(CommandLineErrors, EachBadOptionIsNamedAndNothingIsWritten) {
       {{"--effector", "arms"}, {"--effector", "'arms'"}},
       {{"--scenario", "dance"},
        {"unknown scenario 'dance' (scenarios: ball, face, landmarks, navigate, people, pursuit, "
-        "oneshot, step)"},
+        "oneshot, step, search)"},
        true},
       {{"--scenario", ""}, {"scenario ''"}},
       {{"--mode", "Navigate"}, {"mode Navigate needs a robot of type 1; Kibo is of type 0"}, true},
@@ -161,7 +161,7 @@ TEST(CommandLineErrors, EachBadOptionIsNamedAndNothingIsWritten) {
       // The robot side of a run over DDS: refused before it waits for the tracking service.
       {{"remote-robot", "dance"},
        {"unknown scenario 'dance' (scenarios: ball, face, landmarks, navigate, people, pursuit, "
-        "oneshot, step)"},
+        "oneshot, step, search)"},
        true},
       {{"remote-robot", "--physics", "bullet"},
        {"--physics: unknown physics backend \"bullet\" (accepted: kinematic, mujoco)"},

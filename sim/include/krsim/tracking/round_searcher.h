@@ -9,6 +9,9 @@
 //    "_lookAtWb", the base turning with it.
 // Head moves run at the fraction of the joints' velocity limits set by "setFractionMaxSpeed".
 //
+// Events raised in KRMemory: kSearchStarted when a search starts, kSearchEnded when it ends,
+// with the reason as a text: "found" or "stopped".
+//
 // Remote methods: "initialize"(), "startEvent"(), "stopSearcher"(), "setFractionMaxSpeed"
 // (float), "getFractionMaxSpeed"() -> float, "setUseWholeBodyLookAt"(bool), "exit"().
 // Errors are KRError("_RoundSearcher", method, text).
@@ -41,6 +44,7 @@ struct RoundSearcherState {
   KRTimePoint phaseEnd{};
   bool turnSent = false;
   bool gazeSent = false;
+  std::vector<std::string> endings;  // end events to raise at the next update
 };
 
 class RoundSearcher : public SimModule {
@@ -54,6 +58,8 @@ class RoundSearcher : public SimModule {
   static constexpr float kWholeBodyStep = 1.2f;
   /// Heights of the successive rounds, as head pitch [rad] (clipped to the joint).
   static const std::vector<float>& pitchRows();
+  static constexpr const char* kSearchStarted = "RoundSearcher/SearchStarted";
+  static constexpr const char* kSearchEnded = "RoundSearcher/SearchEnded";
 
   explicit RoundSearcher(const SimContext& context);
   ~RoundSearcher() override;
@@ -75,6 +81,9 @@ class RoundSearcher : public SimModule {
   void xOnFound();
   /// Stops what the search set going; caller holds fMutex.
   void xHalt();
+  void xEnd(const std::string& reason);
+  /// One step of the search; caller holds fMutex.
+  void xSearch(KRTimePoint now);
   float xPitch() const;
   void xNextHead(KRTimePoint now);
   void xStartTurn(KRTimePoint now);
