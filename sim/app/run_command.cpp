@@ -262,7 +262,8 @@ void writeOutputs(const RunConfig& config, const Scenario& scenario, const RunRe
     out << "Plot: not drawn, nothing was simulated\n";
     return;
   }
-  drawPlot(csvPath, config.plot, config, *scenario.robot->robot, modeText(config, scenario));
+  drawPlot(csvPath, config.plot, config, *scenario.robot->robot, modeText(config, scenario),
+           plotFigures(measuresOf(r.summaries)));
   out << "Plot: " << absolutePath(config.plot) << "\n";
 }
 
