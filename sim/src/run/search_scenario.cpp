@@ -18,6 +18,8 @@ constexpr float kPi = Math::kPi;
 /// The ball's speed about the robot while it is followed [rad/s]: under half the tracker's
 /// default head velocity limit (1 rad/s).
 constexpr float kFollowSpeed = 0.4f;
+/// The fastest the ball goes round the robot while hidden [rad/s] (2 m/s at 2.2 m).
+constexpr float kHiddenSpeed = 0.9f;
 /// Time left after the reappearance for the search to end [s].
 constexpr double kAfterReappearing = 14.0;
 
@@ -46,13 +48,17 @@ SearchScene drawSearchScene(std::uint32_t seed) {
   s.midDistance = distance();
   s.hideBearing = s.midBearing + second;
   s.hideDistance = distance();
-  s.reappearBearing = Math::modulo2PI(s.hideBearing + uniform(-kPi, kPi));
-  s.reappearDistance = distance();
   const double firstLeg = std::max(1.0, static_cast<double>(std::fabs(first) / kFollowSpeed));
   const double secondLeg = std::max(1.0, static_cast<double>(std::fabs(second) / kFollowSpeed));
   // Followed for at least 4 s, so that the first find is over before the ball hides.
   s.hideBegin = std::max(s.moveStart + firstLeg + secondLeg, 6.0);
-  s.hideEnd = s.hideBegin + uniform(kSearchMinHide, kSearchMaxHide);
+  const double hidden = uniform(kSearchMinHide, kSearchMaxHide);
+  s.hideEnd = s.hideBegin + hidden;
+  // While hidden it goes either way round the robot, as far as it can at kHiddenSpeed: half a
+  // turn at most, anywhere within reach of where it hid.
+  const float reach = std::min(kPi, kHiddenSpeed * static_cast<float>(hidden));
+  s.reappearBearing = Math::modulo2PI(s.hideBearing + uniform(-reach, reach));
+  s.reappearDistance = distance();
   s.duration = s.hideEnd + kAfterReappearing;
   return s;
 }

@@ -37,7 +37,7 @@ Bearing bearingOf(const Math::Transform& worldToTorso, const Model::TrackerHead&
 
 }  // namespace
 
-std::vector<float> SearchPattern::stops() const {
+std::vector<float> SearchPattern::stops(std::size_t* farSide) const {
   // Offsets from the origin; the head reaches [lo, hi].
   const float half = 0.5f * view;
   const float s = static_cast<float>(side);
@@ -47,11 +47,18 @@ std::vector<float> SearchPattern::stops() const {
   const float near = side > 0 ? hi : lo;  // the reach on `side`
   const float far = side > 0 ? lo : hi;
   const auto reach = [&](float u) { return std::clamp(u, lo, hi); };
-  std::vector<float> u{canTurn ? 0.0f : reach(0.0f), reach(s * step), reach(-s * step)};
+  std::vector<float> u{canTurn ? 0.0f : reach(0.0f)};
+  if (alternate) {
+    u.push_back(reach(s * step));
+    u.push_back(reach(-s * step));
+  }
   // Outward on one side, then the other, the last stop of each at the head's reach.
+  std::size_t farFrom = u.size();
   for (const float edge : {near, far}) {
     const float way = edge == near ? s : -s;
-    for (int k = 2;; ++k) {
+    if (edge == far)
+      farFrom = u.size();
+    for (int k = alternate ? 2 : 1;; ++k) {
       const float x = way * static_cast<float>(k) * step;
       if (way * (x - edge) >= 0.0f) {
         u.push_back(edge);
@@ -75,10 +82,12 @@ std::vector<float> SearchPattern::stops() const {
   // Stops that repeat the one before (the reach cut them short) are left out.
   std::vector<float> out;
   float previous = 1e9f;
-  for (float x : u) {
-    if (std::fabs(x - previous) > 0.05f)
-      out.push_back(Math::modulo2PI(origin + x));
-    previous = x;
+  for (std::size_t i = 0; i < u.size(); ++i) {
+    if (i == farFrom && farSide != nullptr)
+      *farSide = out.size();
+    if (std::fabs(u[i] - previous) > 0.05f)
+      out.push_back(Math::modulo2PI(origin + u[i]));
+    previous = u[i];
   }
   return out;
 }
@@ -159,8 +168,9 @@ void RoundSearcher::xOnFound() {
 }
 
 void RoundSearcher::xHalt(bool found, KRTimePoint now) {
-  if (fState.turnSent) {
+  if (fState.turnSent || fState.baseMoving) {
     fState.turnSent = false;
+    fState.baseMoving = false;
     fMotion->call<void>("stopMove");
   }
   if (found && fState.turned) {
@@ -254,6 +264,7 @@ void RoundSearcher::xPlan(KRTimePoint now) {
   p.torsoYaw = Math::pose2DFromTransform(worldToTorso).theta;
   p.origin = Math::modulo2PI(p.torsoYaw + fMotionService->getAngle(fModel.head.yaw.name));
   p.side = 1;
+  p.alternate = fLastSeen.has_value();
   fState.pitch = xRowPitch();
   const auto lead = fLead.fresh(now, seconds(1.0));
   if (lead && fLastSeen) {
@@ -275,8 +286,12 @@ void RoundSearcher::xPlan(KRTimePoint now) {
   // each side falls on the limit, none is wasted just short of it.
   const float widest = std::max(kStepOfView * fFieldOfView, 0.1f);
   p.step = p.headLimit / std::max(1.0f, std::ceil(p.headLimit / widest));
-  fState.stops = p.stops();
+  fState.stops = p.stops(&fState.farSide);
   fState.step = 0;
+  // A gaze that already rests on the first stop has looked there: the search moves on.
+  const float gaze = p.torsoYaw + fMotionService->getAngle(fModel.head.yaw.name);
+  if (std::fabs(Math::modulo2PI(gaze - p.origin)) < kArrived)
+    fState.step = 1;
 }
 
 void RoundSearcher::xNextStop(KRTimePoint now) {
@@ -293,7 +308,7 @@ void RoundSearcher::xNextStop(KRTimePoint now) {
     }
     fState.pattern.origin = fState.stops.back();
     fState.pattern.torsoYaw = xTorsoYaw();
-    fState.stops = fState.pattern.stops();
+    fState.stops = fState.pattern.stops(&fState.farSide);
     fState.step = 0;
     fState.pitch = xRowPitch();
   }
@@ -308,6 +323,20 @@ void RoundSearcher::xNextStop(KRTimePoint now) {
     fMotion->call<void>("moveTo", 0.0f, 0.0f, relative - head);
     fState.turnSent = true;
     fState.turned = true;
+  } else if (fState.pattern.canTurn && fState.step == static_cast<int>(fState.farSide) + 1 &&
+             fState.stops.size() > fState.farSide) {
+    // The far side's sweep starts: the base sets off at once toward the back, under the
+    // head, so that the back comes within the head's reach as that side is searched.
+    const float way = -static_cast<float>(fState.pattern.side);
+    float back = Math::modulo2PI(fState.stops.back() - xTorsoYaw());
+    if (back * way < 0.0f)
+      back += way * 2.0f * Math::kPi;  // the back is reached going that way round
+    const float backTurn = back - way * fState.pattern.headLimit;
+    if (backTurn * way > 0.0f) {
+      fMotion->call<void>("moveTo", 0.0f, 0.0f, backTurn);
+      fState.baseMoving = true;
+      fState.turned = true;
+    }
   }
   fMotion->call<void>("setAngles", std::vector<std::string>{yaw.name, fModel.head.pitch.name},
                       std::vector<float>{head, fState.pitch}, fState.fraction);

@@ -1,6 +1,7 @@
 // The search family: scenes drawn per seed within their bounds, the same for the same seed,
 // and a run of any seed playing that seed's scene.
 
+#include <algorithm>
 #include <cmath>
 #include <set>
 
@@ -22,6 +23,11 @@ TEST(SearchScenarioTest, ScenesAreDrawnWithinTheirBoundsAndRepeatForASeed) {
       EXPECT_GE(d, kSearchMinDistance) << seed;
       EXPECT_LE(d, kSearchMaxDistance) << seed;
     }
+    // It reappears where it could have gone while hidden: at most 0.9 rad/s round the robot.
+    const double hidden = s.hideEnd - s.hideBegin;
+    EXPECT_LE(std::fabs(KR::Math::modulo2PI(s.reappearBearing - s.hideBearing)),
+              std::min(M_PI, 0.9 * hidden) + 1e-4)
+        << seed;
     EXPECT_GE(s.hideEnd - s.hideBegin, kSearchMinHide) << seed;
     EXPECT_LE(s.hideEnd - s.hideBegin, kSearchMaxHide) << seed;
     EXPECT_GT(s.hideBegin, s.moveStart) << seed;  // followed before it hides

@@ -42,7 +42,8 @@ TEST_F(RoundSearcherTest, ALostTargetIsSearchedForAndFollowedOnceFound) {
 
 // From the first stop, one step either side (first on the side given), then outward on that
 // side to the head's reach, then on the other, then round the back until the view meets what
-// the first side saw; a robot that cannot turn keeps to what its head reaches.
+// the first side saw; a robot that cannot turn keeps to what its head reaches; with no likely
+// place, one side is swept out before the other.
 TEST(SearchPatternTest, StopsGoBothSidesOutwardThenRoundTheBack) {
   struct Case {
     const char* name;
@@ -60,11 +61,14 @@ TEST(SearchPatternTest, StopsGoBothSidesOutwardThenRoundTheBack) {
   right.side = -1;
   KR::Sim::SearchPattern fixed = left;
   fixed.canTurn = false;
+  KR::Sim::SearchPattern oneWay = left;  // nowhere more likely: one side, then the other
+  oneWay.alternate = false;
   const float back = 2.5f - 2.0f * static_cast<float>(M_PI) + 0.5f;  // meets 2.0 + half a view
   const Case cases[] = {
       {"left first", left, {0.5f, 1.4f, -0.4f, 2.0f, -1.3f, -2.0f, -2.9f, back}},
       {"right first", right, {0.5f, -0.4f, 1.4f, -1.3f, -2.0f, 2.0f, 2.9f, -back}},
       {"cannot turn", fixed, {0.5f, 1.4f, -0.4f, 2.0f, -1.3f, -2.0f}},
+      {"one way", oneWay, {0.5f, 1.4f, 2.0f, -0.4f, -1.3f, -2.0f, -2.9f, back}},
   };
   for (const auto& c : cases) {
     const std::vector<float> got = c.pattern.stops();

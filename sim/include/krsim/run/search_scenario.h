@@ -1,6 +1,7 @@
 #pragma once
 // The "search" family: a scene drawn per seed in which a red ball starts anywhere around the
-// robot, is followed, hides for 1 to 3 s while it moves elsewhere, and reappears. Its two
+// robot, is followed, hides for 1 to 3 s while it moves elsewhere (either way round the robot,
+// up to 0.9 rad/s: half a turn at most), and reappears there. Its two
 // phases, "find" and "re-find", give the time to the first detection and to the detection
 // after the hiding (krsim/run/measures.h).
 

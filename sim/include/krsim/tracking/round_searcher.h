@@ -43,20 +43,24 @@ namespace KR {
 namespace Sim {
 
 /// Where a search looks, as world yaw angles of the gaze [rad], in order: the first stop
-/// (`origin`), the stops one `step` on either side of it (first on `side`: +1 left, -1 right),
-/// then outward on `side` to the head's reach, then outward on the other side to its reach,
+/// (`origin`), the stops one `step` on either side of it (first on `side`: +1 left, -1 right)
+/// when `alternate` (a place where the target most likely is), then outward on `side` to the
+/// head's reach, then outward on the other side to its reach,
 /// and, when the robot can turn, on round the back in the same direction until the whole
 /// field around the robot has been in view. The head's reach is `headLimit` either way of the
 /// torso's heading `torsoYaw`; `view` is the camera's horizontal field of view.
 struct SearchPattern {
   float origin = 0.0f;
   int side = 1;
+  bool alternate = true;
   float step = 0.9f;
   float view = 1.0f;
   bool canTurn = true;
   float torsoYaw = 0.0f;
   float headLimit = 2.0f;
-  std::vector<float> stops() const;
+  /// The stops in order; `farSide`, when given, receives the index of the first stop of the
+  /// other side's sweep.
+  std::vector<float> stops(std::size_t* farSide = nullptr) const;
 };
 
 /// Time the gaze rests at a stop [s]: the wait for the next frame, its delivery and the
@@ -73,12 +77,14 @@ struct RoundSearcherState {
   Phase phase = Phase::Start;
   int step = 0;              // stop of the round, or gaze step
   std::vector<float> stops;  // the round's stops (SearchPattern::stops)
+  std::size_t farSide = 0;   // the first stop of the other side's sweep
   int round = 0;             // completed rounds
   float headYaw = 0.0f;      // last commanded search yaw [rad]
   float pitch = 0.0f;        // head pitch of the round [rad]
   SearchPattern pattern;
   KRTimePoint phaseEnd{};
   bool turnSent = false;      // a base turn of the current stop is under way
+  bool baseMoving = false;    // the base turns toward the back under the far side's sweep
   bool turned = false;        // the search has turned the base
   bool alignPending = false;  // found: turn the base under the head at alignAt
   KRTimePoint alignAt{};
