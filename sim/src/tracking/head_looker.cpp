@@ -61,8 +61,9 @@ float HeadLooker::xTurnSpeed(const HeadLookerState& s) {
       std::max(std::fabs(s.angle.yaw - measured[0]), std::fabs(s.angle.pitch - measured[1]));
   if (remaining <= kHandOver)
     return s.maxVelocity;
+  // Braking at half the turn's acceleration leaves room for the servos' lag.
   return std::min(joints, std::sqrt(s.maxVelocity * s.maxVelocity +
-                                    2.0f * kTurnAcceleration * (remaining - kHandOver)));
+                                    kTurnAcceleration * (remaining - kHandOver)));
 }
 
 bool HeadLooker::xFollow(const TargetInput::Sample& sample, KRTimePoint now) {

@@ -6,7 +6,8 @@
 // KRMotion with "_trackerWithSpeed". The speed follows the limits of "setImplParam": from
 // rest it grows by the maximum acceleration each step up to the maximum velocity. A target
 // far off the head's axis (farther than kHandOver) is turned onto at the joints' velocity
-// limit with kTurnAcceleration, braking to reach the hand-over angle at the pursuit speed.
+// limit with kTurnAcceleration, braking at half that to reach the hand-over angle at the
+// pursuit speed.
 // With LOG_HEAD_COMMAND on, each command goes to the angle log "HeadLooker.txt".
 //
 // Remote methods: "start"(), "stopLooker"(), "setImplParam"([maxVelocity, maxAcceleration]),
