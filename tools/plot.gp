@@ -38,7 +38,7 @@ set terminal pngcairo size 1400,1000 font "sans,10"
 set output png
 set multiplot layout 3,1 title "krtracker-sim\n{/*0.9 ".subtitle."}"
 if (strlen(figures) > 0) {
-  set label 20 figures at screen 0.795, screen 0.66 left font ",8"
+  set label 20 figures at screen 0.835, screen 0.555 left font ",7"
 }
 set grid
 set key outside right top box opaque

@@ -40,11 +40,12 @@ std::string gpLines(const std::string& text) {
   return q + "\"";
 }
 
+/// " label 1.23 unit" for a figure present, nothing otherwise.
 std::string figure(const char* label, const std::optional<double>& v, const char* unit) {
   if (!v)
     return "";
   std::ostringstream os;
-  os << "\n  " << label << " " << std::fixed << std::setprecision(2) << *v << unit;
+  os << " " << label << " " << std::fixed << std::setprecision(2) << *v << unit;
   return os.str();
 }
 
@@ -110,14 +111,18 @@ void drawPlot(const std::string& csv, const std::string& png, const RunConfig& c
 }
 
 std::string plotFigures(const std::vector<PhaseMeasures>& phases) {
+  // Short lines: they stand in the right margin, under the second panel's key.
   std::string text;
+  const auto line = [&text](const std::string& l) {
+    if (!l.empty())
+      text += (text.empty() ? "" : "\n") + l;
+  };
   for (const auto& m : phases) {
-    text += (text.empty() ? "" : "\n") + m.name +
-            figure("on target after", m.timeToOnTargetS, " s") +
-            figure("LoS RMS", m.losRmsDeg, " deg") +
-            figure("LoS RMS tracking", m.losRmsTrackingDeg, " deg") +
-            figure("arms RMS", m.armsRmsDeg, " deg") + figure("found after", m.foundAfterS, " s") +
-            figure("searched", m.searchS, " s");
+    line(m.name);
+    line(figure("on target after", m.timeToOnTargetS, " s"));
+    line(figure("found", m.foundAfterS, " s,") + figure("searched", m.searchS, " s"));
+    line(figure("LoS RMS", m.losRmsDeg, "") + figure("/ tracking", m.losRmsTrackingDeg, " deg"));
+    line(figure("arms RMS", m.armsRmsDeg, " deg"));
   }
   return text;
 }
