@@ -30,9 +30,16 @@ const char* const kMeasuresHelp =
     "  on target [%]    share of the phase with the target visible and the error under the\n"
     "                   phase's threshold (3 degrees unless the scenario says otherwise)\n"
     "  overshoot        step phases: how far the camera swings past the target [deg]\n"
-    "  settling         step phases: time until the error stays within 1 degree\n"
+    "  settling         step phases: time until the error stays within 1 degree, '-' if\n"
+    "                   it has not stayed there for 0.5 s by the phase end\n"
     "  arms RMS         pointing error of the arms the effector commands\n"
-    "  events           the tracker's events per phase, listed below the table\n";
+    "  events           the tracker's events per phase, listed below the table\n"
+    "Finding, per phase (the table below the summary):\n"
+    "  found after      phase start to the first detection of the visible target, and\n"
+    "                   the same from the tracker's first TargetLost (0: found before it)\n"
+    "  acquisition      target visible to its first detection reaching the tracker\n"
+    "  search           time the searcher searched\n"
+    "  LoS RMS tracking line-of-sight RMS from the first detection after each appearance\n";
 
 /// The command line and its subcommands, each filling its own typed options.
 struct Parser {

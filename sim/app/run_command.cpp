@@ -150,7 +150,7 @@ std::string reportSeeds(const RunConfig& variant, const Scenario& scenario, Seed
       << (n == 1 ? " seed" : " seeds") << ", " << std::fixed << std::setprecision(1)
       << total.simulatedS << " s simulated in " << std::setprecision(3) << total.cpuS
       << " s of CPU\n"
-      << formatSeedSummary(aggregateSeeds(runs), n);
+      << formatSeedSummary(aggregateSeeds(runs), n) << formatSeedFinding(aggregateFinding(runs));
   return seedsJson(variant, total, range, runs, cpu);
 }
 
@@ -241,7 +241,8 @@ void printSummary(const RunConfig& config, const Scenario& scenario, const RunRe
   out << "\nSummary: " << std::fixed << std::setprecision(1) << r.simulatedS << " s simulated in "
       << std::setprecision(3) << r.cpuS << " s of CPU (" << std::setprecision(0)
       << (r.cpuS > 0.0 ? r.simulatedS / r.cpuS : 0.0) << "x real time)\n"
-      << formatSummary(r.summaries) << measuresNote(scenario);
+      << formatSummary(r.summaries) << formatFinding(measuresOf(r.summaries))
+      << measuresNote(scenario);
   if (!config.csv.empty())
     out << "CSV:  " << absolutePath(config.csv) << "\n";
 }
@@ -260,7 +261,8 @@ void writeOutputs(const RunConfig& config, const Scenario& scenario, const RunRe
     out << "Plot: not drawn, nothing was simulated\n";
     return;
   }
-  drawPlot(csvPath, config.plot, config, *scenario.robot->robot, modeText(config, scenario));
+  drawPlot(csvPath, config.plot, config, *scenario.robot->robot, modeText(config, scenario),
+           plotFigures(measuresOf(r.summaries)));
   out << "Plot: " << absolutePath(config.plot) << "\n";
 }
 

@@ -11,9 +11,11 @@ namespace {
 
 using json = nlohmann::ordered_json;
 
-const char* const kFieldNames[] = {
-    "time_to_on_target_s", "los_rms_deg",   "los_p95_deg",   "los_max_deg", "los_bias_deg",
-    "los_jitter_deg",      "on_target_pct", "overshoot_deg", "settling_s",  "arms_rms_deg"};
+const char* const kFieldNames[] = {"time_to_on_target_s",  "los_rms_deg",   "los_p95_deg",
+                                   "los_max_deg",          "los_bias_deg",  "los_jitter_deg",
+                                   "on_target_pct",        "overshoot_deg", "settling_s",
+                                   "arms_rms_deg",         "acquisition_s", "search_s",
+                                   "los_rms_tracking_deg", "found_after_s", "found_after_lost_s"};
 static_assert(std::size(kFieldNames) == std::size(kMeasureFields));
 
 json value(const std::optional<double>& v) {

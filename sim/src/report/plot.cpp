@@ -5,6 +5,8 @@
 
 #include <cstdio>
 #include <fstream>
+#include <iomanip>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 
@@ -22,6 +24,29 @@ std::string gpString(const std::string& text) {
   for (char c : text)
     q += c == '\'' ? std::string("''") : std::string(1, c);
   return q + "'";
+}
+
+/// A gnuplot string in double quotes, where newlines become line breaks of a label.
+std::string gpLines(const std::string& text) {
+  std::string q = "\"";
+  for (char c : text) {
+    if (c == '\n')
+      q += "\\n";
+    else if (c == '"' || c == '\\')
+      q += std::string("\\") + c;
+    else
+      q += c;
+  }
+  return q + "\"";
+}
+
+/// " label 1.23 unit" for a figure present, nothing otherwise.
+std::string figure(const char* label, const std::optional<double>& v, const char* unit) {
+  if (!v)
+    return "";
+  std::ostringstream os;
+  os << " " << label << " " << std::fixed << std::setprecision(2) << *v << unit;
+  return os.str();
 }
 
 /// The first line of gnuplot's output that says something.
@@ -66,7 +91,7 @@ void runGnuplot(const std::string& script, const std::string& args, const std::s
 }  // namespace
 
 void drawPlot(const std::string& csv, const std::string& png, const RunConfig& config,
-              const Model::Robot& robot, const std::string& modeText) {
+              const Model::Robot& robot, const std::string& modeText, const std::string& figures) {
   const std::string script = findDataFile("tools/plot.gp");
   if (script.empty())
     throw std::runtime_error("cannot find tools/plot.gp");
@@ -80,8 +105,26 @@ void drawPlot(const std::string& csv, const std::string& png, const RunConfig& c
   args << "csv=" << gpString(absolutePath(csv)) << "; png=" << gpString(png) << "; "
        << "subtitle=" << gpString(subtitle.str()) << "; yawmin=" << head.yaw.min * kDeg
        << "; yawmax=" << head.yaw.max * kDeg << "; pitchmin=" << head.pitch.min * kDeg
-       << "; pitchmax=" << head.pitch.max * kDeg;
+       << "; pitchmax=" << head.pitch.max * kDeg << "; yawjoint=" << gpString(head.yaw.name)
+       << "; pitchjoint=" << gpString(head.pitch.name) << "; figures=" << gpLines(figures);
   runGnuplot(script, args.str(), png);
+}
+
+std::string plotFigures(const std::vector<PhaseMeasures>& phases) {
+  // Short lines: they stand in the right margin, under the second panel's key.
+  std::string text;
+  const auto line = [&text](const std::string& l) {
+    if (!l.empty())
+      text += (text.empty() ? "" : "\n") + l;
+  };
+  for (const auto& m : phases) {
+    line(m.name);
+    line(figure("on target after", m.timeToOnTargetS, " s"));
+    line(figure("found", m.foundAfterS, " s,") + figure("searched", m.searchS, " s"));
+    line(figure("LoS RMS", m.losRmsDeg, "") + figure("/ tracking", m.losRmsTrackingDeg, " deg"));
+    line(figure("arms RMS", m.armsRmsDeg, " deg"));
+  }
+  return text;
 }
 
 }  // namespace Sim

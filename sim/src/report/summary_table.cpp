@@ -1,6 +1,7 @@
 #include <krsim/report/summary_table.h>
 
 #include <algorithm>
+#include <cmath>
 #include <iomanip>
 #include <optional>
 #include <sstream>
@@ -120,6 +121,44 @@ std::string formatSeedSummary(const std::vector<SeedAggregate>& phases, std::siz
     rows.push_back(measuresRow(p.p95.name + " p95", p.p95));
   }
   return table(measuresHeader(), rows);
+}
+
+namespace {
+
+std::string seconds(double v) {
+  return std::isinf(v) ? "never" : fixed(v, 2);
+}
+
+}  // namespace
+
+std::string formatFinding(const std::vector<PhaseMeasures>& phases) {
+  std::vector<std::vector<std::string>> rows;
+  for (const auto& m : phases) {
+    if (!m.searchS)
+      continue;
+    rows.push_back({m.name, m.foundAfterS ? fixed(m.foundAfterS, 2) : "never",
+                    fixed(m.foundAfterLostS, 2), fixed(m.acquisitionS, 2), fixed(m.searchS, 2),
+                    fixed(m.losRmsTrackingDeg, 2)});
+  }
+  if (rows.empty())
+    return "";
+  return "Finding:\n" + table({{"phase", "found", "after", "acquisition", "search", "LoS RMS"},
+                               {"", "after [s]", "TargetLost [s]", "[s]", "[s]", "tracking [deg]"}},
+                              rows);
+}
+
+std::string formatSeedFinding(const std::vector<FindingAggregate>& phases) {
+  std::vector<std::vector<std::string>> rows;
+  for (const auto& a : phases) {
+    rows.push_back({a.name, seconds(a.foundMedianS), seconds(a.foundP90S),
+                    seconds(a.afterLostMedianS), seconds(a.afterLostP90S),
+                    std::to_string(a.neverFound) + "/" + std::to_string(a.runs)});
+  }
+  if (rows.empty())
+    return "";
+  return "Finding:\n" + table({{"phase", "found after", "p90", "after TargetLost", "p90", "never"},
+                               {"", "median [s]", "[s]", "median [s]", "[s]", "found"}},
+                              rows);
 }
 
 }  // namespace Sim

@@ -12,6 +12,7 @@
 #include <kr/model/kinematics.h>
 #include <kr/model/modelutils.h>
 #include <kr/target/targets.h>
+#include <krsim/run/search_scenario.h>
 #include <krsim/run/simulation.h>
 #include <krtracker/tools/tools.h>
 
@@ -220,6 +221,8 @@ const Entry kScenarios[] = {
      oneShotScenario},
     {"step", "a ball jumps 30 degrees sideways and stays, four times (wheeled robot)",
      stepScenario},
+    {"search", "a ball drawn per seed anywhere around the robot, followed, hidden, reappearing",
+     searchScenario},
 };
 
 /// The YAML files of scenarios/, "ball" first.

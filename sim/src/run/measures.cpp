@@ -2,17 +2,57 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 
 namespace KR {
 namespace Sim {
 
 PhaseMeter::PhaseMeter(PhaseSetup setup)
-    : fPhase(std::move(setup)), fWaitingSince(fPhase.begin), fHistogram(kBins, 0) {}
+    : fPhase(std::move(setup)),
+      fWaitingSince(fPhase.begin),
+      fHistogram(kBins, 0),
+      fLastTime(fPhase.begin) {}
+
+void PhaseMeter::xFinding(const MeasureSample& s, bool measured) {
+  if (s.searching)
+    fSearchS += s.time - fLastTime;
+  fLastTime = s.time;
+  if (s.trackerLost && !fLostAt && !fFoundAt)
+    fLostAt = s.time;
+  if (!s.perceived) {
+    fAppearedAt.reset();
+    fFollowing = false;
+  } else if (!fWasPerceived) {
+    // A target already followed when the phase starts has not just appeared.
+    const bool followed = fSamples == 1 && s.tracked;
+    if (followed)
+      fFollowing = true;
+    else
+      fAppearedAt = s.time;
+  }
+  fWasPerceived = s.perceived;
+  // Detections of a target out of sight were captured before it went: they find nothing.
+  if (s.detected && s.perceived) {
+    if (fAppearedAt) {
+      const double wait = s.time - *fAppearedAt;
+      fLongestAcquisition = std::max(fLongestAcquisition.value_or(0.0), wait);
+      fAppearedAt.reset();
+    }
+    fFollowing = true;
+    if (!fFoundAt)
+      fFoundAt = s.time;
+  }
+  if (fFollowing && measured) {
+    ++fTrackingCount;
+    fTrackingSquares += s.lineOfSightDeg * s.lineOfSightDeg;
+  }
+}
 
 void PhaseMeter::add(const MeasureSample& s) {
   ++fSamples;
   const bool measured = fPhase.lineOfSight && s.hasLineOfSight && s.perceived;
   const bool onTarget = measured && s.lineOfSightDeg < fPhase.onTargetDeg;
+  xFinding(s, measured);
   if (onTarget) {
     ++fOnTarget;
     if (fWaitingSince) {
@@ -70,6 +110,14 @@ PhaseMeasures PhaseMeter::result() const {
     m.armsRmsDeg = std::sqrt(fArmSquares / static_cast<double>(fArmCount));
   if (!fPhase.lineOfSight)
     return m;
+  m.acquisitionS = fLongestAcquisition;
+  m.searchS = fSearchS;
+  if (fTrackingCount > 0)
+    m.losRmsTrackingDeg = std::sqrt(fTrackingSquares / static_cast<double>(fTrackingCount));
+  if (fFoundAt) {
+    m.foundAfterS = *fFoundAt - fPhase.begin;
+    m.foundAfterLostS = fLostAt ? *fFoundAt - *fLostAt : 0.0;
+  }
   if (!fWaitingSince)
     m.timeToOnTargetS = fLongestWait;
   if (fSamples > 0)
@@ -93,7 +141,8 @@ PhaseMeasures PhaseMeter::result() const {
   }
   if (fPhase.step && fAnyLos) {
     m.overshootDeg = fOvershoot;
-    if (fSettledSince)
+    // Settled only when the error has stayed in the band for the hold time by the phase end.
+    if (fSettledSince && fLastTime - *fSettledSince >= kSettlingHoldS - 1e-9)
       m.settlingS = *fSettledSince - fPhase.begin;
   }
   return m;
@@ -136,6 +185,51 @@ std::vector<SeedAggregate> aggregateSeeds(const std::vector<std::vector<PhaseMea
     for (auto member : kMeasureFields)
       field(member);
     out.push_back(std::move(a));
+  }
+  return out;
+}
+
+double quantileOrNever(std::vector<std::optional<double>> values, double q) {
+  constexpr double kNever = std::numeric_limits<double>::infinity();
+  if (values.empty())
+    return kNever;
+  std::vector<double> v;
+  for (const auto& x : values)
+    v.push_back(x.value_or(kNever));
+  std::sort(v.begin(), v.end());
+  const auto rank = static_cast<std::size_t>(std::ceil(q * static_cast<double>(v.size())));
+  return v[std::clamp<std::size_t>(rank, 1, v.size()) - 1];
+}
+
+std::vector<FindingAggregate> aggregateFinding(
+    const std::vector<std::vector<PhaseMeasures>>& runs) {
+  std::vector<FindingAggregate> out;
+  if (runs.empty())
+    return out;
+  for (std::size_t i = 0; i < runs.front().size(); ++i) {
+    std::vector<std::optional<double>> found;
+    std::vector<std::optional<double>> afterLost;
+    bool measured = false;
+    for (const auto& r : runs) {
+      if (i >= r.size())
+        continue;
+      // A phase without a line of sight has no search figure at all.
+      measured = measured || r[i].searchS.has_value();
+      found.push_back(r[i].foundAfterS);
+      afterLost.push_back(r[i].foundAfterLostS);
+    }
+    if (!measured)
+      continue;
+    FindingAggregate a;
+    a.name = runs.front()[i].name;
+    a.runs = found.size();
+    a.neverFound = static_cast<std::size_t>(
+        std::count_if(found.begin(), found.end(), [](const auto& x) { return !x; }));
+    a.foundMedianS = quantileOrNever(found, 0.5);
+    a.foundP90S = quantileOrNever(found, 0.9);
+    a.afterLostMedianS = quantileOrNever(afterLost, 0.5);
+    a.afterLostP90S = quantileOrNever(afterLost, 0.9);
+    out.push_back(a);
   }
   return out;
 }

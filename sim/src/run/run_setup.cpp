@@ -66,6 +66,7 @@ Scenario prepareScenario(const RunConfig& config) {
   options.mode = config.mode;
   options.effector = config.effector;
   options.duration = config.duration.value_or(0.0);
+  options.seed = config.seed;
   const std::string& name = config.scenario;
   if (name.find('/') != std::string::npos || endsWith(name, ".yaml") || endsWith(name, ".yml"))
     checkInputFile("scenario", name);

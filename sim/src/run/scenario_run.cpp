@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include <kr/model/modelutils.h>
+#include <krsim/tracking/round_searcher.h>
 #include <krtracker/tools/namer/namer.h>
 
 namespace KR {
@@ -47,6 +48,8 @@ bool isStream(const std::string& name) {
 
 ScenarioRun::ScenarioRun(Scenario scenario, SimulationConfig base)
     : fScenario(std::move(scenario)) {
+  if (fScenario.drawForSeed)
+    fScenario = fScenario.drawForSeed(base.seed);
   if (!base.robot)
     base.robot = fScenario.robot;
   base.startPose = fScenario.startPose;
@@ -136,9 +139,18 @@ void ScenarioRun::xEvents() {
       continue;
     }
     if (isStream(e.name)) {
-      // Observations: their values are not kept in the history, so follow them directly.
+      // Observations: their values are not kept in the history, so follow them directly, from
+      // the value of the event that made them known on.
       if (fObservations.count(e.name) == 0) {
         fObservations[e.name] = "";
+        if (fSim->memory().hasData(e.name)) {
+          const KRValue value = fSim->memory().getData(e.name);
+          std::string text = value.toString();
+          std::replace(text.begin(), text.end(), ',', ' ');
+          std::lock_guard<std::mutex> lock(fObservationMutex);
+          fObservation = std::move(text);
+          fObservationValue = value;
+        }
         fSim->memory().subscribe(e.name, [this](const std::string&, const KRValue& v) {
           std::string text = v.toString();
           std::replace(text.begin(), text.end(), ',', ' ');
@@ -155,6 +167,10 @@ void ScenarioRun::xEvents() {
     } else if (e.name == lost) {
       fTrackerTracked = false;
       fTrackerLost = true;
+    } else if (e.name == RoundSearcher::kSearchStarted) {
+      fSearching = true;
+    } else if (e.name == RoundSearcher::kSearchEnded) {
+      fSearching = false;
     }
     // Calls made at a phase's start belong to it; the run's last instant to the last phase.
     for (std::size_t i = 0; i < fScenario.phases.size(); ++i) {
@@ -183,6 +199,16 @@ void ScenarioRun::xRecord() {
   s.headYaw = fSim->motion().getAngle(head.yaw.name);
   s.headPitch = fSim->motion().getAngle(head.pitch.name);
   s.tracked = fTrackerTracked;
+  KRValue observation;
+  {
+    std::lock_guard<std::mutex> lock(fObservationMutex);
+    s.observation = std::move(fObservation);
+    fObservation.clear();
+    observation = std::move(fObservationValue);
+    fObservationValue = KRValue();
+  }
+  if (!s.observation.empty())
+    xDetection(s, observation);
   if (s.phase >= 0)
     xMeasure(s);
   else if (!fFollowed.empty())
@@ -223,6 +249,9 @@ void ScenarioRun::xMeasure(Sample& s) {
   m.time = s.time;
   m.perceived = s.perceived;
   m.trackerLost = fTrackerLost;
+  m.tracked = fTrackerTracked;
+  m.detected = !s.observation.empty();
+  m.searching = fSearching;
   m.hasLineOfSight = true;
   m.lineOfSightDeg = s.lineOfSightDeg;
   m.horizontalDeg = s.horizontalDeg;
@@ -309,16 +338,6 @@ void ScenarioRun::xLocalisation(const Sample& s, const Phase& phase, PhaseSummar
 void ScenarioRun::xStepDetails(Sample& s) {
   s.events = std::move(fStepEvents);
   fStepEvents.clear();
-  KRValue observation;
-  {
-    std::lock_guard<std::mutex> lock(fObservationMutex);
-    s.observation = std::move(fObservation);
-    fObservation.clear();
-    observation = std::move(fObservationValue);
-    fObservationValue = KRValue();
-  }
-  if (!s.observation.empty())
-    xDetection(s, observation);
   s.jointCommands.reserve(fJoints.size());
   s.jointAngles.reserve(fJoints.size());
   for (const auto& joint : fJoints) {

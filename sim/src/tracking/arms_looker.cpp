@@ -38,7 +38,8 @@ bool ArmsLooker::isWithinReach(const Model::TrackerArm& arm, const Math::Positio
 }
 
 ArmsLooker::ArmsLooker(const SimContext& context)
-    : LookerBase(Tracker::kArmsLookerModule, context, Tracker::Namer::getNameArmRestarted()) {
+    : LookerBase(Tracker::kArmsLookerModule, context, Tracker::Namer::getNameArmRestarted()),
+      fCanPoint(context.robot->canPointAt()) {
   bind("setImplParam", &ArmsLooker::setImplParam, this);
 }
 
@@ -62,6 +63,8 @@ void ArmsLooker::setImplParam(const KRValue& params) {
 
 std::vector<std::pair<ArmsLooker::Arm*, const Model::TrackerArm*>> ArmsLooker::xArms() {
   std::vector<std::pair<Arm*, const Model::TrackerArm*>> arms;
+  if (!fCanPoint)
+    return arms;
   const std::string& effector = fState.effector;
   if (effector == "Arms" || effector == "LArm") {
     arms.emplace_back(&fState.arms[0], &fModel.leftArm);

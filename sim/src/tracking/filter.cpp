@@ -32,8 +32,8 @@ bool ConstantVelocityFilter::update(double time, const Math::Position3D& z) {
   return true;
 }
 
-Math::Position3D ConstantVelocityFilter::predict(double time) const {
-  const double horizon = std::clamp(time - fTime, 0.0, fGains.maxPrediction);
+Math::Position3D ConstantVelocityFilter::predict(double time, double maxHorizon) const {
+  const double horizon = std::clamp(time - fTime, 0.0, std::max(maxHorizon, 0.0));
   return fPosition + fVelocity * static_cast<float>(horizon);
 }
 

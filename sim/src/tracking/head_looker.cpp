@@ -1,6 +1,9 @@
 #include <krsim/tracking/head_looker.h>
 
 #include <algorithm>
+#include <cmath>
+#include <string>
+#include <vector>
 
 #include <kr/error.h>
 #include <kr/math/math.h>
@@ -43,6 +46,26 @@ void HeadLooker::setImplParam(const KRValue& params) {
   fState.maxAcceleration = acceleration;
 }
 
+float HeadLooker::xTurnSpeed(const HeadLookerState& s) {
+  // Far off the target (one just detected at the edge of view), the head turns at the joints'
+  // own velocity limit and brakes so as to come within the hand-over angle at the pursuit
+  // speed: the turn is as quick as the joints allow and arrives without overshoot; within the
+  // hand-over angle the tracker's limits rule.
+  const float joints = std::min(fModel.head.yaw.maxVelocity, fModel.head.pitch.maxVelocity);
+  if (!(joints > s.maxVelocity))
+    return s.maxVelocity;
+  const auto measured = fMotion->call<std::vector<float>>("getAngles", std::string("Head"), true);
+  if (measured.size() < 2)
+    return s.maxVelocity;
+  const float remaining =
+      std::max(std::fabs(s.angle.yaw - measured[0]), std::fabs(s.angle.pitch - measured[1]));
+  if (remaining <= kHandOver)
+    return s.maxVelocity;
+  // Braking at half the turn's acceleration leaves room for the servos' lag.
+  return std::min(joints, std::sqrt(s.maxVelocity * s.maxVelocity +
+                                    kTurnAcceleration * (remaining - kHandOver)));
+}
+
 bool HeadLooker::xFollow(const TargetInput::Sample& sample, KRTimePoint now) {
   HeadLookerState& s = fState;
   const float dt = s.lastUpdate == KRTimePoint{}
@@ -61,8 +84,10 @@ bool HeadLooker::xFollow(const TargetInput::Sample& sample, KRTimePoint now) {
       sample.info.getHeadThreshold(), s.angle, fNames, fAngles);
 
   const float previousSpeed = s.speed;
-  s.speed =
-      std::min(s.maxVelocity, std::max(s.speed, 0.0f) + s.maxAcceleration * std::max(dt, 0.01f));
+  const float cap = xTurnSpeed(s);
+  const float acceleration =
+      cap > s.maxVelocity ? std::max(s.maxAcceleration, kTurnAcceleration) : s.maxAcceleration;
+  s.speed = std::min(cap, std::max(s.speed, 0.0f) + acceleration * std::max(dt, 0.01f));
   // While the speed ramps up the command is repeated with the higher speed.
   if (!changed && s.speed == previousSpeed) {
     return true;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include <kr/error.h>
 #include <kr/math/math.h>
@@ -14,6 +15,89 @@ namespace Sim {
 
 using Tracker::Namer;
 
+namespace {
+
+std::chrono::nanoseconds seconds(double s) {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(s));
+}
+
+/// Direction of a world point from the torso, as a world yaw [rad], and the head pitch toward it.
+struct Bearing {
+  float yaw = 0.0f;
+  float pitch = 0.0f;
+};
+
+Bearing bearingOf(const Math::Transform& worldToTorso, const Model::TrackerHead& head,
+                  const Math::Position3D& world) {
+  const Math::Position3D inTorso = Math::pinv(worldToTorso) * world;
+  const auto polar = Math::polar3DFromPosition3D(inTorso - head.headPosition);
+  const float torsoYaw = Math::pose2DFromTransform(worldToTorso).theta;
+  return {Math::modulo2PI(torsoYaw + std::get<1>(polar)), std::get<2>(polar)};
+}
+
+}  // namespace
+
+std::vector<float> SearchPattern::stops(std::size_t* farSide) const {
+  // Offsets from the origin; the head reaches [lo, hi].
+  const float half = 0.5f * view;
+  const float s = static_cast<float>(side);
+  const float centre = Math::modulo2PI(torsoYaw - origin);
+  const float lo = centre - headLimit;
+  const float hi = centre + headLimit;
+  const float near = side > 0 ? hi : lo;  // the reach on `side`
+  const float far = side > 0 ? lo : hi;
+  const auto reach = [&](float u) { return std::clamp(u, lo, hi); };
+  std::vector<float> u{canTurn ? 0.0f : reach(0.0f)};
+  if (alternate) {
+    u.push_back(reach(s * step));
+    u.push_back(reach(-s * step));
+  }
+  // Outward on one side, then the other, the last stop of each at the head's reach.
+  std::size_t farFrom = u.size();
+  for (const float edge : {near, far}) {
+    const float way = edge == near ? s : -s;
+    if (edge == far)
+      farFrom = u.size();
+    for (int k = alternate ? 2 : 1;; ++k) {
+      const float x = way * static_cast<float>(k) * step;
+      if (way * (x - edge) >= 0.0f) {
+        u.push_back(edge);
+        break;
+      }
+      u.push_back(x);
+    }
+  }
+  if (canTurn) {
+    // On round the back, the base turning, until the view meets what the first side saw.
+    const float last = near + s * half - s * 2.0f * Math::kPi + s * half;
+    for (int k = 1; k < 64; ++k) {
+      const float x = far - s * static_cast<float>(k) * step;
+      if (s * (x - last) <= 0.0f) {
+        u.push_back(last);
+        break;
+      }
+      u.push_back(x);
+    }
+  }
+  // Stops that repeat the one before (the reach cut them short) are left out.
+  std::vector<float> out;
+  float previous = 1e9f;
+  for (std::size_t i = 0; i < u.size(); ++i) {
+    if (i == farFrom && farSide != nullptr)
+      *farSide = out.size();
+    if (std::fabs(u[i] - previous) > 0.05f)
+      out.push_back(Math::modulo2PI(origin + u[i]));
+    previous = u[i];
+  }
+  return out;
+}
+
+double searchDwell(double cameraRateHz, double latencyS) {
+  // A camera without a rate takes a frame every update (10 ms).
+  const double frame = cameraRateHz > 0.0 ? 1.0 / cameraRateHz : 0.01;
+  return frame + latencyS + std::chrono::duration<double>(RoundSearcher::kSettle).count();
+}
+
 const std::vector<float>& RoundSearcher::pitchRows() {
   static const std::vector<float> kRows{0.15f, 0.4f, -0.15f};
   return kRows;
@@ -23,10 +107,13 @@ RoundSearcher::RoundSearcher(const SimContext& context)
     : SimModule(Tracker::kRoundSearcherModule),
       fMemory(context.memory),
       fMotionService(context.motion),
-      fMotion(context.broker->getProxy("KRMotion", 0)) {
+      fWorld(context.world),
+      fMotion(context.broker->getProxy("KRMotion", 0)),
+      fFieldOfView(context.robot->getCameraHorizontalFov(context.world->getCameraEffector())),
+      fLead(context.memory, context.clock, Namer::getNameLooker()) {
   context.robot->fillTrackerModel(fModel);
   fSubscriptions.push_back(fMemory->subscribe(
-      Namer::getNameLost(), [this](const std::string&, const KRValue&) { xOnLost(); }));
+      Namer::getNameLost(), [this](const std::string&, const KRValue& v) { xOnLost(v); }));
   for (const std::string& found : {Namer::getNameDetected(), Namer::getNameStopSearch()}) {
     fSubscriptions.push_back(
         fMemory->subscribe(found, [this](const std::string&, const KRValue&) { xOnFound(); }));
@@ -48,15 +135,25 @@ RoundSearcher::~RoundSearcher() {
 
 // ---- events --------------------------------------------------------------------------------
 
-void RoundSearcher::xOnLost() {
+void RoundSearcher::xOnLost(const KRValue& last) {
+  std::optional<Math::Position3D> seen;
+  try {
+    if (last.isArray())
+      seen = Tracker::types::TrackInfos(last).getWorldToObject3D();
+  } catch (const std::exception&) {
+    seen.reset();  // a loss without a usable sample: searched for as never seen
+  }
   std::lock_guard<std::mutex> lock(fMutex);
   if (!fState.enabled || fState.searching) {
     return;
   }
+  fLastSeen = seen;
   fState.searching = true;
   fState.haltPending = false;
   fState.phase = RoundSearcherState::Phase::Start;
   fState.step = 0;
+  fState.turned = false;
+  fState.alignPending = false;
 }
 
 void RoundSearcher::xOnFound() {
@@ -67,14 +164,29 @@ void RoundSearcher::xOnFound() {
   }
   fState.searching = false;
   fState.haltPending = true;
+  fState.endings.push_back("found");
 }
 
-void RoundSearcher::xHalt() {
-  if (fState.turnSent) {
+void RoundSearcher::xHalt(bool found, KRTimePoint now) {
+  if (fState.turnSent || fState.baseMoving) {
     fState.turnSent = false;
+    fState.baseMoving = false;
     fMotion->call<void>("stopMove");
   }
+  if (found && fState.turned) {
+    // A target found past the head's reach would stay out of it: the base turns under the
+    // head once the lookers have taken over, unless a whole-body gaze turns it already.
+    fState.alignPending = true;
+    fState.alignAt = now + kAlignDelay;
+  }
+  fState.turned = false;
   fState.gazeSent = false;  // the lookers' next command replaces a search gaze
+}
+
+void RoundSearcher::xEnd(const std::string& reason) {
+  fState.searching = false;
+  fState.endings.push_back(reason);
+  xHalt(false, KRTimePoint{});
 }
 
 // ---- remote methods ------------------------------------------------------------------------
@@ -84,8 +196,7 @@ void RoundSearcher::initialize() {
   fState.fraction = kDefaultFraction;
   fState.useWholeBody = false;
   if (fState.searching) {
-    fState.searching = false;
-    xHalt();
+    xEnd("stopped");
   }
   fState.round = 0;
 }
@@ -100,8 +211,7 @@ void RoundSearcher::stopSearcher() {
   fState.enabled = false;
   fState.haltPending = false;
   if (fState.searching) {
-    fState.searching = false;
-    xHalt();
+    xEnd("stopped");
   }
 }
 
@@ -135,105 +245,186 @@ RoundSearcherState RoundSearcher::snapshot() const {
 
 // ---- the search ----------------------------------------------------------------------------
 
-float RoundSearcher::xPitch() const {
+float RoundSearcher::xRowPitch() const {
   const auto& rows = pitchRows();
-  float pitch = rows[static_cast<std::size_t>(fState.round / 2) % rows.size()];
+  float pitch = rows[static_cast<std::size_t>(fState.round) % rows.size()];
   Math::clipData(fModel.head.pitch.min, fModel.head.pitch.max, pitch);
   return pitch;
 }
 
-void RoundSearcher::xNextHead(KRTimePoint now) {
-  const Model::TrackerJoint& yawJoint = fModel.head.yaw;
-  const float reach = std::min(1.5f, 0.75f * std::min(-yawJoint.min, yawJoint.max));
-  // From the right to the left: the half turn that follows goes on to the left.
-  const float u = -1.0f + 2.0f * static_cast<float>(fState.step) / (kSweepPositions - 1);
-  const float yaw = u * reach;
-  const float pitch = xPitch();
-  fMotion->call<void>("setAngles", std::vector<std::string>{yawJoint.name, fModel.head.pitch.name},
-                      std::vector<float>{yaw, pitch}, fState.fraction);
-  const float speed = fState.fraction * std::max(yawJoint.maxVelocity, 0.1f);
-  const double travel = std::fabs(yaw - fState.headYaw) / speed;
-  fState.headYaw = yaw;
-  ++fState.step;
-  fState.phaseEnd =
-      now +
-      std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(travel)) +
-      kDwell;
+float RoundSearcher::xTorsoYaw() const {
+  return Math::pose2DFromTransform(fMotionService->getWorldToTorso()).theta;
 }
 
-void RoundSearcher::xStartTurn(KRTimePoint now) {
-  fMotion->call<void>("setAngles",
-                      std::vector<std::string>{fModel.head.yaw.name, fModel.head.pitch.name},
-                      std::vector<float>{0.0f, xPitch()}, fState.fraction);
-  fState.headYaw = 0.0f;
-  fMotion->call<void>("moveTo", 0.0f, 0.0f, Math::kPi);
-  fState.turnSent = true;
+void RoundSearcher::xPlan(KRTimePoint now) {
+  // The first stop: the lookers' last target (carried along the target's path through the
+  // time-out); the side: the way it went from where it was last seen.
+  const Math::Transform worldToTorso = fMotionService->getWorldToTorso();
+  SearchPattern& p = fState.pattern;
+  p.torsoYaw = Math::pose2DFromTransform(worldToTorso).theta;
+  p.origin = Math::modulo2PI(p.torsoYaw + fMotionService->getAngle(fModel.head.yaw.name));
+  p.side = 1;
+  p.alternate = fLastSeen.has_value();
+  fState.pitch = xRowPitch();
+  const auto lead = fLead.fresh(now, seconds(1.0));
+  if (lead && fLastSeen) {
+    const Bearing to = bearingOf(worldToTorso, fModel.head, lead->info.getWorldToObject3D());
+    const Bearing from = bearingOf(worldToTorso, fModel.head, *fLastSeen);
+    p.origin = to.yaw;
+    fState.pitch = std::clamp(to.pitch, fModel.head.pitch.min, fModel.head.pitch.max);
+    if (Math::modulo2PI(to.yaw - from.yaw) < -0.02f)
+      p.side = -1;
+  } else if (fLastSeen) {
+    const Bearing at = bearingOf(worldToTorso, fModel.head, *fLastSeen);
+    p.origin = at.yaw;
+    fState.pitch = std::clamp(at.pitch, fModel.head.pitch.min, fModel.head.pitch.max);
+  }
+  p.view = fFieldOfView;
+  p.canTurn = fMotionService->getBaseLimits().maxAngularSpeed > 0.0f;
+  p.headLimit = std::min(-fModel.head.yaw.min, fModel.head.yaw.max);
+  // Steps of at most a field of view that divide the head's reach evenly: the last stop of
+  // each side falls on the limit, none is wasted just short of it.
+  const float widest = std::max(kStepOfView * fFieldOfView, 0.1f);
+  p.step = p.headLimit / std::max(1.0f, std::ceil(p.headLimit / widest));
+  fState.stops = p.stops(&fState.farSide);
+  fState.step = 0;
+  // A gaze that already rests on the first stop has looked there: the search moves on.
+  const float gaze = p.torsoYaw + fMotionService->getAngle(fModel.head.yaw.name);
+  if (std::fabs(Math::modulo2PI(gaze - p.origin)) < kArrived)
+    fState.step = 1;
+}
+
+void RoundSearcher::xNextStop(KRTimePoint now) {
+  if (fState.step >= static_cast<int>(fState.stops.size())) {
+    // A round is over: the next looks at another height, from where this one ended.
+    ++fState.round;
+    if (!fState.pattern.canTurn && fState.round >= static_cast<int>(pitchRows().size())) {
+      const float back = Math::modulo2PI(fState.pattern.origin - xTorsoYaw());
+      fMotion->call<void>("setAngles",
+                          std::vector<std::string>{fModel.head.yaw.name, fModel.head.pitch.name},
+                          std::vector<float>{back, xRowPitch()}, fState.fraction);
+      xEnd("exhausted");
+      return;
+    }
+    fState.pattern.origin = fState.stops.back();
+    fState.pattern.torsoYaw = xTorsoYaw();
+    fState.stops = fState.pattern.stops(&fState.farSide);
+    fState.step = 0;
+    fState.pitch = xRowPitch();
+  }
+  const float gaze = fState.stops[static_cast<std::size_t>(fState.step)];
+  ++fState.step;
+  // The head takes what it reaches; the base turns the rest, the head leading meanwhile.
+  const Model::TrackerJoint& yaw = fModel.head.yaw;
+  const float relative = Math::modulo2PI(gaze - xTorsoYaw());
+  float head = relative;
+  Math::clipData(yaw.min, yaw.max, head);
+  if (head != relative && fState.pattern.canTurn) {
+    fMotion->call<void>("moveTo", 0.0f, 0.0f, relative - head);
+    fState.turnSent = true;
+    fState.turned = true;
+  } else if (fState.pattern.canTurn && fState.step == static_cast<int>(fState.farSide) + 1 &&
+             fState.stops.size() > fState.farSide) {
+    // The far side's sweep starts: the base sets off at once toward the back, under the
+    // head, so that the back comes within the head's reach as that side is searched.
+    const float way = -static_cast<float>(fState.pattern.side);
+    float back = Math::modulo2PI(fState.stops.back() - xTorsoYaw());
+    if (back * way < 0.0f)
+      back += way * 2.0f * Math::kPi;  // the back is reached going that way round
+    const float backTurn = back - way * fState.pattern.headLimit;
+    if (backTurn * way > 0.0f) {
+      fMotion->call<void>("moveTo", 0.0f, 0.0f, backTurn);
+      fState.baseMoving = true;
+      fState.turned = true;
+    }
+  }
+  fMotion->call<void>("setAngles", std::vector<std::string>{yaw.name, fModel.head.pitch.name},
+                      std::vector<float>{head, fState.pitch}, fState.fraction);
+  fState.headYaw = head;
+  fState.phase = RoundSearcherState::Phase::Move;
+  // Safety bound on the move: the head at its speed, the base at its own, with margin.
+  const float speed = fState.fraction * std::max(yaw.maxVelocity, 0.1f);
   const float omega = std::max(fMotionService->getBaseLimits().maxAngularSpeed, 0.1f);
-  // Safety bound on the wait: the turn reports its end through "moveIsActive".
-  fState.phaseEnd = now + std::chrono::duration_cast<std::chrono::nanoseconds>(
-                              std::chrono::duration<double>(Math::kPi / omega + 2.0));
-  fState.phase = RoundSearcherState::Phase::Turn;
+  fState.phaseEnd =
+      now + seconds(2.0 * Math::kPi / speed + std::fabs(relative - head) / omega + 2.0);
+}
+
+void RoundSearcher::xAlign() {
+  fState.alignPending = false;
+  if (fMotionService->isWholeBodyGazeActive())
+    return;
+  const float headYaw = fMotionService->getAngle(fModel.head.yaw.name);
+  const float limit = std::min(-fModel.head.yaw.min, fModel.head.yaw.max);
+  if (std::fabs(headYaw) > limit - 0.5f * fFieldOfView)
+    fMotion->call<void>("moveTo", 0.0f, 0.0f, headYaw);
+}
+
+void RoundSearcher::xArrive(KRTimePoint now) {
+  const bool turning = fState.turnSent && fMotion->call<bool>("moveIsActive");
+  const float yawError = std::fabs(fMotionService->getAngle(fModel.head.yaw.name) - fState.headYaw);
+  if ((turning || yawError > kArrived) && now < fState.phaseEnd)
+    return;
+  fState.turnSent = false;
+  const CameraConfig camera = fWorld->getPerception();
+  fState.phase = RoundSearcherState::Phase::Dwell;
+  fState.phaseEnd = now + seconds(searchDwell(camera.cameraRateHz, camera.latencyS));
 }
 
 void RoundSearcher::xNextGaze(KRTimePoint now) {
   const int stepsPerRound = static_cast<int>(std::ceil(2.0f * Math::kPi / kWholeBodyStep));
-  fState.round = 2 * (fState.step / stepsPerRound);
-  fMotion->call<void>("_lookAtWb", xPitch(), kWholeBodyStep);
+  fState.round = fState.step / stepsPerRound;
+  fMotion->call<void>("_lookAtWb", xRowPitch(),
+                      static_cast<float>(fState.pattern.side) * kWholeBodyStep);
   fState.gazeSent = true;
   ++fState.step;
   const float omega = std::max(fMotionService->getBaseLimits().maxAngularSpeed, 0.1f);
-  fState.phaseEnd = now +
-                    std::chrono::duration_cast<std::chrono::nanoseconds>(
-                        std::chrono::duration<double>(kWholeBodyStep / omega)) +
-                    kDwell;
+  const CameraConfig camera = fWorld->getPerception();
+  fState.phaseEnd =
+      now + seconds(kWholeBodyStep / omega + searchDwell(camera.cameraRateHz, camera.latencyS));
 }
 
 void RoundSearcher::update(KRTimePoint now) {
-  std::lock_guard<std::mutex> lock(fMutex);
-  if (fState.haltPending) {
-    fState.haltPending = false;
-    xHalt();
+  std::vector<std::pair<std::string, KRValue>> raised;
+  {
+    std::lock_guard<std::mutex> lock(fMutex);
+    if (fState.haltPending) {
+      fState.haltPending = false;
+      xHalt(true, now);
+    }
+    if (fState.alignPending && now >= fState.alignAt && !fState.searching)
+      xAlign();
+    if (fState.enabled && fState.searching) {
+      switch (fState.phase) {
+        case RoundSearcherState::Phase::Start:
+          raised.emplace_back(kSearchStarted, KRValue());
+          xPlan(now);
+          if (fState.useWholeBody) {
+            fState.phase = RoundSearcherState::Phase::Gaze;
+            xNextGaze(now);
+          } else {
+            xNextStop(now);
+          }
+          break;
+        case RoundSearcherState::Phase::Move:
+          xArrive(now);
+          break;
+        case RoundSearcherState::Phase::Dwell:
+          if (now >= fState.phaseEnd)
+            xNextStop(now);
+          break;
+        case RoundSearcherState::Phase::Gaze:
+          if (now >= fState.phaseEnd)
+            xNextGaze(now);
+          break;
+      }
+    }
+    for (const auto& reason : fState.endings)
+      raised.emplace_back(kSearchEnded, KRValue(reason));
+    fState.endings.clear();
   }
-  if (!fState.enabled || !fState.searching) {
-    return;
-  }
-  switch (fState.phase) {
-    case RoundSearcherState::Phase::Start:
-      fState.step = 0;
-      if (fState.useWholeBody) {
-        fState.phase = RoundSearcherState::Phase::Gaze;
-        xNextGaze(now);
-      } else {
-        fState.phase = RoundSearcherState::Phase::Head;
-        xNextHead(now);
-      }
-      break;
-    case RoundSearcherState::Phase::Head:
-      if (now < fState.phaseEnd) {
-        break;
-      }
-      if (fState.step < kSweepPositions) {
-        xNextHead(now);
-      } else {
-        xStartTurn(now);
-      }
-      break;
-    case RoundSearcherState::Phase::Turn:
-      if (now < fState.phaseEnd && fMotion->call<bool>("moveIsActive")) {
-        break;
-      }
-      fState.turnSent = false;
-      ++fState.round;
-      fState.step = 0;
-      fState.phase = RoundSearcherState::Phase::Head;
-      xNextHead(now);
-      break;
-    case RoundSearcherState::Phase::Gaze:
-      if (now >= fState.phaseEnd) {
-        xNextGaze(now);
-      }
-      break;
-  }
+  // Events are raised outside the lock: subscribers may call back.
+  for (const auto& [name, value] : raised)
+    fMemory->raiseEvent(name, value);
 }
 
 }  // namespace Sim

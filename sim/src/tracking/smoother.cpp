@@ -271,7 +271,10 @@ void Smoother::update(KRTimePoint now) {
     }
     KRTimePoint lastSeen = fStartTime;
     const Track* latest = xLatest(lastSeen);
-    if (!fLost && now - lastSeen > std::chrono::milliseconds(fTimeOutMs)) {
+    // A target never seen is lost at once, so that the search for it starts at once; one
+    // that was seen, after the time-out.
+    const bool timedOut = !fEverSeen || now - lastSeen > std::chrono::milliseconds(fTimeOutMs);
+    if (!fLost && timedOut) {
       fLost = true;
       events.emplace_back(Namer::getNameLost(), fLastSample ? fLastSample->toKRValue() : KRValue());
     }
@@ -304,8 +307,15 @@ void Smoother::xPublish(const Track& latest, KRTimePoint now, Events& events) {
   // at its last measurement.
   const ConstantVelocityFilter& f = latest.filter;
   const Math::Position6D last = latest.last.getWorldToObject6D();
+  // Once the target is out of sight for longer than a prediction covers, the lookers follow
+  // its path through the time-out if it was moving, and rest where it vanished if it was not.
+  const double coast = std::chrono::duration<double>(now - latest.lastTime).count();
+  const double horizon =
+      coast > f.gains().maxPrediction && std::hypot(f.velocity().x, f.velocity().y) >= kRestSpeed
+          ? fTimeOutMs / 1000.0
+          : f.gains().maxPrediction;
   auto at = [&](KRTimePoint t) {
-    const Math::Position3D p = fCompensation ? f.predict(filterTime(t)) : f.position();
+    const Math::Position3D p = fCompensation ? f.predict(filterTime(t), horizon) : f.position();
     return Math::Position6D(p.x, p.y, p.z, last.wx, last.wy, last.wz);
   };
   const bool predicting =

@@ -98,7 +98,7 @@ TEST(CommandLineErrors, EachBadOptionIsNamedAndNothingIsWritten) {
       {{"--effector", "arms"}, {"--effector", "'arms'"}},
       {{"--scenario", "dance"},
        {"unknown scenario 'dance' (scenarios: ball, face, landmarks, navigate, people, pursuit, "
-        "oneshot, step)"},
+        "oneshot, step, search)"},
        true},
       {{"--scenario", ""}, {"scenario ''"}},
       {{"--mode", "Navigate"}, {"mode Navigate needs a robot of type 1; Kibo is of type 0"}, true},
@@ -176,7 +176,7 @@ TEST(CommandLineErrors, EachBadOptionIsNamedAndNothingIsWritten) {
       // The robot side of a run over DDS: refused before it waits for the tracking service.
       {{"remote-robot", "dance"},
        {"unknown scenario 'dance' (scenarios: ball, face, landmarks, navigate, people, pursuit, "
-        "oneshot, step)"},
+        "oneshot, step, search)"},
        true},
       {{"remote-robot", "--physics", "bullet"},
        {"--physics: unknown physics backend \"bullet\" (accepted: kinematic, mujoco)"},
@@ -393,12 +393,20 @@ TEST(CommandLineTest, TheJsonSummaryFollowsTheSchema) {
   EXPECT_EQ(r.err, "");
   const std::string json = readFile(dir + "/step.json");
   std::size_t at = 0;
-  for (const char* key : {"scenario",       "robot",         "seed",          "physics",
-                          "transport",      "latency_s",     "compensation",  "simulated_s",
-                          "cpu_s",          "phases",        "name",          "time_to_on_target_s",
-                          "los_rms_deg",    "los_p95_deg",   "los_max_deg",   "los_bias_deg",
-                          "los_jitter_deg", "on_target_pct", "overshoot_deg", "settling_s",
-                          "arms_rms_deg",   "events"}) {
+  for (const char* key : {"scenario",       "robot",
+                          "seed",           "physics",
+                          "transport",      "latency_s",
+                          "compensation",   "simulated_s",
+                          "cpu_s",          "phases",
+                          "name",           "time_to_on_target_s",
+                          "los_rms_deg",    "los_p95_deg",
+                          "los_max_deg",    "los_bias_deg",
+                          "los_jitter_deg", "on_target_pct",
+                          "overshoot_deg",  "settling_s",
+                          "arms_rms_deg",   "acquisition_s",
+                          "search_s",       "los_rms_tracking_deg",
+                          "found_after_s",  "found_after_lost_s",
+                          "events"}) {
     const auto next = json.find("\"" + std::string(key) + "\":", at);
     ASSERT_NE(next, std::string::npos) << key << " missing or out of order in " << json;
     at = next;

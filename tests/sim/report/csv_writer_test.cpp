@@ -100,6 +100,31 @@ TEST(CsvWriterTest, FollowsARunOneLinePerStepAsSoonAsTheStepIsDone) {
   EXPECT_NE(lines[150].find(",1,1,1,"), std::string::npos) << lines[150];  // seen and tracked
 }
 
+// The tracker's first detection comes with the run's first observation: its step's line
+// carries that observation, though nothing followed the observation event before it came.
+TEST(CsvWriterTest, TheFirstObservationIsInTheLineOfItsStep) {
+  KR::Sim::SimulationConfig config;
+  config.physics = "kinematic";
+  config.modules = &KR::Sim::createTrackerModules;
+  KR::Sim::ScenarioOptions options;
+  options.duration = 1.0;
+  ScenarioRun run(KR::Sim::makeScenario("step", options), config);
+  std::ostringstream csv;
+  CsvWriter::follow(run, csv);
+  run.runToEnd();
+  const auto lines = linesOf(csv.str());
+  const auto first = std::find_if(lines.begin(), lines.end(), [](const std::string& line) {
+    return line.find("TargetDetected") != std::string::npos;
+  });
+  ASSERT_NE(first, lines.end());
+  const auto column =
+      static_cast<std::size_t>(commas(lines[0].substr(0, lines[0].find(",observation"))));
+  std::size_t at = 0;
+  for (std::size_t c = 0; c <= column; ++c)
+    at = first->find(',', at) + 1;
+  EXPECT_NE(first->at(at), ',') << *first;  // the observation field is not empty
+}
+
 TEST(CsvWriterTest, TheSameSeedGivesTheSameCsvByteForByte) {
   auto csv = [](std::uint32_t seed) {
     KR::Sim::SimulationConfig config;

@@ -2,6 +2,7 @@
 // two-line header, "-" for what was not measured, the follow and pose columns only when a phase
 // has them, the events below; and the many-seed table.
 
+#include <limits>
 #include <sstream>
 
 #include <gtest/gtest.h>
@@ -115,6 +116,36 @@ TEST(SummaryTableTest, ManySeedsGiveAMeanAndA95thPercentileRowPerPhaseOneSeedOne
   auto mean = wordsOf(many[2]);
   mean.erase(mean.begin() + 1);  // the mean's figures, unlabelled
   EXPECT_EQ(wordsOf(one[2]), mean);
+}
+
+// Finding: a phase without a line of sight has no row; a time never reached reads "never",
+// and the runs that never found the target are counted.
+TEST(SummaryTableTest, FindingTablesSayNeverAndCountTheRunsThatNeverFound) {
+  PhaseMeasures found = lookMeasures();
+  found.foundAfterS = 1.5;
+  found.foundAfterLostS = 0.25;
+  found.acquisitionS = 0.13;
+  found.searchS = 1.0;
+  found.losRmsTrackingDeg = 1.25;
+  PhaseMeasures arms;
+  arms.name = "arms";
+  const auto single = linesOf(KR::Sim::formatFinding({found, arms}));
+  ASSERT_EQ(single.size(), 4u);
+  EXPECT_EQ(wordsOf(single[3]),
+            (std::vector<std::string>{"look", "1.50", "0.25", "0.13", "1.00", "1.25"}));
+  KR::Sim::FindingAggregate a;
+  a.name = "re-find";
+  a.runs = 32;
+  a.neverFound = 4;
+  a.foundMedianS = 2.0;
+  a.foundP90S = std::numeric_limits<double>::infinity();
+  a.afterLostMedianS = 0.5;
+  a.afterLostP90S = 1.75;
+  const auto many = linesOf(KR::Sim::formatSeedFinding({a}));
+  ASSERT_EQ(many.size(), 4u);
+  EXPECT_EQ(wordsOf(many[3]),
+            (std::vector<std::string>{"re-find", "2.00", "never", "0.50", "1.75", "4/32"}));
+  EXPECT_EQ(KR::Sim::formatFinding({arms}), "");
 }
 
 }  // namespace

@@ -4,6 +4,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
+#include <optional>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -129,6 +132,113 @@ TEST(MeasuresTest, ArmsOnlyPhasesHaveNoLineOfSightFiguresAndSeedsAggregate) {
 }
 
 // The run of aimScenario() on ideal camera and servos, whose every figure is known.
+// An uncompensated step as a limit cycle: the error swings +-9 degrees about the target at
+// 2 Hz and only crosses the settling band; the last sample happens to fall inside it. Settled
+// means having stayed in the band for the hold time by the phase end: never here, and still
+// 1.00 s for an error that holds from 11.00 s on.
+TEST(MeasuresTest, AnErrorThatOnlyDipsIntoTheBandHasNotSettled) {
+  struct Case {
+    const char* name;
+    double (*error)(double t);
+    bool settled;
+  };
+  const Case cases[] = {
+      {"limit cycle", [](double t) { return 9.0 * std::cos(2.0 * M_PI * 2.0 * (t - 10.0)); },
+       false},
+      {"dips in at the end", [](double t) { return t > 13.995 ? 0.5 : 3.0 + std::sin(5.0 * t); },
+       false},
+      {"holds from 11 s", [](double t) { return t < 11.0 - 1e-9 ? 10.0 : 0.4; }, true},
+  };
+  for (const auto& c : cases) {
+    PhaseMeter meter({"step", 10.0, 3.0, true, true});
+    for (int i = 1; i <= 400; ++i)
+      meter.add(seen(10.0 + 0.01 * i, c.error(10.0 + 0.01 * i)));
+    const auto m = meter.result();
+    EXPECT_EQ(m.settlingS.has_value(), c.settled) << c.name;
+    if (c.settled) {
+      EXPECT_NEAR(*m.settlingS, 1.0, 0.011) << c.name;
+    }
+  }
+}
+
+// A phase from 0 s: the target out of view until 1.00 s, detected at 1.30 s, followed with
+// 4 degrees of error that closes to 1 by 1.50 s; hidden from 2.00 s (tracker lost at 2.50 s,
+// searching from 2.50 s to 3.20 s), visible again at 3.00 s, detected at 3.20 s with a
+// detection captured before the hiding delivered at 2.05 s, then 2 degrees.
+TEST(MeasuresTest, AcquisitionSearchAndTrackingSplitTheStory) {
+  PhaseMeter meter({"story", 0.0, 3.0, true, false});
+  double squares = 0.0;
+  std::size_t tracking = 0;
+  for (int i = 1; i <= 400; ++i) {
+    const double t = 0.01 * i;
+    MeasureSample s;
+    s.time = t;
+    s.hasLineOfSight = true;
+    s.perceived = (t >= 1.0 - 1e-9 && t < 2.0 - 1e-9) || t >= 3.0 - 1e-9;
+    s.lineOfSightDeg = t < 1.3 - 1e-9   ? 20.0
+                       : t < 1.5 - 1e-9 ? 4.0 - 3.0 * (t - 1.3) / 0.2
+                       : t < 3.0 - 1e-9 ? 1.0
+                                        : 2.0;
+    s.detected = std::fabs(t - 1.30) < 1e-6 || std::fabs(t - 2.05) < 1e-6 || t >= 3.2 - 1e-9 ||
+                 (t > 1.3 && t < 2.0);
+    s.trackerLost = t >= 2.5 - 1e-9 && t < 3.2 - 1e-9;
+    s.searching = s.trackerLost;
+    s.tracked = t >= 1.3 - 1e-9 && !s.trackerLost;
+    if (s.perceived && ((t >= 1.3 - 1e-9 && t < 2.0) || t >= 3.2 - 1e-9)) {
+      squares += s.lineOfSightDeg * s.lineOfSightDeg;
+      ++tracking;
+    }
+    meter.add(s);
+  }
+  const auto m = meter.result();
+  ASSERT_TRUE(m.acquisitionS && m.searchS && m.losRmsTrackingDeg && m.foundAfterS &&
+              m.foundAfterLostS);
+  EXPECT_NEAR(*m.acquisitionS, 0.30, 1e-6);  // both waits are 0.20 and 0.30 s: the longest
+  EXPECT_NEAR(*m.searchS, 0.70, 1e-6);
+  EXPECT_NEAR(*m.losRmsTrackingDeg, std::sqrt(squares / static_cast<double>(tracking)), 1e-9);
+  EXPECT_GT(*m.losRmsDeg, *m.losRmsTrackingDeg);  // the wait from 1.00 to 1.30 s counts there
+  EXPECT_NEAR(*m.foundAfterS, 1.30, 1e-6);
+  EXPECT_NEAR(*m.foundAfterLostS, 0.0, 1e-9);  // found before the tracker lost anything
+}
+
+// Finding over seeds: a run that never found its target counts as infinitely late, so that a
+// percentile falling on such runs says so rather than hiding them.
+TEST(MeasuresTest, FindingAggregatesCountRunsThatNeverFound) {
+  struct Case {
+    std::vector<std::optional<double>> values;
+    double q;
+    double expected;
+  };
+  const double never = std::numeric_limits<double>::infinity();
+  const Case cases[] = {
+      {{3.0, 1.0, 2.0, 4.0}, 0.5, 2.0},
+      {{3.0, 1.0, 2.0, 4.0}, 0.9, 4.0},
+      {{1.0, std::nullopt, 2.0, 3.0, 4.0, 5.0, 6.0, 7.0, 8.0, 9.0}, 0.9, 9.0},
+      {{1.0, std::nullopt, std::nullopt}, 0.5, never},
+      {{}, 0.5, never},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(KR::Sim::quantileOrNever(c.values, c.q), c.expected);
+  PhaseMeasures found;
+  found.name = "re-find";
+  found.searchS = 0.0;
+  found.foundAfterS = 4.0;
+  found.foundAfterLostS = 0.5;
+  PhaseMeasures lost = found;
+  lost.foundAfterS.reset();
+  lost.foundAfterLostS.reset();
+  PhaseMeasures arms;
+  arms.name = "arms only";  // no line of sight: no finding figures
+  const auto a = KR::Sim::aggregateFinding({{found, arms}, {found, arms}, {lost, arms}});
+  ASSERT_EQ(a.size(), 1u);
+  EXPECT_EQ(a[0].name, "re-find");
+  EXPECT_EQ(a[0].runs, 3u);
+  EXPECT_EQ(a[0].neverFound, 1u);
+  EXPECT_EQ(a[0].foundMedianS, 4.0);
+  EXPECT_EQ(a[0].afterLostMedianS, 0.5);
+  EXPECT_EQ(a[0].foundP90S, never);
+}
+
 TEST(RunTest, MeasuresComeFromEveryVisibleSampleAndTheTrackersOwnState) {
   std::vector<std::string> progress;
   std::vector<KR::Sim::Sample> samples;

@@ -1,5 +1,8 @@
 // The head looker: where it turns the head, its dead band, speeds and resources.
 
+#include <algorithm>
+#include <cmath>
+
 #include <kr/error.h>
 #include <krsim/tracking/head_looker.h>
 
@@ -28,8 +31,9 @@ TEST_F(HeadLookerTest, TheHeadMovesAtTheMaximumVelocityReachedAtTheMaximumAccele
   sim->callTracker("setMaximumVelocity", 0.5f);
   sim->callTracker("setMaximumAcceleration", 10.0f);
   record();
-  followBall({1.0f, 0.45f, 0.5f});
-  sim->runFor(0.3);
+  // Within the hand-over angle (0.13 rad off): pursuit from the start, no full-speed turn.
+  followBall({1.0f, 0.13f, 0.5f});
+  sim->runFor(0.1);
   const auto commands = motionCalls("_trackerWithSpeed");
   ASSERT_GE(commands.size(), 5u);
   // 0.1 rad/s more every step from rest, then the 0.5 rad/s limit, as fractions of each
@@ -42,8 +46,35 @@ TEST_F(HeadLookerTest, TheHeadMovesAtTheMaximumVelocityReachedAtTheMaximumAccele
   EXPECT_EQ(commands[0].args[0], (KRValue{head.yaw.name, head.pitch.name}));
   // The head then turns at 0.5 rad/s.
   const float yaw0 = sim->motion().getAngle(head.yaw.name);
-  sim->runFor(0.2);
-  EXPECT_NEAR(sim->motion().getAngle(head.yaw.name) - yaw0, 0.1f, 0.002f);
+  sim->runFor(0.1);
+  EXPECT_NEAR(sim->motion().getAngle(head.yaw.name) - yaw0, 0.05f, 0.002f);
+}
+
+// A ball detected 25 degrees off the head's axis: the head turns onto it faster than the
+// tracker's pursuit limit (1 rad/s), within the joints' own limits, and does not go past it.
+TEST_F(HeadLookerTest, AFarTargetIsTurnedOntoAtTheJointsLimitsWithoutOvershoot) {
+  record();
+  const float bearing = 25.0f * static_cast<float>(M_PI) / 180.0f;
+  const Position3D ball = followBall({1.5f * std::cos(bearing), 1.5f * std::sin(bearing), 0.5f});
+  float previous = sim->motion().getAngle("HeadYaw");
+  float fastest = 0.0f;
+  float farthest = previous;
+  for (int i = 0; i < 200; ++i) {
+    sim->step();
+    const float yaw = sim->motion().getAngle("HeadYaw");
+    fastest = std::max(fastest, (yaw - previous) / 0.01f);
+    farthest = std::max(farthest, yaw);
+    previous = yaw;
+  }
+  EXPECT_LT(lineOfSightDeg(ball), 1.6);
+  const float settled = sim->motion().getAngle("HeadYaw");
+  EXPECT_LT(farthest - settled, 1.0f * static_cast<float>(M_PI) / 180.0f);
+  EXPECT_GT(fastest, 1.5f);
+  EXPECT_LE(fastest, 7.3f * 1.01f);
+  for (const auto& command : motionCalls("_trackerWithSpeed")) {
+    EXPECT_LE(command.args[2][0].asFloat(), 1.0f);
+    EXPECT_LE(command.args[2][1].asFloat(), 1.0f);
+  }
 }
 
 TEST_F(HeadLookerTest, TheHeadLookerRefusesBadLimitsAndYieldsTheTakenHead) {

@@ -1,7 +1,9 @@
 // The round searcher: looks for a lost target only when searching is on, turns round to find
-// it, by the head or by the whole body; its settings.
+// it, by the head or by the whole body; where it starts and which way it goes; its dwell;
+// its end where the robot cannot turn; its settings.
 
 #include <cmath>
+#include <vector>
 
 #include <kr/error.h>
 #include <krsim/tracking/round_searcher.h>
@@ -32,10 +34,121 @@ TEST_F(RoundSearcherTest, ALostTargetIsSearchedForAndFollowedOnceFound) {
   EXPECT_TRUE(state().searching);
   sim->runUntil(20.0);
   EXPECT_EQ(events(Namer::getNameDetected()), 1u);
-  EXPECT_GT(std::fabs(sim->motion().getTruePose().theta), 2.0f);  // turned round
+  EXPECT_GT(std::fabs(sim->motion().getTruePose().theta), 0.3f);  // the base turned
   EXPECT_FALSE(state().searching);
   EXPECT_FALSE(sim->motion().moveIsActive());  // the turn was stopped
   EXPECT_LT(lineOfSightDeg(ball), 3.0);        // and the head follows the ball again
+}
+
+// From the first stop, one step either side (first on the side given), then outward on that
+// side to the head's reach, then on the other, then round the back until the view meets what
+// the first side saw; a robot that cannot turn keeps to what its head reaches; with no likely
+// place, one side is swept out before the other.
+TEST(SearchPatternTest, StopsGoBothSidesOutwardThenRoundTheBack) {
+  struct Case {
+    const char* name;
+    KR::Sim::SearchPattern pattern;
+    std::vector<float> stops;
+  };
+  KR::Sim::SearchPattern left;
+  left.origin = 0.5f;
+  left.side = 1;
+  left.step = 0.9f;
+  left.view = 1.0f;
+  left.torsoYaw = 0.0f;
+  left.headLimit = 2.0f;
+  KR::Sim::SearchPattern right = left;
+  right.side = -1;
+  KR::Sim::SearchPattern fixed = left;
+  fixed.canTurn = false;
+  KR::Sim::SearchPattern oneWay = left;  // nowhere more likely: one side, then the other
+  oneWay.alternate = false;
+  const float back = 2.5f - 2.0f * static_cast<float>(M_PI) + 0.5f;  // meets 2.0 + half a view
+  const Case cases[] = {
+      {"left first", left, {0.5f, 1.4f, -0.4f, 2.0f, -1.3f, -2.0f, -2.9f, back}},
+      {"right first", right, {0.5f, -0.4f, 1.4f, -1.3f, -2.0f, 2.0f, 2.9f, -back}},
+      {"cannot turn", fixed, {0.5f, 1.4f, -0.4f, 2.0f, -1.3f, -2.0f}},
+      {"one way", oneWay, {0.5f, 1.4f, 2.0f, -0.4f, -1.3f, -2.0f, -2.9f, back}},
+  };
+  for (const auto& c : cases) {
+    const std::vector<float> got = c.pattern.stops();
+    ASSERT_EQ(got.size(), c.stops.size()) << c.name;
+    for (std::size_t i = 0; i < got.size(); ++i) {
+      const float expected = KR::Math::modulo2PI(c.stops[i]);
+      EXPECT_NEAR(KR::Math::modulo2PI(got[i] - expected), 0.0f, 1e-5f) << c.name << " stop " << i;
+    }
+  }
+}
+
+// The gaze rests one frame, the delivery of that frame and the servos' settling: a faster or
+// quicker camera rests less, a camera without a rate takes a frame every update.
+TEST(SearchPatternTest, TheDwellFollowsTheCameraRateAndLatency) {
+  const double settle = 0.05;
+  const struct {
+    double rateHz, latencyS, dwellS;
+  } cases[] = {{15.0, 0.08, 1.0 / 15.0 + 0.08 + settle},
+               {30.0, 0.08, 1.0 / 30.0 + 0.08 + settle},
+               {15.0, 0.2, 1.0 / 15.0 + 0.2 + settle},
+               {0.0, 0.0, 0.01 + settle}};
+  for (const auto& c : cases)
+    EXPECT_NEAR(KR::Sim::searchDwell(c.rateHz, c.latencyS), c.dwellS, 1e-12) << c.rateHz;
+}
+
+// A ball going round the robot, or standing, vanishes at 2 s: through the time-out the gaze
+// follows its predicted path (or stays), and the search starts there, going on to the side it
+// was moving to (the left when it stood).
+TEST_F(RoundSearcherTest, TheSearchStartsWhereTheLostTargetWasGoingOnItsSide) {
+  const struct {
+    const char* name;
+    float speed;  // about the robot [rad/s]
+    int side;
+  } cases[] = {{"moving left", 0.3f, 1}, {"moving right", -0.3f, -1}, {"still", 0.0f, 1}};
+  for (const auto& c : cases) {
+    build();
+    sim->world().addTarget({"ball",
+                            Target::TargetRedBall,
+                            Path::orbit({0.0f, 0.0f, 0.0f}, 1.5f, 0.45f, 0.0f, c.speed, 0.0, 30.0),
+                            {{2.0, 30.0}}});
+    sim->callTracker("toggleSearch", true);
+    track(Target::TargetRedBall);
+    sim->callTracker("setTimeOut", 1000);
+    sim->runUntil(2.0);
+    const float vanished = 2.0f * c.speed;  // the ball's bearing when it hid
+    const float headAtHiding = sim->motion().getAngle("HeadYaw");
+    while (!state().searching && sim->time() < 4.0)
+      sim->step();
+    sim->step();
+    ASSERT_TRUE(state().searching) << c.name;
+    const auto pattern = state().pattern;
+    EXPECT_EQ(pattern.side, c.side) << c.name;
+    const float ahead = KR::Math::modulo2PI(pattern.origin - vanished);
+    const float gazeMoved = sim->motion().getAngle("HeadYaw") - headAtHiding;
+    if (c.speed == 0.0f) {
+      EXPECT_NEAR(ahead, 0.0f, 0.05f) << c.name;
+      EXPECT_NEAR(gazeMoved, 0.0f, 0.05f) << c.name;
+    } else {
+      // One second of time-out at 0.3 rad/s, predicted along the tangent: about 0.3 rad on.
+      EXPECT_GT(ahead * static_cast<float>(c.side), 0.15f) << c.name;
+      EXPECT_GT(gazeMoved * static_cast<float>(c.side), 0.15f) << c.name;
+    }
+  }
+}
+
+// A robot whose base cannot turn searches what its head reaches at each height, then ends the
+// search with its own event and looks back where the target was.
+TEST_F(RoundSearcherTest, WhereTheRobotCannotTurnTheSearchEndsOnItsOwnEvent) {
+  KR::Sim::BaseLimits still = sim->motion().getBaseLimits();
+  still.maxAngularSpeed = 0.0f;
+  sim->motion().setBaseLimits(still);
+  record();
+  trackBallBehind(true);
+  sim->runUntil(15.0);
+  EXPECT_TRUE(motionCalls("moveTo").empty());
+  EXPECT_FALSE(state().searching);
+  ASSERT_EQ(events(KR::Sim::RoundSearcher::kSearchEnded), 1u);
+  EXPECT_EQ(sim->memory().getData(KR::Sim::RoundSearcher::kSearchEnded).asString(), "exhausted");
+  EXPECT_EQ(events(KR::Sim::RoundSearcher::kSearchStarted), 1u);
+  EXPECT_EQ(events(Namer::getNameDetected()), 0u);
 }
 
 TEST_F(RoundSearcherTest, TheWholeBodySearchTurnsTheGazeRoundTheRobot) {

@@ -15,7 +15,17 @@
 // - on target [%]: share of the phase's samples on target;
 // - step phases: overshoot is how far the camera's horizontal error goes past the target,
 //   against the direction of the step; settling is the time from the phase start until the
-//   error stays within 1 degree to the phase end;
+//   error stays within 1 degree to the phase end, none (never) when it has not stayed there
+//   for at least kSettlingHoldS by then: an error still swinging only dips into the band;
+// - acquisition: from the target becoming visible to the first detection of it reaching the
+//   tracking service; the longest over the phase's appearances;
+// - search: the time the searcher spent searching during the phase;
+// - line of sight while tracking: RMS of the error from the first detection after each
+//   appearance until the target is out of sight again (the turn counts, the wait before the
+//   detection does not);
+// - found after: from the phase start to the first detection of the visible target; the one
+//   after TargetLost is counted from the tracker's first loss in the phase, 0 when the target
+//   was found again before the tracker reported a loss;
 // - arms: pointing error of the arms the effector commands, RMS over the samples measured.
 
 #include <array>
@@ -37,6 +47,9 @@ struct MeasureSample {
   double lineOfSightDeg = 0.0;  // size of the error between camera axis and target
   double horizontalDeg = 0.0;   // signed horizontal part of it, positive to the left
   std::vector<double> armDeg;   // one per commanded arm that is measured this step
+  bool tracked = false;         // the tracker's own state: detected since its last loss
+  bool detected = false;        // an observation reached the tracking service this step
+  bool searching = false;       // the searcher is searching
 };
 
 struct PhaseSetup {
@@ -60,12 +73,19 @@ struct PhaseMeasures {
   std::optional<double> overshootDeg;
   std::optional<double> settlingS;
   std::optional<double> armsRmsDeg;
+  std::optional<double> acquisitionS;
+  std::optional<double> searchS;
+  std::optional<double> losRmsTrackingDeg;
+  std::optional<double> foundAfterS;
+  std::optional<double> foundAfterLostS;
   /// Events the tracker raised during the phase, in order of first appearance, with counts.
   std::vector<std::pair<std::string, std::size_t>> events;
 };
 
 /// The settling band of step phases [deg].
 constexpr double kSettlingDeg = 1.0;
+/// How long the error must have stayed in the band by the phase end to count as settled [s].
+constexpr double kSettlingHoldS = 0.5;
 
 class PhaseMeter {
  public:
@@ -102,15 +122,31 @@ class PhaseMeter {
   // Arms.
   std::size_t fArmCount = 0;
   double fArmSquares = 0.0;
+  // Finding.
+  void xFinding(const MeasureSample& s, bool measured);
+  double fLastTime;
+  bool fWasPerceived = false;
+  std::optional<double> fAppearedAt;  // visible, not yet detected
+  std::optional<double> fLongestAcquisition;
+  bool fFollowing = false;  // detected since it last appeared
+  std::size_t fTrackingCount = 0;
+  double fTrackingSquares = 0.0;
+  double fSearchS = 0.0;
+  std::optional<double> fFoundAt;
+  std::optional<double> fLostAt;  // the tracker's first loss before the first find
   std::vector<std::pair<std::string, std::size_t>> fEvents;
 };
 
 /// Every figure of PhaseMeasures, for code that treats them alike.
 inline constexpr std::optional<double> PhaseMeasures::*kMeasureFields[] = {
-    &PhaseMeasures::timeToOnTargetS, &PhaseMeasures::losRmsDeg,    &PhaseMeasures::losP95Deg,
-    &PhaseMeasures::losMaxDeg,       &PhaseMeasures::losBiasDeg,   &PhaseMeasures::losJitterDeg,
-    &PhaseMeasures::onTargetPct,     &PhaseMeasures::overshootDeg, &PhaseMeasures::settlingS,
-    &PhaseMeasures::armsRmsDeg};
+    &PhaseMeasures::timeToOnTargetS,   &PhaseMeasures::losRmsDeg,
+    &PhaseMeasures::losP95Deg,         &PhaseMeasures::losMaxDeg,
+    &PhaseMeasures::losBiasDeg,        &PhaseMeasures::losJitterDeg,
+    &PhaseMeasures::onTargetPct,       &PhaseMeasures::overshootDeg,
+    &PhaseMeasures::settlingS,         &PhaseMeasures::armsRmsDeg,
+    &PhaseMeasures::acquisitionS,      &PhaseMeasures::searchS,
+    &PhaseMeasures::losRmsTrackingDeg, &PhaseMeasures::foundAfterS,
+    &PhaseMeasures::foundAfterLostS};
 
 /// A phase over many seeds: the mean and the 95th percentile of each figure across them.
 struct SeedAggregate {
@@ -120,6 +156,25 @@ struct SeedAggregate {
 
 /// Phases matched by position over runs of the same scenario with different seeds.
 std::vector<SeedAggregate> aggregateSeeds(const std::vector<std::vector<PhaseMeasures>>& runs);
+
+/// How fast a phase's target was found over many seeds. A run that never found it counts as
+/// infinitely late: a percentile that falls on such runs is infinite ("never").
+struct FindingAggregate {
+  std::string name;
+  std::size_t runs = 0;
+  std::size_t neverFound = 0;
+  double foundMedianS = 0.0;
+  double foundP90S = 0.0;
+  double afterLostMedianS = 0.0;
+  double afterLostP90S = 0.0;
+};
+
+/// Phases matched by position, as aggregateSeeds; only the phases with a line of sight.
+std::vector<FindingAggregate> aggregateFinding(const std::vector<std::vector<PhaseMeasures>>& runs);
+
+/// The q-quantile (0 < q <= 1) by nearest rank of values where none stands for infinity;
+/// infinity for no values.
+double quantileOrNever(std::vector<std::optional<double>> values, double q);
 
 /// Mean and 95th percentile (nearest rank) of the values present; none when none is.
 std::pair<std::optional<double>, std::optional<double>> meanAndP95(

@@ -70,6 +70,9 @@ struct Scenario {
   std::vector<TargetScript> targets;
   std::vector<Action> actions;  // in time order
   std::vector<Phase> phases;    // in time order
+  /// Set for a family whose scene is drawn from the run's seed: the run replaces the scenario
+  /// with the one drawn for its seed.
+  std::function<Scenario(std::uint32_t seed)> drawForSeed;
 };
 
 /// What the command line may change in a scenario.
@@ -78,6 +81,7 @@ struct ScenarioOptions {
   std::string mode;                               // empty: the scenario's own mode(s)
   std::string effector;                           // empty: the scenario's own effector(s)
   double duration = 0.0;                          // 0: the scenario's own duration
+  std::uint32_t seed = 1;                         // draws the scene of a scenario family
 };
 
 struct ScenarioInfo {

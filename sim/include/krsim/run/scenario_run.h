@@ -110,6 +110,7 @@ class ScenarioRun {
   int fPhase = -1;
   bool fTrackerTracked = false;
   bool fTrackerLost = false;
+  bool fSearching = false;  // between the searcher's start and end events
   long fLastLocalisationSecond = -1;
   std::vector<std::string> fJoints;
   std::map<std::string, std::string> fObservations;  // observation events followed

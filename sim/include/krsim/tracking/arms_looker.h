@@ -82,7 +82,7 @@ class ArmsLooker : public LookerBase<ArmsLookerState> {
   using Arm = ArmsLookerState::Arm;
   bool xFollow(const TargetInput::Sample& sample, KRTimePoint now) override;
   void xOnLost() override;
-  /// The arms of the effector with their models.
+  /// The arms of the effector with their models; none on a robot that cannot point.
   std::vector<std::pair<Arm*, const Model::TrackerArm*>> xArms();
   /// The measured angles as the arms' last commands.
   void xResyncArms(const std::vector<std::pair<Arm*, const Model::TrackerArm*>>& arms);
@@ -94,6 +94,7 @@ class ArmsLooker : public LookerBase<ArmsLookerState> {
   void xAppendRest(Arm& state, const Model::TrackerArm& arm, std::vector<std::string>& names,
                    std::vector<float>& angles);
 
+  const bool fCanPoint;  // the robot has arms to point with
   // One arm's command while it is built; under fMutex.
   std::vector<std::string> fArmNames;
   std::vector<float> fArmAngles;

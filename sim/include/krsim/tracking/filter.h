@@ -40,7 +40,9 @@ class ConstantVelocityFilter {
   const Math::Position3D& velocity() const { return fVelocity; }
   /// The estimate carried to `time`, at most Gains::maxPrediction past the latest measurement
   /// and never before it.
-  Math::Position3D predict(double time) const;
+  Math::Position3D predict(double time) const { return predict(time, fGains.maxPrediction); }
+  /// The same, at most `maxHorizon` past the latest measurement [s].
+  Math::Position3D predict(double time, double maxHorizon) const;
   const Gains& gains() const { return fGains; }
 
  private:

@@ -1,13 +1,25 @@
 #pragma once
 // RoundSearcher: the sub-module "_RoundSearcher". Once started ("startEvent"), it waits for
-// the smoother's "KRTracker/TargetLost". Then it searches until "KRTracker/TargetDetected"
+// the smoother's "KRTracker/TargetLost" (raised at once for a target never seen, after the
+// tracker's time-out for one that was). Then it searches until "KRTracker/TargetDetected"
 // (or "KRTracker/StopSearch") arrives:
-//  - head only: the head sweeps five yaw positions across its range, from the right to the
-//    left, pausing at each, then returns to the front while the robot turns half a round to
-//    the left ("moveTo"); each full round looks at another height;
+//  - head only: the gaze goes first where the target most likely is, the last target the
+//    lookers had (the smoother carries it along its path through the time-out), then one step
+//    either side of it, first on the side the target was moving to (the left when it was
+//    still or never seen), then farther out on that side and on the other to the head's
+//    reach (SearchPattern), with steps of at most the camera's field of view. Then, where the
+//    robot can turn, the base turns ("moveTo") round the back with the head held at its
+//    limit, still leading, until the whole field around the robot has been in view. Each
+//    round looks at another height. At each stop the gaze rests one camera frame, plus the
+//    camera's latency, plus the servos' settling, so that a target in view is detected before
+//    the gaze moves on. A robot that cannot turn searches what its head reaches, one round
+//    per height, then ends the search and looks back where the target was;
 //  - whole body ("setUseWholeBodyLookAt"(true)): the gaze steps round the robot with
-//    "_lookAtWb", the base turning with it.
+//    "_lookAtWb", the base turning with it, toward the side the target was moving to.
 // Head moves run at the fraction of the joints' velocity limits set by "setFractionMaxSpeed".
+//
+// Events raised in KRMemory: kSearchStarted when a search starts, kSearchEnded when it ends,
+// with the reason as a text: "found", "stopped" or "exhausted" (nothing left to look at).
 //
 // Remote methods: "initialize"(), "startEvent"(), "stopSearcher"(), "setFractionMaxSpeed"
 // (float), "getFractionMaxSpeed"() -> float, "setUseWholeBodyLookAt"(bool), "exit"().
@@ -16,42 +28,87 @@
 #include <chrono>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include <kr/broker/broker.h>
+#include <kr/math/types.h>
 #include <kr/model/trackermodel.h>
 
 #include <krsim/tracking/context.h>
+#include <krsim/tracking/target_input.h>
 
 namespace KR {
 namespace Sim {
 
+/// Where a search looks, as world yaw angles of the gaze [rad], in order: the first stop
+/// (`origin`), the stops one `step` on either side of it (first on `side`: +1 left, -1 right)
+/// when `alternate` (a place where the target most likely is), then outward on `side` to the
+/// head's reach, then outward on the other side to its reach,
+/// and, when the robot can turn, on round the back in the same direction until the whole
+/// field around the robot has been in view. The head's reach is `headLimit` either way of the
+/// torso's heading `torsoYaw`; `view` is the camera's horizontal field of view.
+struct SearchPattern {
+  float origin = 0.0f;
+  int side = 1;
+  bool alternate = true;
+  float step = 0.9f;
+  float view = 1.0f;
+  bool canTurn = true;
+  float torsoYaw = 0.0f;
+  float headLimit = 2.0f;
+  /// The stops in order; `farSide`, when given, receives the index of the first stop of the
+  /// other side's sweep.
+  std::vector<float> stops(std::size_t* farSide = nullptr) const;
+};
+
+/// Time the gaze rests at a stop [s]: the wait for the next frame, its delivery and the
+/// servos' settling.
+double searchDwell(double cameraRateHz, double latencyS);
+
 struct RoundSearcherState {
-  enum class Phase { Start, Head, Turn, Gaze };
+  enum class Phase { Start, Move, Dwell, Gaze };
   bool enabled = false;      // started: searches when the target is lost
   bool searching = false;    // searching now
   bool haltPending = false;  // found: stop the turn at the next update
-  float fraction = 0.5f;     // speed fraction of the head (RoundSearcher::kDefaultFraction)
+  float fraction = 1.0f;     // speed fraction of the head (RoundSearcher::kDefaultFraction)
   bool useWholeBody = false;
   Phase phase = Phase::Start;
-  int step = 0;          // head position of the sweep, or gaze step
-  int round = 0;         // completed half rounds
-  float headYaw = 0.0f;  // last commanded search yaw [rad]
+  int step = 0;              // stop of the round, or gaze step
+  std::vector<float> stops;  // the round's stops (SearchPattern::stops)
+  std::size_t farSide = 0;   // the first stop of the other side's sweep
+  int round = 0;             // completed rounds
+  float headYaw = 0.0f;      // last commanded search yaw [rad]
+  float pitch = 0.0f;        // head pitch of the round [rad]
+  SearchPattern pattern;
   KRTimePoint phaseEnd{};
-  bool turnSent = false;
+  bool turnSent = false;      // a base turn of the current stop is under way
+  bool baseMoving = false;    // the base turns toward the back under the far side's sweep
+  bool turned = false;        // the search has turned the base
+  bool alignPending = false;  // found: turn the base under the head at alignAt
+  KRTimePoint alignAt{};
   bool gazeSent = false;
+  std::vector<std::string> endings;  // end events to raise at the next update
 };
 
 class RoundSearcher : public SimModule {
  public:
-  static constexpr float kDefaultFraction = 0.5f;
-  /// Pause at each head position, for the detectors to see [ms].
-  static constexpr std::chrono::milliseconds kDwell{250};
-  /// Head positions of one sweep.
-  static constexpr int kSweepPositions = 5;
+  /// The search moves the head at the joints' full speed: every stop saved counts.
+  static constexpr float kDefaultFraction = 1.0f;
+  /// After a find, the lookers' first commands come before the base turns under the head.
+  static constexpr std::chrono::milliseconds kAlignDelay{150};
+  /// The servos' settling at a stop [ms].
+  static constexpr std::chrono::milliseconds kSettle{50};
+  /// Widest step between two stops, as a share of the camera's horizontal field of view (the
+  /// camera also sees on the way between stops).
+  static constexpr float kStepOfView = 1.0f;
   /// Gaze step of the whole-body search [rad].
   static constexpr float kWholeBodyStep = 1.2f;
+  /// The head is at a stop within this much of it [rad].
+  static constexpr float kArrived = 0.03f;
+  static constexpr const char* kSearchStarted = "RoundSearcher/SearchStarted";
+  static constexpr const char* kSearchEnded = "RoundSearcher/SearchEnded";
   /// Heights of the successive rounds, as head pitch [rad] (clipped to the joint).
   static const std::vector<float>& pitchRows();
 
@@ -71,23 +128,32 @@ class RoundSearcher : public SimModule {
   RoundSearcherState snapshot() const;
 
  private:
-  void xOnLost();
+  void xOnLost(const KRValue& last);
   void xOnFound();
-  /// Stops what the search set going; caller holds fMutex.
-  void xHalt();
-  float xPitch() const;
-  void xNextHead(KRTimePoint now);
-  void xStartTurn(KRTimePoint now);
+  /// Stops what the search set going; when the target was found after the search turned the
+  /// base, the base is turned under the head a moment later (xAlign). Caller holds fMutex.
+  void xHalt(bool found, KRTimePoint now);
+  void xEnd(const std::string& reason);
+  float xRowPitch() const;
+  float xTorsoYaw() const;
+  void xPlan(KRTimePoint now);
+  void xNextStop(KRTimePoint now);
+  void xArrive(KRTimePoint now);
+  void xAlign();
   void xNextGaze(KRTimePoint now);
 
   std::shared_ptr<SimMemory> fMemory;
   std::shared_ptr<SimMotion> fMotionService;
+  std::shared_ptr<World> fWorld;
   std::shared_ptr<KR::KRProxy> fMotion;
   Model::KRTrackerModel fModel;
+  float fFieldOfView;  // horizontal, of the camera the world uses [rad]
+  TargetInput fLead;   // the last target given to the lookers
   std::vector<int> fSubscriptions;
 
   mutable std::mutex fMutex;
   RoundSearcherState fState;
+  std::optional<Math::Position3D> fLastSeen;  // world frame, from the loss event [m]
 };
 
 }  // namespace Sim

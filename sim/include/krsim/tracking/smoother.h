@@ -23,8 +23,11 @@
 // predicted to when a command sent now takes effect (kCommandLead ahead). Off: the detection
 // as delivered, filed at its capture time, published as filtered, without prediction.
 //
-// Lost and found: when no observation has arrived for the time-out (counted from the start
-// when the target was never seen) it raises "KRTracker/TargetLost" once; the next
+// Through the time-out, a target that was moving is published along its predicted path, one
+// that was still where it vanished.
+//
+// Lost and found: when no observation has arrived for the time-out, or at once for a target
+// never seen since the start, it raises "KRTracker/TargetLost" once; the next
 // observation raises "KRTracker/TargetDetected". Both carry the last sample (TrackInfos
 // KRValue form), or an invalid value when there is none.
 //
