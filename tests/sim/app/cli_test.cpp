@@ -74,6 +74,13 @@ void expectOneLineRefusal(const Result& r, const std::vector<std::string>& fragm
 
 TEST(CommandLineErrors, EachBadOptionIsNamedAndNothingIsWritten) {
   const std::string dir = freshDirectory("options");
+  // Inputs that would block whoever opens them for reading.
+  const std::string fifo = freshDirectory("fifos") + "/robot.xml";
+  const std::string fifoScenario = freshDirectory("fifos") + "/scenario.yaml";
+  for (const std::string& f : {fifo, fifoScenario}) {
+    ::unlink(f.c_str());
+    ASSERT_EQ(::mkfifo(f.c_str(), 0600), 0) << f;
+  }
   const std::vector<std::string> outputs = {"--csv", dir + "/run.csv", "--plot", dir + "/run.png"};
   const struct {
     std::vector<std::string> args;
@@ -144,6 +151,10 @@ TEST(CommandLineErrors, EachBadOptionIsNamedAndNothingIsWritten) {
       {{"--robot", "/dev/zero"}, {"robot", "/dev/zero", "not a regular file"}},
       {{"--robot", dir}, {"robot", "not a regular file"}},
       {{"--scenario", "/dev/null"}, {"scenario", "not a regular file"}},
+      {{"--robot", fifo}, {"robot '" + fifo + "' is not a regular file"}},
+      {{"--scenario", fifoScenario}, {"scenario '" + fifoScenario + "' is not a regular file"}},
+      {{"angles", "--robot", fifo, "--look-at", "1", "0", "0"},
+       {"robot '" + fifo + "' is not a regular file"}},
       // Outputs: an input, twice the same file, a folder that cannot be written.
       {{"--csv", dir + "/x.csv", "--plot", dir + "/x.png", "--json", dir + "/x.csv"},
        {"--json", "also the file of --csv"}},

@@ -18,6 +18,13 @@ namespace Sim {
 /// The service's name on the broker.
 inline constexpr const char* kTrackerServiceModule = "KRTracker";
 
+/// Binds the service's methods on `service`, forwarding to `tracker`.
+void bindTrackerMethods(KR::KRModule& service, Tracker::GenericTracker* tracker);
+
+/// The service's methods bound to no tracker: for checking a call's name and arguments
+/// (KRModule::checkArguments) before anything runs; never invoked.
+const KR::KRModule& trackerMethodTable();
+
 class TrackerService : public KR::KRModule {
  public:
   explicit TrackerService(const std::shared_ptr<KR::KRBroker>& broker);
