@@ -18,6 +18,7 @@
 #include <krsim/report/json_summary.h>
 #include <krsim/report/output_files.h>
 #include <krsim/report/plot.h>
+#include <krsim/report/staged_outputs.h>
 #include <krsim/report/summary_table.h>
 #include <krsim/run/run_loop.h>
 #include <krsim/run/run_setup.h>
@@ -50,10 +51,10 @@ Scenario prepare(const RunConfig& config) {
   }
 }
 
-/// Where the outputs go, checked: UsageError otherwise.
-void prepareOutputs(RunConfig& config, const Scenario& scenario) {
+/// Where the outputs go, checked: UsageError otherwise. Returns the files the run replaces.
+std::vector<std::string> prepareOutputs(RunConfig& config, const Scenario& scenario) {
   try {
-    decideOutputs(config, scenario.name, {scenario.robot->path, scenario.file});
+    return decideOutputs(config, scenario.name, {scenario.robot->path, scenario.file});
   } catch (const KRError& e) {
     throw UsageError(e.message());
   }
@@ -90,10 +91,80 @@ RunResult playOnce(ScenarioRun& run, bool realtime, std::ostream* progress, std:
   return playRun(run, realtime, cpuStart);
 }
 
-RunResult runOnce(const Scenario& scenario, const SimulationConfig& config) {
+/// A file removed when the run is over, whatever happens.
+struct TemporaryFile {
+  std::string path;
+  TemporaryFile() = default;
+  TemporaryFile(const TemporaryFile&) = delete;
+  TemporaryFile& operator=(const TemporaryFile&) = delete;
+  ~TemporaryFile() {
+    if (!path.empty())
+      std::remove(path.c_str());
+  }
+};
+
+/// The files of one run: its CSV and its plot, empty when not written.
+struct RunFiles {
+  std::string csv;
+  std::string plot;
+};
+
+/// Where the run's CSV is streamed: its own file, staged, or a temporary one for a plot
+/// without a CSV of its own; empty when neither is written.
+std::string csvPathFor(const RunFiles& files, StagedOutputs& outputs, TemporaryFile& temporary) {
+  if (!files.csv.empty())
+    return outputs.stage(files.csv);
+  if (files.plot.empty())
+    return "";
+  char name[] = "/tmp/krtracker-sim-XXXXXX";
+  const int fd = ::mkstemp(name);
+  if (fd < 0)
+    throw std::runtime_error("cannot create a temporary file");
+  ::close(fd);
+  temporary.path = name;
+  return temporary.path;
+}
+
+/// Plays `run` with its CSV streamed to `csvPath` (none when empty), flushed at the end.
+RunResult playToCsv(ScenarioRun& run, const std::string& csvPath, const std::string& shownAs,
+                    bool realtime, std::ostream* progress, const SnapshotHook& hook,
+                    std::clock_t cpuStart) {
+  std::ofstream csv;
+  if (!csvPath.empty()) {
+    csv.open(csvPath);
+    if (!csv)
+      throw std::runtime_error("cannot write " + shownAs);
+  }
+  RunResult r = playOnce(run, realtime, progress, csvPath.empty() ? nullptr : &csv, hook, cpuStart);
+  if (!csvPath.empty() && !csv.flush())
+    throw std::runtime_error("cannot write " + shownAs);
+  return r;
+}
+
+std::string modeText(const RunConfig& config, const Scenario& scenario) {
+  return config.mode.empty() ? scenario.modeText : config.mode;
+}
+
+/// The plot of a run from its CSV, staged; false when nothing was simulated (none drawn).
+bool drawStaged(const RunConfig& config, const Scenario& scenario, const RunResult& r,
+                const std::string& csvPath, const std::string& plot, StagedOutputs& outputs) {
+  if (plot.empty() || r.simulatedS <= 0.0)
+    return false;
+  drawPlot(csvPath, outputs.stage(plot), config, *scenario.robot->robot, modeText(config, scenario),
+           plot);
+  return true;
+}
+
+/// One run of many, with its own CSV and plot when asked.
+RunResult runOnce(const RunConfig& config, const Scenario& scenario,
+                  const SubModuleFactory& modules, const RunFiles& files, StagedOutputs& outputs) {
   const std::clock_t cpuStart = std::clock();
-  const auto run = buildRun(scenario, config);
-  return playOnce(*run, false, nullptr, nullptr, {}, cpuStart);
+  const auto run = buildRun(scenario, simulationConfig(config, modules));
+  TemporaryFile temporary;
+  const std::string csvPath = csvPathFor(files, outputs, temporary);
+  const RunResult r = playToCsv(*run, csvPath, files.csv, false, nullptr, {}, cpuStart);
+  drawStaged(config, scenario, r, csvPath, files.plot, outputs);
+  return r;
 }
 
 /// The thresholds behind "on target", stated under the table.
@@ -107,9 +178,10 @@ std::string measuresNote(const Scenario& scenario) {
   return "On target: visible and line-of-sight error under " + text + "\n";
 }
 
-/// Each seed of `range` with `config`, two at a time.
-std::vector<RunResult> runSeeds(const Scenario& scenario, const SimulationConfig& config,
-                                SeedRange range) {
+/// Each seed of `range` with `variant`, two at a time, each writing its own files.
+std::vector<RunResult> runSeeds(const Scenario& scenario, const RunConfig& variant,
+                                const SubModuleFactory& modules, SeedRange range,
+                                StagedOutputs& outputs) {
   const std::size_t n = range.last - range.first + 1;
   std::vector<RunResult> results(n);
   std::atomic<std::size_t> next{0};
@@ -117,10 +189,13 @@ std::vector<RunResult> runSeeds(const Scenario& scenario, const SimulationConfig
   std::exception_ptr failure;
   auto worker = [&] {
     for (std::size_t i = next++; i < n; i = next++) {
-      SimulationConfig c = config;
+      RunConfig c = variant;
       c.seed = range.first + static_cast<std::uint32_t>(i);
+      const std::string suffix = runSuffix(c, c.compensation, c.seed);
+      const RunFiles files{c.csv.empty() ? "" : perRunPath(c.csv, suffix),
+                           c.plot.empty() ? "" : perRunPath(c.plot, suffix)};
       try {
-        results[i] = runOnce(scenario, c);
+        results[i] = runOnce(c, scenario, modules, files, outputs);
       } catch (...) {
         std::lock_guard<std::mutex> lock(failureMutex);
         failure = std::current_exception();
@@ -156,9 +231,23 @@ std::string reportSeeds(const RunConfig& variant, const Scenario& scenario, Seed
   return seedsJson(variant, total, range, runs, cpu);
 }
 
-/// Many runs: summaries only (no CSV nor plot), the seeds two at a time.
+/// "CSV:  first ... last (N files)" of many runs' files.
+void printRunFiles(const char* label, const RunConfig& config, const std::string& path,
+                   SeedRange range, std::ostream& out) {
+  if (path.empty())
+    return;
+  const std::size_t n = (range.last - range.first + 1) * (config.compare.empty() ? 1 : 2);
+  const std::string first = perRunPath(path, runSuffix(config, true, range.first));
+  const std::string last = perRunPath(path, runSuffix(config, config.compare.empty(), range.last));
+  out << label << absolutePath(first);
+  if (n > 1)
+    out << " ... " << absolutePath(last) << " (" << n << " files)";
+  out << "\n";
+}
+
+/// Many runs: the summaries, and each run's own CSV and plot when asked; two at a time.
 int runMany(const RunConfig& config, const Scenario& scenario, const SubModuleFactory& modules,
-            std::ostream& out) {
+            StagedOutputs& outputs, std::ostream& out) {
   std::vector<RunConfig> variants = {config};
   if (!config.compare.empty()) {
     variants = {config, config};
@@ -170,21 +259,21 @@ int runMany(const RunConfig& config, const Scenario& scenario, const SubModuleFa
       << scenario.robot->robot->getName() << ", seeds " << range.first << "-" << range.last << "\n";
   std::vector<std::string> json;  // one summary per variant
   for (const auto& variant : variants) {
-    const auto results = runSeeds(scenario, simulationConfig(variant, modules), range);
+    const auto results = runSeeds(scenario, variant, modules, range, outputs);
     json.push_back(reportSeeds(variant, scenario, range, results, out));
   }
+  // Two comparisons go into one file as a JSON list of the two summaries.
   if (!config.json.empty()) {
-    // Two comparisons go into one file as a JSON list of the two summaries.
-    writeText(config.json,
-              json.size() == 1 ? json.front() : "[\n" + json[0] + ",\n" + json[1] + "]\n");
-    out << "JSON: " << absolutePath(config.json) << "\n";
+    outputs.writeText(config.json,
+                      json.size() == 1 ? json.front() : "[\n" + json[0] + ",\n" + json[1] + "]\n");
   }
+  outputs.commit();
+  printRunFiles("CSV:  ", config, config.csv, range, out);
+  printRunFiles("Plot: ", config, config.plot, range, out);
+  if (!config.json.empty())
+    out << "JSON: " << absolutePath(config.json) << "\n";
   const int signal = StopSignals::received();
   return signal ? 128 + signal : 0;
-}
-
-std::string modeText(const RunConfig& config, const Scenario& scenario) {
-  return config.mode.empty() ? scenario.modeText : config.mode;
 }
 
 void printHeader(const RunConfig& config, const Scenario& scenario, std::ostream& out) {
@@ -198,33 +287,7 @@ void printHeader(const RunConfig& config, const Scenario& scenario, std::ostream
     out << "note: " << note << "\n";
 }
 
-/// A file removed when the run is over, whatever happens.
-struct TemporaryFile {
-  std::string path;
-  TemporaryFile() = default;
-  TemporaryFile(const TemporaryFile&) = delete;
-  TemporaryFile& operator=(const TemporaryFile&) = delete;
-  ~TemporaryFile() {
-    if (!path.empty())
-      std::remove(path.c_str());
-  }
-};
-
-/// The run's CSV: the one asked for, or a temporary one for a plot without a CSV of its own.
-std::string csvPathFor(const RunConfig& config, TemporaryFile& temporary) {
-  if (!config.csv.empty() || config.plot.empty())
-    return config.csv;
-  char name[] = "/tmp/krtracker-sim-XXXXXX";
-  const int fd = ::mkstemp(name);
-  if (fd < 0)
-    throw std::runtime_error("cannot create a temporary file");
-  ::close(fd);
-  temporary.path = name;
-  return temporary.path;
-}
-
-void printSummary(const RunConfig& config, const Scenario& scenario, const RunResult& r,
-                  std::ostream& out) {
+void printSummary(const Scenario& scenario, const RunResult& r, std::ostream& out) {
   if (r.interrupted) {
     out << "\nStopped by signal " << StopSignals::received() << " after " << std::fixed
         << std::setprecision(2) << r.simulatedS << " s: what ran is measured below\n";
@@ -233,46 +296,38 @@ void printSummary(const RunConfig& config, const Scenario& scenario, const RunRe
       << std::setprecision(3) << r.cpuS << " s of CPU (" << std::setprecision(0)
       << (r.cpuS > 0.0 ? r.simulatedS / r.cpuS : 0.0) << "x real time)\n"
       << formatSummary(r.summaries) << measuresNote(scenario);
-  if (!config.csv.empty())
-    out << "CSV:  " << absolutePath(config.csv) << "\n";
 }
 
-/// The JSON summary and the plot of a single run.
+/// The JSON summary and the plot of a single run, staged with its CSV, then all put in place
+/// together.
 void writeOutputs(const RunConfig& config, const Scenario& scenario, const RunResult& r,
-                  const std::string& csvPath, std::ostream& out) {
+                  const std::string& csvPath, StagedOutputs& outputs, std::ostream& out) {
   if (!config.json.empty()) {
     const RunRecord record{scenario.name, scenario.robot->robot->getName(), r.simulatedS, r.cpuS};
-    writeText(config.json, summaryJson(config, record, measuresOf(r.summaries)));
+    outputs.writeText(config.json, summaryJson(config, record, measuresOf(r.summaries)));
+  }
+  const bool drawn = drawStaged(config, scenario, r, csvPath, config.plot, outputs);
+  outputs.commit();
+  if (!config.csv.empty())
+    out << "CSV:  " << absolutePath(config.csv) << "\n";
+  if (!config.json.empty())
     out << "JSON: " << absolutePath(config.json) << "\n";
-  }
-  if (config.plot.empty())
-    return;
-  if (r.simulatedS <= 0.0) {
+  if (drawn)
+    out << "Plot: " << absolutePath(config.plot) << "\n";
+  else if (!config.plot.empty())
     out << "Plot: not drawn, nothing was simulated\n";
-    return;
-  }
-  drawPlot(csvPath, config.plot, config, *scenario.robot->robot, modeText(config, scenario));
-  out << "Plot: " << absolutePath(config.plot) << "\n";
 }
 
 int runSingle(const RunConfig& config, const Scenario& scenario, ScenarioRun& run,
-              std::clock_t cpuStart, const SnapshotHook& hook, std::ostream& out) {
+              std::clock_t cpuStart, const SnapshotHook& hook, StagedOutputs& outputs,
+              std::ostream& out) {
   printHeader(config, scenario, out);
   TemporaryFile temporary;
-  const std::string csvPath = csvPathFor(config, temporary);
-  std::ofstream csv;
-  if (!csvPath.empty()) {
-    csv.open(csvPath);
-    if (!csv)
-      throw std::runtime_error("cannot write " + csvPath);
-  }
-  const RunResult r = playOnce(run, config.realtime, config.quiet ? nullptr : &out,
-                               csvPath.empty() ? nullptr : &csv, hook, cpuStart);
-  if (!csvPath.empty() && !csv.flush())
-    throw std::runtime_error("cannot write " + csvPath);
-  csv.close();
-  printSummary(config, scenario, r, out);
-  writeOutputs(config, scenario, r, csvPath, out);
+  const std::string csvPath = csvPathFor({config.csv, config.plot}, outputs, temporary);
+  const RunResult r = playToCsv(run, csvPath, config.csv, config.realtime,
+                                config.quiet ? nullptr : &out, hook, cpuStart);
+  printSummary(scenario, r, out);
+  writeOutputs(config, scenario, r, csvPath, outputs, out);
   return r.interrupted ? 128 + StopSignals::received() : 0;
 }
 
@@ -284,15 +339,15 @@ int RunCommand::run(std::ostream& out, const SubModuleFactory& modules,
     return listScenariosTo(out);
   const Scenario scenario = prepare(config);
   if (config.seeds || !config.compare.empty()) {
-    prepareOutputs(config, scenario);
+    StagedOutputs outputs(prepareOutputs(config, scenario));
     StopSignals stopSignals;
-    return runMany(config, scenario, modules, out);
+    return runMany(config, scenario, modules, outputs, out);
   }
   const std::clock_t cpuStart = std::clock();
   const auto run = buildRun(scenario, simulationConfig(config, modules));
-  prepareOutputs(config, scenario);
+  StagedOutputs outputs(prepareOutputs(config, scenario));
   StopSignals stopSignals;
-  return runSingle(config, scenario, *run, cpuStart, snapshot, out);
+  return runSingle(config, scenario, *run, cpuStart, snapshot, outputs, out);
 }
 
 }  // namespace Sim

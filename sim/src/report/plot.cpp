@@ -66,7 +66,7 @@ void runGnuplot(const std::string& script, const std::string& args, const std::s
 }  // namespace
 
 void drawPlot(const std::string& csv, const std::string& png, const RunConfig& config,
-              const Model::Robot& robot, const std::string& modeText) {
+              const Model::Robot& robot, const std::string& modeText, const std::string& shownAs) {
   const std::string script = findDataFile("tools/plot.gp");
   if (script.empty())
     throw std::runtime_error("cannot find tools/plot.gp");
@@ -81,7 +81,7 @@ void drawPlot(const std::string& csv, const std::string& png, const RunConfig& c
        << "subtitle=" << gpString(subtitle.str()) << "; yawmin=" << head.yaw.min * kDeg
        << "; yawmax=" << head.yaw.max * kDeg << "; pitchmin=" << head.pitch.min * kDeg
        << "; pitchmax=" << head.pitch.max * kDeg;
-  runGnuplot(script, args.str(), png);
+  runGnuplot(script, args.str(), shownAs.empty() ? png : shownAs);
 }
 
 }  // namespace Sim

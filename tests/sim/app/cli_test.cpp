@@ -160,7 +160,25 @@ TEST(CommandLineErrors, EachBadOptionIsNamedAndNothingIsWritten) {
        {"--json", "also the file of --csv"}},
       {{"--csv", KRTRACKER_ROBOTS_DIR "/kibo.xml", "--plot", dir + "/x.png"},
        {"--csv", "kibo.xml", "input"}},
-      {{"--csv", "/proc/krtracker/run.csv", "--plot", dir + "/x.png"}, {"--csv", "cannot write"}},
+      {{"--csv", "/proc/krtracker/run.csv", "--plot", dir + "/x.png"},
+       {"--csv /proc/krtracker/run.csv: no folder /proc/krtracker (it is not created)"},
+       true},
+      // A missing folder is refused the same way for every output, and never created.
+      {{"--csv", dir + "/missing/run.csv", "--plot", dir + "/x.png"},
+       {"--csv " + dir + "/missing/run.csv: no folder " + dir + "/missing (it is not created)"},
+       true},
+      {{"--plot", dir + "/missing/run.png", "--csv", dir + "/x.csv"},
+       {"--plot " + dir + "/missing/run.png: no folder " + dir + "/missing (it is not created)"},
+       true},
+      {{"--json", dir + "/missing/run.json"},
+       {"--json " + dir + "/missing/run.json: no folder " + dir + "/missing (it is not created)"},
+       true},
+      {{"--snapshots", dir + "/missing/pictures"},
+       {"--snapshots " + dir + "/missing/pictures: no folder " + dir +
+        "/missing (it is not created)"},
+       true},
+      {{"--json", dir + "/" + std::string(300, 'a') + "/b/run.json"}, {"--json", "no folder"}},
+      {{"--json", fifo}, {"--json " + fifo + " is not a regular file"}, true},
       {{"--snapshots", "/proc/krtracker"}, {"--snapshots", "not a folder that can be written"}},
       // The angles dry run.
       {{"angles", "--look-at", "1", "0", "0"}, {"angles needs --robot FILE"}, true},
@@ -274,6 +292,10 @@ TEST(CommandLineErrors, ASignalStopsTheRunWithEverythingMeasuredSoFarWritten) {
   const std::string json = readFile(dir + "/run.json");
   EXPECT_NE(json.find("\"simulated_s\": 20.01"), std::string::npos) << json;
   EXPECT_NE(json.find("\"name\": \"whole body + arms\""), std::string::npos);
+  // Complete files of what ran, and nothing else.
+  auto names = filesIn(dir);
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names, (std::vector<std::string>{"pictures", "run.csv", "run.json"}));
 }
 
 TEST(CommandLineTest, ListsTheScenariosAndHelps) {
@@ -526,6 +548,83 @@ TEST(ScenarioFileTest, MistakesNameTheFileTheLineAndTheField) {
       EXPECT_NE(e.message().find(c.where), std::string::npos) << e.message();
     }
   }
+}
+
+// Outputs are written whole or not at all, and a run's files all come from that run.
+std::string outputsIn(const std::string& dir) {
+  auto names = filesIn(dir);
+  std::sort(names.begin(), names.end());
+  std::string text;
+  for (const auto& n : names)
+    text += n + " ";
+  return text;
+}
+
+TEST(OutputFilesTest, AFailedRunLeavesThePreviousFilesUntouched) {
+  const std::string dir = freshDirectory("failed_run");
+  const std::vector<std::string> outputs = {
+      "--quiet",          "--physics", "kinematic",        "--csv", dir + "/table.csv", "--plot",
+      dir + "/table.png", "--json",    dir + "/table.json"};
+  auto args = [&](const std::string& scenario) {
+    std::vector<std::string> a = {"--scenario", scenario};
+    a.insert(a.end(), outputs.begin(), outputs.end());
+    return a;
+  };
+  const Result good = runWithTracker(args(writeScenario("table", kUserScenario)));
+  ASSERT_EQ(good.code, 0) << good.err;
+  const std::string csv = readFile(dir + "/table.csv");
+  const std::string png = readFile(dir + "/table.png");
+  const std::string json = readFile(dir + "/table.json");
+  // A value the tracker itself rejects is only found when the call runs, 2 s in.
+  const Result bad = runWithTracker(args(writeScenario(
+      "table_leg", replaced(kUserScenario, "  - {time: 0, call: track, args: [RedBall]}",
+                            "  - {time: 0, call: track, args: [RedBall]}\n"
+                            "  - {time: 2, call: setEffector, args: [Leg]}"))));
+  EXPECT_EQ(bad.code, 1);
+  EXPECT_NE(bad.err.find("Invalid effector name"), std::string::npos) << bad.err;
+  EXPECT_EQ(readFile(dir + "/table.csv"), csv);
+  EXPECT_EQ(readFile(dir + "/table.png"), png);
+  EXPECT_EQ(readFile(dir + "/table.json"), json);
+  EXPECT_EQ(outputsIn(dir), "table.csv table.json table.png ");
+}
+
+TEST(OutputFilesTest, ARunReplacesAllItsOutputsTogether) {
+  const std::string dir = freshDirectory("replaced");
+  const std::vector<std::string> outputs = {
+      "--quiet", "--physics",       "kinematic", "--csv",           dir + "/ball.csv",
+      "--plot",  dir + "/ball.png", "--json",    dir + "/ball.json"};
+  auto run = [&](const std::string& duration) {
+    std::vector<std::string> a = {"--duration", duration};
+    a.insert(a.end(), outputs.begin(), outputs.end());
+    return runWithTracker(a);
+  };
+  ASSERT_EQ(run("1").code, 0);
+  EXPECT_EQ(outputsIn(dir), "ball.csv ball.json ball.png ");
+  // A run that simulates nothing draws no plot: the older run's picture goes with its CSV.
+  const Result empty = run("0.001");
+  ASSERT_EQ(empty.code, 0) << empty.err;
+  EXPECT_EQ(outputsIn(dir), "ball.csv ball.json ");
+  EXPECT_NE(readFile(dir + "/ball.json").find("\"simulated_s\": 0.0"), std::string::npos);
+}
+
+TEST(OutputFilesTest, ManyRunsWriteOneFilePerRunWithItsSuffix) {
+  const std::string dir = freshDirectory("many");
+  const Result r =
+      runWithTracker({"--scenario", "step", "--physics", "kinematic", "--duration", "3", "--seeds",
+                      "3-4", "--compare", "compensation", "--csv", dir + "/s.csv", "--plot",
+                      dir + "/s.png", "--json", dir + "/s.json"});
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(outputsIn(dir),
+            "s-compensation-off-seed3.csv s-compensation-off-seed3.png "
+            "s-compensation-off-seed4.csv s-compensation-off-seed4.png "
+            "s-compensation-on-seed3.csv s-compensation-on-seed3.png "
+            "s-compensation-on-seed4.csv s-compensation-on-seed4.png s.json ");
+  EXPECT_NE(r.out.find("(4 files)"), std::string::npos) << r.out;
+  // Each file is its own run: another seed, or compensation off, gives other samples.
+  const std::string on3 = readFile(dir + "/s-compensation-on-seed3.csv");
+  EXPECT_EQ(std::count(on3.begin(), on3.end(), '\n'), 301);  // header and 3 s of steps
+  EXPECT_NE(on3, readFile(dir + "/s-compensation-on-seed4.csv"));
+  EXPECT_NE(on3, readFile(dir + "/s-compensation-off-seed3.csv"));
 }
 
 }  // namespace
