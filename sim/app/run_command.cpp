@@ -79,18 +79,6 @@ std::unique_ptr<ScenarioRun> buildRun(const Scenario& scenario, const Simulation
   }
 }
 
-/// Plays a run built by buildRun; streams its CSV if `csv` is not null.
-RunResult playOnce(ScenarioRun& run, bool realtime, std::ostream* progress, std::ostream* csv,
-                   const SnapshotHook& hook, std::clock_t cpuStart) {
-  if (progress != nullptr)
-    run.setProgress([progress](const std::string& line) { *progress << line << "\n"; });
-  if (csv != nullptr)
-    CsvWriter::follow(run, *csv);
-  if (hook)
-    run.setPhaseHook([&run, &hook](const std::string& label) { hook(run.simulation(), label); });
-  return playRun(run, realtime, cpuStart);
-}
-
 /// A file removed when the run is over, whatever happens.
 struct TemporaryFile {
   std::string path;
@@ -125,17 +113,17 @@ std::string csvPathFor(const RunFiles& files, StagedOutputs& outputs, TemporaryF
   return temporary.path;
 }
 
-/// Plays `run` with its CSV streamed to `csvPath` (none when empty), flushed at the end.
+/// Plays one run of many with its CSV streamed to `csvPath` (none when empty).
 RunResult playToCsv(ScenarioRun& run, const std::string& csvPath, const std::string& shownAs,
-                    bool realtime, std::ostream* progress, const SnapshotHook& hook,
                     std::clock_t cpuStart) {
   std::ofstream csv;
   if (!csvPath.empty()) {
     csv.open(csvPath);
     if (!csv)
       throw std::runtime_error("cannot write " + shownAs);
+    CsvWriter::follow(run, csv);
   }
-  RunResult r = playOnce(run, realtime, progress, csvPath.empty() ? nullptr : &csv, hook, cpuStart);
+  RunResult r = playRun(run, false, cpuStart);
   if (!csvPath.empty() && !csv.flush())
     throw std::runtime_error("cannot write " + shownAs);
   return r;
@@ -162,7 +150,7 @@ RunResult runOnce(const RunConfig& config, const Scenario& scenario,
   const auto run = buildRun(scenario, simulationConfig(config, modules));
   TemporaryFile temporary;
   const std::string csvPath = csvPathFor(files, outputs, temporary);
-  const RunResult r = playToCsv(*run, csvPath, files.csv, false, nullptr, {}, cpuStart);
+  const RunResult r = playToCsv(*run, csvPath, files.csv, cpuStart);
   drawStaged(config, scenario, r, csvPath, files.plot, outputs);
   return r;
 }
@@ -215,7 +203,7 @@ std::string reportSeeds(const RunConfig& variant, const Scenario& scenario, Seed
                         const std::vector<RunResult>& results, std::ostream& out) {
   std::vector<std::vector<PhaseMeasures>> runs;
   std::vector<double> cpu;
-  RunRecord total{scenario.name, scenario.robot->robot->getName(), 0.0, 0.0};
+  RunRecord total{scenario.name, scenario.robot->robot->getName(), 0.0, 0.0, ""};
   for (const auto& r : results) {
     runs.push_back(measuresOf(r.summaries));
     cpu.push_back(r.cpuS);
@@ -287,10 +275,20 @@ void printHeader(const RunConfig& config, const Scenario& scenario, std::ostream
     out << "note: " << note << "\n";
 }
 
+/// How the run ended, for the summary and the JSON.
+std::string statusOf(const RunResult& r) {
+  if (r.interrupted)
+    return "stopped by signal " + std::to_string(StopSignals::received());
+  return r.stoppedBy.empty() ? "completed" : r.stoppedBy;
+}
+
 void printSummary(const Scenario& scenario, const RunResult& r, std::ostream& out) {
-  if (r.interrupted) {
-    out << "\nStopped by signal " << StopSignals::received() << " after " << std::fixed
-        << std::setprecision(2) << r.simulatedS << " s: what ran is measured below\n";
+  if (r.interrupted || !r.stoppedBy.empty()) {
+    out << "\n"
+        << (r.interrupted ? "Stopped by signal " + std::to_string(StopSignals::received())
+                          : "Stopped (" + r.stoppedBy + ")")
+        << " after " << std::fixed << std::setprecision(2) << r.simulatedS
+        << " s: what ran is measured below\n";
   }
   out << "\nSummary: " << std::fixed << std::setprecision(1) << r.simulatedS << " s simulated in "
       << std::setprecision(3) << r.cpuS << " s of CPU (" << std::setprecision(0)
@@ -299,11 +297,14 @@ void printSummary(const Scenario& scenario, const RunResult& r, std::ostream& ou
 }
 
 /// The JSON summary and the plot of a single run, staged with its CSV, then all put in place
-/// together.
+/// together. The JSON says how the run ended unless it completed in one process.
 void writeOutputs(const RunConfig& config, const Scenario& scenario, const RunResult& r,
                   const std::string& csvPath, StagedOutputs& outputs, std::ostream& out) {
   if (!config.json.empty()) {
-    const RunRecord record{scenario.name, scenario.robot->robot->getName(), r.simulatedS, r.cpuS};
+    RunRecord record{scenario.name, scenario.robot->robot->getName(), r.simulatedS, r.cpuS, ""};
+    const std::string status = statusOf(r);
+    if (status != "completed" || config.transport != "inproc")
+      record.status = status;
     outputs.writeText(config.json, summaryJson(config, record, measuresOf(r.summaries)));
   }
   const bool drawn = drawStaged(config, scenario, r, csvPath, config.plot, outputs);
@@ -318,20 +319,57 @@ void writeOutputs(const RunConfig& config, const Scenario& scenario, const RunRe
     out << "Plot: not drawn, nothing was simulated\n";
 }
 
-int runSingle(const RunConfig& config, const Scenario& scenario, ScenarioRun& run,
-              std::clock_t cpuStart, const SnapshotHook& hook, StagedOutputs& outputs,
-              std::ostream& out) {
-  printHeader(config, scenario, out);
-  TemporaryFile temporary;
-  const std::string csvPath = csvPathFor({config.csv, config.plot}, outputs, temporary);
-  const RunResult r = playToCsv(run, csvPath, config.csv, config.realtime,
-                                config.quiet ? nullptr : &out, hook, cpuStart);
-  printSummary(scenario, r, out);
-  writeOutputs(config, scenario, r, csvPath, outputs, out);
-  return r.interrupted ? 128 + StopSignals::received() : 0;
+}  // namespace
+
+struct PreparedRun::Parts {
+  std::clock_t cpuStart;
+  std::unique_ptr<ScenarioRun> run;
+  StagedOutputs outputs;
+};
+
+PreparedRun::PreparedRun(RunConfig& config, const Scenario& scenario,
+                         const SubModuleFactory& modules) {
+  const std::clock_t cpuStart = std::clock();
+  auto run = buildRun(scenario, simulationConfig(config, modules));
+  fParts.reset(
+      new Parts{cpuStart, std::move(run), StagedOutputs(prepareOutputs(config, scenario))});
 }
 
-}  // namespace
+PreparedRun::~PreparedRun() = default;
+
+int PreparedRun::play(const RunConfig& config, const Scenario& scenario,
+                      const SingleRunHooks& hooks, std::ostream& out) {
+  Parts& p = *fParts;
+  printHeader(config, scenario, out);
+  TemporaryFile temporary;
+  const std::string csvPath = csvPathFor({config.csv, config.plot}, p.outputs, temporary);
+  std::ofstream csv;
+  if (!csvPath.empty()) {
+    csv.open(csvPath);
+    if (!csv)
+      throw std::runtime_error("cannot write " + config.csv);
+  }
+  if (!config.quiet)
+    p.run->setProgress([&out](const std::string& line) { out << line << "\n"; });
+  if (!csvPath.empty())
+    CsvWriter::follow(*p.run, csv);
+  if (hooks.snapshot) {
+    ScenarioRun& run = *p.run;
+    run.setPhaseHook(
+        [&run, &hooks](const std::string& label) { hooks.snapshot(run.simulation(), label); });
+  }
+  const RunResult r = playRun(*p.run, config.realtime, p.cpuStart, hooks.stop);
+  if (hooks.ended)
+    hooks.ended(statusOf(r));
+  if (!csvPath.empty() && !csv.flush())
+    throw std::runtime_error("cannot write " + config.csv);
+  csv.close();
+  printSummary(scenario, r, out);
+  writeOutputs(config, scenario, r, csvPath, p.outputs, out);
+  if (r.interrupted)
+    return 128 + StopSignals::received();
+  return r.stoppedBy.empty() ? 0 : hooks.stoppedCode;
+}
 
 int RunCommand::run(std::ostream& out, const SubModuleFactory& modules,
                     const SnapshotHook& snapshot) {
@@ -343,11 +381,9 @@ int RunCommand::run(std::ostream& out, const SubModuleFactory& modules,
     StopSignals stopSignals;
     return runMany(config, scenario, modules, outputs, out);
   }
-  const std::clock_t cpuStart = std::clock();
-  const auto run = buildRun(scenario, simulationConfig(config, modules));
-  StagedOutputs outputs(prepareOutputs(config, scenario));
+  PreparedRun run(config, scenario, modules);
   StopSignals stopSignals;
-  return runSingle(config, scenario, *run, cpuStart, snapshot, outputs, out);
+  return run.play(config, scenario, {snapshot, {}, {}, 1}, out);
 }
 
 }  // namespace Sim
@@ -367,9 +403,7 @@ void addNumber(CLI::App& app, const std::string& name, const std::string& help,
 
 }  // namespace
 
-void RunCommand::addOptions(CLI::App& app) {
-  RunConfig& c = config;
-  app.add_flag("--list", list, "list the scenarios");
+void addRunOptions(CLI::App& app, RunConfig& c) {
   app.add_option("--scenario", c.scenario,
                  "scenario to run: a name of --list or a YAML file (default: ball)");
   app.add_option("--robot", c.robot, "robot description: a file, or kibo or rover");
@@ -378,10 +412,6 @@ void RunCommand::addOptions(CLI::App& app) {
   app.add_option_function<std::string>(
       "--seed", [&c](const std::string& text) { c.seed = parseSeed(text); },
       "seed of the observation noise (default: 1)");
-  app.add_option_function<std::string>(
-      "--seeds", [&c](const std::string& text) { c.seeds = parseSeeds(text); },
-      "run each seed of A-B (two at a time): mean and 95th percentile of every measure across "
-      "them");
   addNumber(app, "--noise",
             "extra observation noise on top of the camera's, standard deviation [m] (default: 0)",
             [&c](double v) { c.noise = static_cast<float>(v); });
@@ -397,17 +427,27 @@ void RunCommand::addOptions(CLI::App& app) {
       "--compensation",
       [&c](const std::string& text) { c.compensation = parseSwitch("--compensation", text); },
       "latency compensation of the tracking service: on or off (default: on)");
-  app.add_option("--compare", c.compare,
-                 "compensation: run with it on and off and print both rows");
   app.add_option("--physics", c.physics, "physics backend: mujoco or kinematic (default: mujoco)");
-  app.add_flag("--realtime", c.realtime, "run at wall-clock speed");
   app.add_option("--csv", c.csv,
                  "stream one line per 10 ms step: pose, joints commanded and measured, "
                  "observation, tracker state");
   app.add_option("--plot", c.plot, "draw the run with tools/plot.gp (gnuplot)");
   app.add_option("--json", c.json, "write the JSON summary there");
-  app.add_option("--snapshots", c.snapshots, "folder for pictures at each phase boundary");
   app.add_flag("--quiet", c.quiet, "no progress lines");
+}
+
+void RunCommand::addOptions(CLI::App& app) {
+  RunConfig& c = config;
+  app.add_flag("--list", list, "list the scenarios");
+  addRunOptions(app, c);
+  app.add_option_function<std::string>(
+      "--seeds", [&c](const std::string& text) { c.seeds = parseSeeds(text); },
+      "run each seed of A-B (two at a time): mean and 95th percentile of every measure across "
+      "them");
+  app.add_option("--compare", c.compare,
+                 "compensation: run with it on and off and print both rows");
+  app.add_flag("--realtime", c.realtime, "run at wall-clock speed");
+  app.add_option("--snapshots", c.snapshots, "folder for pictures at each phase boundary");
 }
 
 }  // namespace Sim

@@ -82,6 +82,10 @@ std::vector<std::string> perRunPaths(const RunConfig& config, const std::string&
 
 }  // namespace
 
+void checkOutputFile(const std::string& option, const std::string& path) {
+  checkWritable(option, path);
+}
+
 std::string perRunPath(const std::string& path, const std::string& suffix) {
   const auto slash = path.find_last_of('/');
   const auto dot = path.find_last_of('.');

@@ -32,10 +32,16 @@ int StopSignals::received() {
   return gStopSignal;
 }
 
-RunResult playRun(ScenarioRun& run, bool realtime, std::clock_t cpuStart) {
+RunResult playRun(ScenarioRun& run, bool realtime, std::clock_t cpuStart, const StopCheck& stop) {
   using Clock = std::chrono::steady_clock;
   const auto wallStart = Clock::now();
+  std::string stoppedBy;
   while (!gStopSignal && run.step()) {
+    if (stop) {
+      stoppedBy = stop();
+      if (!stoppedBy.empty())
+        break;
+    }
     if (realtime) {
       std::this_thread::sleep_until(wallStart +
                                     std::chrono::duration_cast<Clock::duration>(
@@ -43,7 +49,8 @@ RunResult playRun(ScenarioRun& run, bool realtime, std::clock_t cpuStart) {
     }
   }
   RunResult result;
-  result.interrupted = gStopSignal != 0;
+  result.interrupted = gStopSignal != 0 && stoppedBy.empty();
+  result.stoppedBy = stoppedBy;
   result.summaries = run.summaries();
   result.simulatedS = run.simulatedSeconds();
   result.cpuS = static_cast<double>(std::clock() - cpuStart) / CLOCKS_PER_SEC;

@@ -7,6 +7,7 @@
 #include <kr/error.h>
 #include <kr/math/types.h>
 #include <kr/value/conversions.h>
+#include <krtracker/config/krgenerictrackerconfig.h>
 
 namespace KR {
 namespace Sim {
@@ -138,6 +139,14 @@ void bindConfiguration(KRModule& service, GenericTracker* t) {
     return KRValue(std::move(pairs));
   });
   service.bind("getTrackerConfigStr", &GenericTracker::getTrackerConfigStr, t);
+  // The same pairs without a line on standard error for each value that is not a number: for
+  // a process that copies the table after each change rather than shows it.
+  service.bind("_copyTrackerConfig", []() {
+    KRValue::Array pairs;
+    for (const auto& entry : Tracker::configNumbers())
+      pairs.push_back(KRValue{KRValue(entry.first), KRValue(entry.second)});
+    return KRValue(std::move(pairs));
+  });
 }
 
 }  // namespace

@@ -22,6 +22,10 @@ namespace Sim {
 std::vector<std::string> decideOutputs(RunConfig& config, const std::string& name,
                                        const std::vector<std::string>& inputs);
 
+/// Checks one output file as decideOutputs checks a run's: its folder exists and can be
+/// written, and it is nothing but a file if it exists. KRError("krsim", "outputs", ...).
+void checkOutputFile(const std::string& option, const std::string& path);
+
 /// The file of one run of many: `suffix` before the extension ("out/ball.csv", "-seed3":
 /// "out/ball-seed3.csv").
 std::string perRunPath(const std::string& path, const std::string& suffix);

@@ -4,6 +4,8 @@
 // SIGTERM with what ran measured.
 
 #include <ctime>
+#include <functional>
+#include <string>
 #include <vector>
 
 #include <krsim/run/scenario_run.h>
@@ -31,13 +33,19 @@ class StopSignals {
 struct RunResult {
   std::vector<PhaseSummary> summaries;
   double simulatedS = 0.0;
-  double cpuS = 0.0;  // from `cpuStart`
-  bool interrupted = false;
+  double cpuS = 0.0;         // from `cpuStart`
+  bool interrupted = false;  // by a stop signal
+  std::string stoppedBy;     // what else stopped the run early (StopCheck), empty if nothing
 };
 
-/// Steps `run` until its end or a stop signal, sleeping so that simulated time keeps up
-/// with wall time when `realtime`.
-RunResult playRun(ScenarioRun& run, bool realtime, std::clock_t cpuStart = std::clock());
+/// Asked after each step: why the run must stop now (e.g. the other process of a two-process
+/// run is gone), empty to go on.
+using StopCheck = std::function<std::string()>;
+
+/// Steps `run` until its end, a stop signal or a reason from `stop`, sleeping so that
+/// simulated time keeps up with wall time when `realtime`.
+RunResult playRun(ScenarioRun& run, bool realtime, std::clock_t cpuStart = std::clock(),
+                  const StopCheck& stop = {});
 
 /// The phases' measures alone, as the JSON summary and the seed aggregates take them.
 std::vector<PhaseMeasures> measuresOf(const std::vector<PhaseSummary>& summaries);
