@@ -292,6 +292,7 @@ TEST(CommandLineErrors, ASignalStopsTheRunWithEverythingMeasuredSoFarWritten) {
   const std::string json = readFile(dir + "/run.json");
   EXPECT_NE(json.find("\"simulated_s\": 20.01"), std::string::npos) << json;
   EXPECT_NE(json.find("\"name\": \"whole body + arms\""), std::string::npos);
+  EXPECT_NE(json.find("\"status\": \"stopped by signal 15\""), std::string::npos);
   // Complete files of what ran, and nothing else.
   auto names = filesIn(dir);
   std::sort(names.begin(), names.end());
