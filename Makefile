@@ -15,7 +15,7 @@ CMAKE_ARGS ?=
 DEB_PACKAGES := cmake g++ make libeigen3-dev libboost-dev libspdlog-dev libpugixml-dev \
                 libgtest-dev libgmock-dev libbenchmark-dev gnuplot-nox libcli11-dev nlohmann-json3-dev \
                 libyaml-cpp-dev libmsgpack-cxx-dev libmujoco-dev cyclonedds-dev cyclonedds-tools \
-                libglfw3-dev libpng-dev xvfb xauth libgl1-mesa-dri
+                libglfw3-dev libpng-dev xvfb xauth libgl1-mesa-dri liburdfdom-dev
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
 .PHONY: setup configure build test demo demo-remote test-asan test-tsan bench bench-remote fuzz fuzz-corpus format clean
@@ -56,6 +56,7 @@ test-asan:
 
 # TSAN_BUILD_TARGETS limits the build to the test binaries that TSAN_CTEST_ARGS selects.
 test-tsan:
+	TSAN_OPTIONS="suppressions=$(CURDIR)/tests/tsan.supp $$TSAN_OPTIONS" \
 	$(MAKE) test BUILD=build-tsan CMAKE_ARGS="-DKRTRACKER_SANITIZE=thread" \
 	  BUILD_TARGETS="$(TSAN_BUILD_TARGETS)" CTEST_ARGS="$(TSAN_CTEST_ARGS)"
 
@@ -72,7 +73,7 @@ bench-remote:
 	build-bench/bench/remote_latency
 
 FUZZ_SECONDS ?= 60
-FUZZ_TARGETS := trackinfos tracker_event tracker_config namer robot_xml
+FUZZ_TARGETS := trackinfos tracker_event tracker_config namer robot_xml urdf_mapping urdf
 FUZZ_BUILD := CC=clang CXX=clang++ $(MAKE) build BUILD=build-fuzz \
   EXTRA_PACKAGES="clang libclang-rt-14-dev" \
   CMAKE_ARGS="-DKRTRACKER_BUILD_FUZZ=ON -DKRTRACKER_BUILD_TESTS=OFF -DKRTRACKER_BUILD_SIM=OFF"

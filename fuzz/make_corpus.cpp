@@ -144,6 +144,35 @@ int main(int argc, char** argv) {
   write("robot_xml", "no-right-arm",
         kibo.substr(0, kibo.find("  <arm side=\"right\">")) + "</robot>\n");
 
+  // URDF robots: the shipped mappings and URDFs, and broken copies of each.
+  const std::string lumenYaml = read(robots + "/lumen.yaml");
+  const std::string kiboYaml = read(robots + "/kibo.yaml");
+  write("urdf_mapping", "kibo.yaml", kiboYaml);
+  write("urdf_mapping", "lumen.yaml", lumenYaml);
+  write("urdf_mapping", "rover.yaml", read(robots + "/rover.yaml"));
+  write("urdf_mapping", "unknown-key", edited(lumenYaml, "torso:", "tors:"));
+  write("urdf_mapping", "not-a-list", edited(lumenYaml, "  cameras:\n", "  cameras: {}\n  x:\n"));
+  write("urdf_mapping", "missing-joint", edited(lumenYaml, "yaw: head_pan_joint", "yaw: pan"));
+  write("urdf_mapping", "swapped-head",
+        edited(edited(kiboYaml, "yaw: HeadYaw", "yaw: X"), "pitch: HeadPitch", "pitch: HeadYaw"));
+  write("urdf_mapping", "overrides",
+        lumenYaml +
+            "can_look_behind: true\nwhole_body: {yaw_min: -1}\nmax_velocity: "
+            "{head_pan_joint: 2}\nservos: {head_pan_joint: {stiffness: 9}}\n");
+  const std::string lumenUrdf = read(robots + "/lumen.urdf");
+  const std::string kiboUrdf = read(robots + "/kibo.urdf");
+  write("urdf", "kibo.urdf", kiboUrdf);
+  write("urdf", "lumen.urdf", lumenUrdf);
+  write("urdf", "empty", "");
+  write("urdf", "bad-close", edited(lumenUrdf, "</robot>", "</robo>"));
+  write("urdf", "yaw-down", edited(kiboUrdf, "<axis xyz=\"0 0 1\"/>", "<axis xyz=\"0 0 -1\"/>"));
+  write("urdf", "prismatic-head",
+        edited(lumenUrdf, "\"head_tilt_joint\" type=\"revolute\"",
+               "\"head_tilt_joint\" type=\"prismatic\""));
+  write("urdf", "third-joint",
+        edited(lumenUrdf, "\"head_camera_joint\" type=\"fixed\"",
+               "\"head_camera_joint\" type=\"continuous\""));
+
   std::printf("%d seeds written to %s\n", gWritten, gOut.c_str());
   return 0;
 }

@@ -7,8 +7,12 @@ namespace KR {
 namespace Model {
 
 Math::Transform headNeckPose(const TrackerHead& head, float yaw, float pitch) {
+  if (head.yawToPitch == Math::Position3D()) {
+    return Math::transformFromPosition3D(head.headPosition) * Math::Transform::fromRotZ(yaw) *
+           Math::Transform::fromRotY(pitch);
+  }
   return Math::transformFromPosition3D(head.headPosition) * Math::Transform::fromRotZ(yaw) *
-         Math::Transform::fromRotY(pitch);
+         Math::transformFromPosition3D(head.yawToPitch) * Math::Transform::fromRotY(pitch);
 }
 
 Math::Transform headEffectorPose(const TrackerHead& head, int effector, float yaw, float pitch) {

@@ -7,6 +7,7 @@
 #include <cctype>
 #include <cerrno>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <initializer_list>
@@ -40,6 +41,8 @@ struct Description {
   float cameraHFov = 0.0f;
   float cameraVFov = 0.0f;
   float cameraRange = 0.0f;
+  // Each effector's camera: the camera element's values unless the effector gives its own.
+  std::array<std::array<float, 3>, kTrackEffectorCount> effectorCameras{};
   float torsoMass = Robot().getTorsoMass();
   float headMass = Robot().getHeadMass();
   std::array<float, 2> armMass{Robot().getArmMass("LArm"), Robot().getArmMass("RArm")};
@@ -213,7 +216,7 @@ class DescriptionParser {
 
   // position="x y z" and optional rpy="roll pitch yaw" (R = Rz * Ry * Rx).
   Math::Transform transform(const pugi::xml_node& node) {
-    checkAttributes(node, {"role", "position", "rpy"});
+    checkAttributes(node, {"role", "position", "rpy", "horizontalFov", "verticalFov", "range"});
     checkChildren(node, {});
     const std::vector<float> p = numbers(node, "position", 3);
     std::vector<float> rpy(3, 0.0f);
@@ -289,12 +292,15 @@ class DescriptionParser {
   }
 
   void head(const pugi::xml_node& node, Description& robot) {
-    checkAttributes(node, {"position", "mass"});
+    checkAttributes(node, {"position", "yawToPitch", "mass"});
     robot.headMass = optionalPositive(node, "mass", robot.headMass);
     checkChildren(node, {"joint", "effector"});
     TrackerHead& h = robot.model.head;
     const std::vector<float> p = numbers(node, "position", 3);
     h.headPosition = Math::Position3D(p);
+    if (node.attribute("yawToPitch")) {
+      h.yawToPitch = Math::Position3D(numbers(node, "yawToPitch", 3));
+    }
 
     const auto joints = byRole<2>(node, "joint", {{{"yaw", true}, {"pitch", true}}});
     h.yaw = joint(joints[0], robot);
@@ -304,6 +310,9 @@ class DescriptionParser {
         node, "effector", {{{"cameraTop", true}, {"cameraBottom", true}, {"depthCamera", true}}});
     for (int i = 0; i < kTrackEffectorCount; ++i) {
       h.effectorTransforms[i] = transform(effectors[i]);
+      robot.effectorCameras[i] = {optionalPositive(effectors[i], "horizontalFov", robot.cameraHFov),
+                                  optionalPositive(effectors[i], "verticalFov", robot.cameraVFov),
+                                  optionalPositive(effectors[i], "range", robot.cameraRange)};
     }
   }
 
@@ -434,9 +443,10 @@ std::unique_ptr<Robot> ModelUtils::robotFromXml(const std::string& xml) {
   robot->fCanLookBehind = d.canLookBehind;
   robot->fCanPointAt = d.canPointAt;
   robot->fTorsoHeight = d.torsoHeight;
-  robot->fCameraHFov = d.cameraHFov;
-  robot->fCameraVFov = d.cameraVFov;
-  robot->fCameraRange = d.cameraRange;
+  for (int i = 0; i < kTrackEffectorCount; ++i) {
+    robot->fCameras[i] = {d.effectorCameras[i][0], d.effectorCameras[i][1],
+                          d.effectorCameras[i][2]};
+  }
   robot->fModel = std::move(d.model);
   robot->fJoints = std::move(d.joints);
   robot->fTorsoMass = d.torsoMass;
@@ -444,6 +454,136 @@ std::unique_ptr<Robot> ModelUtils::robotFromXml(const std::string& xml) {
   robot->fArmMass = d.armMass;
   robot->fServos = std::move(d.servos);
   return robot;
+}
+
+namespace {
+
+// Shortest text that reads back as the same float.
+std::string floatText(float v) {
+  char buffer[32];
+  for (int precision = 6; precision <= 9; ++precision) {
+    std::snprintf(buffer, sizeof(buffer), "%.*g", precision, double(v));
+    if (std::strtof(buffer, nullptr) == v) {
+      break;
+    }
+  }
+  return buffer;
+}
+
+std::string floatsText(std::initializer_list<float> values) {
+  std::string text;
+  for (float v : values) {
+    text += (text.empty() ? "" : " ") + floatText(v);
+  }
+  return text;
+}
+
+// position and rpy (R = Rz(yaw) Ry(pitch) Rx(roll)), the angles taken in double precision.
+void writeTransform(pugi::xml_node node, const Math::Transform& t) {
+  const Math::Position3D p = t.translation();
+  node.append_attribute("position") = floatsText({p.x, p.y, p.z}).c_str();
+  const double r11 = t.r1_c1, r21 = t.r2_c1, r31 = t.r3_c1, r32 = t.r3_c2, r33 = t.r3_c3;
+  const double r12 = t.r1_c2, r22 = t.r2_c2;
+  const double cy = std::hypot(r11, r21);
+  const double pitch = std::atan2(-r31, cy);
+  const double roll = cy < 1e-9 ? 0.0 : std::atan2(r32, r33);
+  const double yaw = cy < 1e-9 ? std::atan2(-r12, r22) : std::atan2(r21, r11);
+  if (roll != 0.0 || pitch != 0.0 || yaw != 0.0) {
+    node.append_attribute("rpy") = floatsText({float(roll), float(pitch), float(yaw)}).c_str();
+  }
+}
+
+void writeJoint(pugi::xml_node parent, const char* role, const TrackerJoint& j,
+                const Robot& robot) {
+  pugi::xml_node node = parent.append_child("joint");
+  node.append_attribute("role") = role;
+  node.append_attribute("name") = j.name.c_str();
+  node.append_attribute("min") = floatText(j.min).c_str();
+  node.append_attribute("max") = floatText(j.max).c_str();
+  node.append_attribute("maxVelocity") = floatText(j.maxVelocity).c_str();
+  const JointServo servo = robot.getServo(j.name);
+  node.append_attribute("stiffness") = floatText(servo.stiffness).c_str();
+  node.append_attribute("maxTorque") = floatText(servo.maxTorque).c_str();
+  node.append_attribute("armature") = floatText(servo.armature).c_str();
+}
+
+}  // namespace
+
+std::string ModelUtils::robotToXml(const Robot& robot) {
+  pugi::xml_document doc;
+  pugi::xml_node decl = doc.append_child(pugi::node_declaration);
+  decl.append_attribute("version") = "1.0";
+  decl.append_attribute("encoding") = "UTF-8";
+  pugi::xml_node root = doc.append_child("robot");
+  root.append_attribute("name") = robot.getName().c_str();
+  root.append_attribute("type") = robot.getRobotType();
+  root.append_attribute("canLookBehind") = robot.canLookBehind() ? "true" : "false";
+  root.append_attribute("canPointAt") = robot.canPointAt() ? "true" : "false";
+  pugi::xml_node torso = root.append_child("torso");
+  torso.append_attribute("height") = floatText(robot.getTorsoHeight()).c_str();
+  torso.append_attribute("mass") = floatText(robot.getTorsoMass()).c_str();
+  pugi::xml_node camera = root.append_child("camera");
+  camera.append_attribute("horizontalFov") = floatText(robot.getCameraHorizontalFov()).c_str();
+  camera.append_attribute("verticalFov") = floatText(robot.getCameraVerticalFov()).c_str();
+  camera.append_attribute("range") = floatText(robot.getCameraRange()).c_str();
+  const KRTrackerModel& m = robot.trackerModel();
+  pugi::xml_node wb = root.append_child("wholeBody");
+  wb.append_attribute("pitchMin") = floatText(m.wbPitchMin).c_str();
+  wb.append_attribute("pitchMax") = floatText(m.wbPitchMax).c_str();
+  wb.append_attribute("yawMin") = floatText(m.wbYawMin).c_str();
+  wb.append_attribute("yawMax") = floatText(m.wbYawMax).c_str();
+  wb.append_attribute("lookAtHeight") = floatText(m.wbLookAtHeight).c_str();
+
+  pugi::xml_node head = root.append_child("head");
+  const Math::Position3D& hp = m.head.headPosition;
+  head.append_attribute("position") = floatsText({hp.x, hp.y, hp.z}).c_str();
+  if (!(m.head.yawToPitch == Math::Position3D())) {
+    const Math::Position3D& yp = m.head.yawToPitch;
+    head.append_attribute("yawToPitch") = floatsText({yp.x, yp.y, yp.z}).c_str();
+  }
+  head.append_attribute("mass") = floatText(robot.getHeadMass()).c_str();
+  writeJoint(head, "yaw", m.head.yaw, robot);
+  writeJoint(head, "pitch", m.head.pitch, robot);
+  const char* effectorRoles[kTrackEffectorCount] = {"cameraTop", "cameraBottom", "depthCamera"};
+  for (int i = 0; i < kTrackEffectorCount; ++i) {
+    pugi::xml_node e = head.append_child("effector");
+    e.append_attribute("role") = effectorRoles[i];
+    writeTransform(e, m.head.effectorTransforms[i]);
+    const std::pair<const char*, float> own[] = {{"horizontalFov", robot.getCameraHorizontalFov(i)},
+                                                 {"verticalFov", robot.getCameraVerticalFov(i)},
+                                                 {"range", robot.getCameraRange(i)}};
+    const float robotWide[] = {robot.getCameraHorizontalFov(), robot.getCameraVerticalFov(),
+                               robot.getCameraRange()};
+    for (int k = 0; k < 3; ++k) {
+      if (own[k].second != robotWide[k]) {
+        e.append_attribute(own[k].first) = floatText(own[k].second).c_str();
+      }
+    }
+  }
+
+  const char* armRoles[5] = {"shoulderPitch", "shoulderRoll", "elbowYaw", "elbowRoll", "wristYaw"};
+  const std::pair<const char*, const TrackerArm*> arms[] = {{"left", &m.leftArm},
+                                                            {"right", &m.rightArm}};
+  for (const auto& [side, a] : arms) {
+    if (a->joints[0].name.empty()) {
+      continue;
+    }
+    pugi::xml_node arm = root.append_child("arm");
+    arm.append_attribute("side") = side;
+    arm.append_attribute("mass") = floatText(robot.getArmMass(a->name)).c_str();
+    const Math::Position3D& sp = a->shoulderPosition;
+    arm.append_child("shoulder").append_attribute("position") =
+        floatsText({sp.x, sp.y, sp.z}).c_str();
+    writeTransform(arm.append_child("upperArm"), a->armTransform);
+    for (int i = 0; i < 5; ++i) {
+      if (!a->joints[i].name.empty()) {
+        writeJoint(arm, armRoles[i], a->joints[i], robot);
+      }
+    }
+  }
+  std::ostringstream out;
+  doc.save(out, "  ", pugi::format_default, pugi::encoding_utf8);
+  return out.str();
 }
 
 std::unique_ptr<Robot> ModelUtils::robotFromFile(const std::string& path) {

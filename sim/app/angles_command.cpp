@@ -35,7 +35,8 @@ std::string pointText(const Math::Position3D& point) {
 
 void AnglesCommand::addOptions(CLI::App& command) {
   command.footer("");
-  command.add_option("--robot", robot, "robot description: a file, or kibo or rover");
+  command.add_option("--robot", robot,
+                     "robot: a description (.xml), a URDF mapping (.yaml), or kibo, rover, lumen");
   command
       .add_option("--look-at", lookAt,
                   "head angles toward X Y Z of the torso frame (of the robot frame with "

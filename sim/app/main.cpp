@@ -42,7 +42,8 @@ int main(int argc, char** argv) {
   hooks.snapshot = [&](KR::Sim::Simulation& sim, const std::string& folder,
                        const std::string& label) {
     if (!renderer)
-      renderer = std::make_unique<KR::Sim::SnapshotRenderer>(sim.robot());
+      renderer =
+          std::make_unique<KR::Sim::SnapshotRenderer>(sim.robot(), sim.description().urdf.get());
     std::ostringstream path;
     std::string name = label;
     std::replace(name.begin(), name.end(), ' ', '-');

@@ -271,6 +271,16 @@ void printHeader(const RunConfig& config, const Scenario& scenario, std::ostream
       << " s at 100 Hz, physics " << config.physics << ", camera " << config.camera.cameraRateHz
       << " Hz, latency " << std::setprecision(3) << config.camera.latencyS << " s, compensation "
       << (config.compensation ? "on" : "off") << (config.realtime ? ", real time" : "") << "\n";
+  for (const auto& note : scenario.robot->notes)
+    out << "note: " << note << "\n";
+  const UrdfSource* urdf = scenario.robot->urdf.get();
+  if (urdf && config.physics == "mujoco" && !urdf->missingMeshes.empty()) {
+    out << "note: " << urdf->missingMeshes.size() << " mesh file"
+        << (urdf->missingMeshes.size() == 1 ? "" : "s") << " of " << urdf->urdfPath
+        << " not found (" << urdf->missingMeshes.front()
+        << (urdf->missingMeshes.size() > 1 ? ", ..." : "")
+        << "): the MuJoCo robot has simple shapes sized from its links there\n";
+  }
   for (const auto& note : scenario.notes)
     out << "note: " << note << "\n";
 }
@@ -406,7 +416,8 @@ void addNumber(CLI::App& app, const std::string& name, const std::string& help,
 void addRunOptions(CLI::App& app, RunConfig& c) {
   app.add_option("--scenario", c.scenario,
                  "scenario to run: a name of --list or a YAML file (default: ball)");
-  app.add_option("--robot", c.robot, "robot description: a file, or kibo or rover");
+  app.add_option("--robot", c.robot,
+                 "robot: a description (.xml), a URDF mapping (.yaml), or kibo, rover, lumen");
   app.add_option("--mode", c.mode, "mode of every phase: Head, WholeBody, Move or Navigate");
   app.add_option("--effector", c.effector, "effector of every phase: Arms, LArm, RArm, None");
   app.add_option_function<std::string>(

@@ -389,6 +389,188 @@ TEST(MathLookAt, NoSolutionLeavesOutputsUntouched) {
   }
 }
 
+// ---- look-at with the pitch joint away from the yaw axis ---------------------------------
+
+std::uint32_t floatBits(float v) {
+  std::uint32_t b = 0;
+  std::memcpy(&b, &v, sizeof b);
+  return b;
+}
+
+// The look-at solver as it was before the head model gained yawToPitch, kept verbatim as the
+// reference: with yawToPitch zero every result must stay bit for bit the same.
+bool referenceLookAtAngles(const Position3D& target, const Position3D& headPosition,
+                           const Transform& neckToEffector, float& yaw, float& pitch) {
+  const double tx = double(target.x) - headPosition.x;
+  const double ty = double(target.y) - headPosition.y;
+  const double tz = double(target.z) - headPosition.z;
+  const double tt = tx * tx + ty * ty + tz * tz;
+  if (!(tt > 1e-12)) {
+    return false;
+  }
+  const double ox = neckToEffector.r1_c4, oy = neckToEffector.r2_c4, oz = neckToEffector.r3_c4;
+  const double dx = neckToEffector.r1_c1, dy = neckToEffector.r2_c1, dz = neckToEffector.r3_c1;
+  const double dd = dx * dx + dy * dy + dz * dz;
+  if (!(dd > 1e-12)) {
+    return false;
+  }
+  const double invDd = 1.0 / dd;
+  const double od = ox * dx + oy * dy + oz * dz;
+  const double oo = ox * ox + oy * oy + oz * oz;
+  const double disc = od * od - dd * (oo - tt);
+  if (!(disc >= 0.0)) {
+    return false;
+  }
+  const double txy = tx * tx + ty * ty;
+  double u2 = txy - oy * oy;
+  const double s = (std::sqrt(disc) - od) * invDd;
+  if (!(s > 0.0)) {
+    return false;
+  }
+  const double qx = ox + s * dx, qy = oy + s * dy, qz = oz + s * dz;
+  if (dy != 0.0) {
+    u2 = txy - qy * qy;
+  }
+  if (u2 < -1e-12 * std::max(1.0, tt)) {
+    return false;
+  }
+  const double u = std::sqrt(std::max(0.0, u2));
+  const float pitchY = float(u * qz - tz * qx), pitchX = float(u * qx + tz * qz);
+  const float yawY = float(u * ty - qy * tx), yawX = float(u * tx + qy * ty);
+  pitch = fastAtan2(pitchY, pitchX);
+  yaw = fastAtan2(yawY, yawX);
+  return true;
+}
+
+TEST(MathLookAtOffset, ZeroOffsetIsBitForBitTheFormerSolver) {
+  // The effectors of both robots, a sideways one, a rolled one, and the plain x axis; heads at
+  // both robots' positions; a grid of targets around them, near, far, above, below, behind.
+  const Transform effectors[] = {
+      Transform(),
+      transformFromPosition6D({0.061f, 0, 0.072f, 0, 0, 0}),
+      transformFromPosition6D({0.054f, 0, 0.021f, 0, 0.61f, 0}),
+      transformFromPosition6D({0.057f, 0, 0.049f, 0, 0.2f, 0}),
+      transformFromPosition6D({0.088f, 0, 0.066f, 0, 0, 0}),
+      transformFromPosition6D({0.091f, 0, 0.011f, 0, 0.6f, 0}),
+      transformFromPosition6D({0.03f, 0.04f, 0.05f, 0.2f, 0.1f, 0.25f}),
+      transformFromPosition6D({-0.01f, -0.05f, 0.02f, -0.4f, -0.3f, -0.1f})};
+  const Position3D heads[] = {{0.004f, 0, 0.141f}, {-0.012f, 0, 0.214f}, {0, 0, 0}};
+  std::size_t compared = 0, solved = 0;
+  for (const Transform& e : effectors) {
+    for (const Position3D& h : heads) {
+      for (float x = -3.0f; x <= 3.0f; x += 0.25f) {
+        for (float y = -3.0f; y <= 3.0f; y += 0.375f) {
+          for (float z = -1.5f; z <= 2.5f; z += 0.3125f) {
+            const Position3D t(x, y, z);
+            float y0 = 7.0f, p0 = 7.0f, y1 = 7.0f, p1 = 7.0f, y2 = 7.0f, p2 = 7.0f;
+            const bool ok0 = referenceLookAtAngles(t, h, e, y0, p0);
+            const bool ok1 = computeLookAtAngles(t, h, Position3D(), e, y1, p1);
+            const bool ok2 = computeLookAtAngles(t, h, e, y2, p2);
+            ASSERT_EQ(ok0, ok1) << t;
+            ASSERT_EQ(ok0, ok2) << t;
+            ASSERT_EQ(floatBits(y0), floatBits(y1)) << t << " head " << h << " effector " << e;
+            ASSERT_EQ(floatBits(p0), floatBits(p1)) << t << " head " << h << " effector " << e;
+            ASSERT_EQ(floatBits(y0), floatBits(y2)) << t;
+            ASSERT_EQ(floatBits(p0), floatBits(p2)) << t;
+            ++compared;
+            solved += ok0;
+          }
+        }
+      }
+    }
+  }
+  EXPECT_GT(compared, 100000u);
+  EXPECT_GT(solved, compared * 9 / 10);
+}
+
+TEST(MathLookAtOffset, ZeroOffsetKeepsTheNeckPoseBitForBit) {
+  KR::Model::TrackerHead head("Head");
+  head.headPosition = {0.004f, 0, 0.141f};
+  for (float yaw = -2.0f; yaw <= 2.0f; yaw += 0.1f) {
+    for (float pitch = -0.7f; pitch <= 0.5f; pitch += 0.05f) {
+      const Transform former = transformFromPosition3D(head.headPosition) *
+                               Transform::fromRotZ(yaw) * Transform::fromRotY(pitch);
+      const std::vector<float> a = former.toVector(),
+                               b = KR::Model::headNeckPose(head, yaw, pitch).toVector();
+      for (std::size_t i = 0; i < a.size(); ++i) {
+        ASSERT_EQ(floatBits(a[i]), floatBits(b[i])) << yaw << " " << pitch << " element " << i;
+      }
+    }
+  }
+}
+
+// Angle between the effector's line of sight and the target for a head with a pitch offset.
+float offsetSightError(const Position3D& target, const Position3D& head, const Position3D& offset,
+                       const Transform& effector, float yaw, float pitch) {
+  KR::Model::TrackerHead h("Head");
+  h.headPosition = head;
+  h.yawToPitch = offset;
+  h.effectorTransforms[0] = effector;
+  return aimError(KR::Model::headEffectorPose(h, 0, yaw, pitch), target);
+}
+
+TEST(MathLookAtOffset, LineOfSightPassesThroughTheTarget) {
+  // Pan-tilt heads: the tilt joint up to 10 cm forward (or behind), sideways and above the pan
+  // joint; sensors offset and tilted, also turned sideways (the case solved by Newton steps).
+  std::mt19937 rng(kSeed + 7);
+  std::uniform_real_distribution<float> forward(-0.1f, 0.1f);
+  std::uniform_real_distribution<float> offset(-0.1f, 0.1f);
+  std::uniform_real_distribution<float> tilt(-0.8f, 0.8f);
+  std::uniform_real_distribution<float> turn(-0.5f, 0.5f);
+  std::uniform_real_distribution<float> unit(-1.0f, 1.0f);
+  std::uniform_real_distribution<float> range(0.6f, 6.0f);
+  std::uniform_real_distribution<float> yawDist(-kPi, kPi);
+  std::uniform_real_distribution<float> elevation(-0.9f, 0.9f);
+  float worst = 0.0f;
+  for (int i = 0; i < 40000; ++i) {
+    const Position3D head(unit(rng), unit(rng), unit(rng));
+    const Position3D p(forward(rng), 0.5f * offset(rng), offset(rng));
+    // Every fourth case keeps the line of sight square to the pitch axis (the usual mounting,
+    // closed form); every fourth has the axes meet (x = 0, closed form).
+    const float sideways = i % 4 == 0 ? 0.0f : turn(rng);
+    const Position3D offsetUsed = i % 4 == 1 ? Position3D(0, p.y, p.z) : p;
+    const Transform e =
+        transformFromPosition6D({0.08f * unit(rng), 0.08f * unit(rng), 0.08f * unit(rng),
+                                 i % 4 == 0 ? 0.0f : tilt(rng), tilt(rng), sideways});
+    const float az = yawDist(rng), el = elevation(rng), r = range(rng);
+    const Position3D target = head + Position3D(r * std::cos(el) * std::cos(az),
+                                                r * std::cos(el) * std::sin(az), r * std::sin(el));
+    float yaw = 0.0f, pitch = 0.0f;
+    const auto where = [&] {
+      return ::testing::Message() << "case " << i << " target " << target << " head " << head
+                                  << " offset " << offsetUsed << " effector " << e << " yaw " << yaw
+                                  << " pitch " << pitch;
+    };
+    ASSERT_TRUE(computeLookAtAngles(target, head, offsetUsed, e, yaw, pitch)) << where();
+    const float err = offsetSightError(target, head, offsetUsed, e, yaw, pitch);
+    ASSERT_LT(err, 1e-4f) << where();
+    worst = std::max(worst, err);
+    ASSERT_TRUE(yaw > -kPi && yaw <= kPi) << where();
+  }
+  RecordProperty("worst_aim_error_rad", std::to_string(worst));
+}
+
+TEST(MathLookAtOffset, NoSolutionLeavesOutputsUntouched) {
+  const Position3D p(0.07f, 0, 0.05f);
+  const struct {
+    const char* what;
+    Position3D target;
+    Transform effector;
+  } cases[] = {
+      {"target at the head position", {0, 0, 0.5f}, Transform()},
+      {"NaN target", {std::numeric_limits<float>::quiet_NaN(), 0, 1}, Transform()},
+      {"sensor looking along the pitch axis",
+       {2, 0, 0.5f},
+       transformFromPosition6D({0, 0, 0, 0, 0, kPi2})},
+  };
+  for (const auto& k : cases) {
+    float yaw = 0.25f, pitch = -0.5f;
+    EXPECT_FALSE(computeLookAtAngles(k.target, {0, 0, 0.5f}, p, k.effector, yaw, pitch)) << k.what;
+    EXPECT_EQ(yaw, 0.25f) << k.what;
+    EXPECT_EQ(pitch, -0.5f) << k.what;
+  }
+}
+
 // ---- small helpers ----------------------------------------------------------------------
 
 TEST(MathHelpers, ApplyThresholdIsADeadBand) {

@@ -306,6 +306,10 @@ TEST(RobotDescription, MalformedDescriptionsNameTheProblemAndWhere) {
       {edited("<shoulder position=\"0 0.1 0.1\"/>", ""),
        {"robot/arm[side=left] (line 12): missing element 'shoulder'"}},
       {cut("  <arm side=\"right\">"), {"robot (line 1): missing element 'arm' with side 'right'"}},
+      {edited("<head position=\"0 0 0.1\">", "<head position=\"0 0 0.1\" yawToPitch=\"0.07 0\">"),
+       {"robot/head (line 5): attribute 'yawToPitch' must hold 3 numbers, got 2"}},
+      {edited("rpy=\"0 0.2 0\"", "rpy=\"0 0.2 0\" range=\"-1\""),
+       {"robot/head/effector[role=depthCamera] (line 10): attribute 'range' must be positive"}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.expected.front());
@@ -317,6 +321,80 @@ TEST(RobotDescription, MalformedDescriptionsNameTheProblemAndWhere) {
           << "'" << fragment << "' not in: " << e.message();
     }
   }
+}
+
+TEST(RobotDescription, HeadOffsetAndCamerasOfTheirOwn) {
+  // The pitch joint 7 cm in front of the yaw axis; the depth camera's own field of view.
+  const auto robot = ModelUtils::robotFromXml(
+      edited("rpy=\"0 0.2 0\"", "rpy=\"0 0.2 0\" horizontalFov=\"1.5\" range=\"4\"",
+             edited("<head position=\"0 0 0.1\">",
+                    "<head position=\"0 0 0.1\" yawToPitch=\"0.07 0 0.05\">")));
+  EXPECT_EQ(robot->trackerModel().head.yawToPitch, Position3D(0.07f, 0, 0.05f));
+  EXPECT_EQ(robot->getCameraHorizontalFov(2), 1.5f);
+  EXPECT_EQ(robot->getCameraRange(2), 4.0f);
+  EXPECT_EQ(robot->getCameraVerticalFov(2), robot->getCameraVerticalFov());
+  EXPECT_EQ(robot->getCameraHorizontalFov(0), robot->getCameraHorizontalFov());
+  EXPECT_EQ(robot->getCameraHorizontalFov(7), robot->getCameraHorizontalFov());
+  // Without the attribute the head is as before: the axes meet.
+  EXPECT_EQ(ModelUtils::robotFromXml(kBase)->trackerModel().head.yawToPitch, Position3D());
+}
+
+// robotToXml writes every field; robotFromXml reads it back to the same robot.
+void expectSameRobot(const Robot& a, const Robot& b) {
+  EXPECT_EQ(a.getName(), b.getName());
+  EXPECT_EQ(a.getRobotType(), b.getRobotType());
+  EXPECT_EQ(a.canLookBehind(), b.canLookBehind());
+  EXPECT_EQ(a.canPointAt(), b.canPointAt());
+  EXPECT_EQ(a.getTorsoHeight(), b.getTorsoHeight());
+  EXPECT_EQ(a.getTorsoMass(), b.getTorsoMass());
+  EXPECT_EQ(a.getHeadMass(), b.getHeadMass());
+  EXPECT_EQ(a.getArmMass("LArm"), b.getArmMass("LArm"));
+  EXPECT_EQ(a.getArmMass("RArm"), b.getArmMass("RArm"));
+  for (int e = 0; e < 3; ++e) {
+    EXPECT_EQ(a.getCameraHorizontalFov(e), b.getCameraHorizontalFov(e));
+    EXPECT_EQ(a.getCameraVerticalFov(e), b.getCameraVerticalFov(e));
+    EXPECT_EQ(a.getCameraRange(e), b.getCameraRange(e));
+  }
+  const KRTrackerModel& m = a.trackerModel();
+  const KRTrackerModel& n = b.trackerModel();
+  EXPECT_EQ(m.wbPitchMin, n.wbPitchMin);
+  EXPECT_EQ(m.wbPitchMax, n.wbPitchMax);
+  EXPECT_EQ(m.wbYawMin, n.wbYawMin);
+  EXPECT_EQ(m.wbYawMax, n.wbYawMax);
+  EXPECT_EQ(m.wbLookAtHeight, n.wbLookAtHeight);
+  EXPECT_EQ(m.head.headPosition, n.head.headPosition);
+  EXPECT_EQ(m.head.yawToPitch, n.head.yawToPitch);
+  for (int e = 0; e < 3; ++e) {
+    EXPECT_TRUE(m.head.effectorTransforms[e].isNear(n.head.effectorTransforms[e], 1e-7f)) << e;
+  }
+  for (const auto& [x, y] :
+       {std::make_pair(&m.leftArm, &n.leftArm), std::make_pair(&m.rightArm, &n.rightArm)}) {
+    EXPECT_EQ(x->shoulderPosition, y->shoulderPosition);
+    EXPECT_TRUE(x->armTransform.isNear(y->armTransform, 1e-7f));
+  }
+  ASSERT_EQ(a.getJoints().size(), b.getJoints().size());
+  for (const auto& [name, j] : a.getJoints()) {
+    ASSERT_EQ(b.getJoints().count(name), 1u) << name;
+    const TrackerJoint& k = b.getJoints().at(name);
+    EXPECT_EQ(j.min, k.min) << name;
+    EXPECT_EQ(j.max, k.max) << name;
+    EXPECT_EQ(j.maxVelocity, k.maxVelocity) << name;
+    EXPECT_EQ(a.getServo(name).stiffness, b.getServo(name).stiffness) << name;
+    EXPECT_EQ(a.getServo(name).maxTorque, b.getServo(name).maxTorque) << name;
+    EXPECT_EQ(a.getServo(name).armature, b.getServo(name).armature) << name;
+  }
+}
+
+TEST(RobotDescription, WrittenAsXmlReadsBackTheSame) {
+  for (const char* file : {"kibo.xml", "rover.xml"}) {
+    SCOPED_TRACE(file);
+    const auto robot = krtest::loadRobot(file);
+    const std::string xml = ModelUtils::robotToXml(*robot);
+    expectSameRobot(*robot, *ModelUtils::robotFromXml(xml));
+  }
+  const auto robot = ModelUtils::robotFromXml(cut(
+      "  <arm side=\"left\">", "</robot>", edited("canPointAt=\"true\"", "canPointAt=\"false\"")));
+  expectSameRobot(*robot, *ModelUtils::robotFromXml(ModelUtils::robotToXml(*robot)));
 }
 
 TEST(RobotDescription, ArmsAreRequiredOnlyToPoint) {

@@ -3,6 +3,8 @@
 // descriptions loaded or edited, a motion service on a broker of its own, the command line run
 // in the test's process.
 
+#include <dirent.h>
+
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -41,6 +43,25 @@ inline std::string readFile(const std::string& path) {
   std::stringstream text;
   text << std::ifstream(path, std::ios::binary).rdbuf();
   return text.str();
+}
+
+/// A file of the robots folder.
+inline std::string robotPath(const std::string& file) {
+  return std::string(KRTRACKER_ROBOTS_DIR) + "/" + file;
+}
+
+/// The names in a folder, "." and ".." aside.
+inline std::vector<std::string> filesIn(const std::string& dir) {
+  std::vector<std::string> names;
+  if (DIR* d = ::opendir(dir.c_str())) {
+    while (const dirent* e = ::readdir(d)) {
+      const std::string n = e->d_name;
+      if (n != "." && n != "..")
+        names.push_back(n);
+    }
+    ::closedir(d);
+  }
+  return names;
 }
 
 /// The lines of a text, without their ends.

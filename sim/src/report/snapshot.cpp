@@ -54,7 +54,8 @@ struct SnapshotRenderer::Impl {
   mjrContext context;
   bool contextMade = false;
 
-  Impl(const Model::Robot& r, int w, int h) : robot(r), width(w), height(h) {
+  Impl(const Model::Robot& r, const UrdfSource* urdf, int w, int h)
+      : robot(r, urdf), width(w), height(h) {
     mjv_defaultScene(&scene);
     mjv_defaultOption(&option);
     mjr_defaultContext(&context);
@@ -62,7 +63,11 @@ struct SnapshotRenderer::Impl {
 };
 
 SnapshotRenderer::SnapshotRenderer(const Model::Robot& robot, int width, int height)
-    : fImpl(std::make_unique<Impl>(robot, width, height)) {
+    : SnapshotRenderer(robot, nullptr, width, height) {}
+
+SnapshotRenderer::SnapshotRenderer(const Model::Robot& robot, const UrdfSource* urdf, int width,
+                                   int height)
+    : fImpl(std::make_unique<Impl>(robot, urdf, width, height)) {
   const mjModel* m = fImpl->robot.model();
   if (width <= 0 || height <= 0 || width > m->vis.global.offwidth ||
       height > m->vis.global.offheight) {
@@ -185,7 +190,7 @@ void SnapshotRenderer::write(Simulation& sim, const std::string& pngPath,
 }
 
 void writeSnapshot(Simulation& sim, const std::string& pngPath, const std::string& target) {
-  SnapshotRenderer(sim.robot()).write(sim, pngPath, target);
+  SnapshotRenderer(sim.robot(), sim.description().urdf.get()).write(sim, pngPath, target);
 }
 
 }  // namespace Sim

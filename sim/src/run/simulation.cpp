@@ -10,6 +10,7 @@ namespace Sim {
 Simulation::Simulation(SimulationConfig config) {
   if (!config.robot)
     throw KRError("krsim", "Simulation", "no robot description");
+  fDescription = config.robot;
   fRobotModel = std::make_shared<SimRobotModel>(config.robot);
   fContext.broker = KR::KRBroker::create("krtracker-sim");
   fContext.clock = std::make_shared<SimClock>();
@@ -18,7 +19,7 @@ Simulation::Simulation(SimulationConfig config) {
   fContext.memory = std::make_shared<SimMemory>(fContext.clock);
   fContext.motion = std::make_shared<SimMotion>(
       *fContext.robot, fContext.clock,
-      makePhysicsBackend(config.physics, *fContext.robot, config.servo));
+      makePhysicsBackend(config.physics, *fContext.robot, config.servo, config.robot->urdf.get()));
 
   fContext.motion->resetPose(config.startPose);
   fContext.world =

@@ -19,8 +19,10 @@
 
 namespace {
 
+using krtest::filesIn;
 using krtest::readFile;
 using krtest::replaced;
+using krtest::robotPath;
 using Result = krtest::CommandResult;
 
 Result run(const std::vector<std::string>& args) {
@@ -31,28 +33,11 @@ Result runWithTracker(const std::vector<std::string>& args) {
   return krtest::runCli(args, &KR::Sim::createTrackerModules);
 }
 
-std::string robotPath(const std::string& file) {
-  return std::string(KRTRACKER_ROBOTS_DIR) + "/" + file;
-}
-
 // An empty directory of its own for each test's outputs.
 std::string freshDirectory(const std::string& name) {
   const std::string dir = ::testing::TempDir() + "/krtracker_cli_" + name;
   ::mkdir(dir.c_str(), 0755);
   return dir;
-}
-
-std::vector<std::string> filesIn(const std::string& dir) {
-  std::vector<std::string> names;
-  if (DIR* d = ::opendir(dir.c_str())) {
-    while (const dirent* e = ::readdir(d)) {
-      const std::string n = e->d_name;
-      if (n != "." && n != "..")
-        names.push_back(n);
-    }
-    ::closedir(d);
-  }
-  return names;
 }
 
 // One line after "krtracker-sim: ", holding every fragment (or exactly the one given), exit

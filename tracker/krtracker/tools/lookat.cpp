@@ -38,7 +38,8 @@ void ensureTwoEntries(std::vector<std::string>& names, std::vector<float>& angle
 inline bool lookAtArticular(const Math::Position3D& target, const Model::TrackerHead& head,
                             Model::TRACK_EFFECTOR effector, float& yaw, float& pitch) {
   const Math::Transform& neckToEffector = head.getNeckToEffectorTransform(effector);
-  if (!Math::computeLookAtAngles(target, head.headPosition, neckToEffector, yaw, pitch)) {
+  if (!Math::computeLookAtAngles(target, head.headPosition, head.yawToPitch, neckToEffector, yaw,
+                                 pitch)) {
     return false;
   }
   Math::clipData(head.yaw.min, head.yaw.max, yaw);

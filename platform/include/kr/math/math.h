@@ -107,6 +107,18 @@ inline void oldComputePointAtAnglesWyWz(const Position3D& d, float& wy, float& w
 bool computeLookAtAngles(const Position3D& target, const Position3D& headPosition,
                          const Transform& neckToEffector, float& yaw, float& pitch);
 
+/// The same for a head whose pitch joint is not on the yaw axis: the effector's pose is
+/// Translation(headPosition) * Rz(yaw) * Translation(yawToPitch) * Ry(pitch) * neckToEffector,
+/// yawToPitch being the pitch joint's position from the yaw joint in the frame turned by yaw
+/// (a pan-tilt head's tilt joint a few centimetres in front of its pan axis). With yawToPitch
+/// zero this is the function above, bit for bit. Closed form when the axes meet (x of
+/// yawToPitch zero) or the line of sight is square to the pitch axis (the usual mounting);
+/// otherwise the closed form of the square mounting starts Newton steps on the exact equation,
+/// converged to double precision or refused. The solution looking forward is chosen.
+bool computeLookAtAngles(const Position3D& target, const Position3D& headPosition,
+                         const Position3D& yawToPitch, const Transform& neckToEffector, float& yaw,
+                         float& pitch);
+
 namespace DSP {
 /// Dead band: when |value - stored| >= threshold, stored takes value and the result is true;
 /// otherwise stored is kept and the result is false. A threshold of 0 always takes the value.

@@ -2,7 +2,8 @@
 // Forward kinematics of the tracker model's chains: model in, joint angles in, frame out.
 // Poses are expressed in the torso frame; the x axis of each resulting frame is the line of
 // sight of a head effector or the pointing direction of a forearm.
-//   head effector e:  Translation(headPosition) * Rz(yaw) * Ry(pitch) * neckToEffector(e)
+//   head effector e:  Translation(headPosition) * Rz(yaw) * Translation(yawToPitch) * Ry(pitch)
+//                     * neckToEffector(e)
 //   forearm:          Translation(shoulder) * Ry(a1) * Rz(a2) * armTransform * Rz(a4) * Rx(a3)
 // with a1..a4 the shoulder pitch, shoulder roll, elbow yaw and elbow roll (the arm's first four
 // joints in chain order).
@@ -13,7 +14,8 @@
 namespace KR {
 namespace Model {
 
-/// Pose of the neck (the head turned by yaw and pitch, no effector offset).
+/// Pose of the neck, the pitch joint's frame (the head turned by yaw and pitch, no effector
+/// offset).
 Math::Transform headNeckPose(const TrackerHead& head, float yaw, float pitch);
 
 /// Pose of a head effector (TRACK_EFFECTOR value 0..2) for the given head angles.

@@ -1,5 +1,6 @@
 #pragma once
-// A robot description: geometry, joints and capabilities, as read by ModelUtils::robotFromXml.
+// A robot description: geometry, joints and capabilities, as read by ModelUtils::robotFromXml
+// or, from a URDF and its mapping, by UrdfImport (kr/model/urdfimport.h).
 
 #include <array>
 #include <map>
@@ -37,10 +38,11 @@ class Robot {
   const std::map<std::string, TrackerJoint>& getJoints() const { return fJoints; }
   /// Height of the torso frame's origin above the robot frame's origin [m].
   float getTorsoHeight() const { return fTorsoHeight; }
-  /// Horizontal and vertical field of view of each head effector's camera [rad]; range [m].
-  float getCameraHorizontalFov() const { return fCameraHFov; }
-  float getCameraVerticalFov() const { return fCameraVFov; }
-  float getCameraRange() const { return fCameraRange; }
+  /// Horizontal and vertical field of view of a head effector's camera [rad] and its range [m]
+  /// (effector 0, the top camera, by default; values outside 0..2 read effector 0).
+  float getCameraHorizontalFov(int effector = 0) const { return fCameras[slot(effector)].hfov; }
+  float getCameraVerticalFov(int effector = 0) const { return fCameras[slot(effector)].vfov; }
+  float getCameraRange(int effector = 0) const { return fCameras[slot(effector)].range; }
 
   /// Masses [kg]: torso with legs or base (everything below the head and arms), head, and
   /// the arm of chain "LArm" or "RArm" (upper arm and forearm).
@@ -55,14 +57,21 @@ class Robot {
 
  private:
   friend class ModelUtils;
+  friend class UrdfImport;
+  struct Camera {
+    float hfov = 1.0f;
+    float vfov = 0.8f;
+    float range = 5.0f;
+  };
+  static int slot(int effector) {
+    return effector >= 0 && effector < kTrackEffectorCount ? effector : 0;
+  }
   std::string fName;
   int fType = 0;
   bool fCanLookBehind = true;
   bool fCanPointAt = true;
   float fTorsoHeight = 0.0f;
-  float fCameraHFov = 1.0f;
-  float fCameraVFov = 0.8f;
-  float fCameraRange = 5.0f;
+  std::array<Camera, kTrackEffectorCount> fCameras{};
   float fTorsoMass = 3.0f;
   float fHeadMass = 0.6f;
   std::array<float, 2> fArmMass{0.35f, 0.35f};  // left, right

@@ -41,8 +41,12 @@ class TrackerHead {
   std::string name;
   TrackerJoint yaw;    // first in every name/angle list of the head
   TrackerJoint pitch;  // second
-  /// The point about which the head turns, in the torso frame [m].
+  /// The point about which the head turns (on the yaw axis), in the torso frame [m].
   Math::Position3D headPosition;
+  /// The pitch joint's position from the yaw joint, in the frame turned by yaw [m]: zero when
+  /// the pitch axis crosses the yaw axis at headPosition; a pan-tilt head's tilt joint a few
+  /// centimetres forward has x > 0.
+  Math::Position3D yawToPitch;
   std::array<Math::Transform, kTrackEffectorCount> effectorTransforms{};
 };
 

@@ -20,6 +20,7 @@ class Robot;
 namespace Sim {
 
 class Simulation;
+struct UrdfSource;
 
 /// An RGB picture, rows top-down, 3 bytes a pixel.
 struct Picture {
@@ -32,6 +33,9 @@ class SnapshotRenderer {
  public:
   /// Opens the off-screen drawing context for this robot; pictures are width x height pixels.
   explicit SnapshotRenderer(const Model::Robot& robot, int width = 960, int height = 720);
+  /// A URDF robot is drawn from its URDF (mujoco_urdf.h).
+  SnapshotRenderer(const Model::Robot& robot, const UrdfSource* urdf, int width = 960,
+                   int height = 720);
   ~SnapshotRenderer();
   SnapshotRenderer(const SnapshotRenderer&) = delete;
   SnapshotRenderer& operator=(const SnapshotRenderer&) = delete;

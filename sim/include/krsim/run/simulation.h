@@ -57,6 +57,8 @@ class Simulation {
   SimMotion& motion() { return *fContext.motion; }
   World& world() { return *fContext.world; }
   const Model::Robot& robot() const { return *fContext.robot; }
+  /// The robot as loaded: its description and, for a URDF robot, the URDF it came from.
+  const RobotDescription& description() const { return *fDescription; }
   /// Seconds of simulated time since the start.
   double time() const { return fContext.clock->seconds(); }
   bool hasTracker() const;
@@ -88,6 +90,7 @@ class Simulation {
   std::shared_ptr<KR::KRProxy> xTrackerProxy();
 
   SimContext fContext;
+  std::shared_ptr<const RobotDescription> fDescription;
   std::shared_ptr<SimRobotModel> fRobotModel;
   std::vector<std::shared_ptr<SimModule>> fModules;
   std::shared_ptr<KR::KRProxy> fTracker;

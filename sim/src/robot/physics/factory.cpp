@@ -28,10 +28,11 @@ void checkPhysicsBackendName(const std::string& name) {
 
 std::unique_ptr<PhysicsBackend> makePhysicsBackend(const std::string& name,
                                                    const Model::Robot& robot,
-                                                   const ServoModel& servo) {
+                                                   const ServoModel& servo,
+                                                   const UrdfSource* urdf) {
   checkPhysicsBackendName(name);
   if (name == "mujoco")
-    return std::make_unique<MujocoBackend>(robot);
+    return std::make_unique<MujocoBackend>(robot, urdf);
   return std::make_unique<KinematicBackend>(simulatedJoints(robot).size(), servo);
 }
 

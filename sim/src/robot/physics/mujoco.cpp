@@ -13,6 +13,8 @@
 #include <kr/error.h>
 #include <kr/math/math.h>
 
+#include <krsim/robot/physics/mujoco_urdf.h>
+
 namespace KR {
 namespace Sim {
 
@@ -147,10 +149,21 @@ void ModelWriter::head() {
     reach = std::max(reach, static_cast<double>(std::hypot(p.x, p.y)));
     top += p.z / Model::kTrackEffectorCount;
   }
-  const double headMass = fRobot.getHeadMass();
+  double headMass = fRobot.getHeadMass();
   fBody << "<body name=\"Head\" pos=\"" << vec(m.head.headPosition) << "\">\n";
   fSources["Head"] = "robot/head (mass, position)";
   joint(m.head.yaw, "0 0 1", "robot/head");
+  // A pitch joint away from the yaw axis (yawToPitch): its own body there, a tenth of the
+  // head's mass left on the yaw joint's.
+  const bool offset = !(m.head.yawToPitch == Math::Position3D());
+  if (offset) {
+    const double neck = 0.1 * headMass;
+    headMass -= neck;
+    fBody << "<inertial pos=\"0 0 0\" mass=\"" << fmt(neck) << "\" diaginertia=\""
+          << fmt(1e-4 * neck) << " " << fmt(1e-4 * neck) << " " << fmt(1e-4 * neck) << "\"/>\n"
+          << "<body name=\"HeadTilt\" pos=\"" << vec(m.head.yawToPitch) << "\">\n";
+    fSources["HeadTilt"] = "robot/head (mass, yawToPitch)";
+  }
   joint(m.head.pitch, "0 1 0", "robot/head");
   fBody << "<inertial pos=\"0 0 " << fmt(top) << "\" mass=\"" << fmt(headMass)
         << "\" diaginertia=\"" << fmt(0.4 * headMass * reach * reach) << " "
@@ -166,7 +179,7 @@ void ModelWriter::head() {
           << "\" xyaxes=\"" << vec(-e.yAxis()) << " " << vec(e.zAxis()) << "\" fovy=\"" << fmt(fovy)
           << "\"/>\n";
   }
-  fBody << "</body>\n";
+  fBody << (offset ? "</body>\n</body>\n" : "</body>\n");
 }
 
 // The world's targets as motion-capture bodies, out of sight until placed; the base's
@@ -282,27 +295,26 @@ void MujocoBackend::DataDeleter::operator()(mjData_* d) const {
   mj_deleteData(d);
 }
 
-MujocoBackend::MujocoBackend(const Model::Robot& robot) : fRobotName(robot.getName()) {
+MujocoBackend::MujocoBackend(const Model::Robot& robot, const UrdfSource* urdf)
+    : fRobotName(robot.getName()) {
   installWarningHook();
-  ModelWriter writer(robot);
-  const std::string xml = writer.xml();
-
+  MujocoModelText text;
+  if (urdf) {
+    text = mujocoModelFromUrdf(robot, *urdf);
+  } else {
+    ModelWriter writer(robot);
+    text.xml = writer.xml();
+    text.sources = writer.sources();
+  }
   // The model text goes through MuJoCo's virtual file system: nothing touches the disk.
-  auto vfs = std::make_unique<mjVFS>();
-  mj_defaultVFS(vfs.get());
-  const char* file = "robot.xml";
-  if (mj_makeEmptyFileVFS(vfs.get(), file, static_cast<int>(xml.size())) != 0)
-    throw KRError(kModule, "mujoco", "cannot hold the model of robot \"" + fRobotName + "\"");
-  std::memcpy(vfs->filedata[mj_findFileVFS(vfs.get(), file)], xml.data(), xml.size());
   char error[1024] = "";
-  fModel.reset(mj_loadXML(file, vfs.get(), error, sizeof error));
-  mj_deleteVFS(vfs.get());
+  fModel.reset(loadMujocoModel(text, error, sizeof error));
   if (!fModel) {
     const std::string element = elementName(error);
-    const auto source = writer.sources().find(element);
-    const std::string field = source != writer.sources().end() ? source->second
-                              : element.empty()                ? "the description"
-                                                               : "element " + element;
+    const auto source = text.sources.find(element);
+    const std::string field = source != text.sources.end() ? source->second
+                              : element.empty()            ? "the description"
+                                                           : "element " + element;
     throw KRError(kModule, "mujoco",
                   "MuJoCo rejects the model of robot \"" + fRobotName + "\" built from " + field +
                       ": " + oneLine(error));

@@ -4,15 +4,21 @@
 // off-screen snapshot drawn from its model. What it shares with the kinematic backend is in
 // backend_test.cpp.
 
+#include <sys/stat.h>
+
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 
 #include <gmock/gmock.h>
 
+#include <mujoco/mujoco.h>
+
 #include <kr/error.h>
 #include <krsim/report/snapshot.h>
+#include <krsim/robot/physics/mujoco_urdf.h>
 
 #include "sim/helpers.h"
 
@@ -81,6 +87,84 @@ TEST(MujocoModel, CamerasSitWhereTheMotionServiceComputesTheHeadEffectors) {
       }
     }
   }
+}
+
+// The URDF robots' MuJoCo model is built from the URDF itself: its cameras sit where the motion
+// service computes the head effectors from the tracker's model, pan-tilt offset included.
+TEST(MujocoUrdfModel, CamerasSitWhereTheMotionServiceComputesTheHeadEffectors) {
+  for (const std::string name : {"kibo.yaml", "rover.yaml", "lumen.yaml"}) {
+    SCOPED_TRACE(name);
+    const auto description = KR::Sim::RobotDescription::load(name);
+    ASSERT_TRUE(description->urdf);
+    const auto& robot = *description->robot;
+    const auto& head = robot.trackerModel().head;
+    SimMotion motion(robot, std::make_shared<SimClock>());
+    MujocoBackend backend(robot, description->urdf.get());
+    const Pose2D base{0.4f, -1.2f, 2.5f};
+    motion.resetPose(base);
+    backend.resetBase(base);
+    for (const auto& angles : {std::pair<float, float>{0.0f, 0.0f}, {1.1f, -0.4f}, {-1.8f, 0.3f}}) {
+      motion.setAngleNow(head.yaw.name, angles.first);
+      motion.setAngleNow(head.pitch.name, angles.second);
+      backend.resetJoint(0, angles.first);
+      backend.resetJoint(1, angles.second);
+      backend.forward();
+      for (int e = 0; e < KR::Model::kTrackEffectorCount; ++e) {
+        EXPECT_TRUE(backend.effectorPose(e).isNear(motion.getMapToHeadEffector(e), 1e-4f))
+            << "effector " << e << " yaw " << angles.first << "\n"
+            << backend.effectorPose(e) << "\n"
+            << motion.getMapToHeadEffector(e);
+      }
+    }
+  }
+}
+
+// A binary STL tetrahedron of 10 cm.
+void writeTetrahedron(const std::string& path) {
+  std::ofstream out(path, std::ios::binary);
+  const char header[80] = {};
+  out.write(header, sizeof header);
+  const std::uint32_t count = 4;
+  out.write(reinterpret_cast<const char*>(&count), sizeof count);
+  const float v[4][3] = {{0, 0, 0}, {0.1f, 0, 0}, {0, 0.1f, 0}, {0, 0, 0.1f}};
+  const int faces[4][3] = {{0, 2, 1}, {0, 1, 3}, {0, 3, 2}, {1, 2, 3}};
+  for (const auto& f : faces) {
+    const float normal[3] = {0, 0, 0};
+    out.write(reinterpret_cast<const char*>(normal), sizeof normal);
+    for (int k : f)
+      out.write(reinterpret_cast<const char*>(v[k]), 3 * sizeof(float));
+    const std::uint16_t attribute = 0;
+    out.write(reinterpret_cast<const char*>(&attribute), sizeof attribute);
+  }
+}
+
+TEST(MujocoUrdfModel, MeshesFoundBesideTheUrdfAreDrawnAndMissingOnesReplaced) {
+  // lumen.urdf in a package of its own whose base mesh exists; the others stay missing.
+  const std::string root = testing::TempDir() + "/krtracker_lumen_pkg";
+  for (const std::string& d : {root, root + "/urdf", root + "/meshes"})
+    ::mkdir(d.c_str(), 0755);
+  writeTetrahedron(root + "/meshes/base_link.stl");
+  std::ofstream(root + "/urdf/lumen.urdf") << readRobotFile("lumen.urdf");
+  std::ofstream(root + "/urdf/lumen.yaml") << readRobotFile("lumen.yaml");
+  const auto description = KR::Sim::RobotDescription::load(root + "/urdf/lumen.yaml");
+  ASSERT_TRUE(description->urdf);
+  EXPECT_EQ(description->urdf->missingMeshes.size(), 4u);
+  const auto model = KR::Sim::mujocoModelFromUrdf(*description->robot, *description->urdf);
+  ASSERT_EQ(model.meshFiles.size(), 1u);
+  EXPECT_EQ(model.meshFiles.begin()->second, root + "/urdf/../meshes/base_link.stl");
+  MujocoBackend backend(*description->robot, description->urdf.get());
+  EXPECT_EQ(backend.model()->nmesh, 1);
+  // Every link is a body, fixed ones included (the cameras' frames among them), but for the
+  // massless ones that move, carried by the body below them: here the root, base_footprint,
+  // and base_link, which the planar base carries.
+  EXPECT_LT(mj_name2id(backend.model(), mjOBJ_BODY, "base_link"), 0);
+  for (const char* link :
+       {"laser_link", "caster_link", "torso_lift_link", "head_pan_link", "head_tilt_link",
+        "head_camera_optical_frame", "head_wide_link", "l_wheel_link"}) {
+    EXPECT_GE(mj_name2id(backend.model(), mjOBJ_BODY, link), 0) << link;
+  }
+  // Only the head's joints and the base's move: the wheels and the lift are held.
+  EXPECT_EQ(backend.model()->njnt, 5);
 }
 
 TEST(MujocoFaults, ARejectedDescriptionNamesTheRobotAndTheField) {

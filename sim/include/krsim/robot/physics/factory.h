@@ -14,6 +14,7 @@ namespace Model {
 class Robot;
 }
 namespace Sim {
+struct UrdfSource;
 
 /// The accepted names, in the order errors list them: "kinematic", "mujoco".
 const std::vector<std::string>& physicsBackendNames();
@@ -25,9 +26,11 @@ void checkPhysicsBackendName(const std::string& name);
 /// The backend called `name`, its joints and base at rest; the kinematic one with `servo`.
 /// The KRError of checkPhysicsBackendName for an unknown name; the MuJoCo backend's KRError
 /// when MuJoCo rejects the robot's model.
+/// A URDF robot's MuJoCo model is built from `urdf` when given (RobotDescription::urdf).
 std::unique_ptr<PhysicsBackend> makePhysicsBackend(const std::string& name,
                                                    const Model::Robot& robot,
-                                                   const ServoModel& servo = {});
+                                                   const ServoModel& servo = {},
+                                                   const UrdfSource* urdf = nullptr);
 
 }  // namespace Sim
 }  // namespace KR

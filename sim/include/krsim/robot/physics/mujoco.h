@@ -26,6 +26,7 @@
 #include <kr/model/robot.h>
 
 #include <krsim/robot/physics/backend.h>
+#include <krsim/robot/robot_description.h>
 
 struct mjModel_;
 struct mjData_;
@@ -46,9 +47,10 @@ class MujocoBackend : public PhysicsBackend {
   static constexpr double kLimitTolerance = 0.35;
 
   /// Builds and loads the robot's model with its joints at rest (zero), the base at the
-  /// origin. KRError("KRMotion", "mujoco", ...) naming the robot and the description field
-  /// when MuJoCo rejects the model.
-  explicit MujocoBackend(const Model::Robot& robot);
+  /// origin: from the URDF when `urdf` is given (mujoco_urdf.h), else from the description.
+  /// KRError("KRMotion", "mujoco", ...) naming the robot and the description field (the URDF
+  /// link or joint) when MuJoCo rejects the model.
+  explicit MujocoBackend(const Model::Robot& robot, const UrdfSource* urdf = nullptr);
   ~MujocoBackend() override;
   MujocoBackend(const MujocoBackend&) = delete;
   MujocoBackend& operator=(const MujocoBackend&) = delete;

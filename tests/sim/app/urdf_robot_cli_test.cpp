@@ -1,0 +1,155 @@
+// krtracker-sim with a robot brought as a URDF and its mapping: every built-in scenario runs on
+// Lumen on both backends, the scenario field `robot:` and `angles --robot` take a mapping, and a
+// bad URDF or mapping gives one line, exit code 2 and no output file, whichever class of
+// mistake it is.
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <fstream>
+
+#include <nlohmann/json.hpp>
+
+#include <krsim/run/scenario.h>
+
+#include "sim/helpers.h"
+
+namespace {
+
+using namespace krtest;
+using Result = CommandResult;
+
+std::string freshDirectory(const std::string& name) {
+  const std::string dir = ::testing::TempDir() + "/krtracker_urdf_" + name;
+  ::mkdir(dir.c_str(), 0755);
+  return dir;
+}
+
+TEST(UrdfRobotCli, EveryScenarioRunsOnLumenOnBothBackends) {
+  const std::string dir = freshDirectory("runs");
+  for (const auto& info : KR::Sim::listScenarios()) {
+    for (const char* physics : {"kinematic", "mujoco"}) {
+      SCOPED_TRACE(info.name + " on " + physics);
+      const std::string json = dir + "/" + info.name + "-" + physics + ".json";
+      const Result r =
+          krtest::runCli({"--scenario", info.name, "--robot", "lumen", "--physics", physics,
+                          "--quiet", "--csv", dir + "/run.csv", "--json", json},
+                         &KR::Sim::createTrackerModules);
+      ASSERT_EQ(r.code, 0) << r.err;
+      EXPECT_NE(r.out.find("robot Lumen (" + robotPath("lumen.yaml") + ")"), std::string::npos)
+          << r.out;
+      // The meshes are not shipped: one note, on MuJoCo only.
+      const bool meshNote = r.out.find("note: 5 mesh files of " + robotPath("lumen.urdf") +
+                                       " not found") != std::string::npos;
+      EXPECT_EQ(meshNote, std::string(physics) == "mujoco") << r.out;
+      const auto summary = nlohmann::json::parse(readFile(json));
+      EXPECT_EQ(summary.at("robot"), "Lumen");
+      EXPECT_FALSE(summary.at("phases").empty());
+    }
+  }
+}
+
+TEST(UrdfRobotCli, AnglesAndScenarioFilesTakeAMapping) {
+  const Result angles = krtest::runCli(
+      {"angles", "--robot", robotPath("lumen.yaml"), "--look-at", "1.5", "0.3", "0.4"});
+  ASSERT_EQ(angles.code, 0) << angles.err;
+  EXPECT_EQ(angles.out.rfind("head_pan_joint ", 0), 0u) << angles.out;
+  EXPECT_NE(angles.out.find("\nhead_tilt_joint "), std::string::npos) << angles.out;
+
+  const std::string file = freshDirectory("scenario") + "/lumen_table.yaml";
+  std::ofstream(file) << R"(name: table
+description: a ball on a table
+robot: lumen.yaml
+duration: 6
+targets:
+  - {name: ball, kind: RedBall, layout: torso, points: [[0, 1.5, -0.2, 0.2], [6, 1.5, 0.3, 0.2]]}
+actions:
+  - {time: 0, call: registerTarget, args: [RedBall, 0.06]}
+  - {time: 0, call: setMode, args: [Head]}
+  - {time: 0, call: track, args: [RedBall]}
+phases:
+  - {name: table, begin: 0, target: ball}
+)";
+  const Result r = krtest::runCli({"--scenario", file, "--physics", "kinematic", "--quiet", "--csv",
+                                   ::testing::TempDir() + "/lumen_table.csv", "--json",
+                                   ::testing::TempDir() + "/lumen_table.json"},
+                                  &KR::Sim::createTrackerModules);
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_NE(r.out.find("robot Lumen"), std::string::npos) << r.out;
+}
+
+// Each class of mistake in a URDF robot: one line naming the file and the element, exit 2,
+// nothing written.
+TEST(UrdfRobotCli, EveryBadUrdfRobotIsRefusedOnOneLine) {
+  const std::string dir = freshDirectory("bad");
+  const std::string outputs = freshDirectory("bad_outputs");
+  const std::string yaml = krtest::readRobotFile("lumen.yaml");
+  const std::string urdf = krtest::readRobotFile("lumen.urdf");
+  const struct {
+    std::string name;
+    std::string yaml;
+    std::string urdf;
+    std::string fragment;
+  } cases[] = {
+      {"truncated", yaml, urdf.substr(0, urdf.size() / 2), "truncated.urdf: refused by urdfdom: "},
+      {"missing_joint", replaced(yaml, "yaw: head_pan_joint", "yaw: pan"), urdf,
+       "missing_joint.yaml: head/yaw: joint 'pan' does not exist in "},
+      {"prismatic", yaml,
+       replaced(urdf, "\"head_tilt_joint\" type=\"revolute\"",
+                "\"head_tilt_joint\" type=\"prismatic\""),
+       "prismatic.urdf: joint 'head_tilt_joint' (head/pitch): is prismatic"},
+      {"yaw_tilted", yaml,
+       replaced(urdf, "<origin xyz=\"0.05 0 0.6\" rpy=\"0 0 0\"/>",
+                "<origin xyz=\"0.05 0 0.6\" rpy=\"0 0.3 0\"/>"),
+       "yaw_tilted.urdf: joint 'head_pan_joint' (head/yaw): its axis is not vertical"},
+      {"pitch_tilted", yaml,
+       replaced(urdf, "<origin xyz=\"0.07 0 0.055\" rpy=\"0 0 0\"/>",
+                "<origin xyz=\"0.07 0 0.055\" rpy=\"0.3 0 0\"/>"),
+       "pitch_tilted.urdf: joint 'head_tilt_joint' (head/pitch): its axis is not horizontal"},
+      {"other_order",
+       replaced(replaced(yaml, "yaw: head_pan_joint", "yaw: head_tilt_joint"),
+                "pitch: head_tilt_joint", "pitch: head_pan_joint"),
+       urdf, "the head is in the other order"},
+      {"third_joint", yaml,
+       replaced(urdf, "\"head_camera_joint\" type=\"fixed\"",
+                "\"head_camera_joint\" type=\"continuous\""),
+       "third_joint.urdf: joint 'head_camera_joint': a third moving joint"},
+      {"camera_above", yaml,
+       replaced(urdf, "<parent link=\"head_tilt_link\"/>\n    <child link=\"head_wide_link\"/>",
+                "<parent link=\"head_pan_link\"/>\n    <child link=\"head_wide_link\"/>"),
+       "camera_above.yaml: head/cameras[1]/frame: camera frame 'head_wide_optical_frame' is not "
+       "below the pitch joint"},
+      {"unknown_key", replaced(yaml, "torso: torso_lift_link", "torso: torso_lift_link\ntorsoo: x"),
+       urdf, "unknown_key.yaml: torsoo (line 7): unknown key 'torsoo'"},
+      {"wrong_kind", replaced(yaml, "fixed: {torso_lift_joint: 0.1}", "fixed: 0.1"), urdf,
+       "wrong_kind.yaml: fixed (line 14): must be a mapping of joint names, got a single value"},
+      {"no_urdf", replaced(yaml, "urdf: lumen.urdf", "urdf: gone.urdf"), urdf,
+       "no_urdf.yaml: urdf: cannot read the URDF '"},
+      {"big", yaml, urdf + "<!--" + std::string(2 << 20, 'x') + "-->\n", "bytes, more than"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string mapping = dir + "/" + c.name + ".yaml";
+    std::ofstream(mapping) << (c.name == "no_urdf" ? c.yaml
+                                                   : replaced(c.yaml, "urdf: lumen.urdf",
+                                                              "urdf: " + c.name + ".urdf"));
+    std::ofstream(dir + "/" + c.name + ".urdf", std::ios::binary) << c.urdf;
+    for (const std::vector<std::string>& args :
+         {std::vector<std::string>{"--robot", mapping, "--csv", outputs + "/run.csv", "--plot",
+                                   outputs + "/run.png", "--json", outputs + "/run.json"},
+          std::vector<std::string>{"angles", "--robot", mapping, "--look-at", "1", "0", "0"}}) {
+      const Result r = krtest::runCli(args);
+      EXPECT_EQ(r.code, 2) << r.err;
+      EXPECT_EQ(r.out, "");
+      EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+      EXPECT_EQ(r.err.rfind("krtracker-sim: ", 0), 0u) << r.err;
+      EXPECT_NE(r.err.find("cannot load robot '" + mapping + "': "), std::string::npos) << r.err;
+      EXPECT_NE(r.err.find(c.fragment), std::string::npos)
+          << "'" << c.fragment << "' not in " << r.err;
+      EXPECT_TRUE(filesIn(outputs).empty());
+    }
+  }
+}
+
+}  // namespace
