@@ -298,7 +298,8 @@ void printSummary(const Scenario& scenario, const RunResult& r, std::ostream& ou
         << (r.interrupted ? "Stopped by signal " + std::to_string(StopSignals::received())
                           : "Stopped (" + r.stoppedBy + ")")
         << " after " << std::fixed << std::setprecision(2) << r.simulatedS
-        << " s: what ran is measured below\n";
+        << " s: what ran is measured below\n"
+        << std::flush;
   }
   out << "\nSummary: " << std::fixed << std::setprecision(1) << r.simulatedS << " s simulated in "
       << std::setprecision(3) << r.cpuS << " s of CPU (" << std::setprecision(0)

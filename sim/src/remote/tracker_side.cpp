@@ -73,6 +73,15 @@ std::string summaryJson(const Served& s, const std::string& prefix) {
   return j.dump(2) + "\n";
 }
 
+/// The tracking service's exit code for the robot side's last word: 0 when its run completed
+/// or a signal stopped it (the run ended as the robot side said), 1 when its run failed, and a
+/// loss otherwise (no word, or the robot side lost this side).
+int exitCodeFor(const std::string& lastWord) {
+  if (lastWord == "completed" || lastWord.rfind("stopped by signal", 0) == 0)
+    return 0;
+  return lastWord.rfind("failed: ", 0) == 0 ? 1 : kExitPeerLost;
+}
+
 /// Serves until the robot side ends the run, is lost, or a signal comes: the status and the
 /// exit code.
 int serve(RemoteSession& session, Served& served) {
@@ -88,8 +97,7 @@ int serve(RemoteSession& session, Served& served) {
     const std::string gone = session.peerGone();
     if (!gone.empty()) {
       served.status = gone;
-      // The robot side's last word ends the run as it should end; anything else is a loss.
-      code = session.peerLastWord().empty() ? kExitPeerLost : 0;
+      code = exitCodeFor(session.peerLastWord());
       break;
     }
     std::this_thread::sleep_for(20ms);

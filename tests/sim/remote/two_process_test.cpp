@@ -1,6 +1,6 @@
 // The two processes of a run over DDS, started as the user starts them (krtracker-sim
-// remote-tracker and remote-robot), each test on topic prefixes of its own, on loopback: a run
-// that ends together on both sides; each side's death, stall or stop signal noticed by the
+// remote-tracker and remote-robot), each case on a topic prefix of its own, on loopback: a run
+// that ends together on both sides; each side's stop signal, death or stall noticed by the
 // other, which ends with its summary, a JSON status and a non-zero exit; a side alone that says
 // what it waits for and gives up; a second side on a prefix in use refused. Times are waited
 // for with generous bounds and printed, never asserted.
@@ -12,10 +12,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -38,7 +41,7 @@ constexpr double kPatienceS = 60.0;
 std::string freshFolder(const std::string& name) {
   const std::string dir = ::testing::TempDir() + "/krsim_two_process_" + name;
   ::mkdir(dir.c_str(), 0755);
-  for (const char* file : {"robot.json", "robot.csv", "tracker.json"})
+  for (const char* file : {"robot.json", "robot.csv", "tracker.json", "second.json", "second.csv"})
     ::unlink((dir + "/" + file).c_str());
   return dir;
 }
@@ -50,10 +53,13 @@ std::string uniquePrefix(const std::string& name) {
 
 // krtracker-sim started with `args` on `prefix`, its output and errors in DIR/NAME.out, .err.
 struct Side {
+  // `fromScript`: started as a script starts a job in the background, SIGINT ignored.
   Side(const std::vector<std::string>& args, const std::string& prefix, const std::string& dir,
-       const std::string& name)
+       const std::string& name, bool fromScript = false)
       : out(dir + "/" + name + ".out"), err(dir + "/" + name + ".err") {
     std::vector<std::string> argv = {KRTRACKER_SIM_BINARY};
+    if (fromScript)
+      argv = {"/bin/sh", "-c", "trap '' INT; exec \"$0\" \"$@\"", KRTRACKER_SIM_BINARY};
     argv.insert(argv.end(), args.begin(), args.end());
     std::vector<std::string> env;
     for (char** e = environ; *e != nullptr; ++e) {
@@ -82,36 +88,42 @@ struct Side {
   }
   ~Side() {
     if (pid > 0 && code < 0) {
+      ::kill(pid, SIGCONT);
       ::kill(pid, SIGKILL);
-      wait();
+      ::waitpid(pid, nullptr, 0);
     }
   }
 
-  // The exit code, 128 + the signal's number for a process killed by one.
-  int wait() {
-    if (code >= 0 || pid <= 0)
-      return code;
+  // Whether the process has ended (its exit code kept, 128 + the signal's number for a process
+  // killed by one).
+  bool ended() {
     int status = 0;
-    ::waitpid(pid, &status, 0);
-    code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    if (code < 0 && pid > 0 && ::waitpid(pid, &status, WNOHANG) == pid)
+      code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return code >= 0 || pid <= 0;
+  }
+
+  // The exit code; -1 when the process is still running after kPatienceS.
+  int wait() {
+    const auto end = Clock::now() + std::chrono::duration<double>(kPatienceS);
+    while (!ended() && Clock::now() < end)
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
     return code;
   }
 
   std::string output() const { return readFile(out); }
   std::string errors() const { return readFile(err); }
 
-  // Waits until the output holds `text`; false after kPatienceS or when the process ended.
-  bool waitForOutput(const std::string& text) const {
+  // Waits until the output holds `text`; false after kPatienceS or when the process ended
+  // without it.
+  bool waitForOutput(const std::string& text) {
     const auto end = Clock::now() + std::chrono::duration<double>(kPatienceS);
     while (Clock::now() < end) {
       if (output().find(text) != std::string::npos)
         return true;
-      int status = 0;
-      if (::waitpid(pid, &status, WNOHANG) == pid) {
-        const_cast<Side*>(this)->code = WIFEXITED(status) ? WEXITSTATUS(status) : 128;
+      if (ended())
         return output().find(text) != std::string::npos;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return false;
   }
@@ -131,161 +143,297 @@ std::string statusOf(const std::string& path) {
   return j.is_object() && j.contains("status") ? j["status"].get<std::string>() : "(no status)";
 }
 
-std::vector<std::string> robotArgs(const std::string& dir, const std::string& duration) {
-  return {"remote-robot", "--physics", "kinematic",        "--quiet", "--duration",
-          duration,       "--csv",     dir + "/robot.csv", "--json",  dir + "/robot.json"};
+std::vector<std::string> robotArgs(const std::string& json, const std::string& duration) {
+  return {"remote-robot", "--physics",
+          "kinematic",    "--quiet",
+          "--seed",       "7",
+          "--latency",    "0.05",
+          "--json",       json,
+          "--duration",   duration,
+          "--csv",        json.substr(0, json.size() - 5) + ".csv"};
 }
 
-std::vector<std::string> trackerArgs(const std::string& dir) {
-  return {"remote-tracker", "--json", dir + "/tracker.json"};
+std::vector<std::string> trackerArgs(const std::string& json) {
+  return {"remote-tracker", "--json", json};
 }
 
-TEST(TwoProcessRun, BothSidesEndTogetherWithTheirSummaries) {
-  const std::string dir = freshFolder("together");
-  const std::string prefix = uniquePrefix("together");
-  Side tracker(trackerArgs(dir), prefix, dir, "tracker");
-  std::vector<std::string> args = robotArgs(dir, "1.5");
-  args.insert(args.end(), {"--seed", "7", "--latency", "0.05"});
-  Side robot(args, prefix, dir, "robot");
-  ASSERT_EQ(robot.wait(), 0) << robot.errors();
-  ASSERT_EQ(tracker.wait(), 0) << tracker.errors();
-  const auto json = jsonOf(dir + "/robot.json");
-  EXPECT_EQ(json["transport"], "dds");
-  EXPECT_EQ(json["status"], "completed");
-  EXPECT_EQ(json["seed"], 7);  // the run options of the one-process run
-  EXPECT_EQ(json["latency_s"], 0.05);
-  EXPECT_EQ(json["simulated_s"], 1.5);
-  const std::string csv = readFile(dir + "/robot.csv");
-  EXPECT_EQ(std::count(csv.begin(), csv.end(), '\n'), 151);  // header and 1.5 s of steps
-  EXPECT_NE(robot.output().find("\nSummary: 1.5 s simulated"), std::string::npos);
-  const auto served = jsonOf(dir + "/tracker.json");
-  EXPECT_EQ(served["status"], "the robot side ended: completed");
-  EXPECT_EQ(served["scenario"], "ball");
-  EXPECT_EQ(served["seed"], "7");
-  EXPECT_GT(served["calls_answered"].get<int>(), 0);
-  EXPECT_NE(tracker.output().find("Summary (tracking service, topic prefix '" + prefix + "')"),
-            std::string::npos);
-  // The robot side's copy of the configuration after each action says nothing.
-  EXPECT_EQ(tracker.errors(), "");
-  EXPECT_EQ(robot.errors(), "");
+enum class Start { Both, RobotAlone, TrackerAlone, SecondRobot, SecondTracker };
+enum class Who { Robot, Tracker };
+
+// How a side ends. "{P}" in a text stands for the case's topic prefix.
+struct Ending {
+  int code = -1;                      // -1: the side is not started
+  std::optional<std::string> status;  // the start of its JSON's status; "" no JSON; unchecked
+  std::string errors;                 // its whole error stream
+  std::string said = "";              // a line of its output
+};
+
+struct Fault {
+  std::string name;
+  Start start;
+  std::string duration;  // of the robot side's run [s]
+  int signal;            // sent to `target` once the run goes on; 0 none
+  Who target;
+  bool fromScript;  // the target started in the background of a script (SIGINT ignored)
+  Ending robot, tracker, second = {};
+};
+
+std::string withPrefix(std::string text, const std::string& prefix) {
+  for (auto at = text.find("{P}"); at != std::string::npos; at = text.find("{P}", at))
+    text.replace(at, 3, prefix);
+  return text;
 }
 
-// One side signalled while the run goes on: the other notices, prints its summary, writes its
-// JSON with the reason and exits non-zero; a side stopped by SIGINT or SIGTERM does the same
-// with 128 + the signal.
-TEST(TwoProcessRun, EachSideNoticesTheOthersEnd) {
-  const struct {
-    const char* name;
-    bool signalTracker;
-    int signal;
-    int signalledCode;
-    std::string signalledStatus;  // of the signalled side's JSON, empty when it writes none
-    int otherCode;
-    std::string otherStatus;  // the start of the other side's JSON status
-  } cases[] = {
-      {"tracker_killed", true, SIGKILL, 128 + SIGKILL, "", 3,
-       "the tracking service was lost: no sign of life for 500 ms"},
-      {"tracker_stopped", true, SIGSTOP, 3, "", 3,
-       "the tracking service was lost: no sign of life for 500 ms"},
-      {"robot_killed", false, SIGKILL, 128 + SIGKILL, "", 3,
-       "the robot side was lost: no sign of life for 500 ms"},
-      {"robot_interrupted", false, SIGINT, 128 + SIGINT, "stopped by signal 2", 0,
-       "the robot side ended: stopped by signal 2"},
-      {"tracker_terminated", true, SIGTERM, 128 + SIGTERM, "stopped by signal 15", 3,
-       "the tracking service ended: stopped by signal 15"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    const std::string dir = freshFolder(c.name);
-    const std::string prefix = uniquePrefix(c.name);
-    Side tracker(trackerArgs(dir), prefix, dir, "tracker");
-    Side robot(robotArgs(dir, "30"), prefix, dir, "robot");
-    ASSERT_TRUE(tracker.waitForOutput("serving")) << tracker.errors() << robot.errors();
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));  // into the run
-    Side& signalled = c.signalTracker ? tracker : robot;
-    Side& other = c.signalTracker ? robot : tracker;
-    const auto sent = Clock::now();
-    ::kill(signalled.pid, c.signal);
-    const int otherCode = other.wait();
-    const double seconds = std::chrono::duration<double>(Clock::now() - sent).count();
-    std::printf("%s: the other side exited %.2f s after the signal\n", c.name, seconds);
-    if (c.signal == SIGSTOP)
-      ::kill(signalled.pid, SIGCONT);
-    EXPECT_EQ(signalled.wait(), c.signalledCode) << signalled.errors();
-    EXPECT_EQ(otherCode, c.otherCode) << other.errors();
-    const std::string otherJson = dir + (c.signalTracker ? "/robot.json" : "/tracker.json");
-    EXPECT_EQ(statusOf(otherJson).rfind(c.otherStatus, 0), 0u) << statusOf(otherJson);
-    EXPECT_NE(other.output().find("Summary"), std::string::npos) << other.output();
-    if (!c.signalledStatus.empty()) {
-      const std::string ownJson = dir + (c.signalTracker ? "/tracker.json" : "/robot.json");
-      EXPECT_EQ(statusOf(ownJson), c.signalledStatus);
-      EXPECT_NE(signalled.output().find("Summary"), std::string::npos) << signalled.output();
-    }
-    // The robot side's run ended early, measured as far as it went.
-    const auto run = jsonOf(dir + "/robot.json");
-    if (run.is_object()) {
-      EXPECT_GT(run["simulated_s"].get<double>(), 0.0);
-      EXPECT_LT(run["simulated_s"].get<double>(), 30.0);
-    }
+const std::string kTrackerLost =
+    "the tracking service was lost: no sign of life for 500 ms (killed, stopped or cut off)";
+const std::string kRobotLost =
+    "the robot side was lost: no sign of life for 500 ms (killed, stopped or cut off)";
+const std::string kInUse =
+    "krtracker-sim: topic prefix '{P}' is in use: another {S} is on it; give each run a prefix "
+    "of its own (KRTRACKER_REMOTE_PREFIX)\n";
+
+std::string inUse(const std::string& side) {
+  std::string text = kInUse;
+  return text.replace(text.find("{S}"), 3, side);
+}
+
+// Each way a two-process run can end: how it is started, what is done to it, how each side
+// ends.
+const Fault kFaults[] = {
+    {"completed",
+     Start::Both,
+     "1.5",
+     0,
+     Who::Robot,
+     false,
+     {0, "completed", ""},
+     {0, "the robot side ended: completed", ""}},
+    {"robot_sigint_from_a_script",
+     Start::Both,
+     "30",
+     SIGINT,
+     Who::Robot,
+     true,
+     {128 + SIGINT, "stopped by signal 2", ""},
+     {0, "the robot side ended: stopped by signal 2", ""}},
+    {"robot_sigterm",
+     Start::Both,
+     "30",
+     SIGTERM,
+     Who::Robot,
+     false,
+     {128 + SIGTERM, "stopped by signal 15", ""},
+     {0, "the robot side ended: stopped by signal 15", ""}},
+    {"tracker_sigint_from_a_script",
+     Start::Both,
+     "30",
+     SIGINT,
+     Who::Tracker,
+     true,
+     {3, "the tracking service ended: stopped by signal 2", ""},
+     {128 + SIGINT, "stopped by signal 2", ""}},
+    {"tracker_sigterm",
+     Start::Both,
+     "30",
+     SIGTERM,
+     Who::Tracker,
+     false,
+     {3, "the tracking service ended: stopped by signal 15", ""},
+     {128 + SIGTERM, "stopped by signal 15", ""}},
+    // Killed before the action at 20 s, or after the last action (the run ends at 4 s).
+    {"tracker_killed",
+     Start::Both,
+     "30",
+     SIGKILL,
+     Who::Tracker,
+     false,
+     {3, kTrackerLost, ""},
+     {128 + SIGKILL, "", ""}},
+    {"tracker_killed_after_the_last_action",
+     Start::Both,
+     "4",
+     SIGKILL,
+     Who::Tracker,
+     false,
+     {3, kTrackerLost, ""},
+     {128 + SIGKILL, "", ""}},
+    {"robot_killed",
+     Start::Both,
+     "30",
+     SIGKILL,
+     Who::Robot,
+     false,
+     {128 + SIGKILL, "", ""},
+     {3, kRobotLost, ""}},
+    // Stopped, then let go once the other side has ended: it finds the run over.
+    {"tracker_stopped",
+     Start::Both,
+     "30",
+     SIGSTOP,
+     Who::Tracker,
+     false,
+     {3, kTrackerLost, ""},
+     {3, std::nullopt, ""}},
+    {"robot_stopped",
+     Start::Both,
+     "30",
+     SIGSTOP,
+     Who::Robot,
+     false,
+     {3, std::nullopt, ""},
+     {3, kRobotLost, ""}},
+    {"robot_alone",
+     Start::RobotAlone,
+     "1",
+     0,
+     Who::Robot,
+     false,
+     {4, "",
+      "krtracker-sim: robot side: no tracking service appeared on topic prefix '{P}' within "
+      "1 s\n",
+      "robot side: waiting for the tracking service on topic prefix '{P}' (krtracker-sim "
+      "remote-tracker with the same KRTRACKER_REMOTE_PREFIX), giving up after 1 s"},
+     {}},
+    {"tracker_alone",
+     Start::TrackerAlone,
+     "1",
+     0,
+     Who::Tracker,
+     false,
+     {},
+     {4, "",
+      "krtracker-sim: tracking service: no robot side appeared on topic prefix '{P}' within "
+      "1 s\n",
+      "tracking service: waiting for the robot side on topic prefix '{P}' (krtracker-sim "
+      "remote-robot with the same KRTRACKER_REMOTE_PREFIX), giving up after 1 s"}},
+    // The run already on the prefix goes on undisturbed.
+    {"second_robot",
+     Start::SecondRobot,
+     "3",
+     0,
+     Who::Robot,
+     false,
+     {0, "completed", ""},
+     {0, "the robot side ended: completed", ""},
+     {2, "", inUse("robot side")}},
+    {"second_tracker",
+     Start::SecondTracker,
+     "3",
+     0,
+     Who::Robot,
+     false,
+     {0, "completed", ""},
+     {0, "the robot side ended: completed", ""},
+     {2, "", inUse("tracking service")}},
+};
+
+class TwoProcessRun : public ::testing::TestWithParam<Fault> {};
+
+// The other side's line saying why it stops, and the time from the signal to it and to the
+// other side's exit; printed, not asserted.
+void measure(const Fault& f, Side& other, Clock::time_point sent) {
+  const bool robot = f.target == Who::Tracker;
+  const bool noticed = other.waitForOutput(robot ? "Stopped (" : "; stopping");
+  const double noticedS = std::chrono::duration<double>(Clock::now() - sent).count();
+  other.wait();
+  const double exitedS = std::chrono::duration<double>(Clock::now() - sent).count();
+  EXPECT_TRUE(noticed) << other.output();
+  std::printf("%s: the %s said why it stops %.2f s after the signal, exited after %.2f s\n",
+              f.name.c_str(), robot ? "robot side" : "tracking service", noticedS, exitedS);
+}
+
+void expectEnding(const char* side, Side* process, const Ending& e, const std::string& json,
+                  const std::string& prefix) {
+  SCOPED_TRACE(side);
+  if (e.code < 0) {
+    EXPECT_EQ(process, nullptr);
+    return;
+  }
+  ASSERT_NE(process, nullptr);
+  EXPECT_EQ(process->wait(), e.code) << process->errors();
+  EXPECT_EQ(process->errors(), withPrefix(e.errors, prefix));
+  if (!e.said.empty()) {
+    EXPECT_NE(process->output().find(withPrefix(e.said, prefix)), std::string::npos)
+        << process->output();
+  }
+  if (e.status && e.status->empty()) {
+    EXPECT_EQ(readFile(json), "") << "nothing written";
+  } else if (e.status) {
+    EXPECT_EQ(statusOf(json).rfind(*e.status, 0), 0u) << statusOf(json);
+  }
+  // A side that ran to an end of its own prints its summary.
+  if (e.code != 2 && e.code != 4 && e.code != 128 + SIGKILL) {
+    EXPECT_NE(process->output().find("Summary"), std::string::npos) << process->output();
   }
 }
 
-TEST(TwoProcessRun, ASideAloneSaysWhatItWaitsForAndGivesUp) {
-  const std::string dir = freshFolder("alone");
-  const std::string trackerPrefix = uniquePrefix("alone_tracker");
-  const std::string robotPrefix = uniquePrefix("alone_robot");
-  std::vector<std::string> args = trackerArgs(dir);
-  args.insert(args.end(), {"--wait", "1"});
-  Side tracker(args, trackerPrefix, dir, "tracker");
-  args = robotArgs(dir, "1");
-  args.insert(args.end(), {"--wait", "1"});
-  Side robot(args, robotPrefix, dir, "robot");
-  EXPECT_EQ(tracker.wait(), 4);
-  EXPECT_EQ(robot.wait(), 4);
-  EXPECT_NE(tracker.output().find("tracking service: waiting for the robot side on topic prefix '" +
-                                  trackerPrefix + "' (krtracker-sim remote-robot"),
-            std::string::npos)
-      << tracker.output();
-  EXPECT_EQ(tracker.errors(),
-            "krtracker-sim: tracking service: no robot side appeared on topic "
-            "prefix '" +
-                trackerPrefix + "' within 1 s\n");
-  EXPECT_NE(robot.output().find("robot side: waiting for the tracking service on topic prefix '" +
-                                robotPrefix + "' (krtracker-sim remote-tracker"),
-            std::string::npos)
-      << robot.output();
-  EXPECT_EQ(robot.errors(),
-            "krtracker-sim: robot side: no tracking service appeared on topic "
-            "prefix '" +
-                robotPrefix + "' within 1 s\n");
-  // Nothing ran: nothing written.
-  EXPECT_EQ(readFile(dir + "/robot.json"), "");
-  EXPECT_EQ(readFile(dir + "/tracker.json"), "");
+TEST_P(TwoProcessRun, EachSideEndsAsItSays) {
+  const Fault& f = GetParam();
+  const std::string dir = freshFolder(f.name);
+  const std::string prefix = uniquePrefix(f.name);
+  const std::string robotJson = dir + "/robot.json", trackerJson = dir + "/tracker.json";
+  const std::string secondJson = dir + "/second.json";
+  std::vector<std::string> trackerLine = trackerArgs(trackerJson);
+  std::vector<std::string> robotLine = robotArgs(robotJson, f.duration);
+  if (f.start == Start::RobotAlone || f.start == Start::TrackerAlone) {
+    trackerLine.insert(trackerLine.end(), {"--wait", "1"});
+    robotLine.insert(robotLine.end(), {"--wait", "1"});
+  }
+  std::optional<Side> tracker, robot, second;
+  if (f.start != Start::RobotAlone)
+    tracker.emplace(trackerLine, prefix, dir, "tracker", f.fromScript && f.target == Who::Tracker);
+  if (f.start != Start::TrackerAlone)
+    robot.emplace(robotLine, prefix, dir, "robot", f.fromScript && f.target == Who::Robot);
+  if (tracker && robot) {
+    ASSERT_TRUE(tracker->waitForOutput("serving")) << tracker->errors() << robot->errors();
+    std::this_thread::sleep_for(std::chrono::seconds(1));  // into the run
+  }
+  if (f.start == Start::SecondRobot)
+    second.emplace(robotArgs(secondJson, f.duration), prefix, dir, "second");
+  if (f.start == Start::SecondTracker)
+    second.emplace(trackerArgs(secondJson), prefix, dir, "second");
+  if (f.signal != 0) {
+    Side& target = f.target == Who::Robot ? *robot : *tracker;
+    Side& other = f.target == Who::Robot ? *tracker : *robot;
+    const auto sent = Clock::now();
+    ::kill(target.pid, f.signal);
+    measure(f, other, sent);
+    if (f.signal == SIGSTOP)
+      ::kill(target.pid, SIGCONT);
+  }
+  expectEnding("second", second ? &*second : nullptr, f.second, secondJson, prefix);
+  expectEnding("robot side", robot ? &*robot : nullptr, f.robot, robotJson, prefix);
+  expectEnding("tracking service", tracker ? &*tracker : nullptr, f.tracker, trackerJson, prefix);
+
+  // The robot side's run, measured as far as it went, with the options it was given; the
+  // tracking service knows the run it served.
+  const auto run = jsonOf(robotJson);
+  const double duration = std::stod(f.duration);
+  if (run.is_object()) {
+    EXPECT_EQ(run["transport"], "dds");
+    EXPECT_EQ(run["seed"], 7);
+    EXPECT_EQ(run["latency_s"], 0.05);
+    const double simulated = run["simulated_s"].get<double>();
+    if (run["status"] == "completed") {
+      EXPECT_EQ(simulated, duration);
+      const std::string csv = readFile(dir + "/robot.csv");
+      EXPECT_EQ(std::count(csv.begin(), csv.end(), '\n'), std::lround(duration * 100) + 1);
+    } else {
+      EXPECT_GT(simulated, 0.0);
+      EXPECT_LT(simulated, duration);
+    }
+  }
+  const auto served = jsonOf(trackerJson);
+  if (served.is_object() && run.is_object()) {
+    EXPECT_EQ(served["scenario"], "ball");
+    EXPECT_EQ(served["seed"], "7");
+    EXPECT_GT(served["calls_answered"].get<int>(), 0);
+  }
 }
 
-// A second robot side, or a second tracking service, on a prefix in use is refused before it
-// does anything, naming the prefix; the run already there goes on undisturbed.
-TEST(TwoProcessRun, ASecondSideOnAPrefixInUseIsRefused) {
-  const std::string dir = freshFolder("in_use");
-  const std::string prefix = uniquePrefix("in_use");
-  Side tracker(trackerArgs(dir), prefix, dir, "tracker");
-  Side robot(robotArgs(dir, "3"), prefix, dir, "robot");
-  ASSERT_TRUE(tracker.waitForOutput("serving")) << tracker.errors() << robot.errors();
-  const std::string refusal = "krtracker-sim: topic prefix '" + prefix + "' is in use: another ";
-  const std::string other = freshFolder("in_use_other");
-  Side secondRobot(robotArgs(other, "3"), prefix, dir, "second_robot");
-  Side secondTracker(trackerArgs(other), prefix, dir, "second_tracker");
-  EXPECT_EQ(secondRobot.wait(), 2);
-  EXPECT_EQ(secondRobot.errors(), refusal +
-                                      "robot side is on it; give each run a prefix of its "
-                                      "own (KRTRACKER_REMOTE_PREFIX)\n");
-  EXPECT_EQ(secondTracker.wait(), 2);
-  EXPECT_EQ(secondTracker.errors().rfind(refusal + "tracking service is on it", 0), 0u)
-      << secondTracker.errors();
-  EXPECT_EQ(readFile(other + "/robot.json"), "");
-  EXPECT_EQ(robot.wait(), 0) << robot.errors();
-  EXPECT_EQ(tracker.wait(), 0) << tracker.errors();
-  EXPECT_EQ(statusOf(dir + "/robot.json"), "completed");
-}
+INSTANTIATE_TEST_SUITE_P(Faults, TwoProcessRun, ::testing::ValuesIn(kFaults),
+                         [](const ::testing::TestParamInfo<Fault>& info) {
+                           return info.param.name;
+                         });
 
 }  // namespace
