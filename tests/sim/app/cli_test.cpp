@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <array>
 #include <csignal>
 
 #include <nlohmann/json.hpp>
@@ -67,6 +68,10 @@ TEST(CommandLineErrors, EachBadOptionIsNamedAndNothingIsWritten) {
     ASSERT_EQ(::mkfifo(f.c_str(), 0600), 0) << f;
   }
   const std::vector<std::string> outputs = {"--csv", dir + "/run.csv", "--plot", dir + "/run.png"};
+  std::string tooLong = dir;  // longer than any path may be, in folders that do not exist
+  for (int i = 0; i < 20; ++i)
+    tooLong += "/" + std::string(250, 'a');
+  tooLong += "/run.json";
   const struct {
     std::vector<std::string> args;
     std::vector<std::string> fragments;  // what the one line must say
@@ -163,6 +168,7 @@ TEST(CommandLineErrors, EachBadOptionIsNamedAndNothingIsWritten) {
         "/missing (it is not created)"},
        true},
       {{"--json", dir + "/" + std::string(300, 'a') + "/b/run.json"}, {"--json", "no folder"}},
+      {{"--json", tooLong}, {"--json", "no folder"}},
       {{"--json", fifo}, {"--json " + fifo + " is not a regular file"}, true},
       {{"--snapshots", "/proc/krtracker"}, {"--snapshots", "not a folder that can be written"}},
       // The angles dry run.
@@ -561,6 +567,25 @@ TEST(OutputFilesTest, AFailedRunLeavesThePreviousFilesUntouched) {
   const std::string csv = readFile(dir + "/table.csv");
   const std::string png = readFile(dir + "/table.png");
   const std::string json = readFile(dir + "/table.json");
+  auto untouched = [&] {
+    EXPECT_EQ(readFile(dir + "/table.csv"), csv);
+    EXPECT_EQ(readFile(dir + "/table.png"), png);
+    EXPECT_EQ(readFile(dir + "/table.json"), json);
+    EXPECT_EQ(outputsIn(dir), "table.csv table.json table.png ");
+  };
+  // Faults of the file are refused before anything runs (exit 2).
+  const std::string track = "call: track, args: [RedBall]";
+  for (const auto& [name, from, to] : std::vector<std::array<std::string, 3>>{
+           {"table_trak", track, "call: trak, args: [RedBall]"},
+           {"table_args", track, "call: track, args: [RedBall, 2]"},
+           {"table_service", track, track + ", service: KRMotor"}}) {
+    SCOPED_TRACE(name);
+    const Result refused =
+        runWithTracker(args(writeScenario(name, replaced(kUserScenario, from, to))));
+    EXPECT_EQ(refused.code, 2) << refused.err;
+    EXPECT_NE(refused.err.find(name + ".yaml:18: actions[2]."), std::string::npos) << refused.err;
+    untouched();
+  }
   // A value the tracker itself rejects is only found when the call runs, 2 s in.
   const Result bad = runWithTracker(args(writeScenario(
       "table_leg", replaced(kUserScenario, "  - {time: 0, call: track, args: [RedBall]}",
@@ -568,10 +593,7 @@ TEST(OutputFilesTest, AFailedRunLeavesThePreviousFilesUntouched) {
                             "  - {time: 2, call: setEffector, args: [Leg]}"))));
   EXPECT_EQ(bad.code, 1);
   EXPECT_NE(bad.err.find("Invalid effector name"), std::string::npos) << bad.err;
-  EXPECT_EQ(readFile(dir + "/table.csv"), csv);
-  EXPECT_EQ(readFile(dir + "/table.png"), png);
-  EXPECT_EQ(readFile(dir + "/table.json"), json);
-  EXPECT_EQ(outputsIn(dir), "table.csv table.json table.png ");
+  untouched();
 }
 
 TEST(OutputFilesTest, ARunReplacesAllItsOutputsTogether) {

@@ -163,11 +163,30 @@ void expectRefused(const std::vector<Case>& cases) {
   }
 }
 
-// A call is checked against the method table of its service before anything runs: its name,
-// how many arguments it has and of what kind, as the service would convert them.
-TEST(ScenarioFileReaderTest, CallsAreCheckedAgainstTheMethodTablesOfTheirService) {
+// Every fault of a file is found before anything is built, run or written, and named by the
+// file, the line and the field: calls against the method tables of their service (name, count
+// and kind of arguments, as the service would convert them), a script that does not make sense
+// as a whole (unknown kinds, a field given twice, a second document, intervals backwards,
+// anything after the end), and files written to hurt (aliases that expand without bound, paths
+// sampled past any memory, a name that leaves the output folder or writes to the terminal, a
+// robot that is not a regular file).
+TEST(ScenarioFileReaderTest, EveryFaultIsRefusedWithItsPlace) {
   const std::string moveTo = "{time: 1, call: moveTo, args: [0.5, 0, 0], service: KRMotion}";
+  std::string bomb = "&a0 [1, 1, 1, 1, 1, 1, 1, 1, 1, 1]";
+  for (int level = 1; level < 9; ++level) {
+    const std::string below = "*a" + std::to_string(level - 1);
+    std::string list;
+    for (int k = 0; k < 10; ++k)
+      list += (k ? ", " : "") + below;
+    bomb += ", &a" + std::to_string(level) + " [" + list + "]";
+  }
+  const std::string fifo = ::testing::TempDir() + "/krsim_scenario_robot_fifo";
+  ::unlink(fifo.c_str());
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  const std::string big = ::testing::TempDir() + "/krsim_scenario_big_robot.xml";
+  std::ofstream(big) << krtest::readRobotFile("kibo.xml") << std::string(2 << 20, ' ');
   expectRefused({
+      // Calls.
       {"misspelt", edit("call: setEffector", "call: setEfector"),
        ":14: actions[1].call: KRTracker has no method 'setEfector' (did you mean 'setEffector'?)"},
       {"unknown", edit("call: setEffector", "call: dance"),
@@ -188,20 +207,7 @@ TEST(ScenarioFileReaderTest, CallsAreCheckedAgainstTheMethodTablesOfTheirService
        ":15: actions[2].args: KRTracker.lookAt expects 4 or 5 arguments, got 3"},
       {"look_kind", edit(moveTo, "{time: 1, call: lookAt, args: [[1, 0, 0], 0, 1, 0.5, yes]}"),
        ":15: actions[2].args: KRTracker.lookAt argument 5 must be bool"},
-  });
-  // Both forms of lookAt, and a call named with its service, pass.
-  const std::string file =
-      write("calls", edit(moveTo,
-                          "{time: 1, call: lookAt, args: [[1, 0, 0], 0, 0.5, false]}\n"
-                          "  - {time: 2, call: lookAt, args: [[1, 0, 0], 0, 1, 0.5, true]}\n"
-                          "  - {time: 3, call: track, args: [RedBall], service: KRTracker}"));
-  EXPECT_EQ(refusal(file), "accepted");
-}
-
-// What the file says must make sense as a whole: known kinds, each field once, one document,
-// intervals in time order, nothing after the end of the script.
-TEST(ScenarioFileReaderTest, InconsistentScriptsAreRefused) {
-  expectRefused({
+      // The script as a whole.
       {"kind", edit("kind: RedBall", "kind: BlueBall"),
        ":8: targets[0].kind: expects one of RedBall, Face, People, Sound, LandMarks, not "
        "'BlueBall'"},
@@ -220,29 +226,7 @@ TEST(ScenarioFileReaderTest, InconsistentScriptsAreRefused) {
        ":19: phases[1].begin: begins at 11 s, after the end of the script"},
       {"effector", edit("effector: LArm, settle_s", "effector: Leg, settle_s"),
        ":18: phases[0].effector: expects one of Arms, LArm, RArm, None, not 'Leg'"},
-  });
-  // A call at the very end is still in the script.
-  EXPECT_EQ(refusal(write("at_end", edit("{time: 4, call: setMode", "{time: 10, call: setMode"))),
-            "accepted");
-}
-
-// Files written to hurt: aliases that expand without bound, paths sampled past any memory, a
-// name that leaves the output folder or writes to the terminal, a robot that is not a file.
-TEST(ScenarioFileReaderTest, HostileFilesAreRefusedBeforeAnythingIsBuilt) {
-  std::string bomb = "&a0 [1, 1, 1, 1, 1, 1, 1, 1, 1, 1]";
-  for (int level = 1; level < 9; ++level) {
-    const std::string below = "*a" + std::to_string(level - 1);
-    std::string list;
-    for (int k = 0; k < 10; ++k)
-      list += (k ? ", " : "") + below;
-    bomb += ", &a" + std::to_string(level) + " [" + list + "]";
-  }
-  const std::string fifo = ::testing::TempDir() + "/krsim_scenario_robot_fifo";
-  ::unlink(fifo.c_str());
-  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-  const std::string big = ::testing::TempDir() + "/krsim_scenario_big_robot.xml";
-  std::ofstream(big) << krtest::readRobotFile("kibo.xml") << std::string(2 << 20, ' ');
-  expectRefused({
+      // Files written to hurt.
       {"bomb", edit("args: [Head]}", "args: [" + bomb + "]}"), ":13: actions[0].args[3][",
        "more than 10000 values in the arguments (aliases included)"},
       {"deep", edit("args: [Head]}", "args: [[[[[[[[[[1]]]]]]]]]]}"), ":13: actions[0].args[0][0]",
@@ -273,7 +257,21 @@ TEST(ScenarioFileReaderTest, HostileFilesAreRefusedBeforeAnythingIsBuilt) {
        "more than the 1048576 accepted"},
   });
   ::unlink(fifo.c_str());
-  // The paths of a week of pursuit, the longest run, fit in what a file may hold.
+}
+
+// What sits right beside those faults passes: both forms of lookAt, a call named with its
+// service, a call at the very end of the script, and the paths of a week of pursuit, the
+// longest run.
+TEST(ScenarioFileReaderTest, WhatIsRightBesideTheFaultsIsAccepted) {
+  const std::string moveTo = "{time: 1, call: moveTo, args: [0.5, 0, 0], service: KRMotion}";
+  const std::string file =
+      write("calls", edit(moveTo,
+                          "{time: 1, call: lookAt, args: [[1, 0, 0], 0, 0.5, false]}\n"
+                          "  - {time: 2, call: lookAt, args: [[1, 0, 0], 0, 1, 0.5, true]}\n"
+                          "  - {time: 3, call: track, args: [RedBall], service: KRTracker}"));
+  EXPECT_EQ(refusal(file), "accepted");
+  EXPECT_EQ(refusal(write("at_end", edit("{time: 4, call: setMode", "{time: 10, call: setMode"))),
+            "accepted");
   const auto pursuit = KR::Sim::makeScenario("pursuit", {nullptr, "", "", 7 * 24 * 3600.0});
   EXPECT_GT(pursuit.targets[0].path.keyframes().size(), 3000000u);
 }
