@@ -7,8 +7,10 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <array>
+#include <cmath>
 #include <csignal>
+#include <map>
+#include <set>
 
 #include <nlohmann/json.hpp>
 
@@ -552,87 +554,151 @@ std::string outputsIn(const std::string& dir) {
   return text;
 }
 
-TEST(OutputFilesTest, AFailedRunLeavesThePreviousFilesUntouched) {
-  const std::string dir = freshDirectory("failed_run");
-  const std::vector<std::string> outputs = {
-      "--quiet",          "--physics", "kinematic",        "--csv", dir + "/table.csv", "--plot",
-      dir + "/table.png", "--json",    dir + "/table.json"};
-  auto args = [&](const std::string& scenario) {
-    std::vector<std::string> a = {"--scenario", scenario};
-    a.insert(a.end(), outputs.begin(), outputs.end());
-    return a;
+// Each case: an optional first run, then a second one into the same outputs (--csv o.csv
+// --plot o.png --json o.json), with what the folder holds after it. A run writes one CSV and
+// plot per run of many (suffixes -compensation-on/off, -seedN), replaces all of a previous
+// run's outputs together, and leaves them as they were when it is refused or fails.
+TEST(OutputFilesTest, EachRunLeavesCompleteFilesOfItsOwnOrThePreviousOnes) {
+  const std::string track = "  - {time: 0, call: track, args: [RedBall]}";
+  const struct {
+    std::string name;
+    std::vector<std::string> first;   // empty: no first run
+    std::vector<std::string> second;  // with the scenario's edit below
+    std::string from, to;
+    int code;
+    std::string error;  // in the one line of a refused or failed run
+    std::string files;
+    bool unchanged;  // the first run's files stay as they were
+    double seconds;  // of each CSV left
+  } cases[] = {
+      {"seeds",
+       {},
+       {"--duration", "2", "--seeds", "3-4"},
+       "",
+       "",
+       0,
+       "",
+       "o-seed3.csv o-seed3.png o-seed4.csv o-seed4.png o.json ",
+       false,
+       2.0},
+      {"compare",
+       {},
+       {"--duration", "2", "--compare", "compensation"},
+       "",
+       "",
+       0,
+       "",
+       "o-compensation-off.csv o-compensation-off.png o-compensation-on.csv "
+       "o-compensation-on.png o.json ",
+       false,
+       2.0},
+      {"seeds_and_compare",
+       {},
+       {"--duration", "2", "--seeds", "3-4", "--compare", "compensation"},
+       "",
+       "",
+       0,
+       "",
+       "o-compensation-off-seed3.csv o-compensation-off-seed3.png o-compensation-off-seed4.csv "
+       "o-compensation-off-seed4.png o-compensation-on-seed3.csv o-compensation-on-seed3.png "
+       "o-compensation-on-seed4.csv o-compensation-on-seed4.png o.json ",
+       false,
+       2.0},
+      // A run that simulates nothing draws no plot: the older run's picture goes with its CSV.
+      {"replaced_together",
+       {"--duration", "2"},
+       {"--duration", "0.001"},
+       "",
+       "",
+       0,
+       "",
+       "o.csv o.json ",
+       false,
+       0.0},
+      // Refused before anything runs.
+      {"misspelt_call",
+       {"--duration", "2"},
+       {"--duration", "2"},
+       "call: track",
+       "call: trak",
+       2,
+       ".yaml:18: actions[2].call: KRTracker has no method 'trak'",
+       "o.csv o.json o.png ",
+       true,
+       2.0},
+      {"wrong_arguments",
+       {"--duration", "2"},
+       {"--duration", "2"},
+       "args: [RedBall]}",
+       "args: [RedBall, 2]}",
+       2,
+       ".yaml:18: actions[2].args: KRTracker.track expects",
+       "o.csv o.json o.png ",
+       true,
+       2.0},
+      {"unknown_service",
+       {"--duration", "2"},
+       {"--duration", "2"},
+       "args: [RedBall]}",
+       "args: [RedBall], service: KRMotor}",
+       2,
+       ".yaml:18: actions[2].service: expects",
+       "o.csv o.json o.png ",
+       true,
+       2.0},
+      // A value the tracker itself rejects is only found when the call runs, 1 s in.
+      {"failed_run",
+       {"--duration", "2"},
+       {"--duration", "2"},
+       track,
+       track + "\n  - {time: 1, call: setEffector, args: [Leg]}",
+       1,
+       "Invalid effector name",
+       "o.csv o.json o.png ",
+       true,
+       2.0},
   };
-  const Result good = runWithTracker(args(writeScenario("table", kUserScenario)));
-  ASSERT_EQ(good.code, 0) << good.err;
-  const std::string csv = readFile(dir + "/table.csv");
-  const std::string png = readFile(dir + "/table.png");
-  const std::string json = readFile(dir + "/table.json");
-  auto untouched = [&] {
-    EXPECT_EQ(readFile(dir + "/table.csv"), csv);
-    EXPECT_EQ(readFile(dir + "/table.png"), png);
-    EXPECT_EQ(readFile(dir + "/table.json"), json);
-    EXPECT_EQ(outputsIn(dir), "table.csv table.json table.png ");
-  };
-  // Faults of the file are refused before anything runs (exit 2).
-  const std::string track = "call: track, args: [RedBall]";
-  for (const auto& [name, from, to] : std::vector<std::array<std::string, 3>>{
-           {"table_trak", track, "call: trak, args: [RedBall]"},
-           {"table_args", track, "call: track, args: [RedBall, 2]"},
-           {"table_service", track, track + ", service: KRMotor"}}) {
-    SCOPED_TRACE(name);
-    const Result refused =
-        runWithTracker(args(writeScenario(name, replaced(kUserScenario, from, to))));
-    EXPECT_EQ(refused.code, 2) << refused.err;
-    EXPECT_NE(refused.err.find(name + ".yaml:18: actions[2]."), std::string::npos) << refused.err;
-    untouched();
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string dir = freshDirectory("outputs_" + c.name);
+    auto run = [&](const std::vector<std::string>& options, const std::string& scenario) {
+      std::vector<std::string> a = {"--scenario",   scenario, "--quiet",      "--physics",
+                                    "kinematic",    "--csv",  dir + "/o.csv", "--plot",
+                                    dir + "/o.png", "--json", dir + "/o.json"};
+      a.insert(a.end(), options.begin(), options.end());
+      return runWithTracker(a);
+    };
+    std::map<std::string, std::string> before;
+    if (!c.first.empty()) {
+      ASSERT_EQ(run(c.first, writeScenario("table", kUserScenario)).code, 0);
+      for (const auto& n : filesIn(dir))
+        before[n] = readFile(dir + "/" + n);
+    }
+    const std::string edited =
+        c.from.empty() ? kUserScenario : replaced(kUserScenario, c.from, c.to);
+    const Result r = run(c.second, writeScenario("table_" + c.name, edited));
+    EXPECT_EQ(r.code, c.code) << r.err;
+    EXPECT_NE(r.err.find(c.error), std::string::npos) << r.err;
+    EXPECT_EQ(outputsIn(dir), c.files);
+    std::set<std::string> csvs;
+    for (const auto& n : filesIn(dir)) {
+      const std::string text = readFile(dir + "/" + n);
+      if (c.unchanged) {
+        EXPECT_EQ(text, before[n]) << n;
+      }
+      if (n.size() > 4 && n.compare(n.size() - 4, 4, ".csv") == 0) {
+        EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), std::lround(c.seconds * 100) + 1)
+            << n;
+        csvs.insert(text);
+      }
+    }
+    // Each file of many runs is its own run: another seed, or compensation off, gives other
+    // samples.
+    std::size_t listed = 0;
+    for (auto at = c.files.find(".csv"); at != std::string::npos; at = c.files.find(".csv", at + 1))
+      ++listed;
+    EXPECT_EQ(csvs.size(), listed);
   }
-  // A value the tracker itself rejects is only found when the call runs, 2 s in.
-  const Result bad = runWithTracker(args(writeScenario(
-      "table_leg", replaced(kUserScenario, "  - {time: 0, call: track, args: [RedBall]}",
-                            "  - {time: 0, call: track, args: [RedBall]}\n"
-                            "  - {time: 2, call: setEffector, args: [Leg]}"))));
-  EXPECT_EQ(bad.code, 1);
-  EXPECT_NE(bad.err.find("Invalid effector name"), std::string::npos) << bad.err;
-  untouched();
-}
-
-TEST(OutputFilesTest, ARunReplacesAllItsOutputsTogether) {
-  const std::string dir = freshDirectory("replaced");
-  const std::vector<std::string> outputs = {
-      "--quiet", "--physics",       "kinematic", "--csv",           dir + "/ball.csv",
-      "--plot",  dir + "/ball.png", "--json",    dir + "/ball.json"};
-  auto run = [&](const std::string& duration) {
-    std::vector<std::string> a = {"--duration", duration};
-    a.insert(a.end(), outputs.begin(), outputs.end());
-    return runWithTracker(a);
-  };
-  ASSERT_EQ(run("1").code, 0);
-  EXPECT_EQ(outputsIn(dir), "ball.csv ball.json ball.png ");
-  // A run that simulates nothing draws no plot: the older run's picture goes with its CSV.
-  const Result empty = run("0.001");
-  ASSERT_EQ(empty.code, 0) << empty.err;
-  EXPECT_EQ(outputsIn(dir), "ball.csv ball.json ");
-  EXPECT_NE(readFile(dir + "/ball.json").find("\"simulated_s\": 0.0"), std::string::npos);
-}
-
-TEST(OutputFilesTest, ManyRunsWriteOneFilePerRunWithItsSuffix) {
-  const std::string dir = freshDirectory("many");
-  const Result r =
-      runWithTracker({"--scenario", "step", "--physics", "kinematic", "--duration", "3", "--seeds",
-                      "3-4", "--compare", "compensation", "--csv", dir + "/s.csv", "--plot",
-                      dir + "/s.png", "--json", dir + "/s.json"});
-  ASSERT_EQ(r.code, 0) << r.err;
-  EXPECT_EQ(outputsIn(dir),
-            "s-compensation-off-seed3.csv s-compensation-off-seed3.png "
-            "s-compensation-off-seed4.csv s-compensation-off-seed4.png "
-            "s-compensation-on-seed3.csv s-compensation-on-seed3.png "
-            "s-compensation-on-seed4.csv s-compensation-on-seed4.png s.json ");
-  EXPECT_NE(r.out.find("(4 files)"), std::string::npos) << r.out;
-  // Each file is its own run: another seed, or compensation off, gives other samples.
-  const std::string on3 = readFile(dir + "/s-compensation-on-seed3.csv");
-  EXPECT_EQ(std::count(on3.begin(), on3.end(), '\n'), 301);  // header and 3 s of steps
-  EXPECT_NE(on3, readFile(dir + "/s-compensation-on-seed4.csv"));
-  EXPECT_NE(on3, readFile(dir + "/s-compensation-off-seed3.csv"));
 }
 
 }  // namespace
