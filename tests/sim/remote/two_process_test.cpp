@@ -41,7 +41,8 @@ constexpr double kPatienceS = 60.0;
 std::string freshFolder(const std::string& name) {
   const std::string dir = ::testing::TempDir() + "/krsim_two_process_" + name;
   ::mkdir(dir.c_str(), 0755);
-  for (const char* file : {"robot.json", "robot.csv", "tracker.json", "second.json", "second.csv"})
+  for (const char* file :
+       {"robot.json", "robot.csv", "robot.png", "tracker.json", "second.json", "second.csv"})
     ::unlink((dir + "/" + file).c_str());
   return dir;
 }
@@ -144,13 +145,10 @@ std::string statusOf(const std::string& path) {
 }
 
 std::vector<std::string> robotArgs(const std::string& json, const std::string& duration) {
-  return {"remote-robot", "--physics",
-          "kinematic",    "--quiet",
-          "--seed",       "7",
-          "--latency",    "0.05",
-          "--json",       json,
-          "--duration",   duration,
-          "--csv",        json.substr(0, json.size() - 5) + ".csv"};
+  const std::string stem = json.substr(0, json.size() - 5);
+  return {"remote-robot", "--physics", "kinematic", "--quiet",     "--robot", "rover",
+          "--seed",       "7",         "--latency", "0.05",        "--json",  json,
+          "--duration",   duration,    "--csv",     stem + ".csv", "--plot",  stem + ".png"};
 }
 
 std::vector<std::string> trackerArgs(const std::string& json) {
@@ -411,6 +409,7 @@ TEST_P(TwoProcessRun, EachSideEndsAsItSays) {
   const double duration = std::stod(f.duration);
   if (run.is_object()) {
     EXPECT_EQ(run["transport"], "dds");
+    EXPECT_EQ(run["robot"], "Rover");
     EXPECT_EQ(run["seed"], 7);
     EXPECT_EQ(run["latency_s"], 0.05);
     const double simulated = run["simulated_s"].get<double>();
@@ -418,6 +417,7 @@ TEST_P(TwoProcessRun, EachSideEndsAsItSays) {
       EXPECT_EQ(simulated, duration);
       const std::string csv = readFile(dir + "/robot.csv");
       EXPECT_EQ(std::count(csv.begin(), csv.end(), '\n'), std::lround(duration * 100) + 1);
+      EXPECT_EQ(readFile(dir + "/robot.png").rfind("\x89PNG", 0), 0u);
     } else {
       EXPECT_GT(simulated, 0.0);
       EXPECT_LT(simulated, duration);
@@ -426,6 +426,7 @@ TEST_P(TwoProcessRun, EachSideEndsAsItSays) {
   const auto served = jsonOf(trackerJson);
   if (served.is_object() && run.is_object()) {
     EXPECT_EQ(served["scenario"], "ball");
+    EXPECT_EQ(served["robot"], "Rover");
     EXPECT_EQ(served["seed"], "7");
     EXPECT_GT(served["calls_answered"].get<int>(), 0);
   }
