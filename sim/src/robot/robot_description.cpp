@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <optional>
 #include <set>
+#include <stdexcept>
 #include <vector>
 
 #include <kr/error.h>
@@ -96,7 +97,13 @@ std::shared_ptr<const RobotDescription> readUrdfRobot(const std::string& path) {
   source->mappingPath = path;
   source->mapping = Model::UrdfImport::readMapping(*text, path);
   source->urdfPath = Model::UrdfImport::urdfPath(path, source->mapping);
-  std::optional<std::string> urdfText = readInputFile("URDF", source->urdfPath);
+  std::optional<std::string> urdfText;
+  try {
+    urdfText = readInputFile("URDF", source->urdfPath);
+  } catch (const InputError& e) {
+    // A fault of the robot named, not of the file given: said as the robot's.
+    throw std::runtime_error(e.what());
+  }
   if (!urdfText) {
     throw KRError("UrdfImport", "robotFromUrdfMapping",
                   path + ": urdf: cannot read the URDF '" + source->urdfPath + "'");
