@@ -196,6 +196,26 @@ TEST_F(RemoteModules, AModuleIsWithdrawnOnPurposeAndLostWithItsHost) {
               std::chrono::duration<double>(std::chrono::steady_clock::now() - killed).count());
 }
 
+// A process that served a module under a name another process serves, and forgets it before
+// leaving, withdraws nothing: the other's module stays announced and answers.
+TEST_F(RemoteModules, AForgottenModuleLeavesTheOtherHostsAnnouncementInForce) {
+  auto other = KR::KRBroker::create("other");
+  auto twin = std::make_shared<krtest::FakeModule>(kFakeModule);
+  twin->answer("zero", KRValue(-1));
+  other->addModule(twin);
+  KR::KRRemoteOptions options;
+  options.topicPrefix = prefix;
+  auto otherRemote = KR::KRRemote::attach(other, options);
+  otherRemote->publish(kFakeModule);
+  std::this_thread::sleep_for(500ms);  // its announcement reaches the caller
+  otherRemote->forget(kFakeModule);
+  otherRemote->close();
+  other->shutdown();
+  std::this_thread::sleep_for(500ms);  // a withdrawal would have reached the caller by now
+  EXPECT_EQ(caller.remote->getModuleState(kFakeModule), KR::KRRemoteModuleState::Announced);
+  EXPECT_EQ(proxy->call<int>("zero"), 42);
+}
+
 TEST_F(RemoteModules, ClosedTransportFailsCallsAtOnce) {
   caller.remote->close();
   const auto start = std::chrono::steady_clock::now();

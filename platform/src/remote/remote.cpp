@@ -122,6 +122,16 @@ class KRRemote::Impl : public std::enable_shared_from_this<KRRemote::Impl> {
     fReplyWriter = check(dds_create_writer(fParticipant, replyTopic, calls, nullptr), "writer");
     fAnnounceWriter =
         check(dds_create_writer(fParticipant, announceTopic, announcer, nullptr), "writer");
+    // The engine asserts a participant's automatic liveliness at 80% of its writers' shortest
+    // lease, which leaves the announcements 0.1 s of a 0.5 s lease: a busy machine lapses it
+    // and a live host reads as lost. A writer that never writes, with a quarter of the lease,
+    // has it asserted five times per lease.
+    dds_qos_t* pulse = dds_create_qos();
+    dds_copy_qos(pulse, announces);
+    dds_qset_liveliness(pulse, DDS_LIVELINESS_AUTOMATIC,
+                        DDS_MSECS(std::max<std::int64_t>(1, fOptions.liveliness.count() / 4)));
+    check(dds_create_writer(fParticipant, announceTopic, pulse, nullptr), "writer");
+    dds_delete_qos(pulse);
 
     dds_listener_t* listener = dds_create_listener(this);
     dds_lset_data_available(listener, &Impl::onRequests);
@@ -207,6 +217,11 @@ class KRRemote::Impl : public std::enable_shared_from_this<KRRemote::Impl> {
     a.host = text(fClientId);
     dds_writedispose(fAnnounceWriter, &a);
     dds_unregister_instance(fAnnounceWriter, &a);
+  }
+
+  void forget(const std::string& name) {
+    std::lock_guard<std::mutex> lock(fHostedMutex);
+    fHosted.erase(name);
   }
 
   bool hosts(const std::string& name) const {
@@ -572,6 +587,10 @@ void KRRemote::publishAll() {
 
 void KRRemote::unpublish(const std::string& module) {
   fImpl->unpublish(module);
+}
+
+void KRRemote::forget(const std::string& module) {
+  fImpl->forget(module);
 }
 
 void KRRemote::setTimeout(std::chrono::milliseconds timeout) {

@@ -5,6 +5,7 @@
 #include <thread>
 
 #include <krsim/run/run_loop.h>
+#include <krsim/tracking/tracker_service.h>
 
 namespace KR {
 namespace Sim {
@@ -25,8 +26,9 @@ Side other(Side side) {
 
 /// The modules by which a side of this kind is known.
 std::vector<std::string> kindModules(Side side) {
-  return side == Side::Robot ? std::vector<std::string>{SideModule::nameOf(side), "KRMotion"}
-                             : std::vector<std::string>{SideModule::nameOf(side), "KRTracker"};
+  return side == Side::Robot
+             ? std::vector<std::string>{SideModule::nameOf(side), "KRMotion"}
+             : std::vector<std::string>{SideModule::nameOf(side), kTrackerServiceModule};
 }
 
 Clock::time_point after(double seconds) {
@@ -94,7 +96,11 @@ void RemoteSession::xRefusePrefix() const {
 void RemoteSession::claim(const KRValue& description, double discoveryS) {
   const auto end = after(discoveryS);
   while (Clock::now() < end) {
-    if (xSameKindPresent())
+    // The tracking service publishes "KRTracker" once it has found its robot side: found
+    // before this robot side is on the prefix, it serves another.
+    if (xSameKindPresent() ||
+        (fSide == Side::Robot &&
+         fRemote->getModuleState(kTrackerServiceModule) == KRRemoteModuleState::Announced))
       xRefusePrefix();
     if (const int signal = StopSignals::received())
       throw SessionEnd(128 + signal, title(fSide) + ": stopped by signal " +
@@ -119,8 +125,13 @@ void RemoteSession::waitForPeer(const std::vector<std::string>& names, double wa
       all = all && fRemote->getModuleState(name) == KRRemoteModuleState::Announced;
     if (all)
       return;
-    if (xSameKindPresent())
+    if (xSameKindPresent()) {
+      // Both on the prefix, this one found the other late (discovery slower than the claim's
+      // look): it steps aside without withdrawing what the other serves under the same names.
+      for (const std::string& name : fBroker->getModuleNames())
+        fRemote->forget(name);
       xRefusePrefix();
+    }
     if (const int signal = StopSignals::received()) {
       throw SessionEnd(128 + signal, title(fSide) + ": stopped by signal " +
                                          std::to_string(signal) + " while waiting for the " + peer);
@@ -181,7 +192,7 @@ void RemoteSession::close() {
   if (!fRemote)
     return;
   if (fModule)
-    fRemote->unpublish(fModule->getName());
+    fRemote->unpublish(fModule->getName());  // nothing when it stepped aside
   fRemote->close();
   fRemote.reset();
 }

@@ -74,6 +74,9 @@ class KRRemote {
   void publishAll();
   /// Stops serving a module; its callers time out.
   void unpublish(const std::string& module);
+  /// Stops serving a module without withdrawing its announcement, for a module that another
+  /// process serves under the same name: that process's announcement stays in force.
+  void forget(const std::string& module);
 
   void setTimeout(std::chrono::milliseconds timeout);
   std::chrono::milliseconds getTimeout() const;

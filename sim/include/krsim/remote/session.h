@@ -64,11 +64,13 @@ class RemoteSession {
 
   /// Looks for a side of this kind on the prefix for `discoveryS`, then publishes this side's
   /// module, answering `description` to "describe". SessionEnd(2, "... prefix 'P' ...") when
-  /// another side of this kind is there.
+  /// another side of this kind is there (for a robot side, also when the tracking service
+  /// already serves one).
   void claim(const KRValue& description, double discoveryS);
   /// Waits for the other side's modules `names` (its own module too), saying what it waits
   /// for. SessionEnd: kExitNoPeer after `waitS`, 128 + the signal on SIGINT or SIGTERM, 2
-  /// when a side of this kind claims the prefix meanwhile.
+  /// when a side of this kind is found on the prefix meanwhile (this side then stops serving
+  /// without withdrawing the names both serve).
   void waitForPeer(const std::vector<std::string>& names, double waitS);
   /// Why the run cannot go on, empty while the other side is there: its last word, or that
   /// it left without one, or that it was lost.
