@@ -18,10 +18,29 @@ void throwArgumentCount(const std::string& module, const std::string& method, st
 
 // ---- KRModule ------------------------------------------------------------------------------
 
-void KRModule::bindRaw(const std::string& method, Method m) {
+void KRModule::bindRaw(const std::string& method, Method m, Checker check) {
   auto shared = std::make_shared<Method>(std::move(m));
   std::unique_lock<std::shared_mutex> lock(fMethodsMutex);
   fMethods[method] = std::move(shared);
+  if (check) {
+    fCheckers[method] = std::move(check);
+  } else {
+    fCheckers.erase(method);
+  }
+}
+
+void KRModule::checkArguments(const std::string& method, const std::vector<KRValue>& args) const {
+  Checker check;
+  {
+    std::shared_lock<std::shared_mutex> lock(fMethodsMutex);
+    if (fMethods.count(method) == 0)
+      throw KRError(fName, method, "unknown method \"" + method + "\" of module " + fName);
+    const auto it = fCheckers.find(method);
+    if (it != fCheckers.end())
+      check = it->second;
+  }
+  if (check)
+    check(args);
 }
 
 bool KRModule::hasMethod(const std::string& method) const {

@@ -18,7 +18,7 @@ py::dict Simulation::summary() {
     std::lock_guard<std::recursive_mutex> lock(fMutex);
     Sim::ScenarioRun& run = xRun();
     const Sim::RunRecord record{run.scenario().name, run.scenario().robot->robot->getName(),
-                                run.simulatedSeconds(), fCpuS};
+                                run.simulatedSeconds(), fCpuS, ""};
     json = Sim::summaryJson(fConfig, record, Sim::measuresOf(run.summaries()));
   }
   // Read by Python's own parser: the dict is the file's, key for key.

@@ -10,7 +10,10 @@ from krtracker._tracker_methods import METHODS
 
 
 def test_the_tracker_class_has_every_method_the_service_serves(sim):
-    assert {name for name, _, _ in METHODS} == set(sim.tracker.methods())
+    # Names starting with "_" are the service's own (the robot side of a two-process run
+    # copies the configuration with one); the class leaves them out.
+    served = {name for name in sim.tracker.methods() if not name.startswith("_")}
+    assert {name for name, _, _ in METHODS} == served
 
 
 @pytest.mark.parametrize("setter, args, getter, getter_args, expected", [

@@ -68,8 +68,8 @@ struct Parser {
         "remote-tracker", "the tracking service alone, serving the robot side of remote-robot");
     remoteRobot = app.add_subcommand(
         "remote-robot",
-        "the robot side: plays a built-in scenario in real time, the tracking service in "
-        "another process (remote-tracker)");
+        "the robot side: plays a scenario in real time, the tracking service in another "
+        "process (remote-tracker)");
     tracker.addOptions(*remoteTracker);
     robot.addOptions(*remoteRobot);
   }

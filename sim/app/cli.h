@@ -24,7 +24,9 @@ struct RunHooks {
 };
 
 /// Exit codes: 0 success, 1 failure while running (plot not drawn, file not written),
-/// 2 bad command line, robot description or scenario file, 128 + the signal's number when
+/// 2 bad command line, robot description or scenario file (or, for remote-tracker and
+/// remote-robot, a topic prefix in use), 3 the other side of a two-process run was lost or
+/// left before the end, 4 no other side appeared within --wait, 128 + the signal's number when
 /// SIGINT or SIGTERM stopped the run (what ran is measured and written). Errors are one line
 /// on `err`.
 int runCommandLine(const std::vector<std::string>& args, std::ostream& out, std::ostream& err,

@@ -18,6 +18,7 @@
 #include <krsim/report/json_summary.h>
 #include <krsim/report/output_files.h>
 #include <krsim/report/plot.h>
+#include <krsim/report/staged_outputs.h>
 #include <krsim/report/summary_table.h>
 #include <krsim/run/run_loop.h>
 #include <krsim/run/run_setup.h>
@@ -50,10 +51,10 @@ Scenario prepare(const RunConfig& config) {
   }
 }
 
-/// Where the outputs go, checked: UsageError otherwise.
-void prepareOutputs(RunConfig& config, const Scenario& scenario) {
+/// Where the outputs go, checked: UsageError otherwise. Returns the files the run replaces.
+std::vector<std::string> prepareOutputs(RunConfig& config, const Scenario& scenario) {
   try {
-    decideOutputs(config, scenario.name, {scenario.robot->path, scenario.file});
+    return decideOutputs(config, scenario.name, {scenario.robot->path, scenario.file});
   } catch (const KRError& e) {
     throw UsageError(e.message());
   }
@@ -78,20 +79,80 @@ std::unique_ptr<ScenarioRun> buildRun(const Scenario& scenario, const Simulation
   }
 }
 
-/// Plays a run built by buildRun; streams its CSV if `csv` is not null.
-RunResult playOnce(ScenarioRun& run, std::ostream* progress, std::ostream* csv,
-                   const AfterStep& afterStep, std::clock_t cpuStart) {
-  if (progress != nullptr)
-    run.setProgress([progress](const std::string& line) { *progress << line << "\n"; });
-  if (csv != nullptr)
-    CsvWriter::follow(run, *csv);
-  return playRun(run, afterStep, cpuStart);
+/// A file removed when the run is over, whatever happens.
+struct TemporaryFile {
+  std::string path;
+  TemporaryFile() = default;
+  TemporaryFile(const TemporaryFile&) = delete;
+  TemporaryFile& operator=(const TemporaryFile&) = delete;
+  ~TemporaryFile() {
+    if (!path.empty())
+      std::remove(path.c_str());
+  }
+};
+
+/// The files of one run: its CSV and its plot, empty when not written.
+struct RunFiles {
+  std::string csv;
+  std::string plot;
+};
+
+/// Where the run's CSV is streamed: its own file, staged, or a temporary one for a plot
+/// without a CSV of its own; empty when neither is written.
+std::string csvPathFor(const RunFiles& files, StagedOutputs& outputs, TemporaryFile& temporary) {
+  if (!files.csv.empty())
+    return outputs.stage(files.csv);
+  if (files.plot.empty())
+    return "";
+  char name[] = "/tmp/krtracker-sim-XXXXXX";
+  const int fd = ::mkstemp(name);
+  if (fd < 0)
+    throw std::runtime_error("cannot create a temporary file");
+  ::close(fd);
+  temporary.path = name;
+  return temporary.path;
 }
 
-RunResult runOnce(const Scenario& scenario, const SimulationConfig& config) {
+/// Plays one run of many with its CSV streamed to `csvPath` (none when empty).
+RunResult playToCsv(ScenarioRun& run, const std::string& csvPath, const std::string& shownAs,
+                    std::clock_t cpuStart) {
+  std::ofstream csv;
+  if (!csvPath.empty()) {
+    csv.open(csvPath);
+    if (!csv)
+      throw std::runtime_error("cannot write " + shownAs);
+    CsvWriter::follow(run, csv);
+  }
+  RunResult r = playRun(run, false, cpuStart);
+  if (!csvPath.empty() && !csv.flush())
+    throw std::runtime_error("cannot write " + shownAs);
+  return r;
+}
+
+std::string modeText(const RunConfig& config, const Scenario& scenario) {
+  return config.mode.empty() ? scenario.modeText : config.mode;
+}
+
+/// The plot of a run from its CSV, staged; false when nothing was simulated (none drawn).
+bool drawStaged(const RunConfig& config, const Scenario& scenario, const RunResult& r,
+                const std::string& csvPath, const std::string& plot, StagedOutputs& outputs) {
+  if (plot.empty() || r.simulatedS <= 0.0)
+    return false;
+  drawPlot(csvPath, outputs.stage(plot), config, *scenario.robot->robot, modeText(config, scenario),
+           plotFigures(measuresOf(r.summaries)), plot);
+  return true;
+}
+
+/// One run of many, with its own CSV and plot when asked.
+RunResult runOnce(const RunConfig& config, const Scenario& scenario,
+                  const SubModuleFactory& modules, const RunFiles& files, StagedOutputs& outputs) {
   const std::clock_t cpuStart = std::clock();
-  const auto run = buildRun(scenario, config);
-  return playOnce(*run, nullptr, nullptr, {}, cpuStart);
+  const auto run = buildRun(scenario, simulationConfig(config, modules));
+  TemporaryFile temporary;
+  const std::string csvPath = csvPathFor(files, outputs, temporary);
+  const RunResult r = playToCsv(*run, csvPath, files.csv, cpuStart);
+  drawStaged(config, scenario, r, csvPath, files.plot, outputs);
+  return r;
 }
 
 /// The thresholds behind "on target", stated under the table.
@@ -105,9 +166,10 @@ std::string measuresNote(const Scenario& scenario) {
   return "On target: visible and line-of-sight error under " + text + "\n";
 }
 
-/// Each seed of `range` with `config`, two at a time.
-std::vector<RunResult> runSeeds(const Scenario& scenario, const SimulationConfig& config,
-                                SeedRange range) {
+/// Each seed of `range` with `variant`, two at a time, each writing its own files.
+std::vector<RunResult> runSeeds(const Scenario& scenario, const RunConfig& variant,
+                                const SubModuleFactory& modules, SeedRange range,
+                                StagedOutputs& outputs) {
   const std::size_t n = range.last - range.first + 1;
   std::vector<RunResult> results(n);
   std::atomic<std::size_t> next{0};
@@ -115,10 +177,13 @@ std::vector<RunResult> runSeeds(const Scenario& scenario, const SimulationConfig
   std::exception_ptr failure;
   auto worker = [&] {
     for (std::size_t i = next++; i < n; i = next++) {
-      SimulationConfig c = config;
+      RunConfig c = variant;
       c.seed = range.first + static_cast<std::uint32_t>(i);
+      const std::string suffix = runSuffix(c, c.compensation, c.seed);
+      const RunFiles files{c.csv.empty() ? "" : perRunPath(c.csv, suffix),
+                           c.plot.empty() ? "" : perRunPath(c.plot, suffix)};
       try {
-        results[i] = runOnce(scenario, c);
+        results[i] = runOnce(c, scenario, modules, files, outputs);
       } catch (...) {
         std::lock_guard<std::mutex> lock(failureMutex);
         failure = std::current_exception();
@@ -138,7 +203,7 @@ std::string reportSeeds(const RunConfig& variant, const Scenario& scenario, Seed
                         const std::vector<RunResult>& results, std::ostream& out) {
   std::vector<std::vector<PhaseMeasures>> runs;
   std::vector<double> cpu;
-  RunRecord total{scenario.name, scenario.robot->robot->getName(), 0.0, 0.0};
+  RunRecord total{scenario.name, scenario.robot->robot->getName(), 0.0, 0.0, ""};
   for (const auto& r : results) {
     runs.push_back(measuresOf(r.summaries));
     cpu.push_back(r.cpuS);
@@ -154,9 +219,23 @@ std::string reportSeeds(const RunConfig& variant, const Scenario& scenario, Seed
   return seedsJson(variant, total, range, runs, cpu);
 }
 
-/// Many runs: summaries only (no CSV nor plot), the seeds two at a time.
+/// "CSV:  first ... last (N files)" of many runs' files.
+void printRunFiles(const char* label, const RunConfig& config, const std::string& path,
+                   SeedRange range, std::ostream& out) {
+  if (path.empty())
+    return;
+  const std::size_t n = (range.last - range.first + 1) * (config.compare.empty() ? 1 : 2);
+  const std::string first = perRunPath(path, runSuffix(config, true, range.first));
+  const std::string last = perRunPath(path, runSuffix(config, config.compare.empty(), range.last));
+  out << label << absolutePath(first);
+  if (n > 1)
+    out << " ... " << absolutePath(last) << " (" << n << " files)";
+  out << "\n";
+}
+
+/// Many runs: the summaries, and each run's own CSV and plot when asked; two at a time.
 int runMany(const RunConfig& config, const Scenario& scenario, const SubModuleFactory& modules,
-            std::ostream& out) {
+            StagedOutputs& outputs, std::ostream& out) {
   std::vector<RunConfig> variants = {config};
   if (!config.compare.empty()) {
     variants = {config, config};
@@ -168,21 +247,21 @@ int runMany(const RunConfig& config, const Scenario& scenario, const SubModuleFa
       << scenario.robot->robot->getName() << ", seeds " << range.first << "-" << range.last << "\n";
   std::vector<std::string> json;  // one summary per variant
   for (const auto& variant : variants) {
-    const auto results = runSeeds(scenario, simulationConfig(variant, modules), range);
+    const auto results = runSeeds(scenario, variant, modules, range, outputs);
     json.push_back(reportSeeds(variant, scenario, range, results, out));
   }
+  // Two comparisons go into one file as a JSON list of the two summaries.
   if (!config.json.empty()) {
-    // Two comparisons go into one file as a JSON list of the two summaries.
-    writeText(config.json,
-              json.size() == 1 ? json.front() : "[\n" + json[0] + ",\n" + json[1] + "]\n");
-    out << "JSON: " << absolutePath(config.json) << "\n";
+    outputs.writeText(config.json,
+                      json.size() == 1 ? json.front() : "[\n" + json[0] + ",\n" + json[1] + "]\n");
   }
+  outputs.commit();
+  printRunFiles("CSV:  ", config, config.csv, range, out);
+  printRunFiles("Plot: ", config, config.plot, range, out);
+  if (!config.json.empty())
+    out << "JSON: " << absolutePath(config.json) << "\n";
   const int signal = StopSignals::received();
   return signal ? 128 + signal : 0;
-}
-
-std::string modeText(const RunConfig& config, const Scenario& scenario) {
-  return config.mode.empty() ? scenario.modeText : config.mode;
 }
 
 void printHeader(const RunConfig& config, const Scenario& scenario, std::ostream& out) {
@@ -206,93 +285,108 @@ void printHeader(const RunConfig& config, const Scenario& scenario, std::ostream
     out << "note: " << note << "\n";
 }
 
-/// A file removed when the run is over, whatever happens.
-struct TemporaryFile {
-  std::string path;
-  TemporaryFile() = default;
-  TemporaryFile(const TemporaryFile&) = delete;
-  TemporaryFile& operator=(const TemporaryFile&) = delete;
-  ~TemporaryFile() {
-    if (!path.empty())
-      std::remove(path.c_str());
-  }
-};
-
-/// The run's CSV: the one asked for, or a temporary one for a plot without a CSV of its own.
-std::string csvPathFor(const RunConfig& config, TemporaryFile& temporary) {
-  if (!config.csv.empty() || config.plot.empty())
-    return config.csv;
-  char name[] = "/tmp/krtracker-sim-XXXXXX";
-  const int fd = ::mkstemp(name);
-  if (fd < 0)
-    throw std::runtime_error("cannot create a temporary file");
-  ::close(fd);
-  temporary.path = name;
-  return temporary.path;
+/// How the run ended, for the summary and the JSON.
+std::string statusOf(const RunResult& r) {
+  if (r.interrupted)
+    return "stopped by signal " + std::to_string(StopSignals::received());
+  return r.stoppedBy.empty() ? "completed" : r.stoppedBy;
 }
 
-void printSummary(const RunConfig& config, const Scenario& scenario, const RunResult& r,
-                  bool windowClosed, std::ostream& out) {
-  if (r.interrupted) {
-    out << "\nStopped " << (windowClosed ? "by closing the live view" : "by signal ")
-        << (windowClosed ? "" : std::to_string(StopSignals::received())) << " after " << std::fixed
-        << std::setprecision(2) << r.simulatedS << " s: what ran is measured below\n";
+void printSummary(const Scenario& scenario, const RunResult& r, bool windowClosed,
+                  std::ostream& out) {
+  if (r.interrupted || !r.stoppedBy.empty()) {
+    std::string how = "Stopped (" + r.stoppedBy + ")";
+    if (r.interrupted) {
+      how = windowClosed ? "Stopped by closing the live view"
+                         : "Stopped by signal " + std::to_string(StopSignals::received());
+    }
+    out << "\n"
+        << how << " after " << std::fixed << std::setprecision(2) << r.simulatedS
+        << " s: what ran is measured below\n"
+        << std::flush;
   }
   out << "\nSummary: " << std::fixed << std::setprecision(1) << r.simulatedS << " s simulated in "
       << std::setprecision(3) << r.cpuS << " s of CPU (" << std::setprecision(0)
       << (r.cpuS > 0.0 ? r.simulatedS / r.cpuS : 0.0) << "x real time)\n"
       << formatSummary(r.summaries) << formatFinding(measuresOf(r.summaries))
       << measuresNote(scenario);
+}
+
+/// The JSON summary and the plot of a single run, staged with its CSV, then all put in place
+/// together. The JSON says how the run ended unless it completed in one process.
+void writeOutputs(const RunConfig& config, const Scenario& scenario, const RunResult& r,
+                  const std::string& csvPath, StagedOutputs& outputs, std::ostream& out) {
+  if (!config.json.empty()) {
+    RunRecord record{scenario.name, scenario.robot->robot->getName(), r.simulatedS, r.cpuS, ""};
+    const std::string status = statusOf(r);
+    if (status != "completed" || config.transport != "inproc")
+      record.status = status;
+    outputs.writeText(config.json, summaryJson(config, record, measuresOf(r.summaries)));
+  }
+  const bool drawn = drawStaged(config, scenario, r, csvPath, config.plot, outputs);
+  outputs.commit();
   if (!config.csv.empty())
     out << "CSV:  " << absolutePath(config.csv) << "\n";
-}
-
-/// The JSON summary and the plot of a single run.
-void writeOutputs(const RunConfig& config, const Scenario& scenario, const RunResult& r,
-                  const std::string& csvPath, std::ostream& out) {
-  if (!config.json.empty()) {
-    const RunRecord record{scenario.name, scenario.robot->robot->getName(), r.simulatedS, r.cpuS};
-    writeText(config.json, summaryJson(config, record, measuresOf(r.summaries)));
+  if (!config.json.empty())
     out << "JSON: " << absolutePath(config.json) << "\n";
-  }
-  if (config.plot.empty())
-    return;
-  if (r.simulatedS <= 0.0) {
+  if (drawn)
+    out << "Plot: " << absolutePath(config.plot) << "\n";
+  else if (!config.plot.empty())
     out << "Plot: not drawn, nothing was simulated\n";
-    return;
-  }
-  drawPlot(csvPath, config.plot, config, *scenario.robot->robot, modeText(config, scenario),
-           plotFigures(measuresOf(r.summaries)));
-  out << "Plot: " << absolutePath(config.plot) << "\n";
 }
 
-int runSingle(const RunConfig& config, const Scenario& scenario, ScenarioRun& run,
-              std::clock_t cpuStart, const SnapshotHook& hook, std::ostream& out) {
+}  // namespace
+
+struct PreparedRun::Parts {
+  std::clock_t cpuStart;
+  std::unique_ptr<ScenarioRun> run;
+  StagedOutputs outputs;
+};
+
+PreparedRun::PreparedRun(RunConfig& config, const Scenario& scenario,
+                         const SubModuleFactory& modules, bool snapshotHook) {
+  const std::clock_t cpuStart = std::clock();
+  auto run = buildRun(scenario, simulationConfig(config, modules));
+  checkPictures(config, snapshotHook);
+  fParts.reset(
+      new Parts{cpuStart, std::move(run), StagedOutputs(prepareOutputs(config, scenario))});
+}
+
+PreparedRun::~PreparedRun() = default;
+
+int PreparedRun::play(const RunConfig& config, const Scenario& scenario,
+                      const SingleRunHooks& hooks, std::ostream& out) {
+  Parts& p = *fParts;
   printHeader(config, scenario, out);
   TemporaryFile temporary;
-  const std::string csvPath = csvPathFor(config, temporary);
+  const std::string csvPath = csvPathFor({config.csv, config.plot}, p.outputs, temporary);
   std::ofstream csv;
   if (!csvPath.empty()) {
     csv.open(csvPath);
     if (!csv)
-      throw std::runtime_error("cannot write " + csvPath);
+      throw std::runtime_error("cannot write " + config.csv);
   }
-  RunPictures pictures(run, config, hook);
-  const RunResult r = playOnce(run, config.quiet ? nullptr : &out, csvPath.empty() ? nullptr : &csv,
-                               pictures.afterStep(config.realtime), cpuStart);
+  RunPictures pictures(*p.run, config, hooks.snapshot);
+  if (!config.quiet)
+    p.run->setProgress([&out](const std::string& line) { out << line << "\n"; });
+  if (!csvPath.empty())
+    CsvWriter::follow(*p.run, csv);
+  const RunResult r = playRun(*p.run, pictures.afterStep(config.realtime), p.cpuStart, hooks.stop);
   const std::string videoError = pictures.finish();  // reported once the outputs are written
+  if (hooks.ended)
+    hooks.ended(statusOf(r));
   if (!csvPath.empty() && !csv.flush())
-    throw std::runtime_error("cannot write " + csvPath);
+    throw std::runtime_error("cannot write " + config.csv);
   csv.close();
-  printSummary(config, scenario, r, pictures.windowClosed(), out);
+  printSummary(scenario, r, pictures.windowClosed(), out);
   pictures.report(out);
-  writeOutputs(config, scenario, r, csvPath, out);
+  writeOutputs(config, scenario, r, csvPath, p.outputs, out);
   if (!videoError.empty())
     throw std::runtime_error(videoError);
-  return r.interrupted ? 128 + StopSignals::received() : 0;
+  if (r.interrupted)
+    return 128 + StopSignals::received();
+  return r.stoppedBy.empty() ? 0 : hooks.stoppedCode;
 }
-
-}  // namespace
 
 int RunCommand::run(std::ostream& out, const SubModuleFactory& modules,
                     const SnapshotHook& snapshot) {
@@ -300,16 +394,13 @@ int RunCommand::run(std::ostream& out, const SubModuleFactory& modules,
     return listScenariosTo(out);
   const Scenario scenario = prepare(config);
   if (config.seeds || !config.compare.empty()) {
-    prepareOutputs(config, scenario);
+    StagedOutputs outputs(prepareOutputs(config, scenario));
     StopSignals stopSignals;
-    return runMany(config, scenario, modules, out);
+    return runMany(config, scenario, modules, outputs, out);
   }
-  const std::clock_t cpuStart = std::clock();
-  const auto run = buildRun(scenario, simulationConfig(config, modules));
-  checkPictures(config, static_cast<bool>(snapshot));
-  prepareOutputs(config, scenario);
+  PreparedRun run(config, scenario, modules, static_cast<bool>(snapshot));
   StopSignals stopSignals;
-  return runSingle(config, scenario, *run, cpuStart, snapshot, out);
+  return run.play(config, scenario, {snapshot, {}, {}, 1}, out);
 }
 
 }  // namespace Sim
@@ -329,9 +420,7 @@ void addNumber(CLI::App& app, const std::string& name, const std::string& help,
 
 }  // namespace
 
-void RunCommand::addOptions(CLI::App& app) {
-  RunConfig& c = config;
-  app.add_flag("--list", list, "list the scenarios");
+void addRunOptions(CLI::App& app, RunConfig& c) {
   app.add_option("--scenario", c.scenario,
                  "scenario to run: a name of --list or a YAML file (default: ball)");
   app.add_option("--robot", c.robot,
@@ -341,10 +430,6 @@ void RunCommand::addOptions(CLI::App& app) {
   app.add_option_function<std::string>(
       "--seed", [&c](const std::string& text) { c.seed = parseSeed(text); },
       "seed of the observation noise (default: 1)");
-  app.add_option_function<std::string>(
-      "--seeds", [&c](const std::string& text) { c.seeds = parseSeeds(text); },
-      "run each seed of A-B (two at a time): mean and 95th percentile of every measure across "
-      "them");
   addNumber(app, "--noise",
             "extra observation noise on top of the camera's, standard deviation [m] (default: 0)",
             [&c](double v) { c.noise = static_cast<float>(v); });
@@ -360,15 +445,26 @@ void RunCommand::addOptions(CLI::App& app) {
       "--compensation",
       [&c](const std::string& text) { c.compensation = parseSwitch("--compensation", text); },
       "latency compensation of the tracking service: on or off (default: on)");
-  app.add_option("--compare", c.compare,
-                 "compensation: run with it on and off and print both rows");
   app.add_option("--physics", c.physics, "physics backend: mujoco or kinematic (default: mujoco)");
-  app.add_flag("--realtime", c.realtime, "run at wall-clock speed");
   app.add_option("--csv", c.csv,
                  "stream one line per 10 ms step: pose, joints commanded and measured, "
                  "observation, tracker state");
   app.add_option("--plot", c.plot, "draw the run with tools/plot.gp (gnuplot)");
   app.add_option("--json", c.json, "write the JSON summary there");
+  app.add_flag("--quiet", c.quiet, "no progress lines");
+}
+
+void RunCommand::addOptions(CLI::App& app) {
+  RunConfig& c = config;
+  app.add_flag("--list", list, "list the scenarios");
+  addRunOptions(app, c);
+  app.add_option_function<std::string>(
+      "--seeds", [&c](const std::string& text) { c.seeds = parseSeeds(text); },
+      "run each seed of A-B (two at a time): mean and 95th percentile of every measure across "
+      "them");
+  app.add_option("--compare", c.compare,
+                 "compensation: run with it on and off and print both rows");
+  app.add_flag("--realtime", c.realtime, "run at wall-clock speed");
   app.add_option("--snapshots", c.snapshots, "folder for pictures at each phase boundary");
   app.add_option("--video", c.video,
                  "film the run into FILE.mp4: 30 frames per simulated second, 1280x720, the "
@@ -376,7 +472,6 @@ void RunCommand::addOptions(CLI::App& app) {
   app.add_flag("--view", c.view,
                "show the run live in a window, in real time (space: pause, right arrow: step, "
                "[ ]: speed, mouse: orbit and zoom; closing it stops the run)");
-  app.add_flag("--quiet", c.quiet, "no progress lines");
 }
 
 }  // namespace Sim

@@ -88,6 +88,52 @@ TEST_F(BrokerTest, FailuresReachTheCallerAsStandardExceptions) {
   EXPECT_THROW(broker->addModule(std::make_shared<KRModule>("Calc")), KRError);
 }
 
+// A call checked before it is made: the same verdict as the call itself, and nothing runs.
+TEST_F(BrokerTest, ArgumentsAreCheckedWithoutRunningTheMethod) {
+  int runs = 0;
+  module->bind("typed", [&](int a, const std::vector<float>& b, const KRValue&) {
+    ++runs;
+    return a + static_cast<int>(b.size());
+  });
+  module->bindRaw("raw", [&](const std::vector<KRValue>&) { return KRValue(++runs); });
+  module->bindRaw(
+      "checked", [&](const std::vector<KRValue>&) { return KRValue(++runs); },
+      [](const std::vector<KRValue>& args) {
+        if (args.size() > 1)
+          throw KRError("Calc", "checked", "at most one argument");
+      });
+  const KRValue list{1.0f, 2};
+  struct Case {
+    const char* method;
+    std::vector<KRValue> args;
+    std::string expected;  // a piece of the text, empty when accepted
+  };
+  const Case cases[] = {
+      {"typed", {KRValue(1), list, KRValue("any")}, ""},
+      {"typed", {KRValue(1), list}, "expects 3 argument(s), got 2"},
+      {"typed", {KRValue("1"), list, KRValue()}, "argument 1 must be int, got string"},
+      {"typed", {KRValue(1), KRValue{1.0f, "x"}, KRValue()}, "argument 2 must be a float"},
+      {"nope", {}, "unknown method \"nope\" of module Calc"},
+      {"raw", {KRValue(1), KRValue(2)}, ""},
+      {"checked", {KRValue(1)}, ""},
+      {"checked", {KRValue(1), KRValue(2)}, "at most one argument"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.method) + " with " + std::to_string(c.args.size()));
+    const std::string error = krtest::errorOf([&] { module->checkArguments(c.method, c.args); });
+    if (c.expected.empty()) {
+      EXPECT_EQ(error, "");
+    } else {
+      EXPECT_NE(error.find(c.expected), std::string::npos) << error;
+      // A typed method's call refuses it too, before the method runs.
+      if (std::string(c.method) != "checked") {
+        EXPECT_NE(krtest::errorOf([&] { proxy->callValues(c.method, c.args); }), "");
+      }
+    }
+  }
+  EXPECT_EQ(runs, 0);
+}
+
 TEST_F(BrokerTest, ObserverSeesEveryCallInOrder) {
   module->bind("add", [](int a, int b) { return a + b; });
   module->bind("note", [](const std::string&) {});

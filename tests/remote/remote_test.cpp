@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <climits>
+#include <cstdio>
 #include <numeric>
 #include <thread>
 
@@ -157,6 +158,62 @@ TEST_F(RemoteModules, AKilledHostTimesOutClearlyAndIsReachedAgainWhenRestarted) 
   EXPECT_NE(pid, 0) << "the restarted host was never reached";
   EXPECT_NE(pid, firstPid);
   EXPECT_EQ(proxy->call<int>("one", 4), 8);
+}
+
+// Why a module of another process is no longer announced: withdrawn on purpose (unpublish, or
+// its host closing), or lost with its host (killed: no sign of life for the liveliness lease).
+TEST_F(RemoteModules, AModuleIsWithdrawnOnPurposeAndLostWithItsHost) {
+  using State = KR::KRRemoteModuleState;
+  auto waitForState = [](const KR::KRRemote& remote, const std::string& name, State wanted) {
+    const auto deadline = std::chrono::steady_clock::now() + 20s;
+    while (remote.getModuleState(name) != wanted && std::chrono::steady_clock::now() < deadline)
+      std::this_thread::sleep_for(5ms);
+    return remote.getModuleState(name);
+  };
+  EXPECT_EQ(caller.remote->getModuleState(kFakeModule), State::Announced);
+  EXPECT_EQ(caller.remote->getModuleState("Nobody"), State::Unknown);
+
+  // Another broker of this process on the same prefix: it withdraws, then serves again.
+  auto other = KR::KRBroker::create("other");
+  other->addModule(std::make_shared<KR::KRModule>("Other"));
+  KR::KRRemoteOptions options;
+  options.topicPrefix = prefix;
+  auto otherRemote = KR::KRRemote::attach(other, options);
+  otherRemote->publish("Other");
+  EXPECT_EQ(waitForState(*caller.remote, "Other", State::Announced), State::Announced);
+  otherRemote->unpublish("Other");
+  EXPECT_EQ(waitForState(*caller.remote, "Other", State::Withdrawn), State::Withdrawn);
+  otherRemote->publish("Other");
+  EXPECT_EQ(waitForState(*caller.remote, "Other", State::Announced), State::Announced);
+  otherRemote->close();
+  EXPECT_EQ(waitForState(*caller.remote, "Other", State::Withdrawn), State::Withdrawn);
+  other->shutdown();
+
+  const auto killed = std::chrono::steady_clock::now();
+  host.kill();
+  EXPECT_EQ(waitForState(*caller.remote, kFakeModule, State::Lost), State::Lost);
+  std::printf("a killed host's module was lost %.2f s after SIGKILL\n",
+              std::chrono::duration<double>(std::chrono::steady_clock::now() - killed).count());
+}
+
+// A process that served a module under a name another process serves, and forgets it before
+// leaving, withdraws nothing: the other's module stays announced and answers.
+TEST_F(RemoteModules, AForgottenModuleLeavesTheOtherHostsAnnouncementInForce) {
+  auto other = KR::KRBroker::create("other");
+  auto twin = std::make_shared<krtest::FakeModule>(kFakeModule);
+  twin->answer("zero", KRValue(-1));
+  other->addModule(twin);
+  KR::KRRemoteOptions options;
+  options.topicPrefix = prefix;
+  auto otherRemote = KR::KRRemote::attach(other, options);
+  otherRemote->publish(kFakeModule);
+  std::this_thread::sleep_for(500ms);  // its announcement reaches the caller
+  otherRemote->forget(kFakeModule);
+  otherRemote->close();
+  other->shutdown();
+  std::this_thread::sleep_for(500ms);  // a withdrawal would have reached the caller by now
+  EXPECT_EQ(caller.remote->getModuleState(kFakeModule), KR::KRRemoteModuleState::Announced);
+  EXPECT_EQ(proxy->call<int>("zero"), 42);
 }
 
 TEST_F(RemoteModules, ClosedTransportFailsCallsAtOnce) {

@@ -102,16 +102,36 @@ class KRRemote::Impl : public std::enable_shared_from_this<KRRemote::Impl> {
     dds_qos_t* calls = dds_create_qos();
     dds_qset_reliability(calls, DDS_RELIABILITY_RELIABLE, DDS_SECS(1));
     dds_qset_history(calls, DDS_HISTORY_KEEP_ALL, 0);
-    // Announces: the latest per module, delivered to readers that join later.
+    // Announces: the latest per module, delivered to readers that join later. The writer's
+    // liveliness lease tells a host that died or stopped (its instances lose their writer)
+    // from one that withdrew its modules (disposed, in unpublish and close); the reader
+    // accepts any lease.
     dds_qos_t* announces = dds_create_qos();
     dds_qset_reliability(announces, DDS_RELIABILITY_RELIABLE, DDS_SECS(1));
     dds_qset_durability(announces, DDS_DURABILITY_TRANSIENT_LOCAL);
     dds_qset_history(announces, DDS_HISTORY_KEEP_LAST, 1);
+    dds_qos_t* announcer = dds_create_qos();
+    dds_copy_qos(announcer, announces);
+    dds_qset_liveliness(announcer, DDS_LIVELINESS_AUTOMATIC,
+                        DDS_MSECS(std::max<std::int64_t>(1, fOptions.liveliness.count())));
+    // Instances are disposed only on purpose (unpublish, close): a writer that goes away
+    // without that, with its process, leaves them without a writer.
+    dds_qset_writer_data_lifecycle(announcer, false);
 
     fRequestWriter = check(dds_create_writer(fParticipant, requestTopic, calls, nullptr), "writer");
     fReplyWriter = check(dds_create_writer(fParticipant, replyTopic, calls, nullptr), "writer");
     fAnnounceWriter =
-        check(dds_create_writer(fParticipant, announceTopic, announces, nullptr), "writer");
+        check(dds_create_writer(fParticipant, announceTopic, announcer, nullptr), "writer");
+    // The engine asserts a participant's automatic liveliness at 80% of its writers' shortest
+    // lease, which leaves the announcements 0.1 s of a 0.5 s lease: a busy machine lapses it
+    // and a live host reads as lost. A writer that never writes, with a quarter of the lease,
+    // has it asserted five times per lease.
+    dds_qos_t* pulse = dds_create_qos();
+    dds_copy_qos(pulse, announces);
+    dds_qset_liveliness(pulse, DDS_LIVELINESS_AUTOMATIC,
+                        DDS_MSECS(std::max<std::int64_t>(1, fOptions.liveliness.count() / 4)));
+    check(dds_create_writer(fParticipant, announceTopic, pulse, nullptr), "writer");
+    dds_delete_qos(pulse);
 
     dds_listener_t* listener = dds_create_listener(this);
     dds_lset_data_available(listener, &Impl::onRequests);
@@ -126,6 +146,7 @@ class KRRemote::Impl : public std::enable_shared_from_this<KRRemote::Impl> {
     dds_delete_listener(listener);
     dds_delete_qos(calls);
     dds_delete_qos(announces);
+    dds_delete_qos(announcer);
 
     for (unsigned i = 0; i < std::max(1u, fOptions.servingThreads); ++i)
       fServers.emplace_back([this] { serveLoop(); });
@@ -138,9 +159,18 @@ class KRRemote::Impl : public std::enable_shared_from_this<KRRemote::Impl> {
         return;
       fClosed = true;
     }
-    // Deleting the participant unregisters the announces and waits for running listeners.
-    if (fParticipant > 0)
+    // The modules leave on purpose: disposed, so that other processes tell this from a death.
+    // Deleting the participant then unregisters the announces and waits for running listeners.
+    if (fParticipant > 0) {
+      std::lock_guard<std::mutex> lock(fHostedMutex);
+      for (const std::string& name : fHosted) {
+        krremote_Announce a{};
+        a.target = text(name);
+        a.host = text(fClientId);
+        dds_writedispose(fAnnounceWriter, &a);
+      }
       dds_delete(fParticipant);
+    }
     {
       std::lock_guard<std::mutex> lock(fQueueMutex);
       fStopping = true;
@@ -185,7 +215,13 @@ class KRRemote::Impl : public std::enable_shared_from_this<KRRemote::Impl> {
     krremote_Announce a{};
     a.target = text(name);
     a.host = text(fClientId);
+    dds_writedispose(fAnnounceWriter, &a);
     dds_unregister_instance(fAnnounceWriter, &a);
+  }
+
+  void forget(const std::string& name) {
+    std::lock_guard<std::mutex> lock(fHostedMutex);
+    fHosted.erase(name);
   }
 
   bool hosts(const std::string& name) const {
@@ -404,13 +440,19 @@ class KRRemote::Impl : public std::enable_shared_from_this<KRRemote::Impl> {
           if (info.valid_data && self->fClientId == a.host)
             return;  // our own module
           std::lock_guard<std::mutex> lock(self->fAnnounceMutex);
-          // Invalid samples carry the key: the module's host stopped publishing it or died.
+          // Invalid samples carry the key: the module's host stopped publishing it (disposed)
+          // or gave no sign of life (no writer left).
           if (info.instance_state == DDS_IST_ALIVE && info.valid_data) {
             self->fAnnounced[a.target] = a.host;
+            self->fGone.erase(a.target);
           } else {
             auto it = self->fAnnounced.find(a.target);
-            if (it != self->fAnnounced.end() && (!info.valid_data || it->second == a.host))
+            if (it != self->fAnnounced.end() && (!info.valid_data || it->second == a.host)) {
               self->fAnnounced.erase(it);
+              self->fGone[a.target] = info.instance_state == DDS_IST_NOT_ALIVE_DISPOSED
+                                          ? KRRemoteModuleState::Withdrawn
+                                          : KRRemoteModuleState::Lost;
+            }
           }
         },
         [self] { self->fAnnounceCv.notify_all(); });
@@ -419,6 +461,14 @@ class KRRemote::Impl : public std::enable_shared_from_this<KRRemote::Impl> {
   bool waitForModule(const std::string& name, std::chrono::milliseconds timeout) const {
     std::unique_lock<std::mutex> lock(fAnnounceMutex);
     return fAnnounceCv.wait_for(lock, timeout, [&] { return fAnnounced.count(name) != 0; });
+  }
+
+  KRRemoteModuleState state(const std::string& name) const {
+    std::lock_guard<std::mutex> lock(fAnnounceMutex);
+    if (fAnnounced.count(name) != 0)
+      return KRRemoteModuleState::Announced;
+    const auto it = fGone.find(name);
+    return it == fGone.end() ? KRRemoteModuleState::Unknown : it->second;
   }
 
   std::vector<std::string> announcedNames() const {
@@ -477,6 +527,7 @@ class KRRemote::Impl : public std::enable_shared_from_this<KRRemote::Impl> {
   mutable std::mutex fAnnounceMutex;
   mutable std::condition_variable fAnnounceCv;
   std::map<std::string, std::string> fAnnounced;
+  std::map<std::string, KRRemoteModuleState> fGone;  // no longer announced, and why
 };
 
 namespace {
@@ -538,6 +589,10 @@ void KRRemote::unpublish(const std::string& module) {
   fImpl->unpublish(module);
 }
 
+void KRRemote::forget(const std::string& module) {
+  fImpl->forget(module);
+}
+
 void KRRemote::setTimeout(std::chrono::milliseconds timeout) {
   fImpl->setTimeout(timeout);
 }
@@ -551,6 +606,10 @@ bool KRRemote::waitForModule(const std::string& module, std::chrono::millisecond
 
 std::vector<std::string> KRRemote::getRemoteModuleNames() const {
   return fImpl->announcedNames();
+}
+
+KRRemoteModuleState KRRemote::getModuleState(const std::string& module) const {
+  return fImpl->state(module);
 }
 
 std::uint64_t KRRemote::getDroppedReplyCount() const {

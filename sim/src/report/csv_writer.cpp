@@ -22,6 +22,15 @@ void optional(float v, char* dst, std::size_t n) {
 
 }  // namespace
 
+std::string CsvWriter::field(const std::string& text) {
+  if (text.find_first_of(",\"\r\n") == std::string::npos)
+    return text;
+  std::string quoted = "\"";
+  for (char c : text)
+    quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
+  return quoted + "\"";
+}
+
 CsvWriter::CsvWriter(std::ostream& out, std::vector<Phase> phases, std::vector<std::string> joints)
     : fOut(&out), fPhases(std::move(phases)), fJoints(std::move(joints)) {
   out << header(fJoints) << "\n";
@@ -40,7 +49,7 @@ std::string CsvWriter::header(const std::vector<std::string>& joints) {
       "observation";
   // Each joint as commanded, then as measured.
   for (const auto& joint : joints)
-    header += ",cmd_" + joint + "," + joint;
+    header += "," + field("cmd_" + joint) + "," + field(joint);
   return header;
 }
 
@@ -48,9 +57,12 @@ void CsvWriter::write(const Sample& s) {
   std::ostream& out = *fOut;
   char buf[512];
   const Phase* phase = s.phase >= 0 ? &fPhases[static_cast<std::size_t>(s.phase)] : nullptr;
-  const std::string name = phase != nullptr ? phase->name : "";
-  int n = std::snprintf(buf, sizeof buf, "%.2f,%s,%.4f,%.4f,%.4f,%.4f,%.4f,", s.time, name.c_str(),
-                        s.robot.x, s.robot.y, s.robot.theta, s.headYaw, s.headPitch);
+  int n = std::snprintf(buf, sizeof buf, "%.2f,", s.time);
+  out.write(buf, n);
+  if (phase != nullptr)
+    out << field(phase->name);
+  n = std::snprintf(buf, sizeof buf, ",%.4f,%.4f,%.4f,%.4f,%.4f,", s.robot.x, s.robot.y,
+                    s.robot.theta, s.headYaw, s.headPitch);
   out.write(buf, n);
   if (s.hasTarget) {
     n = std::snprintf(buf, sizeof buf, "%.4f,%.4f,%.4f,%.4f,%.4f,%d,%d,%d,%.3f,%.3f,", s.target.x,
@@ -67,7 +79,7 @@ void CsvWriter::write(const Sample& s) {
   out << l << ',' << r << ',' << m << ',' << s.phase << ',';
   if (phase != nullptr)
     out << phase->acquireDegrees;
-  out << ',' << s.events << ',' << s.observation;
+  out << ',' << field(s.events) << ',' << field(s.observation);
   for (std::size_t i = 0; i < fJoints.size(); ++i) {
     // A sample without the joint's values (not from a run) leaves its two columns empty.
     if (i >= s.jointCommands.size() || i >= s.jointAngles.size()) {

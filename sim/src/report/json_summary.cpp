@@ -29,6 +29,8 @@ json top(const RunConfig& config, const RunRecord& record) {
   j["seed"] = config.seed;
   j["physics"] = config.physics;
   j["transport"] = config.transport;
+  if (!record.status.empty())
+    j["status"] = record.status;
   j["latency_s"] = config.camera.latencyS;
   j["compensation"] = config.compensation;
   // Whole steps of the simulated clock, without the last bits of the division.

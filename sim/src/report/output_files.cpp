@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <stdexcept>
 #include <utility>
 
@@ -19,18 +18,6 @@ namespace {
   throw KRError("krsim", "outputs", text);
 }
 
-void makeParentDirectory(const std::string& path) {
-  const auto slash = path.find_last_of('/');
-  if (slash == std::string::npos || slash == 0)
-    return;
-  std::string dir;
-  for (std::size_t i = 0; i <= slash; ++i) {
-    if (path[i] == '/' && !dir.empty())
-      ::mkdir(dir.c_str(), 0755);
-    dir += path[i];
-  }
-}
-
 /// Same file, whether or not both exist yet.
 bool sameFile(const std::string& a, const std::string& b) {
   struct stat sa {};
@@ -40,83 +27,131 @@ bool sameFile(const std::string& a, const std::string& b) {
   return absolutePath(a) == absolutePath(b);
 }
 
-/// The folder of an output must exist (it is created) and be writable.
-void checkWritable(const std::string& option, const std::string& path) {
-  makeParentDirectory(path);
-  const auto slash = path.find_last_of('/');
-  const std::string dir = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-  struct stat st {};
-  if (::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
-    refuse(option + " " + path + " is a folder, not a file");
-  if (::access(dir.c_str(), W_OK) != 0)
-    refuse(option + " " + path + ": cannot write in " + dir);
-}
-
 std::string folderOf(const std::string& path) {
   const auto slash = path.find_last_of('/');
-  return slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+  if (slash == std::string::npos)
+    return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
 }
 
-/// The video's folder must exist, or be made for another output: a mistyped one is refused.
-void checkVideoFolder(const RunConfig& config) {
-  const std::string dir = folderOf(config.video);
-  for (const std::string& other : {config.csv, config.plot, config.json}) {
-    if (!other.empty() && folderOf(other) == dir)
-      return;
-  }
+/// The folder an output goes in exists: it is never created.
+void checkFolder(const std::string& option, const std::string& path) {
+  const std::string dir = folderOf(path);
   struct stat st {};
   if (::stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
-    refuse("--video " + config.video + ": the folder " + dir + " does not exist");
+    refuse(option + " " + path + ": no folder " + dir + " (it is not created)");
 }
 
+/// An output goes in a folder that exists and can be written, over nothing but a file.
+void checkWritable(const std::string& option, const std::string& path) {
+  checkFolder(option, path);
+  const std::string dir = folderOf(path);
+  if (::access(dir.c_str(), W_OK) != 0)
+    refuse(option + " " + path + ": cannot write in " + dir);
+  struct stat st {};
+  if (::lstat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
+    refuse(option + " " + path + " is a folder, not a file");
+  if (::lstat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode))
+    refuse(option + " " + path + " is not a regular file");
+}
+
+/// The folder of pictures is an output itself: in a folder that exists, created if missing.
 void checkWritableFolder(const std::string& option, const std::string& dir) {
+  checkFolder(option, dir.size() > 1 && dir.back() == '/' ? dir.substr(0, dir.size() - 1) : dir);
   ::mkdir(dir.c_str(), 0755);
   struct stat st {};
   if (::stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || ::access(dir.c_str(), W_OK) != 0)
     refuse(option + " " + dir + " is not a folder that can be written");
 }
 
+/// The files of each run of many, suffixed as perRunPath says.
+std::vector<std::string> perRunPaths(const RunConfig& config, const std::string& path) {
+  std::vector<std::string> paths;
+  const SeedRange seeds = config.seeds.value_or(SeedRange{config.seed, config.seed});
+  for (const bool compensation : {true, false}) {
+    if (!compensation && config.compare.empty())
+      break;
+    for (std::uint64_t seed = seeds.first; seed <= seeds.last; ++seed) {
+      paths.push_back(perRunPath(
+          path, runSuffix(config, config.compare.empty() ? config.compensation : compensation,
+                          static_cast<std::uint32_t>(seed))));
+    }
+  }
+  return paths;
+}
+
 }  // namespace
 
-void decideOutputs(RunConfig& config, const std::string& name,
-                   const std::vector<std::string>& inputs) {
+void checkOutputFile(const std::string& option, const std::string& path) {
+  checkWritable(option, path);
+}
+
+std::string perRunPath(const std::string& path, const std::string& suffix) {
+  const auto slash = path.find_last_of('/');
+  const auto dot = path.find_last_of('.');
+  if (dot == std::string::npos || (slash != std::string::npos && dot < slash) ||
+      dot == (slash == std::string::npos ? 0 : slash + 1))
+    return path + suffix;
+  return path.substr(0, dot) + suffix + path.substr(dot);
+}
+
+std::string runSuffix(const RunConfig& config, bool compensation, std::uint32_t seed) {
+  std::string suffix;
+  if (!config.compare.empty())
+    suffix += compensation ? "-compensation-on" : "-compensation-off";
+  if (config.seeds)
+    suffix += "-seed" + std::to_string(seed);
+  return suffix;
+}
+
+std::vector<std::string> decideOutputs(RunConfig& config, const std::string& name,
+                                       const std::vector<std::string>& inputs) {
+  const bool many = config.seeds || !config.compare.empty();
   const bool defaultOutputs = config.csv.empty() && config.plot.empty();
   const std::string stem = "out/" + name;
+  std::vector<std::string> owned;
   if (defaultOutputs) {
-    config.csv = stem + ".csv";
-    config.plot = stem + ".png";
+    // The program's own folder, the one folder ever created. Many runs write their JSON
+    // alone there, and the CSV and plot of an older run go.
+    ::mkdir("out", 0755);
+    if (!many)
+      config.csv = stem + ".csv";
+    if (!many)
+      config.plot = stem + ".png";
     if (config.json.empty())
       config.json = stem + ".json";
+    owned = {stem + ".csv", stem + ".png"};
   }
   const std::vector<std::pair<std::string, std::string>> outputs = {{"--csv", config.csv},
                                                                     {"--plot", config.plot},
                                                                     {"--json", config.json},
                                                                     {"--video", config.video}};
-  if (!config.video.empty())
-    checkVideoFolder(config);  // before any folder is made
   for (std::size_t i = 0; i < outputs.size(); ++i) {
     const auto& [option, path] = outputs[i];
     if (path.empty())
       continue;
-    for (const auto& input : inputs) {
-      if (!input.empty() && sameFile(path, input))
-        refuse(option + " " + path + " is an input of the run");
+    std::vector<std::string> files{path};
+    if (many && option != "--json")
+      files = perRunPaths(config, path);
+    for (const std::string& file : files) {
+      for (const auto& input : inputs) {
+        if (!input.empty() && sameFile(file, input))
+          refuse(option + " " + file + " is an input of the run");
+      }
+      checkWritable(option, file);
+      // The video is written in place as the run goes (an interrupted run leaves it playable),
+      // so it is never staged: owning it would remove it at commit.
+      if (option != "--video")
+        owned.push_back(file);
     }
     for (std::size_t j = 0; j < i; ++j) {
       if (!outputs[j].second.empty() && sameFile(path, outputs[j].second))
         refuse(option + " " + path + " is also the file of " + outputs[j].first);
     }
-    checkWritable(option, path);
   }
   if (!config.snapshots.empty())
     checkWritableFolder("--snapshots", config.snapshots);
-}
-
-void writeText(const std::string& path, const std::string& text) {
-  std::ofstream file(path);
-  file << text;
-  if (!file.flush())
-    throw std::runtime_error("cannot write " + path);
+  return owned;
 }
 
 std::string absolutePath(const std::string& path) {

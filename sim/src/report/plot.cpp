@@ -91,7 +91,8 @@ void runGnuplot(const std::string& script, const std::string& args, const std::s
 }  // namespace
 
 void drawPlot(const std::string& csv, const std::string& png, const RunConfig& config,
-              const Model::Robot& robot, const std::string& modeText, const std::string& figures) {
+              const Model::Robot& robot, const std::string& modeText, const std::string& figures,
+              const std::string& shownAs) {
   const std::string script = findDataFile("tools/plot.gp");
   if (script.empty())
     throw std::runtime_error("cannot find tools/plot.gp");
@@ -107,7 +108,7 @@ void drawPlot(const std::string& csv, const std::string& png, const RunConfig& c
        << "; yawmax=" << head.yaw.max * kDeg << "; pitchmin=" << head.pitch.min * kDeg
        << "; pitchmax=" << head.pitch.max * kDeg << "; yawjoint=" << gpString(head.yaw.name)
        << "; pitchjoint=" << gpString(head.pitch.name) << "; figures=" << gpLines(figures);
-  runGnuplot(script, args.str(), png);
+  runGnuplot(script, args.str(), shownAs.empty() ? png : shownAs);
 }
 
 std::string plotFigures(const std::vector<PhaseMeasures>& phases) {

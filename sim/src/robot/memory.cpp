@@ -35,7 +35,12 @@ void SimMemory::raiseEvent(const std::string& name, const KRValue& value) {
     std::lock_guard<std::mutex> lock(fMutex);
     fData[name] = value;
     const bool keep = fDropValues.count(name) == 0;
+    if (fHistory.size() == kHistoryCapacity) {
+      fHistory.pop_front();
+      ++fDropped;
+    }
     fHistory.push_back({fClock->now(), name, keep ? value : KRValue()});
+    ++fCounts[name];
     for (const auto& s : fSubscriptions) {
       if (s.eventName == name)
         callbacks.push_back(s.callback);
@@ -96,7 +101,7 @@ void SimMemory::setKeepValues(const std::string& eventName, bool keep) {
 
 std::vector<SimMemory::EventRecord> SimMemory::eventHistory() const {
   std::lock_guard<std::mutex> lock(fMutex);
-  return fHistory;
+  return std::vector<EventRecord>(fHistory.begin(), fHistory.end());
 }
 
 std::vector<SimMemory::EventRecord> SimMemory::eventHistory(const std::string& eventName) const {
@@ -111,20 +116,27 @@ std::vector<SimMemory::EventRecord> SimMemory::eventHistory(const std::string& e
 
 std::vector<SimMemory::EventRecord> SimMemory::eventHistorySince(std::size_t first) const {
   std::lock_guard<std::mutex> lock(fMutex);
-  if (first >= fHistory.size())
+  const std::size_t from = first > fDropped ? first - fDropped : 0;
+  if (from >= fHistory.size())
     return {};
-  return std::vector<EventRecord>(fHistory.begin() + static_cast<std::ptrdiff_t>(first),
+  return std::vector<EventRecord>(fHistory.begin() + static_cast<std::ptrdiff_t>(from),
                                   fHistory.end());
 }
 
 std::size_t SimMemory::eventCount(const std::string& eventName) const {
   std::lock_guard<std::mutex> lock(fMutex);
-  return static_cast<std::size_t>(std::count_if(
-      fHistory.begin(), fHistory.end(), [&](const EventRecord& r) { return r.name == eventName; }));
+  const auto it = fCounts.find(eventName);
+  return it == fCounts.end() ? 0 : it->second;
+}
+
+std::size_t SimMemory::eventTotal() const {
+  std::lock_guard<std::mutex> lock(fMutex);
+  return fDropped + fHistory.size();
 }
 
 void SimMemory::clearEventHistory() {
   std::lock_guard<std::mutex> lock(fMutex);
+  fDropped += fHistory.size();
   fHistory.clear();
 }
 

@@ -45,7 +45,7 @@ SimMotion::SimMotion(const Model::Robot& robot, std::shared_ptr<const SimClock> 
   fHeadYaw = xIndex(head.yaw.name);
   fHeadPitch = xIndex(head.pitch.name);
   xRecord();
-  bindMethods();
+  bindMethods(*this, this);
 }
 
 std::string SimMotion::physicsName() const {

@@ -44,26 +44,35 @@ std::vector<float> floatsFrom(const KRValue& v, const char* method) {
 
 }  // namespace
 
-void SimMotion::bindMethods() {
-  bind("getTransform", &SimMotion::rGetTransform, this);
-  bind("getPosition", &SimMotion::rGetPosition, this);
-  bind("getRobotPosition", &SimMotion::rGetRobotPosition, this);
-  bind("_getSensorTransformAtTime", &SimMotion::rGetSensorTransformAtTime, this);
-  bind("areResourcesAvailable", &SimMotion::areResourcesAvailable, this);
-  bind("robotIsWakeUp", &SimMotion::isAwake, this);
-  bind("moveTo", &SimMotion::moveTo, this);
-  bind("move", &SimMotion::move, this);
-  bind("navigateTo", &SimMotion::navigateTo, this);
-  bind("stopMove", &SimMotion::stopMove, this);
-  bind("moveIsActive", &SimMotion::moveIsActive, this);
-  bind("getRobotVelocity", &SimMotion::rGetRobotVelocity, this);
-  bind("setAngles", &SimMotion::rSetAngles, this);
-  bind("getAngles", &SimMotion::rGetAngles, this);
-  bind("getJointNames", &SimMotion::expandNames, this);
-  bind("_trackerWithSpeed", &SimMotion::rTrackerWithSpeed, this);
-  bind("_lookAtWb", &SimMotion::rLookAtWb, this);
-  bind("_stopLookAt", &SimMotion::rStopLookAt, this);
-  bind("_stopPointAt", &SimMotion::rStopPointAt, this);
+void SimMotion::bindMethods(KRModule& module, SimMotion* self) {
+  module.bind("getTransform", &SimMotion::rGetTransform, self);
+  module.bind("getPosition", &SimMotion::rGetPosition, self);
+  module.bind("getRobotPosition", &SimMotion::rGetRobotPosition, self);
+  module.bind("_getSensorTransformAtTime", &SimMotion::rGetSensorTransformAtTime, self);
+  module.bind("areResourcesAvailable", &SimMotion::areResourcesAvailable, self);
+  module.bind("robotIsWakeUp", &SimMotion::isAwake, self);
+  module.bind("moveTo", &SimMotion::moveTo, self);
+  module.bind("move", &SimMotion::move, self);
+  module.bind("navigateTo", &SimMotion::navigateTo, self);
+  module.bind("stopMove", &SimMotion::stopMove, self);
+  module.bind("moveIsActive", &SimMotion::moveIsActive, self);
+  module.bind("getRobotVelocity", &SimMotion::rGetRobotVelocity, self);
+  module.bind("setAngles", &SimMotion::rSetAngles, self);
+  module.bind("getAngles", &SimMotion::rGetAngles, self);
+  module.bind("getJointNames", &SimMotion::expandNames, self);
+  module.bind("_trackerWithSpeed", &SimMotion::rTrackerWithSpeed, self);
+  module.bind("_lookAtWb", &SimMotion::rLookAtWb, self);
+  module.bind("_stopLookAt", &SimMotion::rStopLookAt, self);
+  module.bind("_stopPointAt", &SimMotion::rStopPointAt, self);
+}
+
+const KRModule& motionMethodTable() {
+  static const auto kTable = [] {
+    auto table = std::make_unique<KRModule>(kModule);
+    SimMotion::bindMethods(*table, nullptr);
+    return table;
+  }();
+  return *kTable;
 }
 
 std::vector<float> SimMotion::rGetTransform(const std::string& name, int frame, bool) const {

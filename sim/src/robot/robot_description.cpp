@@ -1,10 +1,13 @@
 #include <krsim/robot/robot_description.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
-#include <fstream>
+#include <cerrno>
+#include <optional>
 #include <set>
-#include <sstream>
+#include <stdexcept>
 #include <vector>
 
 #include <kr/error.h>
@@ -20,6 +23,41 @@ namespace Sim {
 namespace {
 
 constexpr long kMaxInputBytes = 1 << 20;
+
+bool exists(const std::string& path) {
+  struct stat st {};
+  return ::stat(path.c_str(), &st) == 0;
+}
+
+/// Refuses what checkInputFile refuses, from the file's status.
+void checkStatus(const std::string& what, const std::string& path, const struct stat& st) {
+  if (!S_ISREG(st.st_mode))
+    throw InputError(what + " '" + path + "' is not a regular file");
+  if (st.st_size > kMaxInputBytes) {
+    throw InputError(what + " '" + path + "' is " + std::to_string(st.st_size) +
+                     " bytes, more than the " + std::to_string(kMaxInputBytes) + " accepted");
+  }
+}
+
+/// Reads at most kMaxInputBytes + 1 bytes of an open file.
+std::string readAtMost(int fd, const std::string& what, const std::string& path) {
+  std::string text;
+  char buffer[65536];
+  for (;;) {
+    const ssize_t n = ::read(fd, buffer, sizeof buffer);
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n < 0)
+      throw InputError("cannot read " + what + " '" + path + "'");
+    if (n == 0)
+      return text;
+    text.append(buffer, static_cast<std::size_t>(n));
+    if (text.size() > static_cast<std::size_t>(kMaxInputBytes)) {
+      throw InputError(what + " '" + path + "' is more than the " + std::to_string(kMaxInputBytes) +
+                       " bytes accepted");
+    }
+  }
+}
 
 bool isFile(const std::string& path) {
   struct stat st {};
@@ -50,28 +88,29 @@ std::vector<std::string> missingMeshes(const UrdfSource& source) {
 
 /// A URDF robot: the mapping and its URDF read, the robot imported and served as XML.
 std::shared_ptr<const RobotDescription> readUrdfRobot(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
+  const std::optional<std::string> text = readInputFile("robot", path);
+  if (!text) {
     throw KRError("UrdfImport", "robotFromUrdfMapping",
                   "cannot read the robot mapping '" + path + "'");
   }
-  std::ostringstream text;
-  text << in.rdbuf();
   auto source = std::make_shared<UrdfSource>();
   source->mappingPath = path;
-  source->mapping = Model::UrdfImport::readMapping(text.str(), path);
+  source->mapping = Model::UrdfImport::readMapping(*text, path);
   source->urdfPath = Model::UrdfImport::urdfPath(path, source->mapping);
-  checkInputFile("URDF", source->urdfPath);
-  std::ifstream urdf(source->urdfPath, std::ios::binary);
-  if (!urdf) {
+  std::optional<std::string> urdfText;
+  try {
+    urdfText = readInputFile("URDF", source->urdfPath);
+  } catch (const InputError& e) {
+    // A fault of the robot named, not of the file given: said as the robot's.
+    throw std::runtime_error(e.what());
+  }
+  if (!urdfText) {
     throw KRError("UrdfImport", "robotFromUrdfMapping",
                   path + ": urdf: cannot read the URDF '" + source->urdfPath + "'");
   }
-  std::ostringstream urdfText;
-  urdfText << urdf.rdbuf();
-  source->urdfText = urdfText.str();
+  source->urdfText = std::move(*urdfText);
   auto description = std::make_shared<RobotDescription>();
-  const auto imported = Model::UrdfImport::robotFromTexts(text.str(), path, source->urdfText,
+  const auto imported = Model::UrdfImport::robotFromTexts(*text, path, source->urdfText,
                                                           source->urdfPath, &description->notes);
   description->path = path;
   description->text = Model::ModelUtils::robotToXml(*imported);
@@ -83,15 +122,13 @@ std::shared_ptr<const RobotDescription> readUrdfRobot(const std::string& path) {
 
 /// The file's text and the robot parsed from it, with the errors robotFromFile gives.
 std::shared_ptr<const RobotDescription> readRobotFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
+  std::optional<std::string> text = readInputFile("robot", path);
+  if (!text) {
     throw KRError("ModelUtils", "robotFromFile", "cannot read robot description '" + path + "'");
   }
-  std::ostringstream text;
-  text << in.rdbuf();
   auto description = std::make_shared<RobotDescription>();
   description->path = path;
-  description->text = text.str();
+  description->text = std::move(*text);
   try {
     description->robot = Model::ModelUtils::robotFromXml(description->text);
   } catch (const KRError& e) {
@@ -104,11 +141,12 @@ std::shared_ptr<const RobotDescription> readRobotFile(const std::string& path) {
 
 std::shared_ptr<const RobotDescription> RobotDescription::load(const std::string& nameOrPath) {
   const std::string path = resolveRobotFile(nameOrPath);
-  checkInputFile("robot", path);
   try {
     if (Model::UrdfImport::isMappingFile(path))
       return readUrdfRobot(path);
     return readRobotFile(path);
+  } catch (const InputError&) {
+    throw;
   } catch (const std::exception& e) {
     throw InputError("cannot load robot '" + nameOrPath + "': " + e.what());
   }
@@ -147,13 +185,14 @@ std::shared_ptr<const RobotDescription> RobotDescription::fromText(std::string t
   return description;
 }
 
+// Names are looked up with stat() only: opening a FIFO to see whether it exists would block.
 std::string resolveRobotFile(const std::string& nameOrPath) {
-  if (std::ifstream(nameOrPath).good())
+  if (exists(nameOrPath))
     return nameOrPath;
   const std::string dir = KRTRACKER_ROBOTS_DIR;
   for (const std::string& candidate : {dir + "/" + nameOrPath, dir + "/" + nameOrPath + ".xml",
                                        dir + "/" + nameOrPath + ".yaml"}) {
-    if (std::ifstream(candidate).good())
+    if (exists(candidate))
       return candidate;
   }
   return nameOrPath;
@@ -161,19 +200,31 @@ std::string resolveRobotFile(const std::string& nameOrPath) {
 
 std::string findDataFile(const std::string& relative) {
   const std::string path = std::string(KRTRACKER_ROBOTS_DIR) + "/../" + relative;
-  return std::ifstream(path).good() ? path : std::string();
+  return exists(path) ? path : std::string();
 }
 
 void checkInputFile(const std::string& what, const std::string& path) {
   struct stat st {};
-  if (::stat(path.c_str(), &st) != 0)
-    return;
-  if (!S_ISREG(st.st_mode))
-    throw InputError(what + " '" + path + "' is not a regular file");
-  if (st.st_size > kMaxInputBytes) {
-    throw InputError(what + " '" + path + "' is " + std::to_string(st.st_size) +
-                     " bytes, more than the " + std::to_string(kMaxInputBytes) + " accepted");
-  }
+  if (::stat(path.c_str(), &st) == 0)
+    checkStatus(what, path, st);
+}
+
+std::optional<std::string> readInputFile(const std::string& what, const std::string& path) {
+  checkInputFile(what, path);
+  // Non-blocking, so that a FIFO put in the file's place since the check is not waited on;
+  // the open file is checked again before anything is read from it.
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+  if (fd < 0)
+    return std::nullopt;
+  struct Closer {
+    int fd;
+    ~Closer() { ::close(fd); }
+  } closer{fd};
+  struct stat st {};
+  if (::fstat(fd, &st) != 0)
+    return std::nullopt;
+  checkStatus(what, path, st);
+  return readAtMost(fd, what, path);
 }
 
 }  // namespace Sim

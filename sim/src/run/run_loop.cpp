@@ -36,21 +36,29 @@ void StopSignals::request(int signal) {
   gStopSignal = signal;
 }
 
-RunResult playRun(ScenarioRun& run, const AfterStep& afterStep, std::clock_t cpuStart) {
+RunResult playRun(ScenarioRun& run, const AfterStep& afterStep, std::clock_t cpuStart,
+                  const StopCheck& stop) {
+  std::string stoppedBy;
   while (!gStopSignal && run.step()) {
+    if (stop) {
+      stoppedBy = stop();
+      if (!stoppedBy.empty())
+        break;
+    }
     if (afterStep)
       afterStep();
   }
   RunResult result;
-  result.interrupted = gStopSignal != 0;
+  result.interrupted = gStopSignal != 0 && stoppedBy.empty();
+  result.stoppedBy = stoppedBy;
   result.summaries = run.summaries();
   result.simulatedS = run.simulatedSeconds();
   result.cpuS = static_cast<double>(std::clock() - cpuStart) / CLOCKS_PER_SEC;
   return result;
 }
 
-RunResult playRun(ScenarioRun& run, bool realtime, std::clock_t cpuStart) {
-  return playRun(run, realtime ? realTimePacing(run) : AfterStep(), cpuStart);
+RunResult playRun(ScenarioRun& run, bool realtime, std::clock_t cpuStart, const StopCheck& stop) {
+  return playRun(run, realtime ? realTimePacing(run) : AfterStep(), cpuStart, stop);
 }
 
 AfterStep realTimePacing(ScenarioRun& run) {

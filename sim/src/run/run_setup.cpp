@@ -10,11 +10,6 @@ namespace Sim {
 
 namespace {
 
-bool endsWith(const std::string& text, const std::string& tail) {
-  return text.size() > tail.size() &&
-         text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
-}
-
 /// A mode the robot lacks is refused before anything runs, not replaced by another.
 void checkModes(const RunConfig& config, const Scenario& scenario) {
   const std::string modes = config.mode.empty() ? scenario.modeText : config.mode;
@@ -67,10 +62,7 @@ Scenario prepareScenario(const RunConfig& config) {
   options.effector = config.effector;
   options.duration = config.duration.value_or(0.0);
   options.seed = config.seed;
-  const std::string& name = config.scenario;
-  if (name.find('/') != std::string::npos || endsWith(name, ".yaml") || endsWith(name, ".yml"))
-    checkInputFile("scenario", name);
-  Scenario scenario = makeScenario(name, options);
+  Scenario scenario = makeScenario(config.scenario, options);
   checkModes(config, scenario);
   checkPhysics(config);
   return scenario;

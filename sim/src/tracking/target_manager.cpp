@@ -14,14 +14,14 @@
 namespace KR {
 namespace Sim {
 
-namespace {
-
-const std::vector<std::string>& supportedKinds() {
+const std::vector<std::string>& TargetManager::supportedKinds() {
   namespace T = Tracker::Target;
   static const std::vector<std::string> kKinds{T::TargetRedBall, T::TargetFace, T::TargetPeople,
                                                T::TargetSound, T::TargetLandMarks};
   return kKinds;
 }
+
+namespace {
 
 std::string joined(const std::vector<std::string>& names) {
   std::string out;

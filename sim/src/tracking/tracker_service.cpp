@@ -7,6 +7,7 @@
 #include <kr/error.h>
 #include <kr/math/types.h>
 #include <kr/value/conversions.h>
+#include <krtracker/config/krgenerictrackerconfig.h>
 
 namespace KR {
 namespace Sim {
@@ -101,11 +102,27 @@ void bindSpeedsSmootherAndSearcher(KRModule& service, GenericTracker* t) {
   service.bind("isSearchEnabled", &GenericTracker::isSearchEnabled, t);
 }
 
+/// The argument lists "lookAt" accepts, converted as lookAt converts them.
+void checkLookAt(const std::vector<KRValue>& a) {
+  if (a.size() != 4 && a.size() != 5)
+    throw KRError(kTrackerServiceModule, "lookAt",
+                  "expects 4 or 5 arguments, got " + std::to_string(a.size()));
+  (void)fromKRValue<std::vector<float>>(a[0], "argument 1");
+  (void)fromKRValue<int>(a[1], "argument 2");
+  if (a.size() == 5)
+    (void)fromKRValue<int>(a[2], "argument 3");
+  (void)fromKRValue<float>(a[a.size() - 2], a.size() == 5 ? "argument 4" : "argument 3");
+  (void)fromKRValue<bool>(a.back(), a.size() == 5 ? "argument 5" : "argument 4");
+}
+
 void bindLooksAndPoints(KRModule& service, GenericTracker* t) {
-  service.bindRaw("lookAt", [t](const std::vector<KRValue>& a) {
-    lookAt(*t, a);
-    return KRValue();
-  });
+  service.bindRaw(
+      "lookAt",
+      [t](const std::vector<KRValue>& a) {
+        lookAt(*t, a);
+        return KRValue();
+      },
+      checkLookAt);
   service.bind("lookAtAndMove", &GenericTracker::lookAtAndMove, t);
   service.bind("pointAt", &GenericTracker::pointAt, t);
   service.bind("stopLookAt", &GenericTracker::stopLookAt, t);
@@ -122,9 +139,36 @@ void bindConfiguration(KRModule& service, GenericTracker* t) {
     return KRValue(std::move(pairs));
   });
   service.bind("getTrackerConfigStr", &GenericTracker::getTrackerConfigStr, t);
+  // The same pairs without a line on standard error for each value that is not a number: for
+  // a process that copies the table after each change rather than shows it.
+  service.bind("_copyTrackerConfig", []() {
+    KRValue::Array pairs;
+    for (const auto& entry : Tracker::configNumbers())
+      pairs.push_back(KRValue{KRValue(entry.first), KRValue(entry.second)});
+    return KRValue(std::move(pairs));
+  });
 }
 
 }  // namespace
+
+void bindTrackerMethods(KRModule& service, Tracker::GenericTracker* t) {
+  bindLifecycle(service, t);
+  bindTargets(service, t);
+  bindModesAndMoves(service, t);
+  bindEffectors(service, t);
+  bindSpeedsSmootherAndSearcher(service, t);
+  bindLooksAndPoints(service, t);
+  bindConfiguration(service, t);
+}
+
+const KRModule& trackerMethodTable() {
+  static const auto kTable = [] {
+    auto table = std::make_unique<KRModule>(kTrackerServiceModule);
+    bindTrackerMethods(*table, nullptr);
+    return table;
+  }();
+  return *kTable;
+}
 
 TrackerService::TrackerService(const std::shared_ptr<KR::KRBroker>& broker)
     : KRModule(kTrackerServiceModule), fTracker(std::make_unique<GenericTracker>(broker)) {
@@ -135,14 +179,7 @@ TrackerService::TrackerService(const std::shared_ptr<KR::KRBroker>& broker)
 TrackerService::~TrackerService() = default;
 
 void TrackerService::xBindMethods() {
-  GenericTracker* t = fTracker.get();
-  bindLifecycle(*this, t);
-  bindTargets(*this, t);
-  bindModesAndMoves(*this, t);
-  bindEffectors(*this, t);
-  bindSpeedsSmootherAndSearcher(*this, t);
-  bindLooksAndPoints(*this, t);
-  bindConfiguration(*this, t);
+  bindTrackerMethods(*this, fTracker.get());
 }
 
 }  // namespace Sim

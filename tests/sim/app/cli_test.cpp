@@ -7,8 +7,11 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cmath>
 #include <csignal>
 #include <cstdlib>
+#include <map>
+#include <set>
 
 #include <nlohmann/json.hpp>
 
@@ -60,7 +63,18 @@ void expectOneLineRefusal(const Result& r, const std::vector<std::string>& fragm
 
 TEST(CommandLineErrors, EachBadOptionIsNamedAndNothingIsWritten) {
   const std::string dir = freshDirectory("options");
+  // Inputs that would block whoever opens them for reading.
+  const std::string fifo = freshDirectory("fifos") + "/robot.xml";
+  const std::string fifoScenario = freshDirectory("fifos") + "/scenario.yaml";
+  for (const std::string& f : {fifo, fifoScenario}) {
+    ::unlink(f.c_str());
+    ASSERT_EQ(::mkfifo(f.c_str(), 0600), 0) << f;
+  }
   const std::vector<std::string> outputs = {"--csv", dir + "/run.csv", "--plot", dir + "/run.png"};
+  std::string tooLong = dir;  // longer than any path may be, in folders that do not exist
+  for (int i = 0; i < 20; ++i)
+    tooLong += "/" + std::string(250, 'a');
+  tooLong += "/run.json";
   const struct {
     std::vector<std::string> args;
     std::vector<std::string> fragments;  // what the one line must say
@@ -130,17 +144,40 @@ TEST(CommandLineErrors, EachBadOptionIsNamedAndNothingIsWritten) {
       {{"--robot", "/dev/zero"}, {"robot", "/dev/zero", "not a regular file"}},
       {{"--robot", dir}, {"robot", "not a regular file"}},
       {{"--scenario", "/dev/null"}, {"scenario", "not a regular file"}},
+      {{"--robot", fifo}, {"robot '" + fifo + "' is not a regular file"}},
+      {{"--scenario", fifoScenario}, {"scenario '" + fifoScenario + "' is not a regular file"}},
+      {{"angles", "--robot", fifo, "--look-at", "1", "0", "0"},
+       {"robot '" + fifo + "' is not a regular file"}},
       // Outputs: an input, twice the same file, a folder that cannot be written.
       {{"--csv", dir + "/x.csv", "--plot", dir + "/x.png", "--json", dir + "/x.csv"},
        {"--json", "also the file of --csv"}},
       {{"--csv", KRTRACKER_ROBOTS_DIR "/kibo.xml", "--plot", dir + "/x.png"},
        {"--csv", "kibo.xml", "input"}},
-      {{"--csv", "/proc/krtracker/run.csv", "--plot", dir + "/x.png"}, {"--csv", "cannot write"}},
+      {{"--csv", "/proc/krtracker/run.csv", "--plot", dir + "/x.png"},
+       {"--csv /proc/krtracker/run.csv: no folder /proc/krtracker (it is not created)"},
+       true},
+      // A missing folder is refused the same way for every output, and never created.
+      {{"--csv", dir + "/missing/run.csv", "--plot", dir + "/x.png"},
+       {"--csv " + dir + "/missing/run.csv: no folder " + dir + "/missing (it is not created)"},
+       true},
+      {{"--plot", dir + "/missing/run.png", "--csv", dir + "/x.csv"},
+       {"--plot " + dir + "/missing/run.png: no folder " + dir + "/missing (it is not created)"},
+       true},
+      {{"--json", dir + "/missing/run.json"},
+       {"--json " + dir + "/missing/run.json: no folder " + dir + "/missing (it is not created)"},
+       true},
+      {{"--snapshots", dir + "/missing/pictures"},
+       {"--snapshots " + dir + "/missing/pictures: no folder " + dir +
+        "/missing (it is not created)"},
+       true},
+      {{"--json", dir + "/" + std::string(300, 'a') + "/b/run.json"}, {"--json", "no folder"}},
+      {{"--json", tooLong}, {"--json", "no folder"}},
+      {{"--json", fifo}, {"--json " + fifo + " is not a regular file"}, true},
       {{"--snapshots", "/proc/krtracker"}, {"--snapshots", "not a folder that can be written"}},
-      // The video: in a folder that does not exist (not made for it), another output, not
+      // The video: in a folder that does not exist, another output, not
       // MP4, or of many runs.
       {{"--video", dir + "/missing/run.mp4"},
-       {"--video " + dir + "/missing/run.mp4: the folder " + dir + "/missing does not exist"},
+       {"--video " + dir + "/missing/run.mp4: no folder " + dir + "/missing (it is not created)"},
        true},
       {{"--csv", dir + "/x.mp4", "--plot", dir + "/x.png", "--video", dir + "/x.mp4"},
        {"--video", "also the file of --csv"}},
@@ -317,6 +354,11 @@ TEST(CommandLineErrors, ASignalStopsTheRunWithEverythingMeasuredSoFarWritten) {
   const std::string json = readFile(dir + "/run.json");
   EXPECT_NE(json.find("\"simulated_s\": 20.01"), std::string::npos) << json;
   EXPECT_NE(json.find("\"name\": \"whole body + arms\""), std::string::npos);
+  EXPECT_NE(json.find("\"status\": \"stopped by signal 15\""), std::string::npos);
+  // Complete files of what ran, and nothing else.
+  auto names = filesIn(dir);
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names, (std::vector<std::string>{"pictures", "run.csv", "run.json"}));
 }
 
 TEST(CommandLineTest, ListsTheScenariosAndHelps) {
@@ -576,6 +618,163 @@ TEST(ScenarioFileTest, MistakesNameTheFileTheLineAndTheField) {
           << e.message();
       EXPECT_NE(e.message().find(c.where), std::string::npos) << e.message();
     }
+  }
+}
+
+// Outputs are written whole or not at all, and a run's files all come from that run.
+std::string outputsIn(const std::string& dir) {
+  auto names = filesIn(dir);
+  std::sort(names.begin(), names.end());
+  std::string text;
+  for (const auto& n : names)
+    text += n + " ";
+  return text;
+}
+
+// Each case: an optional first run, then a second one into the same outputs (--csv o.csv
+// --plot o.png --json o.json), with what the folder holds after it. A run writes one CSV and
+// plot per run of many (suffixes -compensation-on/off, -seedN), replaces all of a previous
+// run's outputs together, and leaves them as they were when it is refused or fails.
+TEST(OutputFilesTest, EachRunLeavesCompleteFilesOfItsOwnOrThePreviousOnes) {
+  const std::string track = "  - {time: 0, call: track, args: [RedBall]}";
+  const struct {
+    std::string name;
+    std::vector<std::string> first;   // empty: no first run
+    std::vector<std::string> second;  // with the scenario's edit below
+    std::string from, to;
+    int code;
+    std::string error;  // in the one line of a refused or failed run
+    std::string files;
+    bool unchanged;  // the first run's files stay as they were
+    double seconds;  // of each CSV left
+  } cases[] = {
+      {"seeds",
+       {},
+       {"--duration", "2", "--seeds", "3-4"},
+       "",
+       "",
+       0,
+       "",
+       "o-seed3.csv o-seed3.png o-seed4.csv o-seed4.png o.json ",
+       false,
+       2.0},
+      {"compare",
+       {},
+       {"--duration", "2", "--compare", "compensation"},
+       "",
+       "",
+       0,
+       "",
+       "o-compensation-off.csv o-compensation-off.png o-compensation-on.csv "
+       "o-compensation-on.png o.json ",
+       false,
+       2.0},
+      {"seeds_and_compare",
+       {},
+       {"--duration", "2", "--seeds", "3-4", "--compare", "compensation"},
+       "",
+       "",
+       0,
+       "",
+       "o-compensation-off-seed3.csv o-compensation-off-seed3.png o-compensation-off-seed4.csv "
+       "o-compensation-off-seed4.png o-compensation-on-seed3.csv o-compensation-on-seed3.png "
+       "o-compensation-on-seed4.csv o-compensation-on-seed4.png o.json ",
+       false,
+       2.0},
+      // A run that simulates nothing draws no plot: the older run's picture goes with its CSV.
+      {"replaced_together",
+       {"--duration", "2"},
+       {"--duration", "0.001"},
+       "",
+       "",
+       0,
+       "",
+       "o.csv o.json ",
+       false,
+       0.0},
+      // Refused before anything runs.
+      {"misspelt_call",
+       {"--duration", "2"},
+       {"--duration", "2"},
+       "call: track",
+       "call: trak",
+       2,
+       ".yaml:18: actions[2].call: KRTracker has no method 'trak'",
+       "o.csv o.json o.png ",
+       true,
+       2.0},
+      {"wrong_arguments",
+       {"--duration", "2"},
+       {"--duration", "2"},
+       "args: [RedBall]}",
+       "args: [RedBall, 2]}",
+       2,
+       ".yaml:18: actions[2].args: KRTracker.track expects",
+       "o.csv o.json o.png ",
+       true,
+       2.0},
+      {"unknown_service",
+       {"--duration", "2"},
+       {"--duration", "2"},
+       "args: [RedBall]}",
+       "args: [RedBall], service: KRMotor}",
+       2,
+       ".yaml:18: actions[2].service: expects",
+       "o.csv o.json o.png ",
+       true,
+       2.0},
+      // A value the tracker itself rejects is only found when the call runs, 1 s in.
+      {"failed_run",
+       {"--duration", "2"},
+       {"--duration", "2"},
+       track,
+       track + "\n  - {time: 1, call: setEffector, args: [Leg]}",
+       1,
+       "Invalid effector name",
+       "o.csv o.json o.png ",
+       true,
+       2.0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string dir = freshDirectory("outputs_" + c.name);
+    auto run = [&](const std::vector<std::string>& options, const std::string& scenario) {
+      std::vector<std::string> a = {"--scenario",   scenario, "--quiet",      "--physics",
+                                    "kinematic",    "--csv",  dir + "/o.csv", "--plot",
+                                    dir + "/o.png", "--json", dir + "/o.json"};
+      a.insert(a.end(), options.begin(), options.end());
+      return runWithTracker(a);
+    };
+    std::map<std::string, std::string> before;
+    if (!c.first.empty()) {
+      ASSERT_EQ(run(c.first, writeScenario("table", kUserScenario)).code, 0);
+      for (const auto& n : filesIn(dir))
+        before[n] = readFile(dir + "/" + n);
+    }
+    const std::string edited =
+        c.from.empty() ? kUserScenario : replaced(kUserScenario, c.from, c.to);
+    const Result r = run(c.second, writeScenario("table_" + c.name, edited));
+    EXPECT_EQ(r.code, c.code) << r.err;
+    EXPECT_NE(r.err.find(c.error), std::string::npos) << r.err;
+    EXPECT_EQ(outputsIn(dir), c.files);
+    std::set<std::string> csvs;
+    for (const auto& n : filesIn(dir)) {
+      const std::string text = readFile(dir + "/" + n);
+      if (c.unchanged) {
+        EXPECT_EQ(text, before[n]) << n;
+      }
+      if (n.size() > 4 && n.compare(n.size() - 4, 4, ".csv") == 0) {
+        EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), std::lround(c.seconds * 100) + 1)
+            << n;
+        csvs.insert(text);
+      }
+    }
+    // Each file of many runs is its own run: another seed, or compensation off, gives other
+    // samples.
+    std::size_t listed = 0;
+    for (auto at = c.files.find(".csv"); at != std::string::npos; at = c.files.find(".csv", at + 1))
+      ++listed;
+    EXPECT_EQ(csvs.size(), listed);
   }
 }
 

@@ -72,6 +72,69 @@ TEST(CsvWriterTest, WritesTheHeaderAtOnceThenOneLinePerSampleWithEmptyFieldsForW
     EXPECT_EQ(commas(line), commas(header)) << line;
 }
 
+// The fields of one line as RFC 4180 reads them.
+std::vector<std::string> rfc4180Fields(const std::string& line) {
+  std::vector<std::string> fields(1);
+  bool quoted = false;
+  for (std::size_t i = 0; i < line.size(); ++i) {
+    const char c = line[i];
+    if (quoted && c == '"' && i + 1 < line.size() && line[i + 1] == '"') {
+      fields.back() += '"';
+      ++i;
+    } else if (c == '"') {
+      quoted = !quoted;
+    } else if (c == ',' && !quoted) {
+      fields.emplace_back();
+    } else {
+      fields.back() += c;
+    }
+  }
+  return fields;
+}
+
+// Texts that hold the separator, a quote or a line break are quoted, the rest left as they are;
+// a reader of RFC 4180 gets every column back where it belongs.
+TEST(CsvWriterTest, TextsAreQuotedAsRfc4180Says) {
+  const struct {
+    std::string text, written;
+  } cases[] = {
+      {"look", "look"},
+      {"", ""},
+      {"a,b", "\"a,b\""},
+      {"say \"hi\"", "\"say \"\"hi\"\"\""},
+      {"two\nlines", "\"two\nlines\""},
+      {"cr\r", "\"cr\r\""},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(CsvWriter::field(c.text), c.written) << c.text;
+
+  KR::Sim::Phase phase;
+  phase.name = "left, then \"right\"";
+  std::ostringstream out;
+  CsvWriter writer(out, {phase}, {"Head,Yaw"});
+  Sample s;
+  s.phase = 0;
+  s.events = "TargetLost";
+  s.observation = "[1 \"x\"]";
+  s.jointCommands = {0.5f};
+  s.jointAngles = {0.25f};
+  writer.write(s);
+  const auto lines = linesOf(out.str());
+  ASSERT_EQ(lines.size(), 2u);
+  const auto header = rfc4180Fields(lines[0]);
+  const auto fields = rfc4180Fields(lines[1]);
+  ASSERT_EQ(fields.size(), header.size()) << lines[1];
+  auto column = [&](const std::string& name) {
+    const auto at = std::find(header.begin(), header.end(), name);
+    return at == header.end() ? std::string("(no column)") : fields[at - header.begin()];
+  };
+  EXPECT_EQ(column("phase"), phase.name);
+  EXPECT_EQ(column("observation"), s.observation);
+  EXPECT_EQ(column("events"), "TargetLost");
+  EXPECT_EQ(column("Head,Yaw"), "0.2500");
+  EXPECT_EQ(column("cmd_Head,Yaw"), "0.5000");
+}
+
 TEST(CsvWriterTest, FollowsARunOneLinePerStepAsSoonAsTheStepIsDone) {
   KR::Sim::SimulationConfig config;
   config.physics = "kinematic";

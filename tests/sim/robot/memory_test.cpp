@@ -95,4 +95,32 @@ TEST_F(MemoryTest, ConcurrentRaisersAndSubscribersLoseNoEvent) {
   EXPECT_EQ(memory->eventCount("E"), 2000u);
 }
 
+// The history keeps the latest events only, however many are raised; every event is still
+// counted, and a reader that follows the history by position loses only what was dropped.
+TEST_F(MemoryTest, TheHistoryIsBoundedAndPositionsSurviveWhatIsDropped) {
+  constexpr std::size_t kCapacity = KR::Sim::SimMemory::kHistoryCapacity;
+  const std::size_t raised = 2 * kCapacity + 10;
+  for (std::size_t i = 0; i < raised; ++i)
+    memory->raiseEvent(i % 2 == 0 ? "Even" : "Odd", KRValue(static_cast<int>(i)));
+  const auto history = memory->eventHistory();
+  ASSERT_EQ(history.size(), kCapacity);
+  EXPECT_EQ(history.front().value, KRValue(static_cast<int>(raised - kCapacity)));  // oldest kept
+  EXPECT_EQ(history.back().value, KRValue(static_cast<int>(raised - 1)));
+  EXPECT_EQ(memory->eventTotal(), raised);
+  EXPECT_EQ(memory->eventCount("Even") + memory->eventCount("Odd"), raised);
+  EXPECT_EQ(memory->eventCount("Even"), kCapacity + 5);
+  // Positions count from the first event ever raised.
+  const auto latest = memory->eventHistorySince(raised - 3);
+  ASSERT_EQ(latest.size(), 3u);
+  EXPECT_EQ(latest.front().value, KRValue(static_cast<int>(raised - 3)));
+  EXPECT_EQ(memory->eventHistorySince(0).size(), kCapacity);  // from the oldest kept
+  EXPECT_TRUE(memory->eventHistorySince(raised).empty());
+  // Emptied, the history goes on counting positions.
+  memory->clearEventHistory();
+  memory->raiseEvent("Odd", KRValue(-1));
+  ASSERT_EQ(memory->eventHistorySince(raised).size(), 1u);
+  EXPECT_EQ(memory->eventHistory().size(), 1u);
+  EXPECT_EQ(memory->eventTotal(), raised + 1);
+}
+
 }  // namespace

@@ -2,6 +2,8 @@
 // line's replacements, and the mistakes refused with the file, the line and the field (the
 // command line's tests cover the others).
 
+#include <sys/stat.h>
+
 #include <cmath>
 #include <fstream>
 
@@ -103,7 +105,7 @@ TEST(ScenarioFileReaderTest, SectionMistakesNameTheFileTheLineAndTheField) {
       {"hidden", "hidden: [[2, 3], [6, 6.5]]", "hidden: 2",
        ":11: targets[0].hidden: expects a list of [from, to] intervals"},
       {"kind", "kind: RedBall", "kind: Redball",
-       ":8: targets[0].kind: expects one of RedBall, Face, People, LandMarks, Sound, not "
+       ":8: targets[0].kind: expects one of RedBall, Face, People, Sound, LandMarks, not "
        "'Redball'"},
       {"args", "args: [Head]", "args: Head", ":13: actions[0].args: expects a list"},
       {"backwards", "{time: 4, call: setMode", "{time: 0.5, call: setMode",
@@ -129,6 +131,152 @@ TEST(ScenarioFileReaderTest, SectionMistakesNameTheFileTheLineAndTheField) {
               std::string::npos)
         << e.message();
   }
+}
+
+// The refusal of a file: its one line, or "accepted".
+std::string refusal(const std::string& file, const ScenarioOptions& options = {}) {
+  try {
+    loadScenarioFile(file, options);
+    return "accepted";
+  } catch (const KR::KRError& e) {
+    return e.message();
+  } catch (const std::exception& e) {
+    return e.what();
+  }
+}
+
+struct Case {
+  std::string name;
+  std::string text;
+  std::string where;        // what the line says after the file's name
+  std::string reason = "";  // and further on, if anything
+};
+
+std::string edit(const std::string& from, const std::string& to) {
+  return replaced(kShelf, from, to);
+}
+
+void expectRefused(const std::vector<Case>& cases) {
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string file = write(c.name, c.text);
+    const std::string message = refusal(file);
+    EXPECT_EQ(message.rfind(file + c.where, 0), 0u) << message;
+    EXPECT_NE(message.find(c.reason), std::string::npos) << message;
+  }
+}
+
+// Every fault of a file is found before anything is built, run or written, and named by the
+// file, the line and the field: calls against the method tables of their service (name, count
+// and kind of arguments, as the service would convert them), a script that does not make sense
+// as a whole (unknown kinds, a field given twice, a second document, intervals backwards,
+// anything after the end), and files written to hurt (aliases that expand without bound, paths
+// sampled past any memory, a name that leaves the output folder or writes to the terminal, a
+// robot that is not a regular file).
+TEST(ScenarioFileReaderTest, EveryFaultIsRefusedWithItsPlace) {
+  const std::string moveTo = "{time: 1, call: moveTo, args: [0.5, 0, 0], service: KRMotion}";
+  std::string bomb = "&a0 [1, 1, 1, 1, 1, 1, 1, 1, 1, 1]";
+  for (int level = 1; level < 9; ++level) {
+    const std::string below = "*a" + std::to_string(level - 1);
+    std::string list;
+    for (int k = 0; k < 10; ++k)
+      list += (k ? ", " : "") + below;
+    bomb += ", &a" + std::to_string(level) + " [" + list + "]";
+  }
+  const std::string fifo = ::testing::TempDir() + "/krsim_scenario_robot_fifo";
+  ::unlink(fifo.c_str());
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  const std::string big = ::testing::TempDir() + "/krsim_scenario_big_robot.xml";
+  std::ofstream(big) << krtest::readRobotFile("kibo.xml") << std::string(2 << 20, ' ');
+  expectRefused({
+      // Calls.
+      {"misspelt", edit("call: setEffector", "call: setEfector"),
+       ":14: actions[1].call: KRTracker has no method 'setEfector' (did you mean 'setEffector'?)"},
+      {"unknown", edit("call: setEffector", "call: dance"),
+       ":14: actions[1].call: KRTracker has no method 'dance'"},
+      {"motion_name", edit("call: moveTo", "call: moveTwo"),
+       ":15: actions[2].call: KRMotion has no method 'moveTwo' (did you mean 'moveTo'?)"},
+      {"service", edit("service: KRMotion", "service: KRMotor"),
+       ":15: actions[2].service: expects KRTracker or KRMotion, not 'KRMotor'"},
+      {"too_many", edit("args: [LArm]", "args: [LArm, RArm]"),
+       ":14: actions[1].args: KRTracker.setEffector expects 1 argument(s), got 2"},
+      {"none", edit(", args: [LArm]}", "}"),
+       ":14: actions[1].args: KRTracker.setEffector expects 1 argument(s), got 0"},
+      {"kind", edit("args: [LArm]", "args: [3]"),
+       ":14: actions[1].args: KRTracker.setEffector argument 1 must be string, got int 3"},
+      {"motion_kind", edit("args: [0.5, 0, 0]", "args: [0.5, 0, near]"),
+       ":15: actions[2].args: KRMotion.moveTo argument 3 must be a float or an int"},
+      {"look_count", edit(moveTo, "{time: 1, call: lookAt, args: [[1, 0, 0], 0, 0.5]}"),
+       ":15: actions[2].args: KRTracker.lookAt expects 4 or 5 arguments, got 3"},
+      {"look_kind", edit(moveTo, "{time: 1, call: lookAt, args: [[1, 0, 0], 0, 1, 0.5, yes]}"),
+       ":15: actions[2].args: KRTracker.lookAt argument 5 must be bool"},
+      // The script as a whole.
+      {"kind", edit("kind: RedBall", "kind: BlueBall"),
+       ":8: targets[0].kind: expects one of RedBall, Face, People, Sound, LandMarks, not "
+       "'BlueBall'"},
+      {"twice", edit("robot: kibo", "robot: kibo\nrobot: rover"), ":3: robot: given twice"},
+      {"twice_nested", edit("layout: world", "layout: world\n    layout: torso"),
+       ":10: targets[0].layout: given twice"},
+      {"twice_flow", edit("{time: 0, call: setMode", "{time: 0, time: 1, call: setMode"),
+       ":13: actions[0].time: given twice"},
+      {"documents", kShelf + std::string("---\nname: second\n"),
+       ":21: ---: a second YAML document"},
+      {"reversed", edit("[6, 6.5]", "[6.5, 6]"),
+       ":11: targets[0].hidden[1]: the interval ends before it begins (6.5 s to 6 s)"},
+      {"late_call", edit("{time: 4, call: setMode", "{time: 10.5, call: setMode"),
+       ":16: actions[3].time: at 10.5 s, after the end of the script (duration 10 s)"},
+      {"late_phase", edit("{name: follow, begin: 4", "{name: follow, begin: 11"),
+       ":19: phases[1].begin: begins at 11 s, after the end of the script"},
+      {"effector", edit("effector: LArm, settle_s", "effector: Leg, settle_s"),
+       ":18: phases[0].effector: expects one of Arms, LArm, RArm, None, not 'Leg'"},
+      // Files written to hurt.
+      {"bomb", edit("args: [Head]}", "args: [" + bomb + "]}"), ":13: actions[0].args[3][",
+       "more than 10000 values in the arguments (aliases included)"},
+      {"deep", edit("args: [Head]}", "args: [[[[[[[[[[1]]]]]]]]]]}"), ":13: actions[0].args[0][0]",
+       "lists nested more than 8 deep"},
+      {"samples",
+       edit("fixed: [1.5, 0, 0.3]",
+            "sample_s: 0.01\n    polar: [[0, 0, 1, 0], [1000000, 90, 1, 0]]"),
+       ":11: targets[0].polar: needs 100000001 samples, more than the paths of a file may hold "
+       "(4000000 in all)"},
+      {"repeats",
+       replaced(edit("duration: 10", "duration: 604800"), "fixed: [1.5, 0, 0.3]",
+                "repeat_every: 0.01\n    points: [[0, 1, 0, 0]]\n    repeat_from: 0"),
+       ":10: targets[0].repeat_every: needs 60480000 samples"},
+      {"climbs", edit("name: shelf", "name: ../../shelf"), ":1: name: expects a plain file name"},
+      {"dot", edit("name: shelf", "name: .."), ":1: name: expects a plain file name"},
+      {"hidden_file", edit("name: shelf", "name: .shelf"), ":1: name: expects a plain file name"},
+      {"escape", edit("name: shelf", "name: \"shelf\\e[2J\""),
+       ":1: name: expects a text without control characters, not 'shelf\\x1b[2J'"},
+      {"c1", edit("name: shelf", "name: \"shelf\\x9b2J\""),
+       ":1: name: expects a text without control characters, not 'shelf\\xc2\\x9b2J'"},
+      {"device", edit("robot: kibo", "robot: /dev/zero"),
+       ":2: robot: robot '/dev/zero' is not a regular file"},
+      {"fifo", edit("robot: kibo", "robot: " + fifo),
+       ":2: robot: robot '" + fifo + "' is not a regular file"},
+      {"folder", edit("robot: kibo", "robot: " + ::testing::TempDir()), ":2: robot: robot '",
+       "is not a regular file"},
+      {"big", edit("robot: kibo", "robot: " + big), ":2: robot: robot '" + big + "' is 2",
+       "more than the 1048576 accepted"},
+  });
+  ::unlink(fifo.c_str());
+}
+
+// What sits right beside those faults passes: both forms of lookAt, a call named with its
+// service, a call at the very end of the script, and the paths of a week of pursuit, the
+// longest run.
+TEST(ScenarioFileReaderTest, WhatIsRightBesideTheFaultsIsAccepted) {
+  const std::string moveTo = "{time: 1, call: moveTo, args: [0.5, 0, 0], service: KRMotion}";
+  const std::string file =
+      write("calls", edit(moveTo,
+                          "{time: 1, call: lookAt, args: [[1, 0, 0], 0, 0.5, false]}\n"
+                          "  - {time: 2, call: lookAt, args: [[1, 0, 0], 0, 1, 0.5, true]}\n"
+                          "  - {time: 3, call: track, args: [RedBall], service: KRTracker}"));
+  EXPECT_EQ(refusal(file), "accepted");
+  EXPECT_EQ(refusal(write("at_end", edit("{time: 4, call: setMode", "{time: 10, call: setMode"))),
+            "accepted");
+  const auto pursuit = KR::Sim::makeScenario("pursuit", {nullptr, "", "", 7 * 24 * 3600.0});
+  EXPECT_GT(pursuit.targets[0].path.keyframes().size(), 3000000u);
 }
 
 }  // namespace

@@ -262,7 +262,9 @@ std::string configToString() {
   return out.str();
 }
 
-std::map<std::string, float> configToMap() {
+namespace {
+
+std::map<std::string, float> numbersOf(bool sayUnsupported) {
   std::map<std::string, ConfigKey> names;
   std::map<ConfigKey, KRValue> values;
   snapshot(names, values);
@@ -275,11 +277,21 @@ std::map<std::string, float> configToMap() {
       result[name] = extractFloat(value, kToMap, kValueName);
     } else if (value.isBool()) {
       result[name] = value.asBool() ? 1.0f : 0.0f;
-    } else {
+    } else if (sayUnsupported) {
       std::cerr << kToMap << ": unsupported value for " << name << " config\n";
     }
   }
   return result;
+}
+
+}  // namespace
+
+std::map<std::string, float> configToMap() {
+  return numbersOf(true);
+}
+
+std::map<std::string, float> configNumbers() {
+  return numbersOf(false);
 }
 
 void createLogFile(const std::string& path) {

@@ -125,6 +125,9 @@ std::string configToString();
 /// Name to float for float, int and bool values; other kinds are left out with a line on
 /// standard error.
 std::map<std::string, float> configToMap();
+/// The same map, other kinds left out silently: for programs that copy the table rather than
+/// show it to a person.
+std::map<std::string, float> configNumbers();
 
 // ---- diagnostic log files ----------------------------------------------------------------
 

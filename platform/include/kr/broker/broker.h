@@ -67,6 +67,15 @@ decltype(auto) argumentAs(const KRValue& v) {
     return fromKRValue<T>(v, "argument");
   }
 }
+
+/// Converts argument `index` (from 0) as a call would, naming it from 1 in the error.
+template <class T>
+void checkArgument(const KRValue& v, std::size_t index) {
+  if constexpr (!std::is_same<T, KRValue>::value) {
+    const std::string what = "argument " + std::to_string(index + 1);
+    (void)fromKRValue<T>(v, what.c_str());
+  }
+}
 }  // namespace detail
 
 /// A module: a name and a table of named methods taking and returning KRValues.
@@ -74,6 +83,8 @@ decltype(auto) argumentAs(const KRValue& v) {
 class KRModule {
  public:
   using Method = std::function<KRValue(const std::vector<KRValue>&)>;
+  /// Checks an argument list as the method would convert it, without running anything.
+  using Checker = std::function<void(const std::vector<KRValue>&)>;
 
   explicit KRModule(std::string name) : fName(std::move(name)) {}
   virtual ~KRModule() = default;
@@ -87,9 +98,11 @@ class KRModule {
   template <class F>
   void bind(const std::string& method, F f) {
     using Traits = detail::CallableTraits<std::decay_t<F>>;
-    bindRaw(method, makeMethod<typename Traits::Result, typename Traits::Args>(
-                        method, std::move(f),
-                        std::make_index_sequence<std::tuple_size<typename Traits::Args>::value>{}));
+    using Indices = std::make_index_sequence<std::tuple_size<typename Traits::Args>::value>;
+    bindRaw(
+        method,
+        makeMethod<typename Traits::Result, typename Traits::Args>(method, std::move(f), Indices{}),
+        makeChecker<typename Traits::Args>(method, Indices{}));
   }
 
   /// Binds a member function of a module derived from KRModule (or any object).
@@ -102,10 +115,17 @@ class KRModule {
     bind(method, [self, fn](A... a) -> R { return (self->*fn)(std::forward<A>(a)...); });
   }
 
-  /// Binds a method that takes the raw argument list.
-  void bindRaw(const std::string& method, Method m);
+  /// Binds a method that takes the raw argument list; `check`, if given, tells the argument
+  /// lists it accepts (see checkArguments).
+  void bindRaw(const std::string& method, Method m, Checker check = {});
   bool hasMethod(const std::string& method) const;
   std::vector<std::string> getMethodList() const;
+
+  /// Checks a call before it is made, without running anything: KRError for an unknown
+  /// method, a wrong number of arguments or an argument that does not convert to the type
+  /// the method takes ("argument N must be ..."). A raw method bound without a checker
+  /// accepts any list.
+  void checkArguments(const std::string& method, const std::vector<KRValue>& args) const;
 
   /// Runs a method. Throws KRError when the method is unknown or the arguments do not convert;
   /// the method's own exceptions pass through unchanged. Virtual so that a module may answer
@@ -128,9 +148,20 @@ class KRModule {
     };
   }
 
+  template <class Args, std::size_t... I>
+  Checker makeChecker(const std::string& method, std::index_sequence<I...>) {
+    return [this, method](const std::vector<KRValue>& args) {
+      if (args.size() != sizeof...(I)) {
+        detail::throwArgumentCount(fName, method, sizeof...(I), args.size());
+      }
+      (detail::checkArgument<std::tuple_element_t<I, Args>>(args[I], I), ...);
+    };
+  }
+
   const std::string fName;
   mutable std::shared_mutex fMethodsMutex;
   std::unordered_map<std::string, std::shared_ptr<Method>> fMethods;
+  std::unordered_map<std::string, Checker> fCheckers;
 };
 
 /// A handle on one module of a broker.

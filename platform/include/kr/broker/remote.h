@@ -42,6 +42,19 @@ struct KRRemoteOptions {
   /// Threads running incoming calls, so that calls nested across processes do not wait on
   /// one another.
   unsigned servingThreads = 4;
+  /// How long a process may go without a sign of life before the modules it hosts count as
+  /// lost (KRRemoteModuleState::Lost): the lease of the announcements' automatic liveliness,
+  /// renewed by the DDS engine's own threads, so that a process killed or stopped (SIGSTOP) is
+  /// noticed this long after it last ran.
+  std::chrono::milliseconds liveliness{500};
+};
+
+/// What a process knows of a module hosted by another.
+enum class KRRemoteModuleState {
+  Unknown,    // never announced to this process
+  Announced,  // its host serves it
+  Withdrawn,  // its host stopped serving it (unpublish, close, or the end of the process)
+  Lost,       // its host gave no sign of life for KRRemoteOptions::liveliness
 };
 
 class KRRemote {
@@ -61,6 +74,9 @@ class KRRemote {
   void publishAll();
   /// Stops serving a module; its callers time out.
   void unpublish(const std::string& module);
+  /// Stops serving a module without withdrawing its announcement, for a module that another
+  /// process serves under the same name: that process's announcement stays in force.
+  void forget(const std::string& module);
 
   void setTimeout(std::chrono::milliseconds timeout);
   std::chrono::milliseconds getTimeout() const;
@@ -69,6 +85,8 @@ class KRRemote {
   bool waitForModule(const std::string& module, std::chrono::milliseconds timeout) const;
   /// Names of the modules other processes announce now, sorted.
   std::vector<std::string> getRemoteModuleNames() const;
+  /// Whether a module of another process is served, was withdrawn or was lost.
+  KRRemoteModuleState getModuleState(const std::string& module) const;
   /// Replies received for calls that had already given up, and dropped.
   std::uint64_t getDroppedReplyCount() const;
 

@@ -2,7 +2,8 @@
 // CsvWriter: a run's samples as CSV, one line per 10 ms step, streamed as the run records them
 // so that nothing grows with the length of the run. Columns: the sample (krsim/run/sample.h),
 // the phase's index and on-target threshold, the step's events and observation, then each
-// joint as commanded and as measured.
+// joint as commanded and as measured. Texts (phase names, events, joint names) are quoted as
+// RFC 4180 says when they need it.
 
 #include <iosfwd>
 #include <string>
@@ -27,6 +28,9 @@ class CsvWriter {
   static void follow(ScenarioRun& run, std::ostream& out);
   /// The header line, without its end of line.
   static std::string header(const std::vector<std::string>& joints);
+  /// A field as RFC 4180 writes it: as it is, or in double quotes (each quote doubled) when it
+  /// holds a comma, a quote or a line break.
+  static std::string field(const std::string& text);
 
   /// One line.
   void write(const Sample& s);

@@ -18,6 +18,8 @@ struct RunRecord {
   std::string robot;
   double simulatedS = 0.0;
   double cpuS = 0.0;
+  /// How the run ended ("completed", "stopped by signal 2", ...); not written when empty.
+  std::string status;
 };
 
 /// One run with `config`'s settings (seed, physics, transport, latency, compensation).

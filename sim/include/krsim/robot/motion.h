@@ -182,8 +182,10 @@ class SimMotion : public KR::KRModule {
     float speed = 0.0f;    // [rad/s]
   };
 
-  // Remote methods (motion_bindings.cpp): argument conversion only.
-  void bindMethods();
+  // Remote methods (motion_bindings.cpp): argument conversion only. Bound on `module`,
+  // forwarding to `self` (null for motionMethodTable, which never runs them).
+  static void bindMethods(KRModule& module, SimMotion* self);
+  friend const KRModule& motionMethodTable();
   std::vector<float> rGetTransform(const std::string& name, int frame, bool useSensors) const;
   std::vector<float> rGetPosition(const std::string& name, int frame, bool useSensors) const;
   std::vector<float> rGetRobotPosition(bool useSensors) const;
@@ -222,6 +224,10 @@ class SimMotion : public KR::KRModule {
   std::set<std::string> fTakenResources;
   std::deque<Snapshot> fHistory;
 };
+
+/// The methods of "KRMotion" bound to no motion service: for checking a call's name and
+/// arguments (KRModule::checkArguments) before anything runs; never invoked.
+const KRModule& motionMethodTable();
 
 }  // namespace Sim
 }  // namespace KR

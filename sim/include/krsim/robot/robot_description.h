@@ -11,6 +11,7 @@
 // from the URDF itself (UrdfSource).
 
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -69,8 +70,14 @@ std::string findDataFile(const std::string& relative);
 
 /// Inputs are regular files of a reasonable size (not a device, a pipe or a folder):
 /// InputError "WHAT 'PATH' is not a regular file" or "... is N bytes, more than the M
-/// accepted". A missing file passes: its reader names it.
+/// accepted" (1 MiB). A missing file passes: its reader names it.
 void checkInputFile(const std::string& what, const std::string& path);
+
+/// The whole text of an input file, checked as checkInputFile checks it before it is opened
+/// and again once open (opened without blocking, so that a FIFO or a device is never read
+/// from, even one swapped in between); no more than the accepted size is ever read.
+/// InputError as checkInputFile; nullopt when the file cannot be opened (missing, no right).
+std::optional<std::string> readInputFile(const std::string& what, const std::string& path);
 
 }  // namespace Sim
 }  // namespace KR

@@ -5,6 +5,7 @@
 
 #include <ctime>
 #include <functional>
+#include <string>
 #include <vector>
 
 #include <krsim/run/scenario_run.h>
@@ -35,18 +36,24 @@ class StopSignals {
 struct RunResult {
   std::vector<PhaseSummary> summaries;
   double simulatedS = 0.0;
-  double cpuS = 0.0;  // from `cpuStart`
-  bool interrupted = false;
+  double cpuS = 0.0;         // from `cpuStart`
+  bool interrupted = false;  // by a stop signal
+  std::string stoppedBy;     // what else stopped the run early (StopCheck), empty if nothing
 };
 
 /// Called after each step, e.g. to pace the run or show it; it may wait.
 using AfterStep = std::function<void()>;
+/// Asked after each step: why the run must stop now (e.g. the other process of a two-process
+/// run is gone), empty to go on.
+using StopCheck = std::function<std::string()>;
 
-/// Steps `run` until its end or a stop signal, calling `afterStep` (if any) after each step.
+/// Steps `run` until its end, a stop signal or a reason from `stop` (if any), calling
+/// `afterStep` (if any) after each step that goes on.
 RunResult playRun(ScenarioRun& run, const AfterStep& afterStep,
-                  std::clock_t cpuStart = std::clock());
+                  std::clock_t cpuStart = std::clock(), const StopCheck& stop = {});
 /// The same, sleeping so that simulated time keeps up with wall time when `realtime`.
-RunResult playRun(ScenarioRun& run, bool realtime, std::clock_t cpuStart = std::clock());
+RunResult playRun(ScenarioRun& run, bool realtime, std::clock_t cpuStart = std::clock(),
+                  const StopCheck& stop = {});
 /// Sleeps so that the run's simulated time keeps up with wall time from the first call on.
 AfterStep realTimePacing(ScenarioRun& run);
 

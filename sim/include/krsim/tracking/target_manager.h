@@ -28,6 +28,8 @@ namespace Sim {
 
 class TargetManager : public KR::KRModule {
  public:
+  /// The kinds of target the world can show and the tracker follow (getSupportedTargets).
+  static const std::vector<std::string>& supportedKinds();
   /// Preferred Namer id of each kind (10, 20, ... in the order of getSupportedTargets); the
   /// landmarks take this id and the next. When an id is taken elsewhere in the process, the
   /// first free one 100, 200... further on is used.

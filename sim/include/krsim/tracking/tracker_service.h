@@ -4,7 +4,9 @@
 // the tracker's public methods under their own names, as the service does on a robot;
 // "stopTracker" is another name of "stop". Two forms differ from the C++ ones:
 // "lookAt" takes (position, frame, fraction, wholeBody) or (position, frame, effectorId,
-// fraction, wholeBody); "getTrackerConfig" answers [[name, value], ...] in name order.
+// fraction, wholeBody); "getTrackerConfig" answers [[name, value], ...] in name order, and
+// "_copyTrackerConfig" the same without its standard-error line per value that is not a
+// number (for a process that copies the table).
 
 #include <memory>
 
@@ -17,6 +19,13 @@ namespace Sim {
 
 /// The service's name on the broker.
 inline constexpr const char* kTrackerServiceModule = "KRTracker";
+
+/// Binds the service's methods on `service`, forwarding to `tracker`.
+void bindTrackerMethods(KR::KRModule& service, Tracker::GenericTracker* tracker);
+
+/// The service's methods bound to no tracker: for checking a call's name and arguments
+/// (KRModule::checkArguments) before anything runs; never invoked.
+const KR::KRModule& trackerMethodTable();
 
 class TrackerService : public KR::KRModule {
  public:
