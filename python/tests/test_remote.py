@@ -12,11 +12,13 @@ import krtracker
 
 
 @pytest.fixture
-def remote_run(krtracker_sim, tmp_path):
-    """The two processes of a run over DDS, under a topic prefix of this test's own."""
+def remote_run(krtracker_sim, tmp_path, monkeypatch):
+    """The two processes of a run over DDS, under a topic prefix of this test's own; they and
+    this process's own broker (krtracker.connect reads the same variables) stay on loopback."""
     prefix = f"krpytest_{os.getpid()}"
-    env = dict(os.environ, KRTRACKER_REMOTE_PREFIX=prefix, KRTRACKER_DDS_CONFIG="loopback")
-    env.pop("CYCLONEDDS_URI", None)
+    monkeypatch.setenv("KRTRACKER_DDS_CONFIG", "loopback")
+    monkeypatch.delenv("CYCLONEDDS_URI", raising=False)
+    env = dict(os.environ, KRTRACKER_REMOTE_PREFIX=prefix)
     tracker = subprocess.Popen([krtracker_sim, "remote-tracker"], cwd=tmp_path, env=env,
                                stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
     robot = subprocess.Popen([krtracker_sim, "remote-robot", "ball", "--physics", "kinematic"],
