@@ -2,7 +2,6 @@
 // never commits leaves the previous files and no temporary file behind, and a commit replaces
 // every file the run owns, removing those it did not write.
 
-#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -24,27 +23,13 @@ using krtest::readFile;
 std::string freshFolder(const std::string& name) {
   const std::string dir = ::testing::TempDir() + "/krsim_staged_" + name;
   ::mkdir(dir.c_str(), 0755);
-  if (DIR* d = ::opendir(dir.c_str())) {
-    while (const dirent* e = ::readdir(d)) {
-      const std::string n = e->d_name;
-      if (n != "." && n != "..")
-        ::unlink((dir + "/" + n).c_str());
-    }
-    ::closedir(d);
-  }
+  for (const auto& n : krtest::filesIn(dir))
+    ::unlink((dir + "/" + n).c_str());
   return dir;
 }
 
 std::vector<std::string> namesIn(const std::string& dir) {
-  std::vector<std::string> names;
-  if (DIR* d = ::opendir(dir.c_str())) {
-    while (const dirent* e = ::readdir(d)) {
-      const std::string n = e->d_name;
-      if (n != "." && n != "..")
-        names.push_back(n);
-    }
-    ::closedir(d);
-  }
+  auto names = krtest::filesIn(dir);
   std::sort(names.begin(), names.end());
   return names;
 }
