@@ -21,6 +21,8 @@
 #include <kr/error.h>
 #include <kr/model/modelutils.h>
 
+#include "robotparts.h"
+
 namespace KR {
 namespace Model {
 
@@ -30,25 +32,12 @@ namespace {
 // paths never allocates.
 constexpr std::size_t kMaxJointNameLength = 15;
 
-// What a description says, gathered before anything is handed out: Robot's fields are
-// private to ModelUtils, which copies them over once the whole text has parsed.
-struct Description {
-  std::string name;
-  int type = 0;
-  bool canLookBehind = false;
-  bool canPointAt = false;
-  float torsoHeight = 0.0f;
+// What a description says: the robot's parts and the robot-wide camera values that the
+// effectors' cameras default to.
+struct Description : RobotParts {
   float cameraHFov = 0.0f;
   float cameraVFov = 0.0f;
   float cameraRange = 0.0f;
-  // Each effector's camera: the camera element's values unless the effector gives its own.
-  std::array<std::array<float, 3>, kTrackEffectorCount> effectorCameras{};
-  float torsoMass = Robot().getTorsoMass();
-  float headMass = Robot().getHeadMass();
-  std::array<float, 2> armMass{Robot().getArmMass("LArm"), Robot().getArmMass("RArm")};
-  std::map<std::string, JointServo> servos;
-  KRTrackerModel model;
-  std::map<std::string, TrackerJoint> joints;
 };
 
 struct RoleSlot {
@@ -310,9 +299,9 @@ class DescriptionParser {
         node, "effector", {{{"cameraTop", true}, {"cameraBottom", true}, {"depthCamera", true}}});
     for (int i = 0; i < kTrackEffectorCount; ++i) {
       h.effectorTransforms[i] = transform(effectors[i]);
-      robot.effectorCameras[i] = {optionalPositive(effectors[i], "horizontalFov", robot.cameraHFov),
-                                  optionalPositive(effectors[i], "verticalFov", robot.cameraVFov),
-                                  optionalPositive(effectors[i], "range", robot.cameraRange)};
+      robot.cameras[i] = {optionalPositive(effectors[i], "horizontalFov", robot.cameraHFov),
+                          optionalPositive(effectors[i], "verticalFov", robot.cameraVFov),
+                          optionalPositive(effectors[i], "range", robot.cameraRange)};
     }
   }
 
@@ -455,24 +444,7 @@ Description DescriptionParser::parse() {
 }  // namespace
 
 std::unique_ptr<Robot> ModelUtils::robotFromXml(const std::string& xml) {
-  Description d = DescriptionParser(xml).parse();
-  auto robot = std::make_unique<Robot>();
-  robot->fName = std::move(d.name);
-  robot->fType = d.type;
-  robot->fCanLookBehind = d.canLookBehind;
-  robot->fCanPointAt = d.canPointAt;
-  robot->fTorsoHeight = d.torsoHeight;
-  for (int i = 0; i < kTrackEffectorCount; ++i) {
-    robot->fCameras[i] = {d.effectorCameras[i][0], d.effectorCameras[i][1],
-                          d.effectorCameras[i][2]};
-  }
-  robot->fModel = std::move(d.model);
-  robot->fJoints = std::move(d.joints);
-  robot->fTorsoMass = d.torsoMass;
-  robot->fHeadMass = d.headMass;
-  robot->fArmMass = d.armMass;
-  robot->fServos = std::move(d.servos);
-  return robot;
+  return DescriptionParser(xml).parse().takeRobot();
 }
 
 std::unique_ptr<Robot> ModelUtils::robotFromFile(const std::string& path) {

@@ -16,6 +16,8 @@
 #include <kr/math/types.h>
 #include <kr/model/urdfimport.h>
 
+#include "../robotparts.h"
+
 namespace KR {
 namespace Model {
 namespace importer {
@@ -51,7 +53,8 @@ struct JointInfo {
   std::string role;  // the mapping's key path ("head/yaw", "arms/left/elbow_roll")
 };
 
-class Importer {
+// Fills the robot's parts, which it is, from the URDF model and the mapping.
+class Importer : public RobotParts {
  public:
   Importer(const UrdfMapping& mapping, std::string mappingName, const urdf::ModelInterface& model,
            std::string urdfName, std::vector<std::string>* notes)
@@ -62,20 +65,6 @@ class Importer {
         fNotes(notes) {}
 
   void run();
-
-  // Results.
-  std::string name;
-  int type = 0;
-  bool canLookBehind = false;
-  bool canPointAt = false;
-  float torsoHeight = 0.0f;
-  std::array<std::array<float, 3>, kTrackEffectorCount> cameras{};
-  float torsoMass = Robot().getTorsoMass();
-  float headMass = Robot().getHeadMass();
-  std::array<float, 2> armMass{Robot().getArmMass("LArm"), Robot().getArmMass("RArm")};
-  std::map<std::string, JointServo> servos;
-  KRTrackerModel model;
-  std::map<std::string, TrackerJoint> joints;
 
  private:
   [[noreturn]] void failMap(const std::string& path, const std::string& what) const {

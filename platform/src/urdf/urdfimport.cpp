@@ -62,22 +62,7 @@ std::unique_ptr<Robot> UrdfImport::robotFromTexts(const std::string& yaml,
   }
   Importer in(mapping, mappingName, *model, urdfName, notes);
   in.run();
-  auto robot = std::make_unique<Robot>();
-  robot->fName = in.name;
-  robot->fType = in.type;
-  robot->fCanLookBehind = in.canLookBehind;
-  robot->fCanPointAt = in.canPointAt;
-  robot->fTorsoHeight = in.torsoHeight;
-  for (int i = 0; i < kTrackEffectorCount; ++i) {
-    robot->fCameras[i] = {in.cameras[i][0], in.cameras[i][1], in.cameras[i][2]};
-  }
-  robot->fTorsoMass = in.torsoMass;
-  robot->fHeadMass = in.headMass;
-  robot->fArmMass = in.armMass;
-  robot->fServos = std::move(in.servos);
-  robot->fModel = std::move(in.model);
-  robot->fJoints = std::move(in.joints);
-  return robot;
+  return in.takeRobot();
 }
 
 std::unique_ptr<Robot> UrdfImport::robotFromUrdfMappingText(const std::string& yaml,
