@@ -35,16 +35,9 @@ std::string freshFolder(const std::string& name) {
   return dir;
 }
 
+/// The names in a folder, sorted.
 std::vector<std::string> namesIn(const std::string& dir) {
-  std::vector<std::string> names;
-  if (DIR* d = ::opendir(dir.c_str())) {
-    while (const dirent* e = ::readdir(d)) {
-      const std::string n = e->d_name;
-      if (n != "." && n != "..")
-        names.push_back(n);
-    }
-    ::closedir(d);
-  }
+  std::vector<std::string> names = filesIn(dir);
   std::sort(names.begin(), names.end());
   return names;
 }
