@@ -37,7 +37,7 @@ std::string freshFolder(const std::string& name) {
 
 /// The names in a folder, sorted.
 std::vector<std::string> namesIn(const std::string& dir) {
-  std::vector<std::string> names = filesIn(dir);
+  std::vector<std::string> names = krtest::filesIn(dir);
   std::sort(names.begin(), names.end());
   return names;
 }
