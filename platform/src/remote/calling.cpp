@@ -12,11 +12,7 @@
 
 namespace KR {
 
-using remote::borrow;
-using remote::kStatusException;
-using remote::kStatusKRError;
-using remote::kStatusResult;
-using remote::text;
+using namespace remote;
 
 KRValue KRRemote::Impl::call(const std::string& target, const std::string& method,
                              const std::vector<KRValue>& args, bool posted) {

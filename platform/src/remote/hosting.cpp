@@ -12,11 +12,7 @@
 
 namespace KR {
 
-using remote::borrow;
-using remote::kStatusException;
-using remote::kStatusKRError;
-using remote::kStatusResult;
-using remote::text;
+using namespace remote;
 
 void KRRemote::Impl::publish(const std::string& name) {
   std::shared_ptr<KRBroker> broker = fBroker.lock();
