@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
-"""Checks the simulator's shape: file and function sizes, the order of its rooms, and that each
-sub-module name is written once.
+"""Checks the code's shape: file and function sizes in the simulator, the platform and the
+tracking library, the order of the simulator's rooms, and that each sub-module name is written
+once.
 
   tools/check_structure.py [--report]   exit 1 and one line per breach; --report also prints
                                         the largest file and the longest function
@@ -10,6 +11,7 @@ import re
 import sys
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
+SIZED_TREES = ("sim", "platform", "tracker")
 MAX_FILE_LINES = 500  # non-blank
 MAX_FUNCTION_LINES = 80
 # Lowest first: a file may include its own room and the rooms before it.
@@ -104,10 +106,11 @@ def room_of(path):
 def main():
     report = "--report" in sys.argv
     problems = []
-    sim_files = sorted(p for p in (ROOT / "sim").rglob("*") if p.suffix in (".h", ".cpp"))
+    sized_files = sorted(p for tree in SIZED_TREES for p in (ROOT / tree).rglob("*")
+                         if p.suffix in (".h", ".cpp"))
     largest = (0, None)
     longest = (0, None, None)
-    for path in sim_files:
+    for path in sized_files:
         rel = path.relative_to(ROOT)
         lines = [l for l in path.read_text().splitlines() if l.strip()]
         largest = max(largest, (len(lines), str(rel)))
@@ -118,7 +121,7 @@ def main():
             if count > MAX_FUNCTION_LINES:
                 problems.append(f"{rel}:{first}: {name} is {count} lines, more than "
                                 f"{MAX_FUNCTION_LINES}")
-        room = room_of(path)
+        room = room_of(path) if rel.parts[0] == "sim" else None
         if room is None:
             continue
         for included in re.findall(r"#include\s*<(?:krsim|app)/([\w/.]+)>", path.read_text()):

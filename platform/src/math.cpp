@@ -383,101 +383,136 @@ bool computeLookAtAngles(const Position3D& target, const Position3D& headPositio
   return true;
 }
 
+namespace {
+
+// The look-at problem with a pitch axis offset from the yaw axis by p = yawToPitch, in the
+// frame turned by yaw (origin at the yaw joint). The pitch axis is the line through p along y.
+// The point q = o + s*d of the line of sight (pitch frame) is carried by Ry(pitch) about that
+// axis and then by Rz(yaw) onto t = target - head. Both rotations keep what they turn about:
+// the height above the yaw joint (tz), the distance from the yaw axis (rho), the coordinate
+// along the pitch axis and the distance from it. With w the target in the turned frame:
+// w_y = qy + py, w_x = W = sqrt(rho^2 - w_y^2) >= 0 (looking forward), w_z = tz, and
+//   F(s) = (W(s) - px)^2 + (tz - pz)^2 - (qx^2 + qz^2) = 0,
+// quadratic in s when px = 0 (the axes meet) or dy = 0 (qy does not depend on s).
+struct OffsetLookAt {
+  OffsetLookAt(const Position3D& target, const Position3D& headPosition,
+               const Position3D& yawToPitch, const Transform& neckToEffector)
+      : tx(double(target.x) - headPosition.x),
+        ty(double(target.y) - headPosition.y),
+        tz(double(target.z) - headPosition.z),
+        px(yawToPitch.x),
+        ox(neckToEffector.r1_c4),
+        oz(neckToEffector.r3_c4),
+        dx(neckToEffector.r1_c1),
+        dz(neckToEffector.r3_c1),
+        rho2(tx * tx + ty * ty),
+        uz(tz - yawToPitch.z),
+        tt(rho2 + tz * tz),
+        A(dx * dx + dz * dz),
+        B(ox * dx + oz * dz),
+        C(ox * ox + oz * oz),
+        a(double(neckToEffector.r2_c4) + double(yawToPitch.y)),
+        b(neckToEffector.r2_c1) {}
+
+  const double tx, ty, tz;
+  const double px;
+  const double ox, oz;  // the line of sight's origin, across the pitch axis
+  const double dx, dz;  // and its direction
+  const double rho2;
+  const double uz;  // the target's height above the pitch axis
+  const double tt;
+  const double A;  // |d| in the plane square to the pitch axis
+  const double B;
+  const double C;
+  const double a;  // w_y = a + b s
+  const double b;
+};
+
+// Larger root of k2 s^2 + 2 k1 s + k0 = 0, or NaN.
+double largerRoot(double k2, double k1, double k0) {
+  const double disc = k1 * k1 - k2 * k0;
+  if (!(k2 > 1e-12) || !(disc >= 0.0)) {
+    return std::numeric_limits<double>::quiet_NaN();
+  }
+  return (std::sqrt(disc) - k1) / k2;
+}
+
+// Newton on F from the square mounting's root; F' = 2 (W - px) W' - 2 (A s + B). False when
+// it leaves the domain or does not converge.
+bool refineOffsetRoot(const OffsetLookAt& q, double& s) {
+  for (int i = 0; i < 12 && std::isfinite(s); ++i) {
+    const double wy = q.a + q.b * s;
+    const double w2 = q.rho2 - wy * wy;
+    if (!(w2 > 0.0)) {
+      return false;
+    }
+    const double w = std::sqrt(w2);
+    const double f = (w - q.px) * (w - q.px) + q.uz * q.uz - (q.A * s * s + 2.0 * q.B * s + q.C);
+    const double df = -2.0 * (w - q.px) * wy * q.b / w - 2.0 * (q.A * s + q.B);
+    if (!(df != 0.0)) {
+      return false;
+    }
+    const double step = f / df;
+    s -= step;
+    if (std::fabs(step) <= 1e-13 * (1.0 + std::fabs(s))) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// The distance s along the line of sight at which it meets the target; false where none does.
+bool offsetSightDistance(const OffsetLookAt& q, double& s) {
+  if (q.px == 0.0) {
+    // rho^2 - (a + b s)^2 + uz^2 = A s^2 + 2 B s + C.
+    s = largerRoot(q.A + q.b * q.b, q.B + q.a * q.b, q.C + q.a * q.a - q.rho2 - q.uz * q.uz);
+    return true;
+  }
+  const double w0 = q.rho2 - q.a * q.a;
+  if (!(w0 >= 0.0)) {
+    return false;
+  }
+  const double u = std::sqrt(w0) - q.px;
+  s = largerRoot(q.A, q.B, q.C - u * u - q.uz * q.uz);
+  return q.b == 0.0 || refineOffsetRoot(q, s);
+}
+
+// Yaw and pitch that put the point s of the line of sight on the target.
+bool offsetAngles(const OffsetLookAt& q, double s, float& yaw, float& pitch) {
+  if (!(s > 0.0)) {
+    return false;
+  }
+  const double qx = q.ox + s * q.dx, qz = q.oz + s * q.dz;
+  const double wy = q.a + q.b * s;
+  const double w2 = q.rho2 - wy * wy;
+  if (w2 < -1e-12 * std::max(1.0, q.tt)) {
+    return false;
+  }
+  const double ux = std::sqrt(std::max(0.0, w2)) - q.px;
+  // As in the overload without an offset: Ry(pitch) turns (qx, qz) onto (ux, uz), Rz(yaw) turns (W,
+  // wy) onto (tx, ty).
+  const double w = ux + q.px;
+  const float pitchY = float(ux * qz - q.uz * qx), pitchX = float(ux * qx + q.uz * qz);
+  const float yawY = float(w * q.ty - wy * q.tx), yawX = float(w * q.tx + wy * q.ty);
+  pitch = fastAtan2(pitchY, pitchX);
+  yaw = fastAtan2(yawY, yawX);
+  return true;
+}
+
+}  // namespace
+
 bool computeLookAtAngles(const Position3D& target, const Position3D& headPosition,
                          const Position3D& yawToPitch, const Transform& neckToEffector, float& yaw,
                          float& pitch) {
   if (yawToPitch.x == 0.0f && yawToPitch.y == 0.0f && yawToPitch.z == 0.0f) {
     return computeLookAtAngles(target, headPosition, neckToEffector, yaw, pitch);
   }
-  // In the frame turned by yaw (origin at the yaw joint), the pitch axis is the line through
-  // p = yawToPitch along y. The point q = o + s*d of the line of sight (pitch frame) is carried
-  // by Ry(pitch) about that axis and then by Rz(yaw) onto t = target - head. Both rotations
-  // keep what they turn about: the height above the yaw joint (tz), the distance from the yaw
-  // axis (rho), the coordinate along the pitch axis and the distance from it. With w the
-  // target in the turned frame: w_y = qy + py, w_x = W = sqrt(rho^2 - w_y^2) >= 0 (looking
-  // forward), w_z = tz, and
-  //   F(s) = (W(s) - px)^2 + (tz - pz)^2 - (qx^2 + qz^2) = 0,
-  // quadratic in s when px = 0 (the axes meet) or dy = 0 (qy does not depend on s).
-  const double tx = double(target.x) - headPosition.x;
-  const double ty = double(target.y) - headPosition.y;
-  const double tz = double(target.z) - headPosition.z;
-  const double px = yawToPitch.x, py = yawToPitch.y, pz = yawToPitch.z;
-  const double ox = neckToEffector.r1_c4, oy = neckToEffector.r2_c4, oz = neckToEffector.r3_c4;
-  const double dx = neckToEffector.r1_c1, dy = neckToEffector.r2_c1, dz = neckToEffector.r3_c1;
-  const double rho2 = tx * tx + ty * ty;
-  const double uz = tz - pz;  // the target's height above the pitch axis
-  const double tt = rho2 + tz * tz;
-  if (!(tt > 1e-12)) {  // also refuses NaN
+  const OffsetLookAt problem(target, headPosition, yawToPitch, neckToEffector);
+  if (!(problem.tt > 1e-12)) {  // also refuses NaN
     return false;
   }
-  const double A = dx * dx + dz * dz;  // |d| in the plane square to the pitch axis
-  const double B = ox * dx + oz * dz;
-  const double C = ox * ox + oz * oz;
-  const double a = oy + py;  // w_y = a + b s
-  const double b = dy;
-  // Larger root of k2 s^2 + 2 k1 s + k0 = 0, or NaN.
-  const auto largerRoot = [](double k2, double k1, double k0) {
-    const double disc = k1 * k1 - k2 * k0;
-    if (!(k2 > 1e-12) || !(disc >= 0.0)) {
-      return std::numeric_limits<double>::quiet_NaN();
-    }
-    return (std::sqrt(disc) - k1) / k2;
-  };
-  double s;
-  if (px == 0.0) {
-    // rho^2 - (a + b s)^2 + uz^2 = A s^2 + 2 B s + C.
-    s = largerRoot(A + b * b, B + a * b, C + a * a - rho2 - uz * uz);
-  } else {
-    const double w0 = rho2 - a * a;
-    if (!(w0 >= 0.0)) {
-      return false;
-    }
-    const double u = std::sqrt(w0) - px;
-    s = largerRoot(A, B, C - u * u - uz * uz);
-    if (b != 0.0) {
-      // Newton on F from the square mounting's root; F' = 2 (W - px) W' - 2 (A s + B).
-      bool converged = false;
-      for (int i = 0; i < 12 && std::isfinite(s); ++i) {
-        const double wy = a + b * s;
-        const double w2 = rho2 - wy * wy;
-        if (!(w2 > 0.0)) {
-          return false;
-        }
-        const double w = std::sqrt(w2);
-        const double f = (w - px) * (w - px) + uz * uz - (A * s * s + 2.0 * B * s + C);
-        const double df = -2.0 * (w - px) * wy * b / w - 2.0 * (A * s + B);
-        if (!(df != 0.0)) {
-          return false;
-        }
-        const double step = f / df;
-        s -= step;
-        if (std::fabs(step) <= 1e-13 * (1.0 + std::fabs(s))) {
-          converged = true;
-          break;
-        }
-      }
-      if (!converged) {
-        return false;
-      }
-    }
-  }
-  if (!(s > 0.0)) {
-    return false;
-  }
-  const double qx = ox + s * dx, qz = oz + s * dz;
-  const double wy = a + b * s;
-  const double w2 = rho2 - wy * wy;
-  if (w2 < -1e-12 * std::max(1.0, tt)) {
-    return false;
-  }
-  const double ux = std::sqrt(std::max(0.0, w2)) - px;
-  // As above: Ry(pitch) turns (qx, qz) onto (ux, uz), Rz(yaw) turns (W, wy) onto (tx, ty).
-  const double w = ux + px;
-  const float pitchY = float(ux * qz - uz * qx), pitchX = float(ux * qx + uz * qz);
-  const float yawY = float(w * ty - wy * tx), yawX = float(w * tx + wy * ty);
-  pitch = fastAtan2(pitchY, pitchX);
-  yaw = fastAtan2(yawY, yawX);
-  return true;
+  double s = 0.0;
+  return offsetSightDistance(problem, s) && offsetAngles(problem, s, yaw, pitch);
 }
 
 // ---- Eigen ------------------------------------------------------------------------------

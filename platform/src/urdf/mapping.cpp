@@ -129,8 +129,18 @@ class MappingReader {
              (n.IsScalar() ? "'" + n.Scalar() + "'" : kindOf(n)));
   }
 
+  // Refuses a text that would take yaml-cpp's recursive parser too deep or too long.
+  void checkBounds(const std::string& text) const;
+  void checkNesting(const std::string& text) const;
+  void checkIndentation(const std::string& text) const;
+  YAML::Node load(const std::string& text) const;
+
+  void identity(const YAML::Node& root, UrdfMapping& m);
   void head(const YAML::Node& node, UrdfMapping& m);
+  void arms(const YAML::Node& node, UrdfMapping& m);
   void arm(const YAML::Node& node, const std::string& path, UrdfArm& arm);
+  void wholeBody(const YAML::Node& node, UrdfMapping& m);
+  UrdfServo servo(const YAML::Node& node, const std::string& path);
   template <typename T, typename F>
   void jointTable(const YAML::Node& node, const std::string& path, std::map<std::string, T>& out,
                   F value);
@@ -218,12 +228,17 @@ void MappingReader::jointTable(const YAML::Node& node, const std::string& path,
   }
 }
 
-UrdfMapping MappingReader::read(const std::string& text) {
+void MappingReader::checkBounds(const std::string& text) const {
   if (text.size() > kMaxMappingBytes) {
     failTop("is " + std::to_string(text.size()) + " bytes, more than the " +
             std::to_string(kMaxMappingBytes) + " accepted");
   }
-  // Flow collections and indentation both nest; yaml-cpp recurses on each level.
+  checkNesting(text);
+  checkIndentation(text);
+}
+
+// Flow collections and indentation both nest; yaml-cpp recurses on each level.
+void MappingReader::checkNesting(const std::string& text) const {
   int depth = 0;
   int line = 1;
   for (std::size_t i = 0; i < text.size(); ++i) {
@@ -241,6 +256,9 @@ UrdfMapping MappingReader::read(const std::string& text) {
       failTop("line " + std::to_string(line) + ": a NUL character");
     }
   }
+}
+
+void MappingReader::checkIndentation(const std::string& text) const {
   int indentLevels = 0;
   for (std::size_t i = 0; i < text.size();) {
     std::size_t spaces = 0;
@@ -254,19 +272,20 @@ UrdfMapping MappingReader::read(const std::string& text) {
   if (indentLevels > 4 * kMaxNesting) {
     failTop("indented more than " + std::to_string(4 * kMaxNesting) + " columns");
   }
+}
 
+YAML::Node MappingReader::load(const std::string& text) const {
   YAML::Node loaded;
   try {
     loaded = YAML::Load(text);
   } catch (const YAML::Exception& e) {
     failTop("not YAML (line " + std::to_string(e.mark.line + 1) + "): " + e.msg);
   }
-  const YAML::Node& root = loaded;
-  UrdfMapping m;
-  checkKeys(root, "",
-            {"urdf", "name", "type", "torso", "head", "arms", "fixed", "can_look_behind",
-             "whole_body", "max_velocity", "servos"},
-            {"urdf", "name", "torso", "head"});
+  return loaded;
+}
+
+// The URDF, the robot's name and type, and its torso link.
+void MappingReader::identity(const YAML::Node& root, UrdfMapping& m) {
   m.urdf = word(root["urdf"], "urdf");
   m.name = word(root["name"], "name");
   if (m.name.size() > 64 || std::any_of(m.name.begin(), m.name.end(), [](char c) {
@@ -284,21 +303,71 @@ UrdfMapping MappingReader::read(const std::string& text) {
     m.type = t.Scalar()[0] - '0';
   }
   m.torso = word(root["torso"], "torso");
+}
+
+void MappingReader::arms(const YAML::Node& arms, UrdfMapping& m) {
+  checkKeys(arms, "arms", {"left", "right"}, {});
+  if (arms["left"]) {
+    arm(arms["left"], "arms/left", m.arms[0]);
+  }
+  if (arms["right"]) {
+    arm(arms["right"], "arms/right", m.arms[1]);
+  }
+  if (m.arms[0].given != m.arms[1].given) {
+    fail("arms", arms,
+         std::string("give both arms or neither: the robot points with both, and 'arms/") +
+             (m.arms[0].given ? "right" : "left") + "' is missing");
+  }
+}
+
+void MappingReader::wholeBody(const YAML::Node& wb, UrdfMapping& m) {
+  checkKeys(wb, "whole_body", {"pitch_min", "pitch_max", "yaw_min", "yaw_max", "look_at_height"},
+            {});
+  const std::pair<const char*, std::optional<float>*> fields[] = {
+      {"pitch_min", &m.wbPitchMin},
+      {"pitch_max", &m.wbPitchMax},
+      {"yaw_min", &m.wbYawMin},
+      {"yaw_max", &m.wbYawMax},
+      {"look_at_height", &m.wbLookAtHeight}};
+  for (const auto& [key, out] : fields) {
+    if (wb[key]) {
+      const double v = number(wb[key], std::string("whole_body/") + key);
+      if (std::fabs(v) > 100.0) {
+        fail(std::string("whole_body/") + key, wb[key], "is out of range");
+      }
+      *out = float(v);
+    }
+  }
+}
+
+UrdfServo MappingReader::servo(const YAML::Node& n, const std::string& p) {
+  checkKeys(n, p, {"stiffness", "max_torque", "armature"}, {});
+  UrdfServo s;
+  if (n["stiffness"]) {
+    s.stiffness = positive(n["stiffness"], p + "/stiffness");
+  }
+  if (n["max_torque"]) {
+    s.maxTorque = positive(n["max_torque"], p + "/max_torque");
+  }
+  if (n["armature"]) {
+    s.armature = positive(n["armature"], p + "/armature");
+  }
+  return s;
+}
+
+UrdfMapping MappingReader::read(const std::string& text) {
+  checkBounds(text);
+  const YAML::Node loaded = load(text);
+  const YAML::Node& root = loaded;
+  UrdfMapping m;
+  checkKeys(root, "",
+            {"urdf", "name", "type", "torso", "head", "arms", "fixed", "can_look_behind",
+             "whole_body", "max_velocity", "servos"},
+            {"urdf", "name", "torso", "head"});
+  identity(root, m);
   head(root["head"], m);
   if (root["arms"]) {
-    const YAML::Node arms = root["arms"];
-    checkKeys(arms, "arms", {"left", "right"}, {});
-    if (arms["left"]) {
-      arm(arms["left"], "arms/left", m.arms[0]);
-    }
-    if (arms["right"]) {
-      arm(arms["right"], "arms/right", m.arms[1]);
-    }
-    if (m.arms[0].given != m.arms[1].given) {
-      fail("arms", arms,
-           std::string("give both arms or neither: the robot points with both, and 'arms/") +
-               (m.arms[0].given ? "right" : "left") + "' is missing");
-    }
+    arms(root["arms"], m);
   }
   if (root["fixed"]) {
     jointTable(root["fixed"], "fixed", m.fixed,
@@ -308,24 +377,7 @@ UrdfMapping MappingReader::read(const std::string& text) {
     m.canLookBehind = boolean(root["can_look_behind"], "can_look_behind");
   }
   if (root["whole_body"]) {
-    const YAML::Node wb = root["whole_body"];
-    checkKeys(wb, "whole_body", {"pitch_min", "pitch_max", "yaw_min", "yaw_max", "look_at_height"},
-              {});
-    const std::pair<const char*, std::optional<float>*> fields[] = {
-        {"pitch_min", &m.wbPitchMin},
-        {"pitch_max", &m.wbPitchMax},
-        {"yaw_min", &m.wbYawMin},
-        {"yaw_max", &m.wbYawMax},
-        {"look_at_height", &m.wbLookAtHeight}};
-    for (const auto& [key, out] : fields) {
-      if (wb[key]) {
-        const double v = number(wb[key], std::string("whole_body/") + key);
-        if (std::fabs(v) > 100.0) {
-          fail(std::string("whole_body/") + key, wb[key], "is out of range");
-        }
-        *out = float(v);
-      }
-    }
+    wholeBody(root["whole_body"], m);
   }
   if (root["max_velocity"]) {
     jointTable(root["max_velocity"], "max_velocity", m.maxVelocity,
@@ -333,20 +385,7 @@ UrdfMapping MappingReader::read(const std::string& text) {
   }
   if (root["servos"]) {
     jointTable(root["servos"], "servos", m.servos,
-               [this](const YAML::Node& n, const std::string& p) {
-                 checkKeys(n, p, {"stiffness", "max_torque", "armature"}, {});
-                 UrdfServo s;
-                 if (n["stiffness"]) {
-                   s.stiffness = positive(n["stiffness"], p + "/stiffness");
-                 }
-                 if (n["max_torque"]) {
-                   s.maxTorque = positive(n["max_torque"], p + "/max_torque");
-                 }
-                 if (n["armature"]) {
-                   s.armature = positive(n["armature"], p + "/armature");
-                 }
-                 return s;
-               });
+               [this](const YAML::Node& n, const std::string& p) { return servo(n, p); });
   }
   return m;
 }

@@ -10,6 +10,7 @@
 #include <krsim/run/scenario_run.h>
 
 #include "sim/helpers.h"
+#include "sim/report/tracked_run.h"
 #include "sim/run/aim_scenario.h"
 
 namespace {
@@ -166,12 +167,7 @@ TEST(CsvWriterTest, FollowsARunOneLinePerStepAsSoonAsTheStepIsDone) {
 // The tracker's first detection comes with the run's first observation: its step's line
 // carries that observation, though nothing followed the observation event before it came.
 TEST(CsvWriterTest, TheFirstObservationIsInTheLineOfItsStep) {
-  KR::Sim::SimulationConfig config;
-  config.physics = "kinematic";
-  config.modules = &KR::Sim::createTrackerModules;
-  KR::Sim::ScenarioOptions options;
-  options.duration = 1.0;
-  ScenarioRun run(KR::Sim::makeScenario("step", options), config);
+  ScenarioRun run(scenarioFor("step", 1.0), trackedKinematicConfig());
   std::ostringstream csv;
   CsvWriter::follow(run, csv);
   run.runToEnd();
@@ -190,16 +186,12 @@ TEST(CsvWriterTest, TheFirstObservationIsInTheLineOfItsStep) {
 
 TEST(CsvWriterTest, TheSameSeedGivesTheSameCsvByteForByte) {
   auto csv = [](std::uint32_t seed) {
-    KR::Sim::SimulationConfig config;
-    config.physics = "kinematic";
+    KR::Sim::SimulationConfig config = trackedKinematicConfig();
     config.seed = seed;
     config.noise = 0.01f;
     config.camera = KR::Sim::CameraConfig::ideal();
     config.servo = KR::Sim::ServoModel::ideal();
-    config.modules = &KR::Sim::createTrackerModules;
-    ScenarioOptions options;
-    options.duration = 25.0;
-    ScenarioRun run(KR::Sim::makeScenario("ball", options), config);
+    ScenarioRun run(scenarioFor("ball", 25.0), config);
     std::ostringstream out;
     CsvWriter::follow(run, out);
     run.runToEnd();

@@ -23,6 +23,7 @@
 
 #include "sim/helpers.h"
 #include "sim/report/child_process.h"
+#include "sim/report/tracked_run.h"
 
 namespace {
 
@@ -163,12 +164,7 @@ TEST(LiveView, KeysChangeTheSpeedPauseAndStep) {
     return;
   }
   ASSERT_EQ(std::system("command -v xdotool >/dev/null"), 0) << "xdotool sends the keys";
-  ScenarioOptions options;
-  options.duration = 30.0;
-  KR::Sim::SimulationConfig config;
-  config.physics = "kinematic";
-  config.modules = &KR::Sim::createTrackerModules;
-  ScenarioRun run(KR::Sim::makeScenario("ball", options), config);
+  ScenarioRun run(scenarioFor("ball", 30.0), trackedKinematicConfig());
   KR::Sim::StopSignals signals;
   KR::Sim::LiveView view(run);
 
@@ -228,12 +224,7 @@ TEST(LiveView, ClosingTheWindowStopsTheRunAsSigintDoes) {
     EXPECT_THAT(KR::Sim::liveViewProblem(), HasSubstr("xvfb-run -a"));
     return;
   }
-  ScenarioOptions options;
-  options.duration = 3.0;
-  KR::Sim::SimulationConfig config;
-  config.physics = "kinematic";
-  config.modules = &KR::Sim::createTrackerModules;
-  ScenarioRun run(KR::Sim::makeScenario("ball", options), config);
+  ScenarioRun run(scenarioFor("ball", 3.0), trackedKinematicConfig());
   KR::Sim::StopSignals signals;
   KR::Sim::LiveView view(run);
   GLFWwindow* window = glfwGetCurrentContext();

@@ -35,6 +35,7 @@
 
 #include "sim/helpers.h"
 #include "sim/report/child_process.h"
+#include "sim/report/tracked_run.h"
 #include "sim/report/video_probe.h"
 
 namespace {
@@ -148,12 +149,7 @@ void expectTextBox(const std::vector<unsigned char>& rgb, int width, int x0, int
 }
 
 TEST(Snapshot, ShowsTheRobotItsTargetTheLegendAndTheCaption) {
-  ScenarioOptions options;
-  options.duration = 6.0;
-  KR::Sim::SimulationConfig config;
-  config.physics = "kinematic";
-  config.modules = &KR::Sim::createTrackerModules;
-  ScenarioRun run(KR::Sim::makeScenario("ball", options), config);
+  ScenarioRun run(scenarioFor("ball", 6.0), trackedKinematicConfig());
   if (!drawingProblem().empty()) {
     EXPECT_THAT([&] { KR::Sim::SnapshotRenderer snapshots(run); },
                 testing::ThrowsMessage<KR::KRError>(HasSubstr("xvfb-run -a")));
@@ -315,12 +311,7 @@ long fileSize(const std::string& path) {
 // muxer writes at once): the video stops at its last frame written, the run goes on to its
 // end, and finishing the video says why it stopped.
 TEST(Video, AFullDiskStopsTheVideoNotTheRun) {
-  ScenarioOptions options;
-  options.duration = 8.0;
-  KR::Sim::SimulationConfig config;
-  config.physics = "kinematic";
-  config.modules = &KR::Sim::createTrackerModules;
-  ScenarioRun run(KR::Sim::makeScenario("ball", options), config);
+  ScenarioRun run(scenarioFor("ball", 8.0), trackedKinematicConfig());
   const std::string path = scratchPath("krtracker_full_disk") + ".mp4";
   if (!drawingProblem().empty()) {
     EXPECT_THAT([&] { KR::Sim::RunVideo video(run, path); },

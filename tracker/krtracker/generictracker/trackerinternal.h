@@ -2,11 +2,13 @@
 // Internal to GenericTracker's translation units: effector names, the log category, the texts
 // its clients match, and the one rule for a remote call that may fail.
 
+#include <cstddef>
 #include <exception>
 #include <string>
 #include <utility>
 
 #include <ko/log.h>
+#include <kr/value/krvalue.h>
 
 namespace KR {
 namespace Tracker {
@@ -45,6 +47,11 @@ inline const char* const kTextEffectorId = ": EffectorId is not valid.";
 inline const char* const kTextFraction = ": Expected a fraction for pFractionMaxSpeed.";
 // follows "<category>::pointAt"
 inline const char* const kTextCannotPointAt = ": is not possible with this robot.";
+
+/// True when v is an array of n values.
+inline bool isArrayOfSize(const KRValue& v, std::size_t n) {
+  return v.isValid() && v.isArray() && v.size() == n;
+}
 
 /// The rule for a remote call: run pCall; a Caught exception is logged at error level under
 /// pOperation, its text after pPrefix, and the tracker carries on. True when pCall succeeded.

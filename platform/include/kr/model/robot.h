@@ -58,6 +58,7 @@ class Robot {
  private:
   friend class ModelUtils;
   friend class UrdfImport;
+  friend struct RobotParts;  // the readers' gathered description (src/robotparts.h)
   struct Camera {
     float hfov = 1.0f;
     float vfov = 0.8f;

@@ -64,27 +64,37 @@ TEST(MujocoModel, EachDescriptionBecomesAModelWithItsJointsServosCamerasAndTarge
           AllOf(HasSubstr("joint[role=yaw]"), HasSubstr("'maxTorque' must be positive"))));
 }
 
+// The model's cameras against the motion service's head effectors, the base moved and the head
+// at three poses; `forward` runs MuJoCo's kinematics once the joints are set.
+void expectCamerasAtTheHeadEffectors(const KR::Model::Robot& robot, MujocoBackend& backend,
+                                     bool forward) {
+  const auto& head = robot.trackerModel().head;
+  SimMotion motion(robot, std::make_shared<SimClock>());
+  const Pose2D base{0.4f, -1.2f, 2.5f};
+  motion.resetPose(base);
+  backend.resetBase(base);
+  for (const auto& angles : {std::pair<float, float>{0.0f, 0.0f}, {1.1f, -0.4f}, {-1.8f, 0.3f}}) {
+    motion.setAngleNow(head.yaw.name, angles.first);
+    motion.setAngleNow(head.pitch.name, angles.second);
+    backend.resetJoint(0, angles.first);
+    backend.resetJoint(1, angles.second);
+    if (forward)
+      backend.forward();
+    for (int e = 0; e < KR::Model::kTrackEffectorCount; ++e) {
+      EXPECT_TRUE(backend.effectorPose(e).isNear(motion.getMapToHeadEffector(e), 1e-4f))
+          << "effector " << e << " yaw " << angles.first << "\n"
+          << backend.effectorPose(e) << "\n"
+          << motion.getMapToHeadEffector(e);
+    }
+  }
+}
+
 TEST(MujocoModel, CamerasSitWhereTheMotionServiceComputesTheHeadEffectors) {
   for (const std::string file : {"kibo.xml", "rover.xml"}) {
     SCOPED_TRACE(file);
     const auto robot = loadRobot(file);
-    SimMotion motion(*robot, std::make_shared<SimClock>());
     MujocoBackend backend(*robot);
-    const Pose2D base{0.4f, -1.2f, 2.5f};
-    motion.resetPose(base);
-    backend.resetBase(base);
-    for (const auto& angles : {std::pair<float, float>{0.0f, 0.0f}, {1.1f, -0.4f}, {-1.8f, 0.3f}}) {
-      motion.setAngleNow("HeadYaw", angles.first);
-      motion.setAngleNow("HeadPitch", angles.second);
-      backend.resetJoint(0, angles.first);
-      backend.resetJoint(1, angles.second);
-      for (int e = 0; e < KR::Model::kTrackEffectorCount; ++e) {
-        EXPECT_TRUE(backend.effectorPose(e).isNear(motion.getMapToHeadEffector(e), 1e-4f))
-            << "effector " << e << " yaw " << angles.first << "\n"
-            << backend.effectorPose(e) << "\n"
-            << motion.getMapToHeadEffector(e);
-      }
-    }
+    expectCamerasAtTheHeadEffectors(*robot, backend, false);
   }
 }
 
@@ -95,26 +105,8 @@ TEST(MujocoUrdfModel, CamerasSitWhereTheMotionServiceComputesTheHeadEffectors) {
     SCOPED_TRACE(name);
     const auto description = KR::Sim::RobotDescription::load(name);
     ASSERT_TRUE(description->urdf);
-    const auto& robot = *description->robot;
-    const auto& head = robot.trackerModel().head;
-    SimMotion motion(robot, std::make_shared<SimClock>());
-    MujocoBackend backend(robot, description->urdf.get());
-    const Pose2D base{0.4f, -1.2f, 2.5f};
-    motion.resetPose(base);
-    backend.resetBase(base);
-    for (const auto& angles : {std::pair<float, float>{0.0f, 0.0f}, {1.1f, -0.4f}, {-1.8f, 0.3f}}) {
-      motion.setAngleNow(head.yaw.name, angles.first);
-      motion.setAngleNow(head.pitch.name, angles.second);
-      backend.resetJoint(0, angles.first);
-      backend.resetJoint(1, angles.second);
-      backend.forward();
-      for (int e = 0; e < KR::Model::kTrackEffectorCount; ++e) {
-        EXPECT_TRUE(backend.effectorPose(e).isNear(motion.getMapToHeadEffector(e), 1e-4f))
-            << "effector " << e << " yaw " << angles.first << "\n"
-            << backend.effectorPose(e) << "\n"
-            << motion.getMapToHeadEffector(e);
-      }
-    }
+    MujocoBackend backend(*description->robot, description->urdf.get());
+    expectCamerasAtTheHeadEffectors(*description->robot, backend, true);
   }
 }
 

@@ -21,6 +21,8 @@
 #include <kr/error.h>
 #include <kr/model/modelutils.h>
 
+#include "robotparts.h"
+
 namespace KR {
 namespace Model {
 
@@ -30,25 +32,12 @@ namespace {
 // paths never allocates.
 constexpr std::size_t kMaxJointNameLength = 15;
 
-// What a description says, gathered before anything is handed out: Robot's fields are
-// private to ModelUtils, which copies them over once the whole text has parsed.
-struct Description {
-  std::string name;
-  int type = 0;
-  bool canLookBehind = false;
-  bool canPointAt = false;
-  float torsoHeight = 0.0f;
+// What a description says: the robot's parts and the robot-wide camera values that the
+// effectors' cameras default to.
+struct Description : RobotParts {
   float cameraHFov = 0.0f;
   float cameraVFov = 0.0f;
   float cameraRange = 0.0f;
-  // Each effector's camera: the camera element's values unless the effector gives its own.
-  std::array<std::array<float, 3>, kTrackEffectorCount> effectorCameras{};
-  float torsoMass = Robot().getTorsoMass();
-  float headMass = Robot().getHeadMass();
-  std::array<float, 2> armMass{Robot().getArmMass("LArm"), Robot().getArmMass("RArm")};
-  std::map<std::string, JointServo> servos;
-  KRTrackerModel model;
-  std::map<std::string, TrackerJoint> joints;
 };
 
 struct RoleSlot {
@@ -310,9 +299,9 @@ class DescriptionParser {
         node, "effector", {{{"cameraTop", true}, {"cameraBottom", true}, {"depthCamera", true}}});
     for (int i = 0; i < kTrackEffectorCount; ++i) {
       h.effectorTransforms[i] = transform(effectors[i]);
-      robot.effectorCameras[i] = {optionalPositive(effectors[i], "horizontalFov", robot.cameraHFov),
-                                  optionalPositive(effectors[i], "verticalFov", robot.cameraVFov),
-                                  optionalPositive(effectors[i], "range", robot.cameraRange)};
+      robot.cameras[i] = {optionalPositive(effectors[i], "horizontalFov", robot.cameraHFov),
+                          optionalPositive(effectors[i], "verticalFov", robot.cameraVFov),
+                          optionalPositive(effectors[i], "range", robot.cameraRange)};
     }
   }
 
@@ -335,6 +324,97 @@ class DescriptionParser {
     }
   }
 
+  // The document's one root element, a <robot>.
+  pugi::xml_node robotElement(const pugi::xml_document& doc) {
+    pugi::xml_node root = doc.document_element();
+    for (pugi::xml_node n : doc.children()) {
+      if (n.type() == pugi::node_element && n != root) {
+        fail(n, "a description holds one root element, found another");
+      }
+    }
+    if (std::string(root.name()) != "robot") {
+      fail(root, "root element must be 'robot'");
+    }
+    return root;
+  }
+
+  void robotAttributes(const pugi::xml_node& root, Description& robot) {
+    checkAttributes(root, {"name", "type", "canLookBehind", "canPointAt"});
+    checkChildren(root, {"torso", "camera", "wholeBody", "head", "arm"});
+    robot.name = text(root, "name");
+    if (robot.name.empty()) {
+      fail(root, "attribute 'name' is empty");
+    }
+    const std::string type = text(root, "type");
+    if (type == "0" || type == "1") {
+      robot.type = type[0] - '0';
+    } else {
+      fail(root,
+           "attribute 'type' must be 0 (humanoid) or 1 (wheeled humanoid), got '" + type + "'");
+    }
+    robot.canLookBehind = boolean(root, "canLookBehind");
+    robot.canPointAt = boolean(root, "canPointAt");
+  }
+
+  void torso(const pugi::xml_node& torso, Description& robot) {
+    checkAttributes(torso, {"height", "mass"});
+    checkChildren(torso, {});
+    robot.torsoHeight = number(torso, "height");
+    if (robot.torsoHeight < 0.0f) {
+      fail(torso, "attribute 'height' must not be negative");
+    }
+    robot.torsoMass = optionalPositive(torso, "mass", robot.torsoMass);
+  }
+
+  void camera(const pugi::xml_node& camera, Description& robot) {
+    checkAttributes(camera, {"horizontalFov", "verticalFov", "range"});
+    checkChildren(camera, {});
+    robot.cameraHFov = number(camera, "horizontalFov");
+    robot.cameraVFov = number(camera, "verticalFov");
+    robot.cameraRange = number(camera, "range");
+    checkPositive(camera, "horizontalFov", robot.cameraHFov);
+    checkPositive(camera, "verticalFov", robot.cameraVFov);
+    checkPositive(camera, "range", robot.cameraRange);
+  }
+
+  void wholeBody(const pugi::xml_node& wb, KRTrackerModel& m) {
+    checkAttributes(wb, {"pitchMin", "pitchMax", "yawMin", "yawMax", "lookAtHeight"});
+    checkChildren(wb, {});
+    m.wbPitchMin = number(wb, "pitchMin");
+    m.wbPitchMax = number(wb, "pitchMax");
+    m.wbYawMin = number(wb, "yawMin");
+    m.wbYawMax = number(wb, "yawMax");
+    m.wbLookAtHeight = number(wb, "lookAtHeight");
+    checkOrdered(wb, "pitchMin", m.wbPitchMin, "pitchMax", m.wbPitchMax);
+    checkOrdered(wb, "yawMin", m.wbYawMin, "yawMax", m.wbYawMax);
+  }
+
+  // The <arm> elements, left then right (null where absent). Both are needed to point; a
+  // robot that cannot point may describe none.
+  std::array<pugi::xml_node, 2> armsBySide(const pugi::xml_node& root, bool canPointAt) {
+    std::array<pugi::xml_node, 2> sides{};
+    for (pugi::xml_node a : root.children("arm")) {
+      const std::string side = text(a, "side");
+      const int i = side == "left" ? 0 : side == "right" ? 1 : -1;
+      if (i < 0) {
+        fail(a, "attribute 'side' must be 'left' or 'right', got '" + side + "'");
+      }
+      if (sides[i]) {
+        fail(a, "duplicate arm side '" + side + "'");
+      }
+      sides[i] = a;
+    }
+    if (canPointAt) {
+      for (int i = 0; i < 2; ++i) {
+        if (!sides[i]) {
+          fail(root, std::string("missing element 'arm' with side '") +
+                         (i == 0 ? "left" : "right") + "' (needed by canPointAt=\"true\")");
+        }
+      }
+    }
+    return sides;
+  }
+
   const std::string& fText;
 };
 
@@ -345,90 +425,18 @@ Description DescriptionParser::parse() {
   if (!parsed) {
     fail("bad XML at line " + std::to_string(lineOf(parsed.offset)) + ": " + parsed.description());
   }
-  pugi::xml_node root = doc.document_element();
-  for (pugi::xml_node n : doc.children()) {
-    if (n.type() == pugi::node_element && n != root) {
-      fail(n, "a description holds one root element, found another");
-    }
-  }
-  if (std::string(root.name()) != "robot") {
-    fail(root, "root element must be 'robot'");
-  }
-
-  checkAttributes(root, {"name", "type", "canLookBehind", "canPointAt"});
-  checkChildren(root, {"torso", "camera", "wholeBody", "head", "arm"});
-  robot.name = text(root, "name");
-  if (robot.name.empty()) {
-    fail(root, "attribute 'name' is empty");
-  }
-  const std::string type = text(root, "type");
-  if (type == "0" || type == "1") {
-    robot.type = type[0] - '0';
-  } else {
-    fail(root, "attribute 'type' must be 0 (humanoid) or 1 (wheeled humanoid), got '" + type + "'");
-  }
-  robot.canLookBehind = boolean(root, "canLookBehind");
-  robot.canPointAt = boolean(root, "canPointAt");
-
-  const pugi::xml_node torso = child(root, "torso");
-  checkAttributes(torso, {"height", "mass"});
-  checkChildren(torso, {});
-  robot.torsoHeight = number(torso, "height");
-  if (robot.torsoHeight < 0.0f) {
-    fail(torso, "attribute 'height' must not be negative");
-  }
-  robot.torsoMass = optionalPositive(torso, "mass", robot.torsoMass);
-
-  const pugi::xml_node camera = child(root, "camera");
-  checkAttributes(camera, {"horizontalFov", "verticalFov", "range"});
-  checkChildren(camera, {});
-  robot.cameraHFov = number(camera, "horizontalFov");
-  robot.cameraVFov = number(camera, "verticalFov");
-  robot.cameraRange = number(camera, "range");
-  checkPositive(camera, "horizontalFov", robot.cameraHFov);
-  checkPositive(camera, "verticalFov", robot.cameraVFov);
-  checkPositive(camera, "range", robot.cameraRange);
-
-  const pugi::xml_node wb = child(root, "wholeBody");
-  checkAttributes(wb, {"pitchMin", "pitchMax", "yawMin", "yawMax", "lookAtHeight"});
-  checkChildren(wb, {});
-  KRTrackerModel& m = robot.model;
-  m.wbPitchMin = number(wb, "pitchMin");
-  m.wbPitchMax = number(wb, "pitchMax");
-  m.wbYawMin = number(wb, "yawMin");
-  m.wbYawMax = number(wb, "yawMax");
-  m.wbLookAtHeight = number(wb, "lookAtHeight");
-  checkOrdered(wb, "pitchMin", m.wbPitchMin, "pitchMax", m.wbPitchMax);
-  checkOrdered(wb, "yawMin", m.wbYawMin, "yawMax", m.wbYawMax);
-
+  const pugi::xml_node root = robotElement(doc);
+  robotAttributes(root, robot);
+  torso(child(root, "torso"), robot);
+  camera(child(root, "camera"), robot);
+  wholeBody(child(root, "wholeBody"), robot.model);
   head(child(root, "head"), robot);
-
-  // Arms: both are needed to point; a robot that cannot point may describe none.
-  pugi::xml_node sides[2];
-  for (pugi::xml_node a : root.children("arm")) {
-    const std::string side = text(a, "side");
-    const int i = side == "left" ? 0 : side == "right" ? 1 : -1;
-    if (i < 0) {
-      fail(a, "attribute 'side' must be 'left' or 'right', got '" + side + "'");
-    }
-    if (sides[i]) {
-      fail(a, "duplicate arm side '" + side + "'");
-    }
-    sides[i] = a;
-  }
-  if (robot.canPointAt) {
-    for (int i = 0; i < 2; ++i) {
-      if (!sides[i]) {
-        fail(root, std::string("missing element 'arm' with side '") + (i == 0 ? "left" : "right") +
-                       "' (needed by canPointAt=\"true\")");
-      }
-    }
-  }
+  const std::array<pugi::xml_node, 2> sides = armsBySide(root, robot.canPointAt);
   if (sides[0]) {
-    arm(sides[0], m.leftArm, robot.armMass[0], robot);
+    arm(sides[0], robot.model.leftArm, robot.armMass[0], robot);
   }
   if (sides[1]) {
-    arm(sides[1], m.rightArm, robot.armMass[1], robot);
+    arm(sides[1], robot.model.rightArm, robot.armMass[1], robot);
   }
   return robot;
 }
@@ -436,154 +444,7 @@ Description DescriptionParser::parse() {
 }  // namespace
 
 std::unique_ptr<Robot> ModelUtils::robotFromXml(const std::string& xml) {
-  Description d = DescriptionParser(xml).parse();
-  auto robot = std::make_unique<Robot>();
-  robot->fName = std::move(d.name);
-  robot->fType = d.type;
-  robot->fCanLookBehind = d.canLookBehind;
-  robot->fCanPointAt = d.canPointAt;
-  robot->fTorsoHeight = d.torsoHeight;
-  for (int i = 0; i < kTrackEffectorCount; ++i) {
-    robot->fCameras[i] = {d.effectorCameras[i][0], d.effectorCameras[i][1],
-                          d.effectorCameras[i][2]};
-  }
-  robot->fModel = std::move(d.model);
-  robot->fJoints = std::move(d.joints);
-  robot->fTorsoMass = d.torsoMass;
-  robot->fHeadMass = d.headMass;
-  robot->fArmMass = d.armMass;
-  robot->fServos = std::move(d.servos);
-  return robot;
-}
-
-namespace {
-
-// Shortest text that reads back as the same float.
-std::string floatText(float v) {
-  char buffer[32];
-  for (int precision = 6; precision <= 9; ++precision) {
-    std::snprintf(buffer, sizeof(buffer), "%.*g", precision, double(v));
-    if (std::strtof(buffer, nullptr) == v) {
-      break;
-    }
-  }
-  return buffer;
-}
-
-std::string floatsText(std::initializer_list<float> values) {
-  std::string text;
-  for (float v : values) {
-    text += (text.empty() ? "" : " ") + floatText(v);
-  }
-  return text;
-}
-
-// position and rpy (R = Rz(yaw) Ry(pitch) Rx(roll)), the angles taken in double precision.
-void writeTransform(pugi::xml_node node, const Math::Transform& t) {
-  const Math::Position3D p = t.translation();
-  node.append_attribute("position") = floatsText({p.x, p.y, p.z}).c_str();
-  const double r11 = t.r1_c1, r21 = t.r2_c1, r31 = t.r3_c1, r32 = t.r3_c2, r33 = t.r3_c3;
-  const double r12 = t.r1_c2, r22 = t.r2_c2;
-  const double cy = std::hypot(r11, r21);
-  const double pitch = std::atan2(-r31, cy);
-  const double roll = cy < 1e-9 ? 0.0 : std::atan2(r32, r33);
-  const double yaw = cy < 1e-9 ? std::atan2(-r12, r22) : std::atan2(r21, r11);
-  if (roll != 0.0 || pitch != 0.0 || yaw != 0.0) {
-    node.append_attribute("rpy") = floatsText({float(roll), float(pitch), float(yaw)}).c_str();
-  }
-}
-
-void writeJoint(pugi::xml_node parent, const char* role, const TrackerJoint& j,
-                const Robot& robot) {
-  pugi::xml_node node = parent.append_child("joint");
-  node.append_attribute("role") = role;
-  node.append_attribute("name") = j.name.c_str();
-  node.append_attribute("min") = floatText(j.min).c_str();
-  node.append_attribute("max") = floatText(j.max).c_str();
-  node.append_attribute("maxVelocity") = floatText(j.maxVelocity).c_str();
-  const JointServo servo = robot.getServo(j.name);
-  node.append_attribute("stiffness") = floatText(servo.stiffness).c_str();
-  node.append_attribute("maxTorque") = floatText(servo.maxTorque).c_str();
-  node.append_attribute("armature") = floatText(servo.armature).c_str();
-}
-
-}  // namespace
-
-std::string ModelUtils::robotToXml(const Robot& robot) {
-  pugi::xml_document doc;
-  pugi::xml_node decl = doc.append_child(pugi::node_declaration);
-  decl.append_attribute("version") = "1.0";
-  decl.append_attribute("encoding") = "UTF-8";
-  pugi::xml_node root = doc.append_child("robot");
-  root.append_attribute("name") = robot.getName().c_str();
-  root.append_attribute("type") = robot.getRobotType();
-  root.append_attribute("canLookBehind") = robot.canLookBehind() ? "true" : "false";
-  root.append_attribute("canPointAt") = robot.canPointAt() ? "true" : "false";
-  pugi::xml_node torso = root.append_child("torso");
-  torso.append_attribute("height") = floatText(robot.getTorsoHeight()).c_str();
-  torso.append_attribute("mass") = floatText(robot.getTorsoMass()).c_str();
-  pugi::xml_node camera = root.append_child("camera");
-  camera.append_attribute("horizontalFov") = floatText(robot.getCameraHorizontalFov()).c_str();
-  camera.append_attribute("verticalFov") = floatText(robot.getCameraVerticalFov()).c_str();
-  camera.append_attribute("range") = floatText(robot.getCameraRange()).c_str();
-  const KRTrackerModel& m = robot.trackerModel();
-  pugi::xml_node wb = root.append_child("wholeBody");
-  wb.append_attribute("pitchMin") = floatText(m.wbPitchMin).c_str();
-  wb.append_attribute("pitchMax") = floatText(m.wbPitchMax).c_str();
-  wb.append_attribute("yawMin") = floatText(m.wbYawMin).c_str();
-  wb.append_attribute("yawMax") = floatText(m.wbYawMax).c_str();
-  wb.append_attribute("lookAtHeight") = floatText(m.wbLookAtHeight).c_str();
-
-  pugi::xml_node head = root.append_child("head");
-  const Math::Position3D& hp = m.head.headPosition;
-  head.append_attribute("position") = floatsText({hp.x, hp.y, hp.z}).c_str();
-  if (!(m.head.yawToPitch == Math::Position3D())) {
-    const Math::Position3D& yp = m.head.yawToPitch;
-    head.append_attribute("yawToPitch") = floatsText({yp.x, yp.y, yp.z}).c_str();
-  }
-  head.append_attribute("mass") = floatText(robot.getHeadMass()).c_str();
-  writeJoint(head, "yaw", m.head.yaw, robot);
-  writeJoint(head, "pitch", m.head.pitch, robot);
-  const char* effectorRoles[kTrackEffectorCount] = {"cameraTop", "cameraBottom", "depthCamera"};
-  for (int i = 0; i < kTrackEffectorCount; ++i) {
-    pugi::xml_node e = head.append_child("effector");
-    e.append_attribute("role") = effectorRoles[i];
-    writeTransform(e, m.head.effectorTransforms[i]);
-    const std::pair<const char*, float> own[] = {{"horizontalFov", robot.getCameraHorizontalFov(i)},
-                                                 {"verticalFov", robot.getCameraVerticalFov(i)},
-                                                 {"range", robot.getCameraRange(i)}};
-    const float robotWide[] = {robot.getCameraHorizontalFov(), robot.getCameraVerticalFov(),
-                               robot.getCameraRange()};
-    for (int k = 0; k < 3; ++k) {
-      if (own[k].second != robotWide[k]) {
-        e.append_attribute(own[k].first) = floatText(own[k].second).c_str();
-      }
-    }
-  }
-
-  const char* armRoles[5] = {"shoulderPitch", "shoulderRoll", "elbowYaw", "elbowRoll", "wristYaw"};
-  const std::pair<const char*, const TrackerArm*> arms[] = {{"left", &m.leftArm},
-                                                            {"right", &m.rightArm}};
-  for (const auto& [side, a] : arms) {
-    if (a->joints[0].name.empty()) {
-      continue;
-    }
-    pugi::xml_node arm = root.append_child("arm");
-    arm.append_attribute("side") = side;
-    arm.append_attribute("mass") = floatText(robot.getArmMass(a->name)).c_str();
-    const Math::Position3D& sp = a->shoulderPosition;
-    arm.append_child("shoulder").append_attribute("position") =
-        floatsText({sp.x, sp.y, sp.z}).c_str();
-    writeTransform(arm.append_child("upperArm"), a->armTransform);
-    for (int i = 0; i < 5; ++i) {
-      if (!a->joints[i].name.empty()) {
-        writeJoint(arm, armRoles[i], a->joints[i], robot);
-      }
-    }
-  }
-  std::ostringstream out;
-  doc.save(out, "  ", pugi::format_default, pugi::encoding_utf8);
-  return out.str();
+  return DescriptionParser(xml).parse().takeRobot();
 }
 
 std::unique_ptr<Robot> ModelUtils::robotFromFile(const std::string& path) {
