@@ -37,7 +37,11 @@ Bearing bearingOf(const Math::Transform& worldToTorso, const Model::TrackerHead&
 
 }  // namespace
 
-std::vector<float> SearchPattern::stops(std::size_t* farSide) const {
+int SearchPattern::turn() const {
+  return alternate ? side : -side;
+}
+
+std::vector<float> SearchPattern::stops(std::size_t* lastSide) const {
   // Offsets from the origin; the head reaches [lo, hi].
   const float half = 0.5f * view;
   const float s = static_cast<float>(side);
@@ -52,44 +56,53 @@ std::vector<float> SearchPattern::stops(std::size_t* farSide) const {
     u.push_back(reach(s * step));
     u.push_back(reach(-s * step));
   }
-  // Outward on one side, then the other, the last stop of each at the head's reach.
-  std::size_t farFrom = u.size();
-  for (const float edge : {near, far}) {
-    const float way = edge == near ? s : -s;
-    if (edge == far)
-      farFrom = u.size();
+  // Outward to the head's reach on each side, the last stop of each at the reach: one way
+  // `side` first; alternating, the other side first, so that the sweep ends on `side`. The
+  // base then turns round the back in one turn, the way the sweep ended (turn()), the head
+  // leading at its reach and the camera seeing all the way, until the view meets what the
+  // first side saw.
+  const float w = static_cast<float>(turn());
+  const float last = w * s > 0.0f ? near : far;
+  const float first = w * s > 0.0f ? far : near;
+  std::size_t lastFrom = u.size();
+  for (const float edge : {first, last}) {
+    const float way = edge == last ? w : -w;
+    if (edge == last)
+      lastFrom = u.size();
     for (int k = alternate ? 2 : 1;; ++k) {
       const float x = way * static_cast<float>(k) * step;
       if (way * (x - edge) >= 0.0f) {
-        u.push_back(edge);
+        // Where the base turns on, the turn starts with the head at this reach: no stop here.
+        if (edge != last || !canTurn)
+          u.push_back(edge);
         break;
       }
       u.push_back(x);
     }
   }
-  if (canTurn) {
-    // On round the back, the base turning, until the view meets what the first side saw.
-    const float last = near + s * half - s * 2.0f * Math::kPi + s * half;
-    for (int k = 1; k < 64; ++k) {
-      const float x = far - s * static_cast<float>(k) * step;
-      if (s * (x - last) <= 0.0f) {
-        u.push_back(last);
-        break;
-      }
-      u.push_back(x);
-    }
-  }
+  if (canTurn)
+    u.push_back(first - w * 2.0f * half + w * 2.0f * Math::kPi);
   // Stops that repeat the one before (the reach cut them short) are left out.
   std::vector<float> out;
   float previous = 1e9f;
   for (std::size_t i = 0; i < u.size(); ++i) {
-    if (i == farFrom && farSide != nullptr)
-      *farSide = out.size();
+    if (i == lastFrom && lastSide != nullptr)
+      *lastSide = out.size();
     if (std::fabs(u[i] - previous) > 0.05f)
       out.push_back(Math::modulo2PI(origin + u[i]));
     previous = u[i];
   }
   return out;
+}
+
+int sideOfTheBack(const SearchPattern& p) {
+  // The base turns round the back toward the point opposite the origin the shorter way; when
+  // that point is straight behind, the left is searched first.
+  const float opposite = Math::modulo2PI(p.origin - p.torsoYaw + Math::kPi);
+  if (std::fabs(opposite) > Math::kPi - 0.02f)
+    return 1;
+  const int way = opposite > 0.0f ? 1 : -1;
+  return p.alternate ? way : -way;
 }
 
 double searchDwell(double cameraRateHz, double latencyS) {
@@ -116,7 +129,7 @@ RoundSearcher::RoundSearcher(const SimContext& context)
       Namer::getNameLost(), [this](const std::string&, const KRValue& v) { xOnLost(v); }));
   for (const std::string& found : {Namer::getNameDetected(), Namer::getNameStopSearch()}) {
     fSubscriptions.push_back(
-        fMemory->subscribe(found, [this](const std::string&, const KRValue&) { xOnFound(); }));
+        fMemory->subscribe(found, [this](const std::string&, const KRValue& v) { xOnFound(v); }));
   }
   bind("initialize", &RoundSearcher::initialize, this);
   bind("startEvent", &RoundSearcher::startEvent, this);
@@ -156,31 +169,62 @@ void RoundSearcher::xOnLost(const KRValue& last) {
   fState.alignPending = false;
 }
 
-void RoundSearcher::xOnFound() {
+void RoundSearcher::xOnFound(const KRValue& sample) {
+  std::optional<Math::Position3D> at;
+  try {
+    if (sample.isArray())
+      at = Tracker::types::TrackInfos(sample).getWorldToObject3D();
+  } catch (const std::exception&) {
+    at.reset();  // a stop without a target (StopSearch): nowhere to turn to
+  }
   // Motion requests wait for the next update: this runs inside whoever raised the event.
   std::lock_guard<std::mutex> lock(fMutex);
   if (!fState.searching) {
     return;
   }
+  fFoundAt = at;
   fState.searching = false;
   fState.haltPending = true;
   fState.endings.push_back("found");
 }
 
 void RoundSearcher::xHalt(bool found, KRTimePoint now) {
-  if (fState.turnSent || fState.baseMoving) {
-    fState.turnSent = false;
-    fState.baseMoving = false;
-    fMotion->call<void>("stopMove");
+  const bool moving = fState.turnSent || fState.baseMoving;
+  fState.turnSent = false;
+  fState.baseMoving = false;
+  // Only under the head looker: a whole-body gaze turns the base itself once it is left to it.
+  const auto head = fHeadLooker.lock();
+  const std::optional<float> onto =
+      found && fState.turned && fFoundAt && head && head->snapshot().running ? xTurnOnto(*fFoundAt)
+                                                                             : std::nullopt;
+  if (onto) {
+    // Found at the edge of the head's reach while the base turns: the base turns on onto the
+    // target without stopping, and the head recentres as the base catches up.
+    fMotion->call<void>("moveTo", 0.0f, 0.0f, *onto);
+  } else {
+    if (moving)
+      fMotion->call<void>("stopMove");
+    if (found && fState.turned) {
+      // A target found past the head's reach would stay out of it: the base turns under the
+      // head once the lookers have taken over, unless a whole-body gaze turns it already.
+      fState.alignPending = true;
+      fState.alignAt = now + kAlignDelay;
+    }
   }
-  if (found && fState.turned) {
-    // A target found past the head's reach would stay out of it: the base turns under the
-    // head once the lookers have taken over, unless a whole-body gaze turns it already.
-    fState.alignPending = true;
-    fState.alignAt = now + kAlignDelay;
-  }
+  fFoundAt.reset();
   fState.turned = false;
   fState.gazeSent = false;  // the lookers' next command replaces a search gaze
+}
+
+std::optional<float> RoundSearcher::xTurnOnto(const Math::Position3D& target) const {
+  const Math::Transform worldToTorso = fMotionService->getWorldToTorso();
+  const float torsoYaw = Math::pose2DFromTransform(worldToTorso).theta;
+  const float relative =
+      Math::modulo2PI(bearingOf(worldToTorso, fModel.head, target).yaw - torsoYaw);
+  const float limit = std::min(-fModel.head.yaw.min, fModel.head.yaw.max);
+  if (std::fabs(relative) > limit - 0.5f * fFieldOfView)
+    return relative;
+  return std::nullopt;
 }
 
 void RoundSearcher::xEnd(const std::string& reason) {
@@ -238,6 +282,11 @@ void RoundSearcher::setUseWholeBodyLookAt(bool useWholeBody) {
   fState.useWholeBody = useWholeBody;
 }
 
+void RoundSearcher::setHeadLooker(std::weak_ptr<const HeadLooker> looker) {
+  std::lock_guard<std::mutex> lock(fMutex);
+  fHeadLooker = std::move(looker);
+}
+
 RoundSearcherState RoundSearcher::snapshot() const {
   std::lock_guard<std::mutex> lock(fMutex);
   return fState;
@@ -272,12 +321,15 @@ void RoundSearcher::xPlan(KRTimePoint now) {
     const Bearing from = bearingOf(worldToTorso, fModel.head, *fLastSeen);
     p.origin = to.yaw;
     fState.pitch = std::clamp(to.pitch, fModel.head.pitch.min, fModel.head.pitch.max);
-    if (Math::modulo2PI(to.yaw - from.yaw) < -0.02f)
-      p.side = -1;
+    const float went = Math::modulo2PI(to.yaw - from.yaw);
+    p.side = std::fabs(went) > kMoved ? (went > 0.0f ? 1 : -1) : sideOfTheBack(p);
   } else if (fLastSeen) {
     const Bearing at = bearingOf(worldToTorso, fModel.head, *fLastSeen);
     p.origin = at.yaw;
     fState.pitch = std::clamp(at.pitch, fModel.head.pitch.min, fModel.head.pitch.max);
+    p.side = sideOfTheBack(p);
+  } else {
+    p.side = sideOfTheBack(p);
   }
   p.view = fFieldOfView;
   p.canTurn = fMotionService->getBaseLimits().maxAngularSpeed > 0.0f;
@@ -286,7 +338,7 @@ void RoundSearcher::xPlan(KRTimePoint now) {
   // each side falls on the limit, none is wasted just short of it.
   const float widest = std::max(kStepOfView * fFieldOfView, 0.1f);
   p.step = p.headLimit / std::max(1.0f, std::ceil(p.headLimit / widest));
-  fState.stops = p.stops(&fState.farSide);
+  fState.stops = p.stops(&fState.lastSide);
   fState.step = 0;
   // A gaze that already rests on the first stop has looked there: the search moves on.
   const float gaze = p.torsoYaw + fMotionService->getAngle(fModel.head.yaw.name);
@@ -308,7 +360,7 @@ void RoundSearcher::xNextStop(KRTimePoint now) {
     }
     fState.pattern.origin = fState.stops.back();
     fState.pattern.torsoYaw = xTorsoYaw();
-    fState.stops = fState.pattern.stops(&fState.farSide);
+    fState.stops = fState.pattern.stops(&fState.lastSide);
     fState.step = 0;
     fState.pitch = xRowPitch();
   }
@@ -323,11 +375,11 @@ void RoundSearcher::xNextStop(KRTimePoint now) {
     fMotion->call<void>("moveTo", 0.0f, 0.0f, relative - head);
     fState.turnSent = true;
     fState.turned = true;
-  } else if (fState.pattern.canTurn && fState.step == static_cast<int>(fState.farSide) + 1 &&
-             fState.stops.size() > fState.farSide) {
-    // The far side's sweep starts: the base sets off at once toward the back, under the
+  } else if (fState.pattern.canTurn && fState.step == static_cast<int>(fState.lastSide) + 1 &&
+             fState.stops.size() > fState.lastSide) {
+    // The last side's sweep starts: the base sets off at once toward the back, under the
     // head, so that the back comes within the head's reach as that side is searched.
-    const float way = -static_cast<float>(fState.pattern.side);
+    const float way = static_cast<float>(fState.pattern.turn());
     float back = Math::modulo2PI(fState.stops.back() - xTorsoYaw());
     if (back * way < 0.0f)
       back += way * 2.0f * Math::kPi;  // the back is reached going that way round

@@ -37,18 +37,20 @@
 #include <kr/model/trackermodel.h>
 
 #include <krsim/tracking/context.h>
+#include <krsim/tracking/head_looker.h>
 #include <krsim/tracking/target_input.h>
 
 namespace KR {
 namespace Sim {
 
 /// Where a search looks, as world yaw angles of the gaze [rad], in order: the first stop
-/// (`origin`), the stops one `step` on either side of it (first on `side`: +1 left, -1 right)
-/// when `alternate` (a place where the target most likely is), then outward on `side` to the
-/// head's reach, then outward on the other side to its reach,
-/// and, when the robot can turn, on round the back in the same direction until the whole
-/// field around the robot has been in view. The head's reach is `headLimit` either way of the
-/// torso's heading `torsoYaw`; `view` is the camera's horizontal field of view.
+/// (`origin`), then, when `alternate` (a place where the target most likely is), the stops one
+/// `step` on either side of it, first on `side` (+1 left, -1 right), then outward on the other
+/// side to the head's reach and last outward on `side` to its reach; otherwise outward on
+/// `side` to the reach, then on the other side. Where the robot can turn, the base then turns
+/// round the back the way the sweep ended (turn()) until the whole field around the robot has
+/// been in view. The head's reach is `headLimit` either way of the torso's heading `torsoYaw`;
+/// `view` is the camera's horizontal field of view.
 struct SearchPattern {
   float origin = 0.0f;
   int side = 1;
@@ -58,10 +60,17 @@ struct SearchPattern {
   bool canTurn = true;
   float torsoYaw = 0.0f;
   float headLimit = 2.0f;
-  /// The stops in order; `farSide`, when given, receives the index of the first stop of the
-  /// other side's sweep.
-  std::vector<float> stops(std::size_t* farSide = nullptr) const;
+  /// The stops in order; `lastSide`, when given, receives the index of the first stop of the
+  /// last side's sweep.
+  std::vector<float> stops(std::size_t* lastSide = nullptr) const;
+  /// The way the base turns round the back: +1 left, -1 right.
+  int turn() const;
 };
+
+/// The side to search first when nothing says where the target went (+1 left, -1 right): the
+/// one with which the base turns round the back toward the point opposite `origin` the
+/// shorter way.
+int sideOfTheBack(const SearchPattern& p);
 
 /// Time the gaze rests at a stop [s]: the wait for the next frame, its delivery and the
 /// servos' settling.
@@ -77,14 +86,14 @@ struct RoundSearcherState {
   Phase phase = Phase::Start;
   int step = 0;              // stop of the round, or gaze step
   std::vector<float> stops;  // the round's stops (SearchPattern::stops)
-  std::size_t farSide = 0;   // the first stop of the other side's sweep
+  std::size_t lastSide = 0;  // the first stop of the last side's sweep
   int round = 0;             // completed rounds
   float headYaw = 0.0f;      // last commanded search yaw [rad]
   float pitch = 0.0f;        // head pitch of the round [rad]
   SearchPattern pattern;
   KRTimePoint phaseEnd{};
   bool turnSent = false;      // a base turn of the current stop is under way
-  bool baseMoving = false;    // the base turns toward the back under the far side's sweep
+  bool baseMoving = false;    // the base turns toward the back under the last side's sweep
   bool turned = false;        // the search has turned the base
   bool alignPending = false;  // found: turn the base under the head at alignAt
   KRTimePoint alignAt{};
@@ -105,6 +114,9 @@ class RoundSearcher : public SimModule {
   static constexpr float kStepOfView = 1.0f;
   /// Gaze step of the whole-body search [rad].
   static constexpr float kWholeBodyStep = 1.2f;
+  /// A lost target whose predicted place lies less than this from where it was last seen
+  /// [rad] is taken as still: its way gives no side to search first.
+  static constexpr float kMoved = 0.05f;
   /// The head is at a stop within this much of it [rad].
   static constexpr float kArrived = 0.03f;
   static constexpr const char* kSearchStarted = "RoundSearcher/SearchStarted";
@@ -126,13 +138,19 @@ class RoundSearcher : public SimModule {
   void exit();
 
   RoundSearcherState snapshot() const;
+  /// The head looker: a target found at the head's reach while the base turns is turned onto
+  /// at once only while it runs (a whole-body gaze or a mover turns the base itself).
+  void setHeadLooker(std::weak_ptr<const HeadLooker> looker);
 
  private:
   void xOnLost(const KRValue& last);
-  void xOnFound();
-  /// Stops what the search set going; when the target was found after the search turned the
-  /// base, the base is turned under the head a moment later (xAlign). Caller holds fMutex.
+  void xOnFound(const KRValue& sample);
+  /// Stops what the search set going. A target found near or past the head's reach after the
+  /// search turned the base: the base turns on onto it at once (xTurnOnto); otherwise, after a
+  /// turn, the base is turned under the head a moment later (xAlign). Caller holds fMutex.
   void xHalt(bool found, KRTimePoint now);
+  /// The base turn that faces `target` (world) when it lies near or past the head's reach.
+  std::optional<float> xTurnOnto(const Math::Position3D& target) const;
   void xEnd(const std::string& reason);
   float xRowPitch() const;
   float xTorsoYaw() const;
@@ -154,6 +172,8 @@ class RoundSearcher : public SimModule {
   mutable std::mutex fMutex;
   RoundSearcherState fState;
   std::optional<Math::Position3D> fLastSeen;  // world frame, from the loss event [m]
+  std::optional<Math::Position3D> fFoundAt;   // world frame, from the detection [m]
+  std::weak_ptr<const HeadLooker> fHeadLooker;
 };
 
 }  // namespace Sim
