@@ -314,6 +314,9 @@ void RoundSearcher::xPlan(KRTimePoint now) {
   p.origin = Math::modulo2PI(p.torsoYaw + fMotionService->getAngle(fModel.head.yaw.name));
   p.side = 1;
   p.alternate = fLastSeen.has_value();
+  p.view = fFieldOfView;
+  p.canTurn = fMotionService->getBaseLimits().maxAngularSpeed > 0.0f;
+  p.headLimit = std::min(-fModel.head.yaw.min, fModel.head.yaw.max);
   fState.pitch = xRowPitch();
   const auto lead = fLead.fresh(now, seconds(1.0));
   if (lead && fLastSeen) {
@@ -321,6 +324,12 @@ void RoundSearcher::xPlan(KRTimePoint now) {
     const Bearing from = bearingOf(worldToTorso, fModel.head, *fLastSeen);
     p.origin = to.yaw;
     fState.pitch = std::clamp(to.pitch, fModel.head.pitch.min, fModel.head.pitch.max);
+    // A predicted place past the head's reach: the search starts at the reach on its side and
+    // takes in what the head reaches before the base turns round toward it (the way the target
+    // went). A target that went round the back while hidden may as well have turned back.
+    const float offset = Math::modulo2PI(p.origin - p.torsoYaw);
+    if (std::fabs(offset) > p.headLimit)
+      p.origin = Math::modulo2PI(p.torsoYaw + std::copysign(p.headLimit, offset));
     const float went = Math::modulo2PI(to.yaw - from.yaw);
     p.side = std::fabs(went) > kMoved ? (went > 0.0f ? 1 : -1) : sideOfTheBack(p);
   } else if (fLastSeen) {
@@ -331,9 +340,6 @@ void RoundSearcher::xPlan(KRTimePoint now) {
   } else {
     p.side = sideOfTheBack(p);
   }
-  p.view = fFieldOfView;
-  p.canTurn = fMotionService->getBaseLimits().maxAngularSpeed > 0.0f;
-  p.headLimit = std::min(-fModel.head.yaw.min, fModel.head.yaw.max);
   // Steps of at most a field of view that divide the head's reach evenly: the last stop of
   // each side falls on the limit, none is wasted just short of it.
   const float widest = std::max(kStepOfView * fFieldOfView, 0.1f);
@@ -341,7 +347,7 @@ void RoundSearcher::xPlan(KRTimePoint now) {
   fState.stops = p.stops(&fState.lastSide);
   fState.step = 0;
   // A gaze that already rests on the first stop has looked there: the search moves on.
-  const float gaze = p.torsoYaw + fMotionService->getAngle(fModel.head.yaw.name);
+  const float gaze = xTorsoYaw() + fMotionService->getAngle(fModel.head.yaw.name);
   if (std::fabs(Math::modulo2PI(gaze - p.origin)) < kArrived)
     fState.step = 1;
 }
@@ -368,7 +374,11 @@ void RoundSearcher::xNextStop(KRTimePoint now) {
   ++fState.step;
   // The head takes what it reaches; the base turns the rest, the head leading meanwhile.
   const Model::TrackerJoint& yaw = fModel.head.yaw;
-  const float relative = Math::modulo2PI(gaze - xTorsoYaw());
+  float relative = Math::modulo2PI(gaze - xTorsoYaw());
+  const float way = static_cast<float>(fState.pattern.turn());
+  if (fState.step == static_cast<int>(fState.stops.size()) && relative * way < 0.0f &&
+      std::fabs(relative) > fState.pattern.headLimit)
+    relative += way * 2.0f * Math::kPi;  // round the back the search's way, however far
   float head = relative;
   Math::clipData(yaw.min, yaw.max, head);
   if (head != relative && fState.pattern.canTurn) {
@@ -379,7 +389,6 @@ void RoundSearcher::xNextStop(KRTimePoint now) {
              fState.stops.size() > fState.lastSide) {
     // The last side's sweep starts: the base sets off at once toward the back, under the
     // head, so that the back comes within the head's reach as that side is searched.
-    const float way = static_cast<float>(fState.pattern.turn());
     float back = Math::modulo2PI(fState.stops.back() - xTorsoYaw());
     if (back * way < 0.0f)
       back += way * 2.0f * Math::kPi;  // the back is reached going that way round

@@ -2,6 +2,7 @@
 // it, by the head or by the whole body; where it starts and which way it goes; its dwell;
 // its end where the robot cannot turn; its settings.
 
+#include <algorithm>
 #include <cmath>
 #include <vector>
 
@@ -159,6 +160,45 @@ TEST_F(RoundSearcherTest, TheSearchStartsWhereTheLostTargetWasGoingOnItsSide) {
       EXPECT_GT(ahead * static_cast<float>(c.side), 0.15f) << c.name;
       EXPECT_GT(gazeMoved * static_cast<float>(c.side), 0.15f) << c.name;
     }
+  }
+}
+
+// A ball going fast round the robot vanishes: its predicted place at the loss lies past the
+// head's reach. The search starts at the reach on that side, takes in what the head reaches,
+// across to the other side, and only then turns the base, toward the predicted place.
+TEST_F(RoundSearcherTest, APredictedPlacePastTheReachIsSearchedFromTheReachThenTurnedToward) {
+  const struct {
+    const char* name;
+    float speed;  // about the robot [rad/s]
+    float side;
+  } cases[] = {{"going left", 0.8f, 1.0f}, {"going right", -0.8f, -1.0f}};
+  for (const auto& c : cases) {
+    build();
+    sim->world().addTarget({"ball",
+                            Target::TargetRedBall,
+                            Path::orbit({0.0f, 0.0f, 0.0f}, 1.5f, 0.45f, 0.0f, c.speed, 0.0, 30.0),
+                            {{1.5, 30.0}}});
+    sim->callTracker("toggleSearch", true);
+    track(Target::TargetRedBall);
+    sim->callTracker("setTimeOut", 2000);
+    record();
+    while (!state().searching && sim->time() < 5.0)
+      sim->step();
+    sim->step();
+    ASSERT_TRUE(state().searching) << c.name;
+    const auto pattern = state().pattern;
+    EXPECT_NEAR(KR::Math::modulo2PI(pattern.origin - pattern.torsoYaw), c.side * pattern.headLimit,
+                1e-3f)
+        << c.name;
+    float across = 0.0f;  // farthest the head went to the other side before the base turned
+    while (motionCalls("moveTo").empty() && sim->time() < 10.0) {
+      sim->step();
+      across = std::max(across, -c.side * sim->motion().getAngle("HeadYaw"));
+    }
+    const auto turns = motionCalls("moveTo");
+    ASSERT_FALSE(turns.empty()) << c.name;
+    EXPECT_GT(turns.front().args[2].asFloat() * c.side, 0.5f) << c.name;
+    EXPECT_GT(across, 1.5f) << c.name;
   }
 }
 
