@@ -202,6 +202,41 @@ TEST_F(RoundSearcherTest, APredictedPlacePastTheReachIsSearchedFromTheReachThenT
   }
 }
 
+// A ball that stays hidden through the first round: the next rounds are whole turns of the base
+// ("move") on the way the first round turned round the back, the way the ball was going, and
+// the ball is found once it shows again.
+TEST_F(RoundSearcherTest, LaterRoundsTurnTheBaseOnTheFirstRoundsWay) {
+  const struct {
+    const char* name;
+    float speed;  // about the robot [rad/s]
+    float side;
+  } cases[] = {{"going left", 0.3f, 1.0f}, {"going right", -0.3f, -1.0f}};
+  for (const auto& c : cases) {
+    build();
+    sim->world().addTarget({"ball",
+                            Target::TargetRedBall,
+                            Path::orbit({0.0f, 0.0f, 0.0f}, 1.5f, 0.45f, 0.0f, c.speed, 0.0, 40.0),
+                            {{2.0, 14.0}}});
+    sim->callTracker("toggleSearch", true);
+    track(Target::TargetRedBall);
+    sim->callTracker("setTimeOut", 1000);
+    record();
+    while (state().phase != KR::Sim::RoundSearcherState::Phase::Turn && sim->time() < 14.0)
+      sim->step();
+    EXPECT_EQ(state().round, 1) << c.name;
+    const auto backTurns = motionCalls("moveTo");
+    const auto wholeTurns = motionCalls("move");
+    ASSERT_FALSE(backTurns.empty()) << c.name;
+    ASSERT_EQ(wholeTurns.size(), 1u) << c.name;
+    EXPECT_GT(backTurns.back().args[2].asFloat() * c.side, 0.0f) << c.name;
+    EXPECT_GT(wholeTurns.front().args[2].asFloat() * c.side, 0.0f) << c.name;
+    while (events(Namer::getNameDetected()) == 0 && sim->time() < 30.0)
+      sim->step();
+    EXPECT_GT(sim->time(), 14.0) << c.name;
+    EXPECT_EQ(events(Namer::getNameDetected()), 1u) << c.name;
+  }
+}
+
 // A ball behind on either side, found while the base turns round the back with the head at its
 // reach: the base turns on onto it without stopping, and the head comes back to the centre as
 // the base catches up.

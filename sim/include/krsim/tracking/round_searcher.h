@@ -4,16 +4,22 @@
 // tracker's time-out for one that was). Then it searches until "KRTracker/TargetDetected"
 // (or "KRTracker/StopSearch") arrives:
 //  - head only: the gaze goes first where the target most likely is, the last target the
-//    lookers had (the smoother carries it along its path through the time-out), then one step
-//    either side of it, first on the side the target was moving to (the left when it was
-//    still or never seen), then farther out on that side and on the other to the head's
-//    reach (SearchPattern), with steps of at most the camera's field of view. Then, where the
-//    robot can turn, the base turns ("moveTo") round the back with the head held at its
-//    limit, still leading, until the whole field around the robot has been in view. Each
-//    round looks at another height. At each stop the gaze rests one camera frame, plus the
-//    camera's latency, plus the servos' settling, so that a target in view is detected before
-//    the gaze moves on. A robot that cannot turn searches what its head reaches, one round
-//    per height, then ends the search and looks back where the target was;
+//    lookers had (the smoother carries it along its path through the time-out; past the
+//    head's reach, the reach on its side), then one step either side of it, first on the side
+//    the target was moving to, then out to the head's reach on the other side and last on
+//    that side (SearchPattern), with steps of at most the camera's field of view; a target
+//    never seen is swept for one side out, then the other. With nothing to say which way the
+//    target went, the sides are taken so that the base turns toward the point opposite the
+//    first stop the shorter way. Then, where the robot can turn, the base turns ("moveTo")
+//    round the back in one turn, the way the sweep ended, with the head held at its limit,
+//    leading, until the whole field around the robot has been in view. Each round looks at
+//    another height; after the first, a round is one whole turn of the base ("move") on the
+//    same way, the head leading at its limit. At each stop the gaze rests one camera frame,
+//    plus the camera's latency, plus the servos' settling, so that a target in view is
+//    detected before the gaze moves on. A target found near the head's limit while the base
+//    turns is turned onto at once, under the head looker, the base not stopping. A robot that
+//    cannot turn searches what its head reaches, one round per height, then ends the search
+//    and looks back where the target was;
 //  - whole body ("setUseWholeBodyLookAt"(true)): the gaze steps round the robot with
 //    "_lookAtWb", the base turning with it, toward the side the target was moving to.
 // Head moves run at the fraction of the joints' velocity limits set by "setFractionMaxSpeed".
@@ -77,7 +83,7 @@ int sideOfTheBack(const SearchPattern& p);
 double searchDwell(double cameraRateHz, double latencyS);
 
 struct RoundSearcherState {
-  enum class Phase { Start, Move, Dwell, Gaze };
+  enum class Phase { Start, Move, Dwell, Turn, Gaze };
   bool enabled = false;      // started: searches when the target is lost
   bool searching = false;    // searching now
   bool haltPending = false;  // found: stop the turn at the next update
@@ -157,6 +163,8 @@ class RoundSearcher : public SimModule {
   void xPlan(KRTimePoint now);
   void xNextStop(KRTimePoint now);
   void xArrive(KRTimePoint now);
+  /// A later round where the robot can turn: one whole turn of the base (Phase::Turn).
+  void xTurnRound(KRTimePoint now);
   void xAlign();
   void xNextGaze(KRTimePoint now);
 
