@@ -114,15 +114,13 @@ void RoundSearcher::xOnFound(const KRValue& sample) {
   fState.endings.push_back("found");
 }
 
-void RoundSearcher::xHalt(bool found, KRTimePoint now) {
+void RoundSearcher::xHalt(bool found, KRTimePoint now, bool headLooking) {
   const bool moving = fState.turnSent || fState.baseMoving;
   fState.turnSent = false;
   fState.baseMoving = false;
   // Only under the head looker: a whole-body gaze turns the base itself once it is left to it.
-  const auto head = fHeadLooker.lock();
   const std::optional<float> onto =
-      found && fState.turned && fFoundAt && head && head->snapshot().running ? xTurnOnto(*fFoundAt)
-                                                                             : std::nullopt;
+      found && fState.turned && fFoundAt && headLooking ? xTurnOnto(*fFoundAt) : std::nullopt;
   if (onto) {
     // Found at the edge of the head's reach while the base turns: the base turns on onto the
     // target without stopping, and the head recentres as the base catches up.
@@ -156,7 +154,7 @@ std::optional<float> RoundSearcher::xTurnOnto(const Math::Position3D& target) co
 void RoundSearcher::xEnd(const std::string& reason) {
   fState.searching = false;
   fState.endings.push_back(reason);
-  xHalt(false, KRTimePoint{});
+  xHalt(false, KRTimePoint{}, false);
 }
 
 // ---- remote methods ------------------------------------------------------------------------
@@ -394,12 +392,19 @@ void RoundSearcher::xNextGaze(KRTimePoint now) {
 }
 
 void RoundSearcher::update(KRTimePoint now) {
+  // The head looker is asked outside this module's lock: no lock is ever held across both.
+  std::shared_ptr<const HeadLooker> head;
+  {
+    std::lock_guard<std::mutex> lock(fMutex);
+    head = fHeadLooker.lock();
+  }
+  const bool headLooking = head && head->snapshot().running;
   std::vector<std::pair<std::string, KRValue>> raised;
   {
     std::lock_guard<std::mutex> lock(fMutex);
     if (fState.haltPending) {
       fState.haltPending = false;
-      xHalt(true, now);
+      xHalt(true, now, headLooking);
     }
     if (fState.alignPending && now >= fState.alignAt && !fState.searching)
       xAlign();

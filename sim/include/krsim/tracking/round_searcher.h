@@ -152,9 +152,10 @@ class RoundSearcher : public SimModule {
   void xOnLost(const KRValue& last);
   void xOnFound(const KRValue& sample);
   /// Stops what the search set going. A target found near or past the head's reach after the
-  /// search turned the base: the base turns on onto it at once (xTurnOnto); otherwise, after a
-  /// turn, the base is turned under the head a moment later (xAlign). Caller holds fMutex.
-  void xHalt(bool found, KRTimePoint now);
+  /// search turned the base, while the head looker runs (`headLooking`): the base turns on
+  /// onto it at once (xTurnOnto); otherwise, after a turn, the base is turned under the head a
+  /// moment later (xAlign). Caller holds fMutex.
+  void xHalt(bool found, KRTimePoint now, bool headLooking);
   /// The base turn that faces `target` (world) when it lies near or past the head's reach.
   std::optional<float> xTurnOnto(const Math::Position3D& target) const;
   void xEnd(const std::string& reason);
