@@ -25,6 +25,7 @@ std::vector<std::shared_ptr<SimModule>> createSubModules(const SimContext& conte
   auto armsLooker = std::make_shared<ArmsLooker>(context);
   auto motionMove = std::make_shared<MotionMove>(context);
   auto navigationMove = std::make_shared<NavigationMove>(context);
+  searcher->setHeadLooker(headLooker);
 
   auto& broker = *context.broker;
   broker.addModule(targetManager);

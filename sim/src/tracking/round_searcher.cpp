@@ -37,67 +37,6 @@ Bearing bearingOf(const Math::Transform& worldToTorso, const Model::TrackerHead&
 
 }  // namespace
 
-std::vector<float> SearchPattern::stops(std::size_t* farSide) const {
-  // Offsets from the origin; the head reaches [lo, hi].
-  const float half = 0.5f * view;
-  const float s = static_cast<float>(side);
-  const float centre = Math::modulo2PI(torsoYaw - origin);
-  const float lo = centre - headLimit;
-  const float hi = centre + headLimit;
-  const float near = side > 0 ? hi : lo;  // the reach on `side`
-  const float far = side > 0 ? lo : hi;
-  const auto reach = [&](float u) { return std::clamp(u, lo, hi); };
-  std::vector<float> u{canTurn ? 0.0f : reach(0.0f)};
-  if (alternate) {
-    u.push_back(reach(s * step));
-    u.push_back(reach(-s * step));
-  }
-  // Outward on one side, then the other, the last stop of each at the head's reach.
-  std::size_t farFrom = u.size();
-  for (const float edge : {near, far}) {
-    const float way = edge == near ? s : -s;
-    if (edge == far)
-      farFrom = u.size();
-    for (int k = alternate ? 2 : 1;; ++k) {
-      const float x = way * static_cast<float>(k) * step;
-      if (way * (x - edge) >= 0.0f) {
-        u.push_back(edge);
-        break;
-      }
-      u.push_back(x);
-    }
-  }
-  if (canTurn) {
-    // On round the back, the base turning, until the view meets what the first side saw.
-    const float last = near + s * half - s * 2.0f * Math::kPi + s * half;
-    for (int k = 1; k < 64; ++k) {
-      const float x = far - s * static_cast<float>(k) * step;
-      if (s * (x - last) <= 0.0f) {
-        u.push_back(last);
-        break;
-      }
-      u.push_back(x);
-    }
-  }
-  // Stops that repeat the one before (the reach cut them short) are left out.
-  std::vector<float> out;
-  float previous = 1e9f;
-  for (std::size_t i = 0; i < u.size(); ++i) {
-    if (i == farFrom && farSide != nullptr)
-      *farSide = out.size();
-    if (std::fabs(u[i] - previous) > 0.05f)
-      out.push_back(Math::modulo2PI(origin + u[i]));
-    previous = u[i];
-  }
-  return out;
-}
-
-double searchDwell(double cameraRateHz, double latencyS) {
-  // A camera without a rate takes a frame every update (10 ms).
-  const double frame = cameraRateHz > 0.0 ? 1.0 / cameraRateHz : 0.01;
-  return frame + latencyS + std::chrono::duration<double>(RoundSearcher::kSettle).count();
-}
-
 const std::vector<float>& RoundSearcher::pitchRows() {
   static const std::vector<float> kRows{0.15f, 0.4f, -0.15f};
   return kRows;
@@ -116,7 +55,7 @@ RoundSearcher::RoundSearcher(const SimContext& context)
       Namer::getNameLost(), [this](const std::string&, const KRValue& v) { xOnLost(v); }));
   for (const std::string& found : {Namer::getNameDetected(), Namer::getNameStopSearch()}) {
     fSubscriptions.push_back(
-        fMemory->subscribe(found, [this](const std::string&, const KRValue&) { xOnFound(); }));
+        fMemory->subscribe(found, [this](const std::string&, const KRValue& v) { xOnFound(v); }));
   }
   bind("initialize", &RoundSearcher::initialize, this);
   bind("startEvent", &RoundSearcher::startEvent, this);
@@ -156,37 +95,66 @@ void RoundSearcher::xOnLost(const KRValue& last) {
   fState.alignPending = false;
 }
 
-void RoundSearcher::xOnFound() {
+void RoundSearcher::xOnFound(const KRValue& sample) {
+  std::optional<Math::Position3D> at;
+  try {
+    if (sample.isArray())
+      at = Tracker::types::TrackInfos(sample).getWorldToObject3D();
+  } catch (const std::exception&) {
+    at.reset();  // a stop without a target (StopSearch): nowhere to turn to
+  }
   // Motion requests wait for the next update: this runs inside whoever raised the event.
   std::lock_guard<std::mutex> lock(fMutex);
   if (!fState.searching) {
     return;
   }
+  fFoundAt = at;
   fState.searching = false;
   fState.haltPending = true;
   fState.endings.push_back("found");
 }
 
-void RoundSearcher::xHalt(bool found, KRTimePoint now) {
-  if (fState.turnSent || fState.baseMoving) {
-    fState.turnSent = false;
-    fState.baseMoving = false;
-    fMotion->call<void>("stopMove");
+void RoundSearcher::xHalt(bool found, KRTimePoint now, bool headLooking) {
+  const bool moving = fState.turnSent || fState.baseMoving;
+  fState.turnSent = false;
+  fState.baseMoving = false;
+  // Only under the head looker: a whole-body gaze turns the base itself once it is left to it.
+  const std::optional<float> onto =
+      found && fState.turned && fFoundAt && headLooking ? xTurnOnto(*fFoundAt) : std::nullopt;
+  if (onto) {
+    // Found at the edge of the head's reach while the base turns: the base turns on onto the
+    // target without stopping, and the head recentres as the base catches up.
+    fMotion->call<void>("moveTo", 0.0f, 0.0f, *onto);
+  } else {
+    if (moving)
+      fMotion->call<void>("stopMove");
+    if (found && fState.turned) {
+      // A target found past the head's reach would stay out of it: the base turns under the
+      // head once the lookers have taken over, unless a whole-body gaze turns it already.
+      fState.alignPending = true;
+      fState.alignAt = now + kAlignDelay;
+    }
   }
-  if (found && fState.turned) {
-    // A target found past the head's reach would stay out of it: the base turns under the
-    // head once the lookers have taken over, unless a whole-body gaze turns it already.
-    fState.alignPending = true;
-    fState.alignAt = now + kAlignDelay;
-  }
+  fFoundAt.reset();
   fState.turned = false;
   fState.gazeSent = false;  // the lookers' next command replaces a search gaze
+}
+
+std::optional<float> RoundSearcher::xTurnOnto(const Math::Position3D& target) const {
+  const Math::Transform worldToTorso = fMotionService->getWorldToTorso();
+  const float torsoYaw = Math::pose2DFromTransform(worldToTorso).theta;
+  const float relative =
+      Math::modulo2PI(bearingOf(worldToTorso, fModel.head, target).yaw - torsoYaw);
+  const float limit = std::min(-fModel.head.yaw.min, fModel.head.yaw.max);
+  if (std::fabs(relative) > limit - 0.5f * fFieldOfView)
+    return relative;
+  return std::nullopt;
 }
 
 void RoundSearcher::xEnd(const std::string& reason) {
   fState.searching = false;
   fState.endings.push_back(reason);
-  xHalt(false, KRTimePoint{});
+  xHalt(false, KRTimePoint{}, false);
 }
 
 // ---- remote methods ------------------------------------------------------------------------
@@ -238,6 +206,11 @@ void RoundSearcher::setUseWholeBodyLookAt(bool useWholeBody) {
   fState.useWholeBody = useWholeBody;
 }
 
+void RoundSearcher::setHeadLooker(std::weak_ptr<const HeadLooker> looker) {
+  std::lock_guard<std::mutex> lock(fMutex);
+  fHeadLooker = std::move(looker);
+}
+
 RoundSearcherState RoundSearcher::snapshot() const {
   std::lock_guard<std::mutex> lock(fMutex);
   return fState;
@@ -265,6 +238,9 @@ void RoundSearcher::xPlan(KRTimePoint now) {
   p.origin = Math::modulo2PI(p.torsoYaw + fMotionService->getAngle(fModel.head.yaw.name));
   p.side = 1;
   p.alternate = fLastSeen.has_value();
+  p.view = fFieldOfView;
+  p.canTurn = fMotionService->getBaseLimits().maxAngularSpeed > 0.0f;
+  p.headLimit = std::min(-fModel.head.yaw.min, fModel.head.yaw.max);
   fState.pitch = xRowPitch();
   const auto lead = fLead.fresh(now, seconds(1.0));
   if (lead && fLastSeen) {
@@ -272,24 +248,30 @@ void RoundSearcher::xPlan(KRTimePoint now) {
     const Bearing from = bearingOf(worldToTorso, fModel.head, *fLastSeen);
     p.origin = to.yaw;
     fState.pitch = std::clamp(to.pitch, fModel.head.pitch.min, fModel.head.pitch.max);
-    if (Math::modulo2PI(to.yaw - from.yaw) < -0.02f)
-      p.side = -1;
+    // A predicted place past the head's reach: the search starts at the reach on its side and
+    // takes in what the head reaches before the base turns round toward it (the way the target
+    // went). A target that went round the back while hidden may as well have turned back.
+    const float offset = Math::modulo2PI(p.origin - p.torsoYaw);
+    if (std::fabs(offset) > p.headLimit)
+      p.origin = Math::modulo2PI(p.torsoYaw + std::copysign(p.headLimit, offset));
+    const float went = Math::modulo2PI(to.yaw - from.yaw);
+    p.side = std::fabs(went) > kMoved ? (went > 0.0f ? 1 : -1) : sideOfTheBack(p);
   } else if (fLastSeen) {
     const Bearing at = bearingOf(worldToTorso, fModel.head, *fLastSeen);
     p.origin = at.yaw;
     fState.pitch = std::clamp(at.pitch, fModel.head.pitch.min, fModel.head.pitch.max);
+    p.side = sideOfTheBack(p);
+  } else {
+    p.side = sideOfTheBack(p);
   }
-  p.view = fFieldOfView;
-  p.canTurn = fMotionService->getBaseLimits().maxAngularSpeed > 0.0f;
-  p.headLimit = std::min(-fModel.head.yaw.min, fModel.head.yaw.max);
   // Steps of at most a field of view that divide the head's reach evenly: the last stop of
   // each side falls on the limit, none is wasted just short of it.
   const float widest = std::max(kStepOfView * fFieldOfView, 0.1f);
   p.step = p.headLimit / std::max(1.0f, std::ceil(p.headLimit / widest));
-  fState.stops = p.stops(&fState.farSide);
+  fState.stops = p.stops(&fState.lastSide);
   fState.step = 0;
   // A gaze that already rests on the first stop has looked there: the search moves on.
-  const float gaze = p.torsoYaw + fMotionService->getAngle(fModel.head.yaw.name);
+  const float gaze = xTorsoYaw() + fMotionService->getAngle(fModel.head.yaw.name);
   if (std::fabs(Math::modulo2PI(gaze - p.origin)) < kArrived)
     fState.step = 1;
 }
@@ -306,9 +288,13 @@ void RoundSearcher::xNextStop(KRTimePoint now) {
       xEnd("exhausted");
       return;
     }
+    if (fState.pattern.canTurn) {
+      xTurnRound(now);
+      return;
+    }
     fState.pattern.origin = fState.stops.back();
     fState.pattern.torsoYaw = xTorsoYaw();
-    fState.stops = fState.pattern.stops(&fState.farSide);
+    fState.stops = fState.pattern.stops(&fState.lastSide);
     fState.step = 0;
     fState.pitch = xRowPitch();
   }
@@ -316,18 +302,21 @@ void RoundSearcher::xNextStop(KRTimePoint now) {
   ++fState.step;
   // The head takes what it reaches; the base turns the rest, the head leading meanwhile.
   const Model::TrackerJoint& yaw = fModel.head.yaw;
-  const float relative = Math::modulo2PI(gaze - xTorsoYaw());
+  float relative = Math::modulo2PI(gaze - xTorsoYaw());
+  const float way = static_cast<float>(fState.pattern.turn());
+  if (fState.step == static_cast<int>(fState.stops.size()) && relative * way < 0.0f &&
+      std::fabs(relative) > fState.pattern.headLimit)
+    relative += way * 2.0f * Math::kPi;  // round the back the search's way, however far
   float head = relative;
   Math::clipData(yaw.min, yaw.max, head);
   if (head != relative && fState.pattern.canTurn) {
     fMotion->call<void>("moveTo", 0.0f, 0.0f, relative - head);
     fState.turnSent = true;
     fState.turned = true;
-  } else if (fState.pattern.canTurn && fState.step == static_cast<int>(fState.farSide) + 1 &&
-             fState.stops.size() > fState.farSide) {
-    // The far side's sweep starts: the base sets off at once toward the back, under the
+  } else if (fState.pattern.canTurn && fState.step == static_cast<int>(fState.lastSide) + 1 &&
+             fState.stops.size() > fState.lastSide) {
+    // The last side's sweep starts: the base sets off at once toward the back, under the
     // head, so that the back comes within the head's reach as that side is searched.
-    const float way = -static_cast<float>(fState.pattern.side);
     float back = Math::modulo2PI(fState.stops.back() - xTorsoYaw());
     if (back * way < 0.0f)
       back += way * 2.0f * Math::kPi;  // the back is reached going that way round
@@ -347,6 +336,25 @@ void RoundSearcher::xNextStop(KRTimePoint now) {
   const float omega = std::max(fMotionService->getBaseLimits().maxAngularSpeed, 0.1f);
   fState.phaseEnd =
       now + seconds(2.0 * Math::kPi / speed + std::fabs(relative - head) / omega + 2.0);
+}
+
+void RoundSearcher::xTurnRound(KRTimePoint now) {
+  // After the first round, where the robot can turn: a whole turn of the base on the way the
+  // last one went, the head leading at its reach, so that what was seen longest ago comes
+  // first and a target moving round the robot meanwhile is met.
+  const float way = static_cast<float>(fState.pattern.turn());
+  const float omega = std::max(fMotionService->getBaseLimits().maxAngularSpeed, 0.1f);
+  fState.pitch = xRowPitch();
+  fState.headYaw = way * fState.pattern.headLimit;
+  fMotion->call<void>("setAngles",
+                      std::vector<std::string>{fModel.head.yaw.name, fModel.head.pitch.name},
+                      std::vector<float>{fState.headYaw, fState.pitch}, fState.fraction);
+  fMotion->call<void>("move", 0.0f, 0.0f, way * omega);
+  fState.turnSent = true;
+  fState.turned = true;
+  fState.phase = RoundSearcherState::Phase::Turn;
+  // The turn's time, with its acceleration and the head's first move.
+  fState.phaseEnd = now + seconds(2.0 * Math::kPi / omega + 1.0);
 }
 
 void RoundSearcher::xAlign() {
@@ -384,12 +392,19 @@ void RoundSearcher::xNextGaze(KRTimePoint now) {
 }
 
 void RoundSearcher::update(KRTimePoint now) {
+  // The head looker is asked outside this module's lock: no lock is ever held across both.
+  std::shared_ptr<const HeadLooker> head;
+  {
+    std::lock_guard<std::mutex> lock(fMutex);
+    head = fHeadLooker.lock();
+  }
+  const bool headLooking = head && head->snapshot().running;
   std::vector<std::pair<std::string, KRValue>> raised;
   {
     std::lock_guard<std::mutex> lock(fMutex);
     if (fState.haltPending) {
       fState.haltPending = false;
-      xHalt(true, now);
+      xHalt(true, now, headLooking);
     }
     if (fState.alignPending && now >= fState.alignAt && !fState.searching)
       xAlign();
@@ -411,6 +426,12 @@ void RoundSearcher::update(KRTimePoint now) {
         case RoundSearcherState::Phase::Dwell:
           if (now >= fState.phaseEnd)
             xNextStop(now);
+          break;
+        case RoundSearcherState::Phase::Turn:
+          if (now >= fState.phaseEnd) {
+            ++fState.round;
+            xTurnRound(now);
+          }
           break;
         case RoundSearcherState::Phase::Gaze:
           if (now >= fState.phaseEnd)

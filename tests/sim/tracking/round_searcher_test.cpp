@@ -2,6 +2,7 @@
 // it, by the head or by the whole body; where it starts and which way it goes; its dwell;
 // its end where the robot cannot turn; its settings.
 
+#include <algorithm>
 #include <cmath>
 #include <vector>
 
@@ -40,15 +41,17 @@ TEST_F(RoundSearcherTest, ALostTargetIsSearchedForAndFollowedOnceFound) {
   EXPECT_LT(lineOfSightDeg(ball), 3.0);        // and the head follows the ball again
 }
 
-// From the first stop, one step either side (first on the side given), then outward on that
-// side to the head's reach, then on the other, then round the back until the view meets what
-// the first side saw; a robot that cannot turn keeps to what its head reaches; with no likely
-// place, one side is swept out before the other.
+// From the first stop, one step either side (first on the side given), then outward on the
+// other side to the head's reach and last on the side given, where the base turns round the
+// back that way in one turn, from the head's reach, until the view meets what the first side
+// saw; a robot that cannot turn keeps to what its head reaches, stopping at the reach; with no
+// likely place, one side is swept out before the other and the base turns on from the other.
 TEST(SearchPatternTest, StopsGoBothSidesOutwardThenRoundTheBack) {
   struct Case {
     const char* name;
     KR::Sim::SearchPattern pattern;
     std::vector<float> stops;
+    int turn;
   };
   KR::Sim::SearchPattern left;
   left.origin = 0.5f;
@@ -63,12 +66,13 @@ TEST(SearchPatternTest, StopsGoBothSidesOutwardThenRoundTheBack) {
   fixed.canTurn = false;
   KR::Sim::SearchPattern oneWay = left;  // nowhere more likely: one side, then the other
   oneWay.alternate = false;
-  const float back = 2.5f - 2.0f * static_cast<float>(M_PI) + 0.5f;  // meets 2.0 + half a view
+  // Round from the first side's reach until the view (1 rad) meets what that side saw.
+  const float turn = 2.0f * static_cast<float>(M_PI) - 1.0f;
   const Case cases[] = {
-      {"left first", left, {0.5f, 1.4f, -0.4f, 2.0f, -1.3f, -2.0f, -2.9f, back}},
-      {"right first", right, {0.5f, -0.4f, 1.4f, -1.3f, -2.0f, 2.0f, 2.9f, -back}},
-      {"cannot turn", fixed, {0.5f, 1.4f, -0.4f, 2.0f, -1.3f, -2.0f}},
-      {"one way", oneWay, {0.5f, 1.4f, 2.0f, -0.4f, -1.3f, -2.0f, -2.9f, back}},
+      {"left first", left, {0.5f, 1.4f, -0.4f, -1.3f, -2.0f, -2.0f + turn}, 1},
+      {"right first", right, {0.5f, -0.4f, 1.4f, 2.0f, -1.3f, 2.0f - turn}, -1},
+      {"cannot turn", fixed, {0.5f, 1.4f, -0.4f, -1.3f, -2.0f, 2.0f}, 1},
+      {"one way", oneWay, {0.5f, 1.4f, 2.0f, -0.4f, -1.3f, 2.0f - turn}, -1},
   };
   for (const auto& c : cases) {
     const std::vector<float> got = c.pattern.stops();
@@ -77,6 +81,31 @@ TEST(SearchPatternTest, StopsGoBothSidesOutwardThenRoundTheBack) {
       const float expected = KR::Math::modulo2PI(c.stops[i]);
       EXPECT_NEAR(KR::Math::modulo2PI(got[i] - expected), 0.0f, 1e-5f) << c.name << " stop " << i;
     }
+    EXPECT_EQ(c.pattern.turn(), c.turn) << c.name;
+  }
+}
+
+// With nothing to say which way the target went, the base's turn round the back heads for the
+// point opposite the first stop the shorter way: an alternating sweep ends on that side, a
+// one-way sweep starts on the other; with that point straight behind, the left comes first.
+TEST(SearchPatternTest, WithoutAWayTheBaseTurnsTowardThePointOppositeTheFirstStop) {
+  const struct {
+    const char* name;
+    float origin;  // relative to the torso [rad]
+    bool alternate;
+    int side;
+  } cases[] = {{"right of the torso, alternating", -0.3f, true, 1},
+               {"left of the torso, alternating", 0.3f, true, -1},
+               {"right of the torso, one way", -0.3f, false, -1},
+               {"left of the torso, one way", 0.3f, false, 1},
+               {"straight ahead, alternating", 0.0f, true, 1},
+               {"straight ahead, one way", 0.0f, false, 1}};
+  for (const auto& c : cases) {
+    KR::Sim::SearchPattern p;
+    p.torsoYaw = 3.0f;  // across the wrap of the angles
+    p.origin = KR::Math::modulo2PI(p.torsoYaw + c.origin);
+    p.alternate = c.alternate;
+    EXPECT_EQ(KR::Sim::sideOfTheBack(p), c.side) << c.name;
   }
 }
 
@@ -131,6 +160,106 @@ TEST_F(RoundSearcherTest, TheSearchStartsWhereTheLostTargetWasGoingOnItsSide) {
       EXPECT_GT(ahead * static_cast<float>(c.side), 0.15f) << c.name;
       EXPECT_GT(gazeMoved * static_cast<float>(c.side), 0.15f) << c.name;
     }
+  }
+}
+
+// A ball going fast round the robot vanishes: its predicted place at the loss lies past the
+// head's reach. The search starts at the reach on that side, takes in what the head reaches,
+// across to the other side, and only then turns the base, toward the predicted place.
+TEST_F(RoundSearcherTest, APredictedPlacePastTheReachIsSearchedFromTheReachThenTurnedToward) {
+  const struct {
+    const char* name;
+    float speed;  // about the robot [rad/s]
+    float side;
+  } cases[] = {{"going left", 0.8f, 1.0f}, {"going right", -0.8f, -1.0f}};
+  for (const auto& c : cases) {
+    build();
+    sim->world().addTarget({"ball",
+                            Target::TargetRedBall,
+                            Path::orbit({0.0f, 0.0f, 0.0f}, 1.5f, 0.45f, 0.0f, c.speed, 0.0, 30.0),
+                            {{1.5, 30.0}}});
+    sim->callTracker("toggleSearch", true);
+    track(Target::TargetRedBall);
+    sim->callTracker("setTimeOut", 2000);
+    record();
+    while (!state().searching && sim->time() < 5.0)
+      sim->step();
+    sim->step();
+    ASSERT_TRUE(state().searching) << c.name;
+    const auto pattern = state().pattern;
+    EXPECT_NEAR(KR::Math::modulo2PI(pattern.origin - pattern.torsoYaw), c.side * pattern.headLimit,
+                1e-3f)
+        << c.name;
+    float across = 0.0f;  // farthest the head went to the other side before the base turned
+    while (motionCalls("moveTo").empty() && sim->time() < 10.0) {
+      sim->step();
+      across = std::max(across, -c.side * sim->motion().getAngle("HeadYaw"));
+    }
+    const auto turns = motionCalls("moveTo");
+    ASSERT_FALSE(turns.empty()) << c.name;
+    EXPECT_GT(turns.front().args[2].asFloat() * c.side, 0.5f) << c.name;
+    EXPECT_GT(across, 1.5f) << c.name;
+  }
+}
+
+// A ball that stays hidden through the first round: the next rounds are whole turns of the base
+// ("move") on the way the first round turned round the back, the way the ball was going, and
+// the ball is found once it shows again.
+TEST_F(RoundSearcherTest, LaterRoundsTurnTheBaseOnTheFirstRoundsWay) {
+  const struct {
+    const char* name;
+    float speed;  // about the robot [rad/s]
+    float side;
+  } cases[] = {{"going left", 0.3f, 1.0f}, {"going right", -0.3f, -1.0f}};
+  for (const auto& c : cases) {
+    build();
+    sim->world().addTarget({"ball",
+                            Target::TargetRedBall,
+                            Path::orbit({0.0f, 0.0f, 0.0f}, 1.5f, 0.45f, 0.0f, c.speed, 0.0, 40.0),
+                            {{2.0, 14.0}}});
+    sim->callTracker("toggleSearch", true);
+    track(Target::TargetRedBall);
+    sim->callTracker("setTimeOut", 1000);
+    record();
+    while (state().phase != KR::Sim::RoundSearcherState::Phase::Turn && sim->time() < 14.0)
+      sim->step();
+    EXPECT_EQ(state().round, 1) << c.name;
+    const auto backTurns = motionCalls("moveTo");
+    const auto wholeTurns = motionCalls("move");
+    ASSERT_FALSE(backTurns.empty()) << c.name;
+    ASSERT_EQ(wholeTurns.size(), 1u) << c.name;
+    EXPECT_GT(backTurns.back().args[2].asFloat() * c.side, 0.0f) << c.name;
+    EXPECT_GT(wholeTurns.front().args[2].asFloat() * c.side, 0.0f) << c.name;
+    while (events(Namer::getNameDetected()) == 0 && sim->time() < 30.0)
+      sim->step();
+    EXPECT_GT(sim->time(), 14.0) << c.name;
+    EXPECT_EQ(events(Namer::getNameDetected()), 1u) << c.name;
+  }
+}
+
+// A ball behind on either side, found while the base turns round the back with the head at its
+// reach: the base turns on onto it without stopping, and the head comes back to the centre as
+// the base catches up.
+TEST_F(RoundSearcherTest, AFindAtTheHeadsReachTurnsTheBaseOnWithoutStopping) {
+  const struct {
+    const char* name;
+    Position3D ball;
+  } cases[] = {{"behind left", {-1.5f, 0.6f, 0.45f}}, {"behind right", {-1.5f, -0.6f, 0.45f}}};
+  for (const auto& c : cases) {
+    build();
+    sim->callTracker("toggleSearch", true);
+    trackBall(c.ball, 1000);
+    record();
+    while (events(Namer::getNameDetected()) == 0 && sim->time() < 20.0)
+      sim->step();
+    ASSERT_EQ(events(Namer::getNameDetected()), 1u) << c.name;
+    EXPECT_GT(std::fabs(sim->motion().getAngle("HeadYaw")), 1.5f) << c.name;
+    sim->step();  // the search halts at its next update
+    EXPECT_TRUE(motionCalls("stopMove").empty()) << c.name;
+    EXPECT_TRUE(sim->motion().moveIsActive()) << c.name;
+    sim->runUntil(sim->time() + 4.0);
+    EXPECT_LT(lineOfSightDeg(c.ball), 3.0) << c.name;
+    EXPECT_LT(std::fabs(sim->motion().getAngle("HeadYaw")), 0.3f) << c.name;
   }
 }
 

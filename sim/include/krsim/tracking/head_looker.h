@@ -35,7 +35,7 @@ class HeadLooker : public LookerBase<HeadLookerState> {
   /// Beyond this angle between head and target the turn runs at the joints' limits [rad].
   static constexpr float kHandOver = 0.15f;
   /// Acceleration of that turn, within what the head servos deliver [rad/s^2].
-  static constexpr float kTurnAcceleration = 20.0f;
+  static constexpr float kTurnAcceleration = 24.0f;
 
   explicit HeadLooker(const SimContext& context);
 
