@@ -3,6 +3,7 @@
 
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "transport.h"
@@ -21,6 +22,7 @@ void KRRemote::Impl::onAnnounces(dds_entity_t reader, void* arg) {
         // or gave no sign of life (no writer left).
         if (info.instance_state == DDS_IST_ALIVE && info.valid_data) {
           self->fAnnounced[a.target] = a.host;
+          self->fAnnouncer[a.target] = info.publication_handle;
           self->fGone.erase(a.target);
         } else {
           auto it = self->fAnnounced.find(a.target);
@@ -37,8 +39,62 @@ void KRRemote::Impl::onAnnounces(dds_entity_t reader, void* arg) {
 
 bool KRRemote::Impl::waitForModule(const std::string& name,
                                    std::chrono::milliseconds timeout) const {
-  std::unique_lock<std::mutex> lock(fAnnounceMutex);
-  return fAnnounceCv.wait_for(lock, timeout, [&] { return fAnnounced.count(name) != 0; });
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  dds_instance_handle_t announcer = 0;
+  {
+    std::unique_lock<std::mutex> lock(fAnnounceMutex);
+    if (!fAnnounceCv.wait_until(lock, deadline, [&] { return fAnnounced.count(name) != 0; }))
+      return false;
+    announcer = fAnnouncer.at(name);
+  }
+  // The announcement can arrive before this process's request writer and reply reader are
+  // matched with the host's: a call written then reaches nobody and times out. Wait for both.
+  while (!callPathsMatched(announcer)) {
+    if (std::chrono::steady_clock::now() >= deadline)
+      return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return true;
+}
+
+namespace {
+
+/// The participant that owns a matched remote endpoint, 0 if it is not matched (any more).
+dds_instance_handle_t ownerOf(dds_builtintopic_endpoint_t* endpoint) {
+  if (endpoint == nullptr)
+    return 0;
+  const dds_instance_handle_t owner = endpoint->participant_instance_handle;
+  dds_builtintopic_free_endpoint(endpoint);
+  return owner;
+}
+
+/// Whether one of the endpoints matched with `entity` belongs to `participant`.
+template <typename List, typename Data>
+bool matchedWith(dds_entity_t entity, dds_instance_handle_t participant, List list, Data data) {
+  std::vector<dds_instance_handle_t> handles(16);
+  dds_return_t n = list(entity, handles.data(), handles.size());
+  if (n > static_cast<dds_return_t>(handles.size())) {
+    handles.resize(static_cast<std::size_t>(n));
+    n = list(entity, handles.data(), handles.size());
+  }
+  for (dds_return_t i = 0; i < n && i < static_cast<dds_return_t>(handles.size()); ++i) {
+    if (ownerOf(data(entity, handles[static_cast<std::size_t>(i)])) == participant)
+      return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+bool KRRemote::Impl::callPathsMatched(dds_instance_handle_t announcer) const {
+  const dds_instance_handle_t host =
+      ownerOf(dds_get_matched_publication_data(fAnnounceReader, announcer));
+  if (host == 0)
+    return true;  // the announcer is gone again; the call reports that itself
+  return matchedWith(fRequestWriter, host, dds_get_matched_subscriptions,
+                     dds_get_matched_subscription_data) &&
+         matchedWith(fReplyReader, host, dds_get_matched_publications,
+                     dds_get_matched_publication_data);
 }
 
 KRRemoteModuleState KRRemote::Impl::state(const std::string& name) const {

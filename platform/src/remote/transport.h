@@ -116,6 +116,7 @@ class KRRemote::Impl : public std::enable_shared_from_this<KRRemote::Impl> {
   bool waitForModule(const std::string& name, std::chrono::milliseconds timeout) const;
   KRRemoteModuleState state(const std::string& name) const;
   std::vector<std::string> announcedNames() const;
+  bool callPathsMatched(dds_instance_handle_t announcer) const;
 
   std::chrono::milliseconds timeout() const { return std::chrono::milliseconds(fTimeoutMs.load()); }
   void setTimeout(std::chrono::milliseconds t) { fTimeoutMs.store(t.count()); }
@@ -168,7 +169,8 @@ class KRRemote::Impl : public std::enable_shared_from_this<KRRemote::Impl> {
   mutable std::mutex fAnnounceMutex;
   mutable std::condition_variable fAnnounceCv;
   std::map<std::string, std::string> fAnnounced;
-  std::map<std::string, KRRemoteModuleState> fGone;  // no longer announced, and why
+  std::map<std::string, dds_instance_handle_t> fAnnouncer;  // the announcing writer, per module
+  std::map<std::string, KRRemoteModuleState> fGone;         // no longer announced, and why
 };
 
 }  // namespace KR
