@@ -81,7 +81,8 @@ class KRRemote {
   void setTimeout(std::chrono::milliseconds timeout);
   std::chrono::milliseconds getTimeout() const;
 
-  /// Waits until a module hosted elsewhere is announced; false on timeout.
+  /// Waits until a module hosted elsewhere is announced and this process's calls and replies
+  /// are matched with its host's; false on timeout.
   bool waitForModule(const std::string& module, std::chrono::milliseconds timeout) const;
   /// Names of the modules other processes announce now, sorted.
   std::vector<std::string> getRemoteModuleNames() const;
