@@ -23,6 +23,18 @@ class RoundSearcherTest : public TrackingTest {
     sim->callTracker("searcherSetUseWholeBodyLookAt", wholeBody);
     trackBall(ball, 1000);
   }
+  /// A fresh robot searching for a red ball that circles it at 1.5 m at `speed` [rad/s] from
+  /// bearing 0 until `end` and is hidden over `hidden`; lost after `timeoutMs` unseen.
+  void trackOrbitingBall(float speed, double end, KR::Sim::TimeInterval hidden, int timeoutMs) {
+    build();
+    sim->world().addTarget({"ball",
+                            Target::TargetRedBall,
+                            Path::orbit({0.0f, 0.0f, 0.0f}, 1.5f, 0.45f, 0.0f, speed, 0.0, end),
+                            {hidden}});
+    sim->callTracker("toggleSearch", true);
+    track(Target::TargetRedBall);
+    sim->callTracker("setTimeOut", timeoutMs);
+  }
   auto state() { return module<KR::Sim::RoundSearcher>(kRoundSearcherModule)->snapshot(); }
   const Position3D ball{-1.5f, 0.4f, 0.45f};
 };
@@ -133,14 +145,7 @@ TEST_F(RoundSearcherTest, TheSearchStartsWhereTheLostTargetWasGoingOnItsSide) {
     int side;
   } cases[] = {{"moving left", 0.3f, 1}, {"moving right", -0.3f, -1}, {"still", 0.0f, 1}};
   for (const auto& c : cases) {
-    build();
-    sim->world().addTarget({"ball",
-                            Target::TargetRedBall,
-                            Path::orbit({0.0f, 0.0f, 0.0f}, 1.5f, 0.45f, 0.0f, c.speed, 0.0, 30.0),
-                            {{2.0, 30.0}}});
-    sim->callTracker("toggleSearch", true);
-    track(Target::TargetRedBall);
-    sim->callTracker("setTimeOut", 1000);
+    trackOrbitingBall(c.speed, 30.0, {2.0, 30.0}, 1000);
     sim->runUntil(2.0);
     const float vanished = 2.0f * c.speed;  // the ball's bearing when it hid
     const float headAtHiding = sim->motion().getAngle("HeadYaw");
@@ -173,14 +178,7 @@ TEST_F(RoundSearcherTest, APredictedPlacePastTheReachIsSearchedFromTheReachThenT
     float side;
   } cases[] = {{"going left", 0.8f, 1.0f}, {"going right", -0.8f, -1.0f}};
   for (const auto& c : cases) {
-    build();
-    sim->world().addTarget({"ball",
-                            Target::TargetRedBall,
-                            Path::orbit({0.0f, 0.0f, 0.0f}, 1.5f, 0.45f, 0.0f, c.speed, 0.0, 30.0),
-                            {{1.5, 30.0}}});
-    sim->callTracker("toggleSearch", true);
-    track(Target::TargetRedBall);
-    sim->callTracker("setTimeOut", 2000);
+    trackOrbitingBall(c.speed, 30.0, {1.5, 30.0}, 2000);
     record();
     while (!state().searching && sim->time() < 5.0)
       sim->step();
@@ -212,14 +210,7 @@ TEST_F(RoundSearcherTest, LaterRoundsTurnTheBaseOnTheFirstRoundsWay) {
     float side;
   } cases[] = {{"going left", 0.3f, 1.0f}, {"going right", -0.3f, -1.0f}};
   for (const auto& c : cases) {
-    build();
-    sim->world().addTarget({"ball",
-                            Target::TargetRedBall,
-                            Path::orbit({0.0f, 0.0f, 0.0f}, 1.5f, 0.45f, 0.0f, c.speed, 0.0, 40.0),
-                            {{2.0, 14.0}}});
-    sim->callTracker("toggleSearch", true);
-    track(Target::TargetRedBall);
-    sim->callTracker("setTimeOut", 1000);
+    trackOrbitingBall(c.speed, 40.0, {2.0, 14.0}, 1000);
     record();
     while (state().phase != KR::Sim::RoundSearcherState::Phase::Turn && sim->time() < 14.0)
       sim->step();
