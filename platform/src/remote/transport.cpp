@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <mutex>
 #include <random>
+#include <set>
 #include <string>
 
 #include <unistd.h>
@@ -159,10 +160,15 @@ void KRRemote::Impl::close() {
     fClosed = true;
   }
   // The modules leave on purpose: disposed, so that other processes tell this from a death.
-  // Deleting the participant then unregisters the announces and waits for running listeners.
+  // Deleting the participant then unregisters the announces and waits for running listeners,
+  // so it runs without the hosted-module lock: a request listener takes that lock.
   if (fParticipant > 0) {
-    std::lock_guard<std::mutex> lock(fHostedMutex);
-    for (const std::string& name : fHosted) {
+    std::set<std::string> hosted;
+    {
+      std::lock_guard<std::mutex> lock(fHostedMutex);
+      hosted = fHosted;
+    }
+    for (const std::string& name : hosted) {
       krremote_Announce a{};
       a.target = text(name);
       a.host = text(fClientId);
