@@ -25,12 +25,12 @@ The tracker's configuration table (setTrackerConfig) is one per process: each Si
 built resets it to its defaults, so simulations that run side by side share it.
 """
 
-from ._krtracker import (FRAME_ROBOT, FRAME_TORSO, FRAME_WORLD, Broker, KRError, Proxy, Robot,
-                         Simulation, Tracker, connect, run)
+from ._krtracker import (FRAME_ROBOT, FRAME_TORSO, FRAME_WORLD, LOOPBACK_DDS_CONFIG, Broker,
+                         KRError, Proxy, Robot, Simulation, Tracker, connect, run)
 from ._tracker_methods import install as _install_tracker_methods
 
-__all__ = ["Broker", "FRAME_ROBOT", "FRAME_TORSO", "FRAME_WORLD", "KRError", "Proxy", "Robot",
-           "Simulation", "Tracker", "connect", "run"]
+__all__ = ["Broker", "FRAME_ROBOT", "FRAME_TORSO", "FRAME_WORLD", "KRError",
+           "LOOPBACK_DDS_CONFIG", "Proxy", "Robot", "Simulation", "Tracker", "connect", "run"]
 
 _install_tracker_methods(Tracker)
 

@@ -97,6 +97,7 @@ void bindRemote(py::module_& m) {
       .def("__enter__", [](py::object self) { return self; })
       .def("__exit__", [](Broker& self, py::args) { self.close(); });
 
+  m.attr("LOOPBACK_DDS_CONFIG") = KR::kLoopbackDdsConfig;
   m.def(
       "connect",
       [](std::optional<std::string> prefix, double timeout) {

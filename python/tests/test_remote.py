@@ -16,7 +16,12 @@ def remote_run(krtracker_sim, tmp_path, monkeypatch):
     """The two processes of a run over DDS, under a topic prefix of this test's own; they and
     this process's own broker (krtracker.connect reads the same variables) stay on loopback."""
     prefix = f"krpytest_{os.getpid()}"
-    monkeypatch.setenv("KRTRACKER_DDS_CONFIG", "loopback")
+    # Interface lo, multicast off, 127.0.0.1 the one discovery peer: nothing leaves the machine.
+    config = krtracker.LOOPBACK_DDS_CONFIG
+    assert '<NetworkInterface name="lo"/>' in config
+    assert "<AllowMulticast>false</AllowMulticast>" in config
+    assert '<Peer address="127.0.0.1"/>' in config
+    monkeypatch.setenv("KRTRACKER_DDS_CONFIG", config)
     monkeypatch.delenv("CYCLONEDDS_URI", raising=False)
     env = dict(os.environ, KRTRACKER_REMOTE_PREFIX=prefix)
     tracker = subprocess.Popen([krtracker_sim, "remote-tracker"], cwd=tmp_path, env=env,

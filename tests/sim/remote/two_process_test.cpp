@@ -24,6 +24,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <kr/broker/remote.h>
 #include <nlohmann/json.hpp>
 
 #include "sim/helpers.h"
@@ -65,12 +66,14 @@ struct Side {
     std::vector<std::string> env;
     for (char** e = environ; *e != nullptr; ++e) {
       const std::string entry = *e;
-      // Loopback, the transport's default, whatever the environment asks for.
+      // Loopback whatever the environment asks for: interface lo, multicast off, 127.0.0.1
+      // the one discovery peer (KR::kLoopbackDdsConfig), given explicitly.
       if (entry.rfind("KRTRACKER_REMOTE_PREFIX=", 0) != 0 &&
           entry.rfind("KRTRACKER_DDS_CONFIG=", 0) != 0 && entry.rfind("CYCLONEDDS_URI=", 0) != 0)
         env.push_back(entry);
     }
     env.push_back("KRTRACKER_REMOTE_PREFIX=" + prefix);
+    env.push_back(std::string("KRTRACKER_DDS_CONFIG=") + KR::kLoopbackDdsConfig);
     std::vector<char*> argp, envp;
     for (auto& a : argv)
       argp.push_back(a.data());
