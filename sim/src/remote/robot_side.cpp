@@ -1,6 +1,7 @@
 #include <krsim/remote/robot_side.h>
 
 #include <chrono>
+#include <ostream>
 #include <thread>
 
 #include <krtracker/config/krgenerictrackerconfig.h>
@@ -75,6 +76,8 @@ SubModuleFactory RobotSide::modules() {
 
 void RobotSide::waitForTracker() {
   fSession->waitForPeer({SideModule::nameOf(Side::Tracker), kTrackerServiceModule}, fTimes.waitS);
+  fOut << "robot side: found the tracking service; running " << fDescription[0].asString() << "\n"
+       << std::flush;
 }
 
 std::string RobotSide::stopReason() const {

@@ -386,7 +386,8 @@ TEST_P(TwoProcessRun, EachSideEndsAsItSays) {
   if (f.start != Start::TrackerAlone)
     robot.emplace(robotLine, prefix, dir, "robot", f.fromScript && f.target == Who::Robot);
   if (tracker && robot) {
-    ASSERT_TRUE(tracker->waitForOutput("serving")) << tracker->errors() << robot->errors();
+    ASSERT_TRUE(robot->waitForOutput("robot side: found the tracking service; running ball"))
+        << tracker->errors() << robot->errors();
     std::this_thread::sleep_for(std::chrono::seconds(1));  // into the run
   }
   if (f.start == Start::SecondRobot)
