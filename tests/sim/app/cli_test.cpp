@@ -435,20 +435,12 @@ TEST(CommandLineTest, TheJsonSummaryFollowsTheSchema) {
   EXPECT_EQ(r.err, "");
   const std::string json = readFile(dir + "/step.json");
   std::size_t at = 0;
-  for (const char* key : {"scenario",       "robot",
-                          "seed",           "physics",
-                          "transport",      "latency_s",
-                          "compensation",   "simulated_s",
-                          "cpu_s",          "phases",
-                          "name",           "time_to_on_target_s",
-                          "los_rms_deg",    "los_p95_deg",
-                          "los_max_deg",    "los_bias_deg",
-                          "los_jitter_deg", "on_target_pct",
-                          "overshoot_deg",  "settling_s",
-                          "arms_rms_deg",   "acquisition_s",
-                          "search_s",       "los_rms_tracking_deg",
-                          "found_after_s",  "found_after_lost_s",
-                          "events"}) {
+  std::istringstream keys(
+      "scenario robot seed physics transport latency_s compensation simulated_s cpu_s phases name "
+      "time_to_on_target_s los_rms_deg los_p95_deg los_max_deg los_bias_deg los_jitter_deg "
+      "on_target_pct overshoot_deg settling_s arms_rms_deg acquisition_s search_s "
+      "los_rms_tracking_deg found_after_s found_after_lost_s events");
+  for (std::string key; keys >> key;) {
     const auto next = json.find("\"" + std::string(key) + "\":", at);
     ASSERT_NE(next, std::string::npos) << key << " missing or out of order in " << json;
     at = next;
@@ -631,141 +623,78 @@ std::string outputsIn(const std::string& dir) {
   return text;
 }
 
-// Each case: an optional first run, then a second one into the same outputs (--csv o.csv
+// Each case: an optional first run of 2 s, then a second one into the same outputs (--csv o.csv
 // --plot o.png --json o.json), with what the folder holds after it. A run writes one CSV and
 // plot per run of many (suffixes -compensation-on/off, -seedN), replaces all of a previous
 // run's outputs together, and leaves them as they were when it is refused or fails.
 TEST(OutputFilesTest, EachRunLeavesCompleteFilesOfItsOwnOrThePreviousOnes) {
   const std::string track = "  - {time: 0, call: track, args: [RedBall]}";
+  const std::string kept = "o.csv o.json o.png ";
   const struct {
     std::string name;
-    std::vector<std::string> first;   // empty: no first run
-    std::vector<std::string> second;  // with the scenario's edit below
-    std::string from, to;
+    bool first;
+    std::string options;   // of the second run, which also has the scenario's edit below
+    std::string from, to;  // the edit
     int code;
     std::string error;  // in the one line of a refused or failed run
     std::string files;
-    bool unchanged;  // the first run's files stay as they were
-    double seconds;  // of each CSV left
   } cases[] = {
-      {"seeds",
-       {},
-       {"--duration", "2", "--seeds", "3-4"},
-       "",
-       "",
-       0,
-       "",
-       "o-seed3.csv o-seed3.png o-seed4.csv o-seed4.png o.json ",
-       false,
-       2.0},
-      {"compare",
-       {},
-       {"--duration", "2", "--compare", "compensation"},
-       "",
-       "",
-       0,
-       "",
+      {"seeds", false, "--duration 2 --seeds 3-4", "", "", 0, "",
+       "o-seed3.csv o-seed3.png o-seed4.csv o-seed4.png o.json "},
+      {"compare", false, "--duration 2 --compare compensation", "", "", 0, "",
        "o-compensation-off.csv o-compensation-off.png o-compensation-on.csv "
-       "o-compensation-on.png o.json ",
-       false,
-       2.0},
-      {"seeds_and_compare",
-       {},
-       {"--duration", "2", "--seeds", "3-4", "--compare", "compensation"},
-       "",
-       "",
-       0,
-       "",
+       "o-compensation-on.png o.json "},
+      {"seeds_and_compare", false, "--duration 2 --seeds 3-4 --compare compensation", "", "", 0, "",
        "o-compensation-off-seed3.csv o-compensation-off-seed3.png o-compensation-off-seed4.csv "
        "o-compensation-off-seed4.png o-compensation-on-seed3.csv o-compensation-on-seed3.png "
-       "o-compensation-on-seed4.csv o-compensation-on-seed4.png o.json ",
-       false,
-       2.0},
+       "o-compensation-on-seed4.csv o-compensation-on-seed4.png o.json "},
       // A run that simulates nothing draws no plot: the older run's picture goes with its CSV.
-      {"replaced_together",
-       {"--duration", "2"},
-       {"--duration", "0.001"},
-       "",
-       "",
-       0,
-       "",
-       "o.csv o.json ",
-       false,
-       0.0},
-      // Refused before anything runs.
-      {"misspelt_call",
-       {"--duration", "2"},
-       {"--duration", "2"},
-       "call: track",
-       "call: trak",
-       2,
-       ".yaml:18: actions[2].call: KRTracker has no method 'trak'",
-       "o.csv o.json o.png ",
-       true,
-       2.0},
-      {"wrong_arguments",
-       {"--duration", "2"},
-       {"--duration", "2"},
-       "args: [RedBall]}",
-       "args: [RedBall, 2]}",
-       2,
-       ".yaml:18: actions[2].args: KRTracker.track expects",
-       "o.csv o.json o.png ",
-       true,
-       2.0},
-      {"unknown_service",
-       {"--duration", "2"},
-       {"--duration", "2"},
-       "args: [RedBall]}",
-       "args: [RedBall], service: KRMotor}",
-       2,
-       ".yaml:18: actions[2].service: expects",
-       "o.csv o.json o.png ",
-       true,
-       2.0},
+      {"replaced_together", true, "--duration 0.001", "", "", 0, "", "o.csv o.json "},
+      // Refused before anything runs: the first run's files stay as they were.
+      {"misspelt_call", true, "--duration 2", "call: track", "call: trak", 2,
+       ".yaml:18: actions[2].call: KRTracker has no method 'trak'", kept},
+      {"wrong_arguments", true, "--duration 2", "args: [RedBall]}", "args: [RedBall, 2]}", 2,
+       ".yaml:18: actions[2].args: KRTracker.track expects", kept},
+      {"unknown_service", true, "--duration 2", "args: [RedBall]}",
+       "args: [RedBall], service: KRMotor}", 2, ".yaml:18: actions[2].service: expects", kept},
       // A value the tracker itself rejects is only found when the call runs, 1 s in.
-      {"failed_run",
-       {"--duration", "2"},
-       {"--duration", "2"},
-       track,
-       track + "\n  - {time: 1, call: setEffector, args: [Leg]}",
-       1,
-       "Invalid effector name",
-       "o.csv o.json o.png ",
-       true,
-       2.0},
+      {"failed_run", true, "--duration 2", track,
+       track + "\n  - {time: 1, call: setEffector, args: [Leg]}", 1, "Invalid effector name", kept},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     const std::string dir = freshDirectory("outputs_" + c.name);
-    auto run = [&](const std::vector<std::string>& options, const std::string& scenario) {
+    auto run = [&](const std::string& options, const std::string& scenario) {
       std::vector<std::string> a = {"--scenario",   scenario, "--quiet",      "--physics",
                                     "kinematic",    "--csv",  dir + "/o.csv", "--plot",
                                     dir + "/o.png", "--json", dir + "/o.json"};
-      a.insert(a.end(), options.begin(), options.end());
+      std::istringstream words(options);
+      for (std::string w; words >> w;)
+        a.push_back(w);
       return runWithTracker(a);
     };
     std::map<std::string, std::string> before;
-    if (!c.first.empty()) {
-      ASSERT_EQ(run(c.first, writeScenario("table", kUserScenario)).code, 0);
+    if (c.first) {
+      ASSERT_EQ(run("--duration 2", writeScenario("table", kUserScenario)).code, 0);
       for (const auto& n : filesIn(dir))
         before[n] = readFile(dir + "/" + n);
     }
     const std::string edited =
         c.from.empty() ? kUserScenario : replaced(kUserScenario, c.from, c.to);
-    const Result r = run(c.second, writeScenario("table_" + c.name, edited));
+    const Result r = run(c.options, writeScenario("table_" + c.name, edited));
     EXPECT_EQ(r.code, c.code) << r.err;
     EXPECT_NE(r.err.find(c.error), std::string::npos) << r.err;
     EXPECT_EQ(outputsIn(dir), c.files);
+    // Each CSV left holds the whole run that wrote it: 100 lines a second and the header.
+    const double seconds = c.code != 0 ? 2.0 : std::stod(c.options.substr(11));
     std::set<std::string> csvs;
     for (const auto& n : filesIn(dir)) {
       const std::string text = readFile(dir + "/" + n);
-      if (c.unchanged) {
+      if (c.code != 0) {
         EXPECT_EQ(text, before[n]) << n;
       }
       if (n.size() > 4 && n.compare(n.size() - 4, 4, ".csv") == 0) {
-        EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), std::lround(c.seconds * 100) + 1)
-            << n;
+        EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), std::lround(seconds * 100) + 1) << n;
         csvs.insert(text);
       }
     }
