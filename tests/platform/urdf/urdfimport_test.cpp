@@ -81,41 +81,26 @@ struct CameraCase {
 };
 
 struct UrdfRobotCase {
-  const char* mapping;
-  const char* urdf;
+  std::string robot;  // ROBOT.yaml maps ROBOT.urdf
   std::string torso, yaw, pitch;
-  std::map<std::string, double> fixed;
   std::vector<CameraCase> cameras;
+  std::map<std::string, double> fixed = {};
 };
 
+const std::vector<CameraCase> kKiboCameras = {{"camera_top_optical_frame", 'z'},
+                                              {"camera_bottom_link", 'x'},
+                                              {"depth_camera_optical_frame", 'z'}};
 const std::vector<UrdfRobotCase> kUrdfRobots = {
-    {"kibo.yaml",
-     "kibo.urdf",
-     "torso",
-     "HeadYaw",
-     "HeadPitch",
-     {},
-     {{"camera_top_optical_frame", 'z'},
-      {"camera_bottom_link", 'x'},
-      {"depth_camera_optical_frame", 'z'}}},
-    {"rover.yaml",
-     "rover.urdf",
-     "torso",
-     "HeadYaw",
-     "HeadPitch",
-     {},
-     {{"camera_top_optical_frame", 'z'},
-      {"camera_bottom_link", 'x'},
-      {"depth_camera_optical_frame", 'z'}}},
-    {"lumen.yaml",
-     "lumen.urdf",
+    {"kibo", "torso", "HeadYaw", "HeadPitch", kKiboCameras},
+    {"rover", "torso", "HeadYaw", "HeadPitch", kKiboCameras},
+    {"lumen",
      "torso_lift_link",
      "head_pan_joint",
      "head_tilt_joint",
-     {{"torso_lift_joint", 0.1}},
      {{"head_camera_optical_frame", 'z'},
       {"head_wide_optical_frame", 'z'},
-      {"head_depth_optical_frame", 'z'}}},
+      {"head_depth_optical_frame", 'z'}},
+     {{"torso_lift_joint", 0.1}}},
 };
 
 // Camera pose in the torso frame for head angles, from the URDF.
@@ -135,9 +120,9 @@ double aimError(const Iso& camera, char axis, const Eigen::Vector3d& target) {
 
 TEST(UrdfRobots, LookAtAimsEveryCameraAtTheTargetByTheUrdfsKinematics) {
   for (const UrdfRobotCase& r : kUrdfRobots) {
-    SCOPED_TRACE(r.mapping);
-    const auto robot = UrdfImport::robotFromUrdfMapping(kRobots + "/" + r.mapping);
-    const UrdfChain chain(kRobots + "/" + r.urdf);
+    SCOPED_TRACE(r.robot);
+    const auto robot = UrdfImport::robotFromUrdfMapping(kRobots + "/" + r.robot + ".yaml");
+    const UrdfChain chain(kRobots + "/" + r.robot + ".urdf");
     ASSERT_TRUE(chain.ok());
     const KR::Model::TrackerHead& head = robot->trackerModel().head;
     const urdf::Joint& yawJoint = chain.joint(r.yaw);
@@ -179,7 +164,7 @@ TEST(UrdfRobots, LookAtAimsEveryCameraAtTheTargetByTheUrdfsKinematics) {
       // The solution found is the one the target was made from.
       EXPECT_LT(worstAngle, 1e-4) << c.frame;
       std::printf("[ aim      ] %-10s camera %zu %-28s %4d targets, worst aim error %.2e rad\n",
-                  r.mapping, e, c.frame.c_str(), count, worst);
+                  (r.robot + ".yaml").c_str(), e, c.frame.c_str(), count, worst);
     }
   }
 }
