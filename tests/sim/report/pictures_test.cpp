@@ -1,13 +1,8 @@
-// Pictures of a run drawn for real, off screen: the head camera's inset is that camera's
-// pinhole view (a target put at known angles shows where the lens puts it), a snapshot carries
-// its legend and caption, and a filmed run read back holds what a viewer needs: its simulated
-// duration, no blank frame, the ball in the inset where the line-of-sight error says it is
-// (within 5 % of the inset's width of the centre whenever the tracker is on it, under 3
-// degrees), and a run whose figures are those of the same run without a video. Without any
-// way to draw here (no EGL, no X display), each checks the refusal instead.
-//
-// The ctests "snapshot_xvfb" and "video_xvfb" run them again under Xvfb through GLFW
-// (KRTRACKER_GL=glfw).
+// Pictures of a run drawn for real, off screen: the head camera's inset is its pinhole view, a
+// snapshot carries its legend and caption, a filmed run read back has its duration, no blank
+// frame, the ball where the line-of-sight error puts it, and the figures of the same run
+// without a video. Without any way to draw here, each checks the refusal instead. The ctests
+// "snapshot_xvfb" and "video_xvfb" run them again under Xvfb through GLFW.
 
 #include <sys/resource.h>
 #include <sys/stat.h>

@@ -127,12 +127,8 @@ void expectRefused(const std::vector<Case>& cases) {
 }
 
 // Every fault of a file is found before anything is built, run or written, and named by the
-// file, the line and the field: calls against the method tables of their service (name, count
-// and kind of arguments, as the service would convert them), a script that does not make sense
-// as a whole (unknown kinds, a field given twice, a second document, intervals backwards,
-// anything after the end), and files written to hurt (aliases that expand without bound, paths
-// sampled past any memory, a name that leaves the output folder or writes to the terminal, a
-// robot that is not a regular file).
+// file, the line and the field: calls checked against their service's method tables, a script
+// that makes no sense as a whole, and files written to hurt.
 TEST(ScenarioFileReaderTest, EveryFaultIsRefusedWithItsPlace) {
   const std::string moveTo = "{time: 1, call: moveTo, args: [0.5, 0, 0], service: KRMotion}";
   std::string bomb = "&a0 [1, 1, 1, 1, 1, 1, 1, 1, 1, 1]";
