@@ -179,22 +179,15 @@ struct Csv {
   std::vector<std::vector<std::string>> rows;
 
   explicit Csv(const std::string& path) {
-    std::ifstream in(path);
-    std::string line;
-    std::getline(in, line);
-    std::vector<std::string> header = split(line);
-    for (std::size_t i = 0; i < header.size(); ++i)
-      column[header[i]] = i;
-    while (std::getline(in, line))
-      rows.push_back(split(line));
-  }
-  static std::vector<std::string> split(const std::string& line) {
-    std::vector<std::string> cells;
-    std::stringstream in(line);
-    std::string cell;
-    while (std::getline(in, cell, ','))
-      cells.push_back(cell);
-    return cells;
+    for (const std::string& line : linesOf(readFile(path))) {
+      rows.emplace_back();
+      std::stringstream in(line);
+      for (std::string cell; std::getline(in, cell, ',');)
+        rows.back().push_back(cell);
+    }
+    for (std::size_t i = 0; i < rows.at(0).size(); ++i)
+      column[rows[0][i]] = i;
+    rows.erase(rows.begin());
   }
   double number(std::size_t row, const std::string& name) const {
     return std::stod(rows[row].at(column.at(name)));
@@ -202,10 +195,8 @@ struct Csv {
 };
 
 std::string withoutCpu(const std::string& json) {
-  std::istringstream in(json);
-  std::string line;
   std::string kept;
-  while (std::getline(in, line)) {
+  for (const std::string& line : linesOf(json)) {
     if (line.find("cpu_s") == std::string::npos)
       kept += line + "\n";
   }
