@@ -3,7 +3,6 @@
 // answer, which remembered angles moved, and the lists (the head in place, an arm appended).
 
 #include <algorithm>
-#include <array>
 #include <ostream>
 #include <string>
 #include <vector>

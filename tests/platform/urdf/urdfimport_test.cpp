@@ -5,7 +5,6 @@
 
 #include <cmath>
 #include <cstdio>
-#include <functional>
 #include <map>
 #include <string>
 #include <vector>
