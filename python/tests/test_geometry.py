@@ -63,12 +63,6 @@ def test_a_urdf_robot_loads_from_its_mapping_and_answers_as_its_xml_twin():
         assert sim.summary()["robot"] == lumen.name
 
 
-def test_a_robot_object_runs_in_a_simulation():
-    rover = krtracker.Robot.load("rover")
-    with krtracker.Simulation(robot=rover, physics="kinematic") as sim:
-        assert sim.summary()["robot"] == "Rover"
-
-
 def test_bad_requests_are_refused_with_what_is_wrong():
     robot = krtracker.Robot.load("kibo")
     with pytest.raises(ValueError, match="effector expects 0"):

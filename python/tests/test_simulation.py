@@ -192,24 +192,26 @@ def test_settings_out_of_range_are_refused_naming_the_keyword(keywords, error, t
     assert text in str(refused.value)
 
 
-def test_targets_are_refused_with_what_is_wrong(sim):
-    with pytest.raises(ValueError, match="kind expects one of RedBall, Face, People"):
-        sim.add_target("ball", "Ball", [1, 0, 0.5])
-    with pytest.raises(ValueError, match=r"position expects \[x, y, z\]"):
-        sim.add_target("ball", "RedBall", [1, 0])
-    with pytest.raises(ValueError, match=r"position expects \[x, y, z\]"):
-        sim.add_target("ball", "RedBall", [1, 0, math.nan])
-    with pytest.raises(TypeError, match=r"position expects \[x, y, z\]"):
-        sim.add_target("ball", "RedBall", "here")
+POSITION = r"position expects \[x, y, z\]"
+
+
+@pytest.mark.parametrize("call, error, text", [
+    (lambda sim: sim.add_target("cup", "Ball", [1, 0, 0.5]), ValueError,
+     "kind expects one of RedBall, Face, People"),
+    (lambda sim: sim.add_target("cup", "RedBall", [1, 0]), ValueError, POSITION),
+    (lambda sim: sim.add_target("cup", "RedBall", [1, 0, math.nan]), ValueError, POSITION),
+    (lambda sim: sim.add_target("cup", "RedBall", "here"), TypeError, POSITION),
+    (lambda sim: sim.add_target("ball", "Face", [1, 0, 0.5]), krtracker.KRError,
+     "already named ball"),
+    (lambda sim: sim.move_target("cup", [1, 0, 0.5]), krtracker.KRError, "no target named cup"),
+    (lambda sim: sim.hide_target("cup"), krtracker.KRError, "no target named cup"),
+    (lambda sim: sim.step(-1.0), ValueError, "seconds expects a finite number"),
+])
+def test_targets_are_refused_with_what_is_wrong(sim, call, error, text):
     sim.add_target("ball", "RedBall", (1, 0, 0.5))
-    with pytest.raises(krtracker.KRError, match="already named ball"):
-        sim.add_target("ball", "Face", [1, 0, 0.5])
-    with pytest.raises(krtracker.KRError, match="no target named cup"):
-        sim.move_target("cup", [1, 0, 0.5])
-    with pytest.raises(krtracker.KRError, match="no target named cup"):
-        sim.hide_target("cup")
-    with pytest.raises(ValueError, match="seconds expects a finite number"):
-        sim.step(-1.0)
+    with pytest.raises(error, match=text):
+        call(sim)
+    assert sim.targets == ["ball"]
 
 
 def test_a_closed_simulation_refuses_every_call():

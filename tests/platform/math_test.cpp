@@ -304,12 +304,18 @@ struct LookAtCase {
 };
 
 // Angle between the effector's line of sight and the direction to the target (above pi/2
-// when the target lies behind the effector).
+// when the target lies behind the effector), for a head with its pitch joint at `offset`.
+float offsetSightError(const Position3D& target, const Position3D& head, const Position3D& offset,
+                       const Transform& effector, float yaw, float pitch) {
+  KR::Model::TrackerHead h("Head");
+  h.headPosition = head;
+  h.yawToPitch = offset;
+  h.effectorTransforms[0] = effector;
+  return aimError(KR::Model::headEffectorPose(h, 0, yaw, pitch), target);
+}
+
 float sightError(const LookAtCase& c, float yaw, float pitch) {
-  KR::Model::TrackerHead head("Head");
-  head.headPosition = c.head;
-  head.effectorTransforms[0] = c.neckToEffector;
-  return aimError(KR::Model::headEffectorPose(head, 0, yaw, pitch), c.target);
+  return offsetSightError(c.target, c.head, Position3D(), c.neckToEffector, yaw, pitch);
 }
 
 TEST(MathLookAt, LineOfSightPassesThroughTheTarget) {
@@ -499,16 +505,6 @@ TEST(MathLookAtOffset, ZeroOffsetKeepsTheNeckPoseBitForBit) {
   }
 }
 
-// Angle between the effector's line of sight and the target for a head with a pitch offset.
-float offsetSightError(const Position3D& target, const Position3D& head, const Position3D& offset,
-                       const Transform& effector, float yaw, float pitch) {
-  KR::Model::TrackerHead h("Head");
-  h.headPosition = head;
-  h.yawToPitch = offset;
-  h.effectorTransforms[0] = effector;
-  return aimError(KR::Model::headEffectorPose(h, 0, yaw, pitch), target);
-}
-
 TEST(MathLookAtOffset, LineOfSightPassesThroughTheTarget) {
   // Pan-tilt heads: the tilt joint up to 10 cm forward (or behind), sideways and above the pan
   // joint; sensors offset and tilted, also turned sideways (the case solved by Newton steps).
@@ -612,12 +608,6 @@ TEST(MathHelpers, ClipDataClamps) {
 // It replaces the C library's atan2f on the look-at and point-at paths: same special values,
 // same accuracy class.
 
-std::uint32_t bitsOf(float f) {
-  std::uint32_t b = 0;
-  std::memcpy(&b, &f, sizeof b);
-  return b;
-}
-
 std::string pair(float y, float x) {
   std::ostringstream os;
   os.precision(9);
@@ -641,7 +631,7 @@ TEST(FastAtan2, SpecialValuesAndAxesMatchTheCLibraryBitForBit) {
       if (std::isnan(expected)) {
         EXPECT_TRUE(std::isnan(got)) << pair(y, x);
       } else {
-        EXPECT_EQ(bitsOf(got), bitsOf(expected))
+        EXPECT_EQ(floatBits(got), floatBits(expected))
             << pair(y, x) << " = " << got << ", library " << expected;
       }
     }

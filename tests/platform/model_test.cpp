@@ -340,61 +340,17 @@ TEST(RobotDescription, HeadOffsetAndCamerasOfTheirOwn) {
 }
 
 // robotToXml writes every field; robotFromXml reads it back to the same robot.
-void expectSameRobot(const Robot& a, const Robot& b) {
-  EXPECT_EQ(a.getName(), b.getName());
-  EXPECT_EQ(a.getRobotType(), b.getRobotType());
-  EXPECT_EQ(a.canLookBehind(), b.canLookBehind());
-  EXPECT_EQ(a.canPointAt(), b.canPointAt());
-  EXPECT_EQ(a.getTorsoHeight(), b.getTorsoHeight());
-  EXPECT_EQ(a.getTorsoMass(), b.getTorsoMass());
-  EXPECT_EQ(a.getHeadMass(), b.getHeadMass());
-  EXPECT_EQ(a.getArmMass("LArm"), b.getArmMass("LArm"));
-  EXPECT_EQ(a.getArmMass("RArm"), b.getArmMass("RArm"));
-  for (int e = 0; e < 3; ++e) {
-    EXPECT_EQ(a.getCameraHorizontalFov(e), b.getCameraHorizontalFov(e));
-    EXPECT_EQ(a.getCameraVerticalFov(e), b.getCameraVerticalFov(e));
-    EXPECT_EQ(a.getCameraRange(e), b.getCameraRange(e));
-  }
-  const KRTrackerModel& m = a.trackerModel();
-  const KRTrackerModel& n = b.trackerModel();
-  EXPECT_EQ(m.wbPitchMin, n.wbPitchMin);
-  EXPECT_EQ(m.wbPitchMax, n.wbPitchMax);
-  EXPECT_EQ(m.wbYawMin, n.wbYawMin);
-  EXPECT_EQ(m.wbYawMax, n.wbYawMax);
-  EXPECT_EQ(m.wbLookAtHeight, n.wbLookAtHeight);
-  EXPECT_EQ(m.head.headPosition, n.head.headPosition);
-  EXPECT_EQ(m.head.yawToPitch, n.head.yawToPitch);
-  for (int e = 0; e < 3; ++e) {
-    EXPECT_TRUE(m.head.effectorTransforms[e].isNear(n.head.effectorTransforms[e], 1e-7f)) << e;
-  }
-  for (const auto& [x, y] :
-       {std::make_pair(&m.leftArm, &n.leftArm), std::make_pair(&m.rightArm, &n.rightArm)}) {
-    EXPECT_EQ(x->shoulderPosition, y->shoulderPosition);
-    EXPECT_TRUE(x->armTransform.isNear(y->armTransform, 1e-7f));
-  }
-  ASSERT_EQ(a.getJoints().size(), b.getJoints().size());
-  for (const auto& [name, j] : a.getJoints()) {
-    ASSERT_EQ(b.getJoints().count(name), 1u) << name;
-    const TrackerJoint& k = b.getJoints().at(name);
-    EXPECT_EQ(j.min, k.min) << name;
-    EXPECT_EQ(j.max, k.max) << name;
-    EXPECT_EQ(j.maxVelocity, k.maxVelocity) << name;
-    EXPECT_EQ(a.getServo(name).stiffness, b.getServo(name).stiffness) << name;
-    EXPECT_EQ(a.getServo(name).maxTorque, b.getServo(name).maxTorque) << name;
-    EXPECT_EQ(a.getServo(name).armature, b.getServo(name).armature) << name;
-  }
-}
-
 TEST(RobotDescription, WrittenAsXmlReadsBackTheSame) {
   for (const char* file : {"kibo.xml", "rover.xml"}) {
     SCOPED_TRACE(file);
     const auto robot = krtest::loadRobot(file);
     const std::string xml = ModelUtils::robotToXml(*robot);
-    expectSameRobot(*robot, *ModelUtils::robotFromXml(xml));
+    krtest::expectSameRobot(*robot, *ModelUtils::robotFromXml(xml), 0.0f, 1e-7f);
   }
   const auto robot = ModelUtils::robotFromXml(cut(
       "  <arm side=\"left\">", "</robot>", edited("canPointAt=\"true\"", "canPointAt=\"false\"")));
-  expectSameRobot(*robot, *ModelUtils::robotFromXml(ModelUtils::robotToXml(*robot)));
+  krtest::expectSameRobot(*robot, *ModelUtils::robotFromXml(ModelUtils::robotToXml(*robot)), 0.0f,
+                          1e-7f);
 }
 
 TEST(RobotDescription, ArmsAreRequiredOnlyToPoint) {

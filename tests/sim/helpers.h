@@ -4,6 +4,7 @@
 // in the test's process.
 
 #include <dirent.h>
+#include <sys/stat.h>
 
 #include <fstream>
 #include <memory>
@@ -62,6 +63,13 @@ inline std::vector<std::string> filesIn(const std::string& dir) {
     ::closedir(d);
   }
   return names;
+}
+
+/// A folder of the tests' temporary folder, made if missing.
+inline std::string freshDirectory(const std::string& name) {
+  const std::string dir = ::testing::TempDir() + "/" + name;
+  ::mkdir(dir.c_str(), 0755);
+  return dir;
 }
 
 /// The lines of a text, without their ends.

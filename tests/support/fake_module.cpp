@@ -1,5 +1,6 @@
 #include "support/fake_module.h"
 
+#include <cmath>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -119,6 +120,54 @@ std::unique_ptr<KR::Model::Robot> loadRobot(const std::string& file, const std::
                                             const std::string& to) {
   const std::string xml = readRobotFile(file);
   return KR::Model::ModelUtils::robotFromXml(from.empty() ? xml : replaced(xml, from, to));
+}
+
+void expectSameRobot(const KR::Model::Robot& a, const KR::Model::Robot& b, float relative,
+                     float transform) {
+  EXPECT_EQ(a.getName(), b.getName());
+  EXPECT_EQ(a.getRobotType(), b.getRobotType());
+  EXPECT_EQ(a.canLookBehind(), b.canLookBehind());
+  EXPECT_EQ(a.canPointAt(), b.canPointAt());
+  const auto near = [relative](float x, float y) { EXPECT_NEAR(x, y, relative * std::fabs(x)); };
+  near(a.getTorsoHeight(), b.getTorsoHeight());
+  near(a.getTorsoMass(), b.getTorsoMass());
+  near(a.getHeadMass(), b.getHeadMass());
+  near(a.getArmMass("LArm"), b.getArmMass("LArm"));
+  near(a.getArmMass("RArm"), b.getArmMass("RArm"));
+  const KR::Model::KRTrackerModel& m = a.trackerModel();
+  const KR::Model::KRTrackerModel& n = b.trackerModel();
+  for (int e = 0; e < 3; ++e) {
+    EXPECT_EQ(a.getCameraHorizontalFov(e), b.getCameraHorizontalFov(e));
+    EXPECT_EQ(a.getCameraVerticalFov(e), b.getCameraVerticalFov(e));
+    EXPECT_EQ(a.getCameraRange(e), b.getCameraRange(e));
+    EXPECT_TRUE(m.head.effectorTransforms[e].isNear(n.head.effectorTransforms[e], transform))
+        << e << ": " << m.head.effectorTransforms[e] << " / " << n.head.effectorTransforms[e];
+  }
+  EXPECT_EQ(m.wbPitchMin, n.wbPitchMin);
+  EXPECT_EQ(m.wbPitchMax, n.wbPitchMax);
+  EXPECT_EQ(m.wbYawMin, n.wbYawMin);
+  EXPECT_EQ(m.wbYawMax, n.wbYawMax);
+  EXPECT_EQ(m.wbLookAtHeight, n.wbLookAtHeight);
+  EXPECT_EQ(m.head.headPosition, n.head.headPosition);
+  EXPECT_EQ(m.head.yawToPitch, n.head.yawToPitch);
+  for (const auto& [x, y] :
+       {std::make_pair(&m.leftArm, &n.leftArm), std::make_pair(&m.rightArm, &n.rightArm)}) {
+    EXPECT_EQ(x->shoulderPosition, y->shoulderPosition) << x->name;
+    EXPECT_TRUE(x->armTransform.isNear(y->armTransform, 1e-7f)) << x->name;
+    for (int i = 0; i < 5; ++i)
+      EXPECT_EQ(x->joints[i].name, y->joints[i].name) << x->name << " " << i;
+  }
+  ASSERT_EQ(a.getJoints().size(), b.getJoints().size());
+  for (const auto& [name, j] : a.getJoints()) {
+    ASSERT_EQ(b.getJoints().count(name), 1u) << name;
+    const KR::Model::TrackerJoint& k = b.getJoints().at(name);
+    EXPECT_EQ(j.min, k.min) << name;
+    EXPECT_EQ(j.max, k.max) << name;
+    EXPECT_EQ(j.maxVelocity, k.maxVelocity) << name;
+    EXPECT_EQ(a.getServo(name).stiffness, b.getServo(name).stiffness) << name;
+    EXPECT_EQ(a.getServo(name).maxTorque, b.getServo(name).maxTorque) << name;
+    EXPECT_EQ(a.getServo(name).armature, b.getServo(name).armature) << name;
+  }
 }
 
 }  // namespace krtest

@@ -69,5 +69,9 @@ std::string replaced(std::string text, const std::string& from, const std::strin
 /// A robot of robots/, or that description with one piece of text replaced.
 std::unique_ptr<KR::Model::Robot> loadRobot(const std::string& file, const std::string& from = "",
                                             const std::string& to = "");
+/// Every field of two robots equal: masses and heights within `relative` of their size, the
+/// sensor transforms within `transform`, everything else exactly.
+void expectSameRobot(const KR::Model::Robot& a, const KR::Model::Robot& b, float relative,
+                     float transform);
 
 }  // namespace krtest

@@ -1,12 +1,8 @@
-// The dead bands of the head and of the arms, as one table. Each row drives one chain through
-// a series of steps: a target through the look-at or point-at computation with its dead band,
-// or proposed angles through applyThreshold. After every step it checks the answer, which
-// remembered angles took the new value while the others kept theirs, and that the lists carry
-// the remembered command: written in place over the first two entries for the head, appended
-// after what the lists held for an arm.
+// The dead bands of the head and of the arms, as one table: each row drives one chain through
+// steps (a target through look-at or point-at, or angles through applyThreshold) and checks the
+// answer, which remembered angles moved, and the lists (the head in place, an arm appended).
 
 #include <algorithm>
-#include <array>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -57,6 +53,13 @@ struct DeadBandCase {
   std::vector<Step> steps;
 };
 
+DeadBandCase row(std::string name, std::string robotFile, Chain chain, Names jointNames,
+                 Floats remembered, Names names, Floats angles, std::vector<Step> steps) {
+  return {std::move(name),       std::move(robotFile),  chain,
+          std::move(jointNames), std::move(remembered), std::move(names),
+          std::move(angles),     std::move(steps)};
+}
+
 std::ostream& operator<<(std::ostream& out, const DeadBandCase& c) {
   return out << c.name;
 }
@@ -71,64 +74,35 @@ const std::vector<bool> kAll{true, true, true, true, true};
 const std::vector<bool> kNone{false, false, false, false, false};
 
 const DeadBandCase kCases[] = {
-    {"HeadAtZeroEveryCallIsAChangeAndNoSolutionLeavesAllAlone",
-     "kibo.xml",
-     Chain::Head,
-     kHeadJoints,
-     {0.0f, 0.0f},
-     {"", ""},
-     {0.0f, 0.0f},
-     {target({1.0f, 0.4f, 0.1f}, 0.0f, true, kAll),
-      target({1.0f, 0.4f, 0.1f}, 0.0f, true, kAll),  // unchanged, still a change at 0
-      target({1.0f, 0.4001f, 0.1f}, 0.0f, true, kAll),
-      {Step::AtTheHead, {}, {}, KRValue(0.0f), false, kNone}}},
-    {"HeadWithinTheBandKeepsTheCommandAndBeyondItMovesOnlyThatAxis",
-     "kibo.xml",
-     Chain::Head,
-     kHeadJoints,
-     {0.0f, 0.0f},
-     {"", ""},
-     {0.0f, 0.0f},
-     {target({1.0f, 0.4f, 0.1f}, 0.0f, true, kAll),
-      target({1.0f, 0.42f, 0.12f}, 0.2f, false, kNone),
-      target({0.2f, 1.0f, 0.12f}, 0.2f, true, {true, false})}},
-    {"HeadApplyThresholdWritesTheFirstTwoEntriesInPlace",
-     "rover.xml",
-     Chain::Head,
-     kHeadJoints,
-     {0.1f, 0.2f},
-     {"x", "y", "z"},
-     {9.0f, 9.0f, 9.0f},
-     {angles({0.12f, 0.17f}, 0.05f, false, kNone),
-      angles({0.1f, 0.3f}, 0.05f, true, {false, true})}},
-    {"ArmAtZeroEveryCallIsAChangeAppendedAfterTheLists",
-     "kibo.xml",
-     Chain::LeftArm,
-     kLeftArmJoints,
-     {0.0f, 0.0f, 0.0f, 0.0f, 0.0f},
-     {"Head"},
-     {0.0f},
-     {target({0.7f, 0.3f, 0.2f}, 0.0f, true, kAll),
-      target({0.7f, 0.3f, 0.2f}, 0.0f, true, kAll)}},  // unchanged, still a change at 0
-    {"ArmThresholdIsReadOnEveryCallAndMayBeAnInt",
-     "kibo.xml",
-     Chain::RightArm,
-     kRightArmJoints,
-     {0.0f, 0.0f, 0.0f, 0.0f, 0.0f},
-     {},
-     {},
-     {target({0.7f, 0.3f, 0.2f}, 0.0f, true, kAll),
-      target({0.7f, 0.32f, 0.22f}, 0.5f, false, kNone),  // well inside a wide band
-      target({0.7f, 0.32f, 0.22f}, KRValue(0), true, kAll)}},
-    {"ArmWithoutWristAppendsFourAndIgnoresTheFifthAngle",
-     "rover.xml",
-     Chain::LeftArm,
-     kRoverLeftArmJoints,
-     {0.1f, 0.2f, 0.3f, 0.4f, 0.5f},
-     {},
-     {},
-     {angles({0.11f, 0.21f, 0.31f, 0.41f, 2.0f}, 0.1f, false, kNone),  // only the absent wrist
-      angles({0.11f, 0.21f, 0.9f, 0.41f, 0.5f}, 0.1f, true, {false, false, true, false, false})}},
+    row("HeadAtZeroEveryCallIsAChangeAndNoSolutionLeavesAllAlone", "kibo.xml", Chain::Head,
+        kHeadJoints, {0.0f, 0.0f}, {"", ""}, {0.0f, 0.0f},
+        {target({1.0f, 0.4f, 0.1f}, 0.0f, true, kAll),
+         target({1.0f, 0.4f, 0.1f}, 0.0f, true, kAll),  // unchanged, still a change at 0
+         target({1.0f, 0.4001f, 0.1f}, 0.0f, true, kAll),
+         {Step::AtTheHead, {}, {}, KRValue(0.0f), false, kNone}}),
+    row("HeadWithinTheBandKeepsTheCommandAndBeyondItMovesOnlyThatAxis", "kibo.xml", Chain::Head,
+        kHeadJoints, {0.0f, 0.0f}, {"", ""}, {0.0f, 0.0f},
+        {target({1.0f, 0.4f, 0.1f}, 0.0f, true, kAll),
+         target({1.0f, 0.42f, 0.12f}, 0.2f, false, kNone),
+         target({0.2f, 1.0f, 0.12f}, 0.2f, true, {true, false})}),
+    row("HeadApplyThresholdWritesTheFirstTwoEntriesInPlace", "rover.xml", Chain::Head, kHeadJoints,
+        {0.1f, 0.2f}, {"x", "y", "z"}, {9.0f, 9.0f, 9.0f},
+        {angles({0.12f, 0.17f}, 0.05f, false, kNone),
+         angles({0.1f, 0.3f}, 0.05f, true, {false, true})}),
+    row("ArmAtZeroEveryCallIsAChangeAppendedAfterTheLists", "kibo.xml", Chain::LeftArm,
+        kLeftArmJoints, {0.0f, 0.0f, 0.0f, 0.0f, 0.0f}, {"Head"}, {0.0f},
+        {target({0.7f, 0.3f, 0.2f}, 0.0f, true, kAll),
+         target({0.7f, 0.3f, 0.2f}, 0.0f, true, kAll)}),  // unchanged, still a change at 0
+    row("ArmThresholdIsReadOnEveryCallAndMayBeAnInt", "kibo.xml", Chain::RightArm, kRightArmJoints,
+        {0.0f, 0.0f, 0.0f, 0.0f, 0.0f}, {}, {},
+        {target({0.7f, 0.3f, 0.2f}, 0.0f, true, kAll),
+         target({0.7f, 0.32f, 0.22f}, 0.5f, false, kNone),  // well inside a wide band
+         target({0.7f, 0.32f, 0.22f}, KRValue(0), true, kAll)}),
+    row("ArmWithoutWristAppendsFourAndIgnoresTheFifthAngle", "rover.xml", Chain::LeftArm,
+        kRoverLeftArmJoints, {0.1f, 0.2f, 0.3f, 0.4f, 0.5f}, {}, {},
+        {angles({0.11f, 0.21f, 0.31f, 0.41f, 2.0f}, 0.1f, false, kNone),  // only the absent wrist
+         angles({0.11f, 0.21f, 0.9f, 0.41f, 0.5f}, 0.1f, true,
+                {false, false, true, false, false})}),
 };
 
 /// One chain of a robot and its dead band, with the remembered command as plain floats.

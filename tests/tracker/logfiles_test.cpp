@@ -9,8 +9,6 @@
 
 #include <gtest/gtest.h>
 
-#include <ko/os.h>
-
 namespace {
 
 namespace fs = std::filesystem;
@@ -43,7 +41,8 @@ class LogFilesTest : public ::testing::Test {
   fs::path fDir;
 };
 
-TEST_F(LogFilesTest, FirstCallWritesTheHeaderAndLaterCallsAppend) {
+TEST_F(LogFilesTest, FirstCallTruncatesAndWritesTheHeaderAndLaterCallsAppend) {
+  writeFile(fDir / "angles.log", "left over from an earlier run\n");
   bool firstCall = true;
   tools::logAnglesToFile({1.0f, 2.0f}, {"A", "B"}, "angles.log", 0.5f, firstCall);
   EXPECT_FALSE(firstCall);
@@ -52,13 +51,6 @@ TEST_F(LogFilesTest, FirstCallWritesTheHeaderAndLaterCallsAppend) {
   // Default float formatting: six significant digits, no forced sign or point.
   tools::logAnglesToFile({-0.2f, 3.14159274f}, {"A", "B"}, "angles.log", 1234567.0f, firstCall);
   EXPECT_EQ(readFile(fDir / "angles.log"), "#Time A B#\n0.5 1 2\n1.23457e+06 -0.2 3.14159\n");
-}
-
-TEST_F(LogFilesTest, TheFirstCallTruncatesALeftoverFile) {
-  writeFile(fDir / "head.log", "left over from an earlier run\n");
-  bool firstCall = true;
-  tools::logAnglesToFile({0.1f}, {"HeadYaw"}, "head.log", 12.5f, firstCall);
-  EXPECT_EQ(readFile(fDir / "head.log"), "#Time HeadYaw#\n12.5 0.1\n");
 }
 
 TEST_F(LogFilesTest, EmptyOrMismatchedListsWriteNothing) {
@@ -104,10 +96,6 @@ TEST_F(LogFilesTest, CreateAndAppendOnAGivenPath) {
   logToFile((fDir / "no" / "file.log").string(), "text", "Mover");
   EXPECT_EQ(::testing::internal::GetCapturedStderr(),
             "Mover - could not open: " + (fDir / "no" / "file.log").string() + "\n");
-}
-
-TEST(DiagnosisDirectory, IsUnderTheHomeDirectory) {
-  EXPECT_EQ(kDiagnosisLogDirectory, ko::os::home() + "/diagnosis/");
 }
 
 }  // namespace

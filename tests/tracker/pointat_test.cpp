@@ -1,7 +1,6 @@
 // Arm point-at angles, checked by forward kinematics on the shipped robots: the computed
 // forearm must point at the target, and the hand must be level.
 
-#include <array>
 #include <cmath>
 #include <random>
 #include <string>

@@ -5,10 +5,7 @@
 
 #include <cmath>
 #include <cstdio>
-#include <fstream>
-#include <functional>
 #include <map>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -23,6 +20,7 @@
 #include <kr/model/urdfimport.h>
 
 #include "support/error_of.h"
+#include "support/fake_module.h"
 
 namespace {
 
@@ -34,21 +32,7 @@ using Iso = Eigen::Isometry3d;
 
 const std::string kRobots = KRTRACKER_ROBOTS_DIR;
 
-std::string readText(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-std::string replaced(std::string text, const std::string& from, const std::string& to) {
-  const auto at = text.find(from);
-  EXPECT_NE(at, std::string::npos) << "not in the text: " << from;
-  if (at != std::string::npos) {
-    text.replace(at, from.size(), to);
-  }
-  return text;
-}
+using krtest::replaced;
 
 // ---- forward kinematics on the urdfdom tree, independent of the library -----------------
 
@@ -96,41 +80,26 @@ struct CameraCase {
 };
 
 struct UrdfRobotCase {
-  const char* mapping;
-  const char* urdf;
+  std::string robot;  // ROBOT.yaml maps ROBOT.urdf
   std::string torso, yaw, pitch;
-  std::map<std::string, double> fixed;
   std::vector<CameraCase> cameras;
+  std::map<std::string, double> fixed = {};
 };
 
+const std::vector<CameraCase> kKiboCameras = {{"camera_top_optical_frame", 'z'},
+                                              {"camera_bottom_link", 'x'},
+                                              {"depth_camera_optical_frame", 'z'}};
 const std::vector<UrdfRobotCase> kUrdfRobots = {
-    {"kibo.yaml",
-     "kibo.urdf",
-     "torso",
-     "HeadYaw",
-     "HeadPitch",
-     {},
-     {{"camera_top_optical_frame", 'z'},
-      {"camera_bottom_link", 'x'},
-      {"depth_camera_optical_frame", 'z'}}},
-    {"rover.yaml",
-     "rover.urdf",
-     "torso",
-     "HeadYaw",
-     "HeadPitch",
-     {},
-     {{"camera_top_optical_frame", 'z'},
-      {"camera_bottom_link", 'x'},
-      {"depth_camera_optical_frame", 'z'}}},
-    {"lumen.yaml",
-     "lumen.urdf",
+    {"kibo", "torso", "HeadYaw", "HeadPitch", kKiboCameras},
+    {"rover", "torso", "HeadYaw", "HeadPitch", kKiboCameras},
+    {"lumen",
      "torso_lift_link",
      "head_pan_joint",
      "head_tilt_joint",
-     {{"torso_lift_joint", 0.1}},
      {{"head_camera_optical_frame", 'z'},
       {"head_wide_optical_frame", 'z'},
-      {"head_depth_optical_frame", 'z'}}},
+      {"head_depth_optical_frame", 'z'}},
+     {{"torso_lift_joint", 0.1}}},
 };
 
 // Camera pose in the torso frame for head angles, from the URDF.
@@ -150,9 +119,9 @@ double aimError(const Iso& camera, char axis, const Eigen::Vector3d& target) {
 
 TEST(UrdfRobots, LookAtAimsEveryCameraAtTheTargetByTheUrdfsKinematics) {
   for (const UrdfRobotCase& r : kUrdfRobots) {
-    SCOPED_TRACE(r.mapping);
-    const auto robot = UrdfImport::robotFromUrdfMapping(kRobots + "/" + r.mapping);
-    const UrdfChain chain(kRobots + "/" + r.urdf);
+    SCOPED_TRACE(r.robot);
+    const auto robot = UrdfImport::robotFromUrdfMapping(kRobots + "/" + r.robot + ".yaml");
+    const UrdfChain chain(kRobots + "/" + r.robot + ".urdf");
     ASSERT_TRUE(chain.ok());
     const KR::Model::TrackerHead& head = robot->trackerModel().head;
     const urdf::Joint& yawJoint = chain.joint(r.yaw);
@@ -194,7 +163,7 @@ TEST(UrdfRobots, LookAtAimsEveryCameraAtTheTargetByTheUrdfsKinematics) {
       // The solution found is the one the target was made from.
       EXPECT_LT(worstAngle, 1e-4) << c.frame;
       std::printf("[ aim      ] %-10s camera %zu %-28s %4d targets, worst aim error %.2e rad\n",
-                  r.mapping, e, c.frame.c_str(), count, worst);
+                  (r.robot + ".yaml").c_str(), e, c.frame.c_str(), count, worst);
     }
   }
 }
@@ -207,49 +176,10 @@ TEST(UrdfRobots, XmlAndUrdfOfOneRobotGiveTheSameAngles) {
     const auto& a = xml->trackerModel();
     const auto& b = fromUrdf->trackerModel();
     // The same robot: every scalar equal, the transforms to float rounding.
-    EXPECT_EQ(xml->getName(), fromUrdf->getName());
-    EXPECT_EQ(xml->getRobotType(), fromUrdf->getRobotType());
-    EXPECT_EQ(xml->canLookBehind(), fromUrdf->canLookBehind());
-    EXPECT_EQ(xml->canPointAt(), fromUrdf->canPointAt());
-    EXPECT_FLOAT_EQ(xml->getTorsoHeight(), fromUrdf->getTorsoHeight());
-    EXPECT_FLOAT_EQ(xml->getTorsoMass(), fromUrdf->getTorsoMass());
-    EXPECT_FLOAT_EQ(xml->getHeadMass(), fromUrdf->getHeadMass());
-    EXPECT_FLOAT_EQ(xml->getArmMass("LArm"), fromUrdf->getArmMass("LArm"));
-    EXPECT_FLOAT_EQ(xml->getArmMass("RArm"), fromUrdf->getArmMass("RArm"));
-    for (int e = 0; e < 3; ++e) {
-      EXPECT_EQ(xml->getCameraHorizontalFov(e), fromUrdf->getCameraHorizontalFov(e));
-      EXPECT_EQ(xml->getCameraVerticalFov(e), fromUrdf->getCameraVerticalFov(e));
-      EXPECT_EQ(xml->getCameraRange(e), fromUrdf->getCameraRange(e));
-      EXPECT_TRUE(a.head.effectorTransforms[e].isNear(b.head.effectorTransforms[e], 1e-6f))
-          << e << ": " << a.head.effectorTransforms[e] << " / " << b.head.effectorTransforms[e];
-    }
-    EXPECT_EQ(a.wbPitchMin, b.wbPitchMin);
-    EXPECT_EQ(a.wbPitchMax, b.wbPitchMax);
-    EXPECT_EQ(a.wbYawMin, b.wbYawMin);
-    EXPECT_EQ(a.wbYawMax, b.wbYawMax);
-    EXPECT_EQ(a.wbLookAtHeight, b.wbLookAtHeight);
-    EXPECT_EQ(a.head.headPosition, b.head.headPosition);
-    EXPECT_EQ(b.head.yawToPitch, Position3D());  // the zero path: bit for bit today's look-at
-    ASSERT_EQ(xml->getJoints().size(), fromUrdf->getJoints().size());
-    for (const auto& [jointName, j] : xml->getJoints()) {
-      ASSERT_EQ(fromUrdf->getJoints().count(jointName), 1u) << jointName;
-      const auto& k = fromUrdf->getJoints().at(jointName);
-      EXPECT_EQ(j.min, k.min) << jointName;
-      EXPECT_EQ(j.max, k.max) << jointName;
-      EXPECT_EQ(j.maxVelocity, k.maxVelocity) << jointName;
-      EXPECT_EQ(xml->getServo(jointName).stiffness, fromUrdf->getServo(jointName).stiffness);
-      EXPECT_EQ(xml->getServo(jointName).maxTorque, fromUrdf->getServo(jointName).maxTorque);
-      EXPECT_EQ(xml->getServo(jointName).armature, fromUrdf->getServo(jointName).armature);
-    }
-    const std::pair<const KR::Model::TrackerArm*, const KR::Model::TrackerArm*> armPairs[] = {
-        {&a.leftArm, &b.leftArm}, {&a.rightArm, &b.rightArm}};
-    for (const auto& [x, u] : armPairs) {
-      EXPECT_EQ(x->shoulderPosition, u->shoulderPosition) << x->name;
-      EXPECT_TRUE(x->armTransform.isNear(u->armTransform, 1e-7f)) << x->name;
-      for (int i = 0; i < 5; ++i) {
-        EXPECT_EQ(x->joints[i].name, u->joints[i].name) << x->name << " " << i;
-      }
-      // The forearm where the URDF's chain puts it for the same angles.
+    krtest::expectSameRobot(*xml, *fromUrdf, 5e-7f, 1e-6f);
+    // The forearm where the URDF's chain puts it for the same angles.
+    for (const auto& [x, u] :
+         {std::make_pair(&a.leftArm, &b.leftArm), std::make_pair(&a.rightArm, &b.rightArm)}) {
       for (float q : {-0.8f, -0.2f, 0.3f, 0.9f}) {
         EXPECT_TRUE(KR::Model::forearmPose(*x, q, 0.5f * q, -q, 0.3f * q)
                         .isNear(KR::Model::forearmPose(*u, q, 0.5f * q, -q, 0.3f * q), 2e-6f));
@@ -329,191 +259,147 @@ TEST(UrdfRobots, LumenIsDerivedFromItsUrdf) {
 
 // ---- bad inputs ---------------------------------------------------------------------------
 
+// A valid pair with its mapping ('y'), its URDF ('u') or both ('b') changed: the first `from`
+// replaced by `to`, or with `until` the text from `from` up to it; with no `from`, the whole text.
 struct BadCase {
   const char* what;
   const char* robot;  // the valid pair the case changes: "kibo" or "lumen"
-  std::function<void(std::string& yaml, std::string& urdf)> change;
+  char file;
+  std::string from, to;
   const char* expected;  // the start of the message after the file name, or a part of it
+  std::string until = "";
 };
 
 TEST(UrdfRobots, EveryBadInputIsRefusedNamingFileAndElement) {
-  const auto in = [](std::string& text, const std::string& from, const std::string& to) {
-    text = replaced(text, from, to);
-  };
   const std::vector<BadCase> cases = {
       // The URDF itself.
-      {"URDF not XML", "lumen", [&](auto&, auto& u) { u = "<robot name='x'><link>"; },
+      {"URDF not XML", "lumen", 'u', "", "<robot name='x'><link>",
        "lumen.urdf: refused by urdfdom: "},
-      {"URDF joint without child", "lumen",
-       [&](auto&, auto& u) { in(u, "<child link=\"head_tilt_link\"/>", ""); },
+      {"URDF joint without child", "lumen", 'u', "<child link=\"head_tilt_link\"/>", "",
        "lumen.urdf: refused by urdfdom: "},
-      {"URDF revolute joint without limits", "lumen",
-       [&](auto&, auto& u) {
-         in(u, "<limit lower=\"-0.8\" upper=\"1.2\" effort=\"2.4\" velocity=\"3.0\"/>", "");
-       },
+      {"URDF revolute joint without limits", "lumen", 'u',
+       "<limit lower=\"-0.8\" upper=\"1.2\" effort=\"2.4\" velocity=\"3.0\"/>", "",
        "lumen.urdf: refused by urdfdom: "},
       // Names the mapping gives that the URDF lacks.
-      {"missing yaw joint", "lumen",
-       [&](auto& y, auto&) { in(y, "yaw: head_pan_joint", "yaw: pan"); },
+      {"missing yaw joint", "lumen", 'y', "yaw: head_pan_joint", "yaw: pan",
        "lumen.yaml: head/yaw: joint 'pan' does not exist in "},
-      {"missing pitch joint", "lumen",
-       [&](auto& y, auto&) { in(y, "pitch: head_tilt_joint", "pitch: tilt"); },
+      {"missing pitch joint", "lumen", 'y', "pitch: head_tilt_joint", "pitch: tilt",
        "lumen.yaml: head/pitch: joint 'tilt' does not exist in "},
-      {"missing torso link", "lumen",
-       [&](auto& y, auto&) { in(y, "torso: torso_lift_link", "torso: chest"); },
+      {"missing torso link", "lumen", 'y', "torso: torso_lift_link", "torso: chest",
        "lumen.yaml: torso: link 'chest' does not exist in "},
-      {"missing camera frame", "lumen",
-       [&](auto& y, auto&) { in(y, "frame: head_wide_optical_frame", "frame: wide"); },
+      {"missing camera frame", "lumen", 'y', "frame: head_wide_optical_frame", "frame: wide",
        "lumen.yaml: head/cameras[1]/frame: link 'wide' does not exist in "},
-      {"missing hand", "kibo", [&](auto& y, auto&) { in(y, "hand: l_hand", "hand: l_palm"); },
+      {"missing hand", "kibo", 'y', "hand: l_hand", "hand: l_palm",
        "kibo.yaml: arms/left/hand: link 'l_palm' does not exist in "},
-      {"missing fixed joint", "lumen",
-       [&](auto& y, auto&) { in(y, "torso_lift_joint: 0.1", "lift: 0.1"); },
+      {"missing fixed joint", "lumen", 'y', "torso_lift_joint: 0.1", "lift: 0.1",
        "lumen.yaml: fixed/lift: joint 'lift' does not exist in "},
-      {"fixed position outside the limits", "lumen",
-       [&](auto& y, auto&) { in(y, "torso_lift_joint: 0.1", "torso_lift_joint: 0.5"); },
+      {"fixed position outside the limits", "lumen", 'y', "torso_lift_joint: 0.1",
+       "torso_lift_joint: 0.5",
        "lumen.yaml: fixed/torso_lift_joint: 0.5 is outside the joint's limits [0, 0.35]"},
-      {"one joint mapped twice", "lumen",
-       [&](auto& y, auto&) { in(y, "pitch: head_tilt_joint", "pitch: head_pan_joint"); },
+      {"one joint mapped twice", "lumen", 'y', "pitch: head_tilt_joint", "pitch: head_pan_joint",
        "lumen.yaml: head/pitch: joint 'head_pan_joint' is already mapped as head/yaw"},
       // Head joints of the wrong kind or axis.
-      {"prismatic head joint", "lumen",
-       [&](auto&, auto& u) {
-         in(u, "<joint name=\"head_tilt_joint\" type=\"revolute\">",
-            "<joint name=\"head_tilt_joint\" type=\"prismatic\">");
-       },
+      {"prismatic head joint", "lumen", 'u', "<joint name=\"head_tilt_joint\" type=\"revolute\">",
+       "<joint name=\"head_tilt_joint\" type=\"prismatic\">",
        "lumen.urdf: joint 'head_tilt_joint' (head/pitch): is prismatic: the tracker turns it, so "
        "it must be revolute or continuous"},
-      {"yaw axis not vertical", "lumen",
-       [&](auto&, auto& u) {
-         in(u, "<origin xyz=\"0.05 0 0.6\" rpy=\"0 0 0\"/>",
-            "<origin xyz=\"0.05 0 0.6\" rpy=\"0.1 0 0\"/>");
-       },
+      {"yaw axis not vertical", "lumen", 'u', "<origin xyz=\"0.05 0 0.6\" rpy=\"0 0 0\"/>",
+       "<origin xyz=\"0.05 0 0.6\" rpy=\"0.1 0 0\"/>",
        "lumen.urdf: joint 'head_pan_joint' (head/yaw): its axis is not vertical in the torso "
        "frame at the zero pose: (0 -0.09983 0.995), 0.1 rad from the torso's z axis"},
-      {"yaw axis pointing down", "kibo",
-       [&](auto&, auto& u) { in(u, "<axis xyz=\"0 0 1\"/>", "<axis xyz=\"0 0 -1\"/>"); },
+      {"yaw axis pointing down", "kibo", 'u', "<axis xyz=\"0 0 1\"/>", "<axis xyz=\"0 0 -1\"/>",
        "kibo.urdf: joint 'HeadYaw' (head/yaw): its axis points the other way"},
-      {"pitch axis not horizontal", "lumen",
-       [&](auto&, auto& u) {
-         in(u, "<origin xyz=\"0.07 0 0.055\" rpy=\"0 0 0\"/>",
-            "<origin xyz=\"0.07 0 0.055\" rpy=\"0.2 0 0\"/>");
-       },
+      {"pitch axis not horizontal", "lumen", 'u', "<origin xyz=\"0.07 0 0.055\" rpy=\"0 0 0\"/>",
+       "<origin xyz=\"0.07 0 0.055\" rpy=\"0.2 0 0\"/>",
        "lumen.urdf: joint 'head_tilt_joint' (head/pitch): its axis is not horizontal in the "
        "torso frame at the zero pose: (0 0.9801 0.1987), tilted 0.2 rad"},
-      {"pitch axis horizontal but along x", "lumen",
-       [&](auto&, auto& u) {
-         in(u, "<origin xyz=\"0.07 0 0.055\" rpy=\"0 0 0\"/>\n    <axis xyz=\"0 1 0\"/>",
-            "<origin xyz=\"0.07 0 0.055\" rpy=\"0 0 0\"/>\n    <axis xyz=\"1 0 0\"/>");
-       },
+      {"pitch axis horizontal but along x", "lumen", 'u',
+       "<origin xyz=\"0.07 0 0.055\" rpy=\"0 0 0\"/>\n    <axis xyz=\"0 1 0\"/>",
+       "<origin xyz=\"0.07 0 0.055\" rpy=\"0 0 0\"/>\n    <axis xyz=\"1 0 0\"/>",
        "lumen.urdf: joint 'head_tilt_joint' (head/pitch): its axis is (1 0 0) in the torso frame "
        "at the zero pose, 1.571 rad from the torso's y axis"},
-      {"head in the other order", "kibo",
-       [&](auto& y, auto&) {
-         in(y, "yaw: HeadYaw", "yaw: HeadPitch_");
-         in(y, "pitch: HeadPitch", "pitch: HeadYaw");
-         in(y, "yaw: HeadPitch_", "yaw: HeadPitch");
-       },
+      {"head in the other order", "kibo", 'y', "yaw: HeadYaw\n  pitch: HeadPitch",
+       "yaw: HeadPitch\n  pitch: HeadYaw",
        "kibo.urdf: joints 'HeadYaw' and 'HeadPitch': the head is in the other order: the pitch "
        "joint 'HeadYaw' is nearer the torso than the yaw joint 'HeadPitch'"},
-      {"third moving joint", "lumen",
-       [&](auto&, auto& u) {
-         in(u, "<joint name=\"head_camera_joint\" type=\"fixed\">",
-            "<joint name=\"head_camera_joint\" type=\"continuous\">");
-       },
+      {"third moving joint", "lumen", 'u', "<joint name=\"head_camera_joint\" type=\"fixed\">",
+       "<joint name=\"head_camera_joint\" type=\"continuous\">",
        "lumen.urdf: joint 'head_camera_joint': a third moving joint (continuous) between the "
        "torso 'torso_lift_link' and the camera 'head_camera_optical_frame', besides the yaw joint "
        "'head_pan_joint' and the pitch joint 'head_tilt_joint'"},
-      {"camera not below the pitch joint", "lumen",
-       [&](auto&, auto& u) {
-         in(u, "<parent link=\"head_tilt_link\"/>\n    <child link=\"head_wide_link\"/>",
-            "<parent link=\"head_pan_link\"/>\n    <child link=\"head_wide_link\"/>");
-       },
+      {"camera not below the pitch joint", "lumen", 'u',
+       "<parent link=\"head_tilt_link\"/>\n    <child link=\"head_wide_link\"/>",
+       "<parent link=\"head_pan_link\"/>\n    <child link=\"head_wide_link\"/>",
        "lumen.yaml: head/cameras[1]/frame: camera frame 'head_wide_optical_frame' is not below "
        "the pitch joint 'head_tilt_joint'"},
-      {"camera not below the torso", "lumen",
-       [&](auto& y, auto&) { in(y, "frame: head_wide_optical_frame", "frame: laser_link"); },
+      {"camera not below the torso", "lumen", 'y', "frame: head_wide_optical_frame",
+       "frame: laser_link",
        "lumen.yaml: head/cameras[1]/frame: camera frame 'laser_link' is not below the torso link "
        "'torso_lift_link'"},
-      {"no velocity limit", "lumen",
-       [&](auto&, auto& u) {
-         in(u, "<limit lower=\"-2.6\" upper=\"2.6\" effort=\"2.4\" velocity=\"3.0\"/>",
-            "<limit lower=\"-2.6\" upper=\"2.6\" effort=\"2.4\" velocity=\"0\"/>");
-       },
+      {"no velocity limit", "lumen", 'u',
+       "<limit lower=\"-2.6\" upper=\"2.6\" effort=\"2.4\" velocity=\"3.0\"/>",
+       "<limit lower=\"-2.6\" upper=\"2.6\" effort=\"2.4\" velocity=\"0\"/>",
        "lumen.urdf: joint 'head_pan_joint' (head/yaw): has no velocity limit"},
-      {"joint name too long", "lumen",
-       [&](auto& y, auto& u) {
-         in(u, "head_pan_joint\"", "head_pan_joint_long\"");
-         in(y, "yaw: head_pan_joint", "yaw: head_pan_joint_long");
-       },
+      {"joint name too long", "lumen", 'b', "head_pan_joint", "head_pan_joint_long",
        "lumen.urdf: joint 'head_pan_joint_long' (head/yaw): a joint the tracker moves has a name "
        "of 1 to 15 characters"},
-      {"arm that does not fit", "kibo",
-       [&](auto&, auto& u) {
-         in(u, "<origin xyz=\"0.112 0.014 0\"/>\n    <axis xyz=\"0 0 1\"/>",
-            "<origin xyz=\"0.112 0.014 0\"/>\n    <axis xyz=\"0 1 0\"/>");
-       },
+      {"arm that does not fit", "kibo", 'u',
+       "<origin xyz=\"0.112 0.014 0\"/>\n    <axis xyz=\"0 0 1\"/>",
+       "<origin xyz=\"0.112 0.014 0\"/>\n    <axis xyz=\"0 1 0\"/>",
        "kibo.yaml: arms/left: the arm's chain does not fit the tracker's arm (shoulder pitch about "
        "y, shoulder roll about z at the same point, then at the elbow, level with the shoulder, "
        "elbow roll about z and elbow yaw about x, the hand on the forearm's x axis): the elbow "
        "roll axis is (0 1 0) in the torso frame, not (0 0 1); leave out 'arms' to load the robot "
        "without pointing"},
       // The mapping's keys and kinds.
-      {"not YAML", "lumen", [&](auto& y, auto&) { y = "head: [unclosed\n"; },
-       "lumen.yaml: not YAML (line "},
-      {"unknown key", "lumen", [&](auto& y, auto&) { in(y, "torso: torso_lift_link", "tors: x"); },
+      {"not YAML", "lumen", 'y', "", "head: [unclosed\n", "lumen.yaml: not YAML (line "},
+      {"unknown key", "lumen", 'y', "torso: torso_lift_link", "tors: x",
        "lumen.yaml: tors (line 6): unknown key 'tors'"},
-      {"unknown camera key", "lumen", [&](auto& y, auto&) { in(y, "range: 5}", "rang: 5}"); },
+      {"unknown camera key", "lumen", 'y', "range: 5}", "rang: 5}",
        "lumen.yaml: head/cameras[0]/rang (line 11): unknown key 'rang'"},
-      {"key given twice", "lumen", [&](auto& y, auto&) { in(y, "type: 1", "type: 1\ntype: 0"); },
+      {"key given twice", "lumen", 'y', "type: 1", "type: 1\ntype: 0",
        "lumen.yaml: type (line 6): key 'type' is given twice"},
-      {"missing required key", "lumen", [&](auto& y, auto&) { in(y, "name: Lumen\n", ""); },
+      {"missing required key", "lumen", 'y', "name: Lumen\n", "",
        "lumen.yaml: (top level) (line 3): missing key 'name'"},
-      {"type of the wrong kind", "lumen",
-       [&](auto& y, auto&) { in(y, "type: 1", "type: wheeled"); },
+      {"type of the wrong kind", "lumen", 'y', "type: 1", "type: wheeled",
        "lumen.yaml: type (line 5): must be 0 (humanoid) or 1 (wheeled: can navigate), got "
        "'wheeled'"},
-      {"cameras not a list", "lumen",
-       [&](auto& y, auto&) {
-         const auto at = y.find("  cameras:");
-         y.replace(at, y.find("fixed:") - at, "  cameras: {frame: head_camera_link, axis: x}\n");
-       },
-       "lumen.yaml: head/cameras (line 10): must be a list of 1 to 3 cameras, got a mapping"},
-      {"four cameras", "lumen",
-       [&](auto& y, auto&) {
-         in(y, "    - {frame: head_depth",
-            "    - {frame: head_camera_link, axis: x}\n    - {frame: head_depth");
-       },
+      {"cameras not a list", "lumen", 'y',
+       "  cameras:", "  cameras: {frame: head_camera_link, axis: x}\n",
+       "lumen.yaml: head/cameras (line 10): must be a list of 1 to 3 cameras, got a mapping",
+       "fixed:"},
+      {"four cameras", "lumen", 'y', "    - {frame: head_depth",
+       "    - {frame: head_camera_link, axis: x}\n    - {frame: head_depth",
        "lumen.yaml: head/cameras (line 11): must be a list of 1 to 3 cameras, got 4 entries"},
-      {"axis neither x nor z", "lumen",
-       [&](auto& y, auto&) {
-         in(y, "axis: z, horizontal_fov: 1.9", "axis: y, horizontal_fov: 1.9");
-       },
+      {"axis neither x nor z", "lumen", 'y', "axis: z, horizontal_fov: 1.9",
+       "axis: y, horizontal_fov: 1.9",
        "lumen.yaml: head/cameras[1]/axis (line 12): must be 'z' (an optical frame) or 'x'"},
-      {"number that is not one", "lumen",
-       [&](auto& y, auto&) { in(y, "horizontal_fov: 1.21", "horizontal_fov: wide"); },
+      {"number that is not one", "lumen", 'y', "horizontal_fov: 1.21", "horizontal_fov: wide",
        "lumen.yaml: head/cameras[0]/horizontal_fov (line 11): must be a number, got 'wide'"},
-      {"fixed of the wrong kind", "lumen",
-       [&](auto& y, auto&) {
-         in(y, "fixed: {torso_lift_joint: 0.1}", "fixed: [torso_lift_joint]");
-       },
+      {"fixed of the wrong kind", "lumen", 'y', "fixed: {torso_lift_joint: 0.1}",
+       "fixed: [torso_lift_joint]",
        "lumen.yaml: fixed (line 14): must be a mapping of joint names, got a list"},
-      {"one arm only", "kibo",
-       [&](auto& y, auto&) {
-         const auto at = y.find("  right:");
-         const auto end = y.find("whole_body");
-         y.erase(at, end - at - 1);
-       },
-       "kibo.yaml: arms (line 14): give both arms or neither"},
-      {"urdf file missing", "lumen",
-       [&](auto& y, auto&) { in(y, "urdf: lumen.urdf", "urdf: gone.urdf"); },
+      {"one arm only", "kibo", 'y', "  right:", "",
+       "kibo.yaml: arms (line 14): give both arms or neither", "\nwhole_body"},
+      {"urdf file missing", "lumen", 'y', "urdf: lumen.urdf", "urdf: gone.urdf",
        "lumen.yaml: urdf: cannot read the URDF '"},
   };
   for (const BadCase& c : cases) {
     SCOPED_TRACE(c.what);
-    std::string yaml = readText(kRobots + "/" + c.robot + ".yaml");
-    std::string urdf = readText(kRobots + "/" + c.robot + ".urdf");
-    c.change(yaml, urdf);
+    std::string yaml = krtest::readRobotFile(std::string(c.robot) + ".yaml");
+    std::string urdf = krtest::readRobotFile(std::string(c.robot) + ".urdf");
+    for (std::string* text : {&yaml, &urdf}) {
+      if (c.file != 'b' && c.file != (text == &yaml ? 'y' : 'u'))
+        continue;
+      if (c.from.empty()) {
+        *text = c.to;
+      } else if (c.until.empty()) {
+        *text = replaced(*text, c.from, c.to);
+      } else {
+        const auto at = text->find(c.from);
+        text->replace(at, text->find(c.until, at) - at, c.to);
+      }
+    }
     const std::string mappingName = std::string(c.robot) + ".yaml";
     const std::string urdfName = std::string(c.robot) + ".urdf";
     const std::string error = krtest::errorOf<KR::KRError>([&] {
@@ -541,22 +427,22 @@ TEST(UrdfRobots, ErrorsStayOnOneLine) {
 }
 
 TEST(UrdfRobots, ContinuousJointsTakeAHalfTurnEachWay) {
-  std::string urdf = readText(kRobots + "/lumen.urdf");
+  std::string urdf = krtest::readRobotFile("lumen.urdf");
   urdf = replaced(urdf, "<joint name=\"head_pan_joint\" type=\"revolute\">",
                   "<joint name=\"head_pan_joint\" type=\"continuous\">");
-  const auto robot = UrdfImport::robotFromTexts(readText(kRobots + "/lumen.yaml"), "lumen.yaml",
+  const auto robot = UrdfImport::robotFromTexts(krtest::readRobotFile("lumen.yaml"), "lumen.yaml",
                                                 urdf, "lumen.urdf");
   EXPECT_EQ(robot->trackerModel().head.yaw.min, -KR::Math::kPi);
   EXPECT_EQ(robot->trackerModel().head.yaw.max, KR::Math::kPi);
 }
 
 TEST(UrdfRobots, WithoutMassesTheDefaultsAreUsedWithOneNote) {
-  std::string urdf = readText(kRobots + "/lumen.urdf");
+  std::string urdf = krtest::readRobotFile("lumen.urdf");
   for (auto at = urdf.find("<inertial>"); at != std::string::npos; at = urdf.find("<inertial>")) {
     urdf.erase(at, urdf.find("</inertial>", at) + 11 - at);
   }
   std::vector<std::string> notes;
-  const auto robot = UrdfImport::robotFromTexts(readText(kRobots + "/lumen.yaml"), "lumen.yaml",
+  const auto robot = UrdfImport::robotFromTexts(krtest::readRobotFile("lumen.yaml"), "lumen.yaml",
                                                 urdf, "lumen.urdf", &notes);
   ASSERT_EQ(notes.size(), 1u);
   EXPECT_EQ(notes[0],
@@ -567,12 +453,12 @@ TEST(UrdfRobots, WithoutMassesTheDefaultsAreUsedWithOneNote) {
 }
 
 TEST(UrdfRobots, MappingOverridesWhatIsDerived) {
-  std::string yaml = readText(kRobots + "/lumen.yaml");
+  std::string yaml = krtest::readRobotFile("lumen.yaml");
   yaml +=
       "can_look_behind: true\nwhole_body: {yaw_min: -1, look_at_height: 1.5}\n"
       "max_velocity: {head_pan_joint: 2.5}\nservos: {head_tilt_joint: {stiffness: 33}}\n";
   const auto robot = UrdfImport::robotFromTexts(yaml, "lumen.yaml",
-                                                readText(kRobots + "/lumen.urdf"), "lumen.urdf");
+                                                krtest::readRobotFile("lumen.urdf"), "lumen.urdf");
   EXPECT_TRUE(robot->canLookBehind());
   EXPECT_EQ(robot->trackerModel().wbYawMin, -1.0f);
   EXPECT_EQ(robot->trackerModel().wbYawMax, 2.6f);  // still derived

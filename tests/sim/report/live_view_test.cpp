@@ -152,12 +152,9 @@ void press(const std::string& keys) {
   EXPECT_EQ(std::system(("xdotool key " + keys).c_str()), 0) << keys;
 }
 
-// The keys, pressed with xdotool while the run goes: ] doubles the speed, [ halves it, the
-// right arrow pauses after one step and then makes one step per press, more ] stop at 16
-// times, space resumes. Each key is pressed once the one before has acted, as seen between
-// steps, so that the outcome does not depend on how fast the machine is: 3 steps made while
-// paused, the rest of the 30 s run at 16 times. (A key that never acts leaves the run paused:
-// the ctest's timeout ends it.)
+// The keys: ] doubles the speed, [ halves it, the right arrow pauses and then steps once per
+// press, ] stops at 16 times, space resumes. Each key waits until the one before has acted, so
+// the outcome does not depend on the machine's speed (a key that never acts: ctest's timeout).
 TEST(LiveView, KeysChangeTheSpeedPauseAndStep) {
   if (!haveDisplay()) {
     EXPECT_THAT(KR::Sim::liveViewProblem(), HasSubstr("--view needs a display"));

@@ -1,13 +1,8 @@
-// Pictures of a run drawn for real, off screen: the head camera's inset is that camera's
-// pinhole view (a target put at known angles shows where the lens puts it), a snapshot carries
-// its legend and caption, and a filmed run read back holds what a viewer needs: its simulated
-// duration, no blank frame, the ball in the inset where the line-of-sight error says it is
-// (within 5 % of the inset's width of the centre whenever the tracker is on it, under 3
-// degrees), and a run whose figures are those of the same run without a video. Without any
-// way to draw here (no EGL, no X display), each checks the refusal instead.
-//
-// The ctests "snapshot_xvfb" and "video_xvfb" run them again under Xvfb through GLFW
-// (KRTRACKER_GL=glfw).
+// Pictures of a run drawn for real, off screen: the head camera's inset is its pinhole view, a
+// snapshot carries its legend and caption, a filmed run read back has its duration, no blank
+// frame, the ball where the line-of-sight error puts it, and the figures of the same run
+// without a video. Without any way to draw here, each checks the refusal instead. The ctests
+// "snapshot_xvfb" and "video_xvfb" run them again under Xvfb through GLFW.
 
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -184,22 +179,15 @@ struct Csv {
   std::vector<std::vector<std::string>> rows;
 
   explicit Csv(const std::string& path) {
-    std::ifstream in(path);
-    std::string line;
-    std::getline(in, line);
-    std::vector<std::string> header = split(line);
-    for (std::size_t i = 0; i < header.size(); ++i)
-      column[header[i]] = i;
-    while (std::getline(in, line))
-      rows.push_back(split(line));
-  }
-  static std::vector<std::string> split(const std::string& line) {
-    std::vector<std::string> cells;
-    std::stringstream in(line);
-    std::string cell;
-    while (std::getline(in, cell, ','))
-      cells.push_back(cell);
-    return cells;
+    for (const std::string& line : linesOf(readFile(path))) {
+      rows.emplace_back();
+      std::stringstream in(line);
+      for (std::string cell; std::getline(in, cell, ',');)
+        rows.back().push_back(cell);
+    }
+    for (std::size_t i = 0; i < rows.at(0).size(); ++i)
+      column[rows[0][i]] = i;
+    rows.erase(rows.begin());
   }
   double number(std::size_t row, const std::string& name) const {
     return std::stod(rows[row].at(column.at(name)));
@@ -207,10 +195,8 @@ struct Csv {
 };
 
 std::string withoutCpu(const std::string& json) {
-  std::istringstream in(json);
-  std::string line;
   std::string kept;
-  while (std::getline(in, line)) {
+  for (const std::string& line : linesOf(json)) {
     if (line.find("cpu_s") == std::string::npos)
       kept += line + "\n";
   }

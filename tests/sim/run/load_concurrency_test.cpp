@@ -1,9 +1,6 @@
-// The tracker under load on the simulated robot: while the simulation steps the world and the
-// tracking service's sub-modules, eight clients call random public methods of "KRTracker"
-// through the broker. No call may hang (a call still running 30 s after the load ends aborts
-// the run), the tracker's invariants hold in every answer, and the tracker still does what it
-// is told afterwards.
-//
+// The tracker under load on the simulated robot: eight clients call random public methods of
+// "KRTracker" while the simulation steps. No call may hang (30 s after the load ends the run
+// aborts), every answer keeps the tracker's invariants, and the tracker still obeys afterwards.
 // KRTRACKER_LOAD_SECONDS sets the length of the load in wall-clock seconds (default 3).
 
 #include <algorithm>

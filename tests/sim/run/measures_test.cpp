@@ -131,7 +131,6 @@ TEST(MeasuresTest, ArmsOnlyPhasesHaveNoLineOfSightFiguresAndSeedsAggregate) {
   EXPECT_FALSE(KR::Sim::meanAndP95({std::nullopt}).first);
 }
 
-// The run of aimScenario() on ideal camera and servos, whose every figure is known.
 // An uncompensated step as a limit cycle: the error swings +-9 degrees about the target at
 // 2 Hz and only crosses the settling band; the last sample happens to fall inside it. Settled
 // means having stayed in the band for the hold time by the phase end: never here, and still

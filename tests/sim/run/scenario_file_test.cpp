@@ -1,6 +1,5 @@
 // Scenario files read section by section: what each section gives the scenario, the command
-// line's replacements, and the mistakes refused with the file, the line and the field (the
-// command line's tests cover the others).
+// line's replacements, and the mistakes refused with the file, the line and the field.
 
 #include <sys/stat.h>
 
@@ -94,45 +93,6 @@ TEST(ScenarioFileReaderTest, TheCommandLinesModeEffectorAndDurationReplaceTheFil
   EXPECT_DOUBLE_EQ(open.duration, 30.0);
 }
 
-TEST(ScenarioFileReaderTest, SectionMistakesNameTheFileTheLineAndTheField) {
-  const struct {
-    std::string name;
-    std::string from, to;
-    std::string where;  // after the file's name
-  } cases[] = {
-      {"open_ended", "duration: 10", "duration: 10\nopen_ended: maybe",
-       ":4: open_ended: expects true or false, not 'maybe'"},
-      {"hidden", "hidden: [[2, 3], [6, 6.5]]", "hidden: 2",
-       ":11: targets[0].hidden: expects a list of [from, to] intervals"},
-      {"kind", "kind: RedBall", "kind: Redball",
-       ":8: targets[0].kind: expects one of RedBall, Face, People, Sound, LandMarks, not "
-       "'Redball'"},
-      {"args", "args: [Head]", "args: Head", ":13: actions[0].args: expects a list"},
-      {"backwards", "{time: 4, call: setMode", "{time: 0.5, call: setMode",
-       ":16: actions[3].time: calls go back in time"},
-      {"relative", "[0.9, 0, 0, 0.1, 0.1, 0.3]", "[0.9, 0]",
-       ":19: phases[1].relative_position: expects a list of 6 numbers"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    const std::string file = write(c.name, replaced(kShelf, c.from, c.to));
-    try {
-      loadScenarioFile(file, {});
-      ADD_FAILURE() << "accepted";
-    } catch (const KR::KRError& e) {
-      EXPECT_NE(e.message().find(file + c.where), std::string::npos) << e.message();
-    }
-  }
-  try {
-    loadScenarioFile(::testing::TempDir() + "/krsim_no_such_scenario.yaml", {});
-    ADD_FAILURE() << "accepted";
-  } catch (const KR::KRError& e) {
-    EXPECT_NE(e.message().find("krsim_no_such_scenario.yaml: cannot read the file"),
-              std::string::npos)
-        << e.message();
-  }
-}
-
 // The refusal of a file: its one line, or "accepted".
 std::string refusal(const std::string& file, const ScenarioOptions& options = {}) {
   try {
@@ -167,12 +127,8 @@ void expectRefused(const std::vector<Case>& cases) {
 }
 
 // Every fault of a file is found before anything is built, run or written, and named by the
-// file, the line and the field: calls against the method tables of their service (name, count
-// and kind of arguments, as the service would convert them), a script that does not make sense
-// as a whole (unknown kinds, a field given twice, a second document, intervals backwards,
-// anything after the end), and files written to hurt (aliases that expand without bound, paths
-// sampled past any memory, a name that leaves the output folder or writes to the terminal, a
-// robot that is not a regular file).
+// file, the line and the field: calls checked against their service's method tables, a script
+// that makes no sense as a whole, and files written to hurt.
 TEST(ScenarioFileReaderTest, EveryFaultIsRefusedWithItsPlace) {
   const std::string moveTo = "{time: 1, call: moveTo, args: [0.5, 0, 0], service: KRMotion}";
   std::string bomb = "&a0 [1, 1, 1, 1, 1, 1, 1, 1, 1, 1]";
@@ -210,7 +166,16 @@ TEST(ScenarioFileReaderTest, EveryFaultIsRefusedWithItsPlace) {
        ":15: actions[2].args: KRTracker.lookAt expects 4 or 5 arguments, got 3"},
       {"look_kind", edit(moveTo, "{time: 1, call: lookAt, args: [[1, 0, 0], 0, 1, 0.5, yes]}"),
        ":15: actions[2].args: KRTracker.lookAt argument 5 must be bool"},
+      {"args", edit("args: [Head]", "args: Head"), ":13: actions[0].args: expects a list"},
+      {"backwards", edit("{time: 4, call: setMode", "{time: 0.5, call: setMode"),
+       ":16: actions[3].time: calls go back in time"},
       // The script as a whole.
+      {"open_ended", edit("duration: 10", "duration: 10\nopen_ended: maybe"),
+       ":4: open_ended: expects true or false, not 'maybe'"},
+      {"hidden", edit("hidden: [[2, 3], [6, 6.5]]", "hidden: 2"),
+       ":11: targets[0].hidden: expects a list of [from, to] intervals"},
+      {"relative", edit("[0.9, 0, 0, 0.1, 0.1, 0.3]", "[0.9, 0]"),
+       ":19: phases[1].relative_position: expects a list of 6 numbers"},
       {"kind", edit("kind: RedBall", "kind: BlueBall"),
        ":8: targets[0].kind: expects one of RedBall, Face, People, Sound, LandMarks, not "
        "'BlueBall'"},
@@ -259,6 +224,8 @@ TEST(ScenarioFileReaderTest, EveryFaultIsRefusedWithItsPlace) {
       {"big", edit("robot: kibo", "robot: " + big), ":2: robot: robot '" + big + "' is 2",
        "more than the 1048576 accepted"},
   });
+  const std::string missing = ::testing::TempDir() + "/krsim_no_such_scenario.yaml";
+  EXPECT_EQ(refusal(missing).rfind(missing + ": cannot read the file", 0), 0u) << refusal(missing);
   ::unlink(fifo.c_str());
 }
 

@@ -2,7 +2,6 @@
 // tracked by hand, the samples outside every phase measuring the followed target, and the line
 // of sight asked at any time.
 
-#include <cmath>
 
 #include <gtest/gtest.h>
 

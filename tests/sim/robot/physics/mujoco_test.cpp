@@ -6,10 +6,8 @@
 
 #include <sys/stat.h>
 
-#include <cmath>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
 
 #include <gmock/gmock.h>
