@@ -17,6 +17,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <thread>
@@ -39,7 +40,8 @@ using Clock = std::chrono::steady_clock;
 constexpr double kPatienceS = 60.0;
 
 std::string freshFolder(const std::string& name) {
-  const std::string dir = ::testing::TempDir() + "/krsim_two_process_" + name;
+  const std::string dir =
+      ::testing::TempDir() + "/krsim_two_process_" + name + "_" + std::to_string(::getpid());
   ::mkdir(dir.c_str(), 0755);
   for (const char* file :
        {"robot.json", "robot.csv", "robot.png", "tracker.json", "second.json", "second.csv"})
@@ -357,6 +359,8 @@ TEST_P(TwoProcessRun, EachSideEndsAsItSays) {
     EXPECT_EQ(served["seed"], "7");
     EXPECT_GT(served["calls_answered"].get<int>(), 0);
   }
+  if (!HasFailure())
+    std::filesystem::remove_all(dir);  // kept for a look when the case failed
 }
 
 INSTANTIATE_TEST_SUITE_P(Faults, TwoProcessRun, ::testing::ValuesIn(kFaults),
