@@ -6,6 +6,7 @@
 
 #include <pybind11/numpy.h>
 #include <pybind11/stl.h>
+#include <boost/algorithm/string/join.hpp>
 
 #include <kr/error.h>
 
@@ -13,6 +14,7 @@
 #include <krsim/run/run_loop.h>
 #include <krsim/run/run_setup.h>
 #include <krsim/tracking/context.h>
+#include <krsim/tracking/target_manager.h>
 
 #include "values.h"
 
@@ -188,12 +190,10 @@ py::object Simulation::proxy(py::object self, const std::string& module) {
 }
 
 void Simulation::addTarget(const std::string& name, const std::string& kind, py::object position) {
-  const auto& kinds = Sim::targetKinds();
+  const auto& kinds = Sim::TargetManager::supportedKinds();
   if (std::find(kinds.begin(), kinds.end(), kind) == kinds.end()) {
-    std::string list;
-    for (const auto& k : kinds)
-      list += (list.empty() ? "" : ", ") + k;
-    throw py::value_error("add_target: kind expects one of " + list + ", not '" + kind + "'");
+    throw py::value_error("add_target: kind expects one of " + boost::algorithm::join(kinds, ", ") +
+                          ", not '" + kind + "'");
   }
   if (name.empty())
     throw py::value_error("add_target: name expects a non-empty name");

@@ -117,7 +117,7 @@ void defineWorld(py::class_<Simulation>& cls) {
   cls.def("add_target", &Simulation::addTarget, py::arg("name"), py::arg("kind"),
           py::arg("position"),
           "Adds a target to the world at `position`, [x, y, z] in metres in the world frame. "
-          "kind: RedBall, Face, People, LandMarks or Sound. Without a scenario the first target "
+          "kind: RedBall, Face, People, Sound or LandMarks. Without a scenario the first target "
           "added is the one the samples (series()) and line_of_sight() measure.")
       .def("move_target", &Simulation::moveTarget, py::arg("name"), py::arg("position"),
            "Moves a target to `position` [x, y, z] (metres, world frame) from now on.")

@@ -113,9 +113,12 @@ std::string csvPathFor(const RunFiles& files, StagedOutputs& outputs, TemporaryF
   return temporary.path;
 }
 
-/// Plays one run of many with its CSV streamed to `csvPath` (none when empty).
-RunResult playToCsv(ScenarioRun& run, const std::string& csvPath, const std::string& shownAs,
+/// Plays one run of many with its CSV streamed to `csvPath` (none when empty), named
+/// `shownAs` in errors (the path itself when it is a temporary file without a name).
+RunResult playToCsv(ScenarioRun& run, const std::string& csvPath, std::string shownAs,
                     std::clock_t cpuStart) {
+  if (shownAs.empty())
+    shownAs = csvPath;
   std::ofstream csv;
   if (!csvPath.empty()) {
     csv.open(csvPath);
@@ -360,11 +363,12 @@ int PreparedRun::play(const RunConfig& config, const Scenario& scenario,
   printHeader(config, scenario, out);
   TemporaryFile temporary;
   const std::string csvPath = csvPathFor({config.csv, config.plot}, p.outputs, temporary);
+  const std::string csvName = config.csv.empty() ? csvPath : config.csv;
   std::ofstream csv;
   if (!csvPath.empty()) {
     csv.open(csvPath);
     if (!csv)
-      throw std::runtime_error("cannot write " + config.csv);
+      throw std::runtime_error("cannot write " + csvName);
   }
   RunPictures pictures(*p.run, config, hooks.snapshot);
   if (!config.quiet)
@@ -376,7 +380,7 @@ int PreparedRun::play(const RunConfig& config, const Scenario& scenario,
   if (hooks.ended)
     hooks.ended(statusOf(r));
   if (!csvPath.empty() && !csv.flush())
-    throw std::runtime_error("cannot write " + config.csv);
+    throw std::runtime_error("cannot write " + csvName);
   csv.close();
   printSummary(scenario, r, pictures.windowClosed(), out);
   pictures.report(out);

@@ -148,7 +148,7 @@ std::string RemoteSession::peerGone() const {
   if (!fRemote)
     return "";
   const std::string peer = title(other(fSide));
-  const std::string said = fModule ? fModule->finished() : "";
+  const std::string said = peerLastWord();
   if (!said.empty())
     return "the " + peer + " ended: " + said;
   switch (fRemote->getModuleState(SideModule::nameOf(other(fSide)))) {

@@ -42,19 +42,6 @@ void checkFolder(const std::string& option, const std::string& path) {
     refuse(option + " " + path + ": no folder " + dir + " (it is not created)");
 }
 
-/// An output goes in a folder that exists and can be written, over nothing but a file.
-void checkWritable(const std::string& option, const std::string& path) {
-  checkFolder(option, path);
-  const std::string dir = folderOf(path);
-  if (::access(dir.c_str(), W_OK) != 0)
-    refuse(option + " " + path + ": cannot write in " + dir);
-  struct stat st {};
-  if (::lstat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
-    refuse(option + " " + path + " is a folder, not a file");
-  if (::lstat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode))
-    refuse(option + " " + path + " is not a regular file");
-}
-
 /// The folder of pictures is an output itself: in a folder that exists, created if missing.
 void checkWritableFolder(const std::string& option, const std::string& dir) {
   checkFolder(option, dir.size() > 1 && dir.back() == '/' ? dir.substr(0, dir.size() - 1) : dir);
@@ -83,7 +70,17 @@ std::vector<std::string> perRunPaths(const RunConfig& config, const std::string&
 }  // namespace
 
 void checkOutputFile(const std::string& option, const std::string& path) {
-  checkWritable(option, path);
+  checkFolder(option, path);
+  const std::string dir = folderOf(path);
+  if (::access(dir.c_str(), W_OK) != 0)
+    refuse(option + " " + path + ": cannot write in " + dir);
+  struct stat st {};
+  if (::lstat(path.c_str(), &st) != 0)
+    return;
+  if (S_ISDIR(st.st_mode))
+    refuse(option + " " + path + " is a folder, not a file");
+  if (!S_ISREG(st.st_mode))
+    refuse(option + " " + path + " is not a regular file");
 }
 
 std::string perRunPath(const std::string& path, const std::string& suffix) {
@@ -138,7 +135,7 @@ std::vector<std::string> decideOutputs(RunConfig& config, const std::string& nam
         if (!input.empty() && sameFile(file, input))
           refuse(option + " " + file + " is an input of the run");
       }
-      checkWritable(option, file);
+      checkOutputFile(option, file);
       // The video is written in place as the run goes (an interrupted run leaves it playable),
       // so it is never staged: owning it would remove it at commit.
       if (option != "--video")

@@ -70,6 +70,15 @@ void RunFrame::drawOverlay(Canvas& canvas, const SceneRenderer& renderer, const 
   xCaption(canvas, r);
 }
 
+void RunFrame::drawInMemory(SceneRenderer& renderer, const PixelRect& r, Camera camera,
+                            unsigned char* rgb) {
+  renderer.useWindow(false);
+  drawScene(renderer, r, camera);
+  renderer.readPixels(r, rgb);
+  PixelCanvas canvas(rgb, r.width, r.height, renderer.glyphs());
+  drawOverlay(canvas, renderer, r);
+}
+
 void RunFrame::xCaption(Canvas& canvas, const PixelRect& r) {
   const Sample& s = fRun.lastSample();
   std::vector<CaptionLine> lines = captionLines(fRun.scenario(), s);

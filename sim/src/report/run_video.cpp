@@ -58,13 +58,8 @@ struct RunVideo::Impl {
   void addFrame() {
     const auto start = std::chrono::steady_clock::now();
     const VideoEncoder::Settings& v = encoder->settings();
-    const PixelRect all{0, 0, v.width, v.height};
     context.makeCurrent();
-    renderer.useWindow(false);
-    frame.drawScene(renderer, all, RunFrame::Camera::Follow);
-    renderer.readPixels(all, rgb.data());
-    PixelCanvas canvas(rgb.data(), v.width, v.height, renderer.glyphs());
-    frame.drawOverlay(canvas, renderer, all);
+    frame.drawInMemory(renderer, {0, 0, v.width, v.height}, RunFrame::Camera::Follow, rgb.data());
     encoder->addFrame(rgb.data(), VideoEncoder::Rows::BottomUp);
     busy += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   }

@@ -47,14 +47,10 @@ SnapshotRenderer::~SnapshotRenderer() {
 Picture SnapshotRenderer::render() {
   Impl& r = *fImpl;
   r.context.makeCurrent();
-  r.renderer.useWindow(false);
-  const PixelRect all{0, 0, r.width, r.height};
-  r.frame.drawScene(r.renderer, all, RunFrame::Camera::Overview);
   std::vector<unsigned char> rows(3 * static_cast<std::size_t>(r.width) *
                                   static_cast<std::size_t>(r.height));
-  r.renderer.readPixels(all, rows.data());
-  PixelCanvas canvas(rows.data(), r.width, r.height, r.renderer.glyphs());
-  r.frame.drawOverlay(canvas, r.renderer, all);
+  r.frame.drawInMemory(r.renderer, {0, 0, r.width, r.height}, RunFrame::Camera::Overview,
+                       rows.data());
   // OpenGL's rows run bottom-up.
   Picture picture{r.width, r.height, std::vector<unsigned char>(rows.size())};
   const std::size_t stride = 3 * static_cast<std::size_t>(r.width);

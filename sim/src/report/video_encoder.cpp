@@ -145,7 +145,7 @@ void VideoEncoder::Impl::openCodec() {
 void VideoEncoder::Impl::openFile() {
   stream = avformat_new_stream(output.get(), nullptr);
   if (stream == nullptr)
-    fail("cannot add a stream to " + path);
+    fail("cannot add a stream to the video '" + path + "'");
   stream->time_base = codec->time_base;
   int rc = avcodec_parameters_from_context(stream->codecpar, codec.get());
   if (rc < 0)
@@ -161,7 +161,7 @@ void VideoEncoder::Impl::openFile() {
 void VideoEncoder::Impl::encode(const AVFrame* f) {
   int rc = avcodec_send_frame(codec.get(), f);
   if (rc < 0)
-    fail("cannot encode a frame of " + path + ": " + errorText(rc));
+    fail("cannot encode a frame of the video '" + path + "': " + errorText(rc));
   while ((rc = avcodec_receive_packet(codec.get(), packet.get())) >= 0) {
     if (packet->duration == 0)
       packet->duration = 1;  // one frame, in the codec's time base
@@ -172,7 +172,7 @@ void VideoEncoder::Impl::encode(const AVFrame* f) {
       fail("cannot write the video '" + path + "': " + errorText(rc));
   }
   if (rc != AVERROR(EAGAIN) && rc != AVERROR_EOF)
-    fail("cannot encode a frame of " + path + ": " + errorText(rc));
+    fail("cannot encode a frame of the video '" + path + "': " + errorText(rc));
 }
 
 VideoEncoder::VideoEncoder(const std::string& path, const Settings& settings)
@@ -204,7 +204,7 @@ VideoEncoder::~VideoEncoder() {
 void VideoEncoder::addFrame(const unsigned char* rgb, Rows rows) {
   Impl& v = *fImpl;
   if (v.finished)
-    fail("the video " + v.path + " is finished, no frame can be added");
+    fail("the video '" + v.path + "' is finished, no frame can be added");
   const int rc = av_frame_make_writable(v.frame.get());
   if (rc < 0)
     fail("cannot write into a frame: " + errorText(rc));

@@ -253,13 +253,6 @@ bool isPath(const std::string& name) {
 
 }  // namespace
 
-const std::vector<std::string>& targetKinds() {
-  static const std::vector<std::string> kKinds = {Target::TargetRedBall, Target::TargetFace,
-                                                  Target::TargetPeople, Target::TargetLandMarks,
-                                                  Target::TargetSound};
-  return kKinds;
-}
-
 std::vector<ScenarioInfo> listScenarios() {
   std::vector<ScenarioInfo> out;
   for (const auto& name : scenarioFiles()) {

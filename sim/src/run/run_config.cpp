@@ -1,6 +1,9 @@
 #include <krsim/run/run_config.h>
 
+#include <algorithm>
 #include <sstream>
+
+#include <boost/algorithm/string/join.hpp>
 
 #include <kr/error.h>
 
@@ -38,13 +41,10 @@ const std::vector<std::string>& runComparisons() {
 
 void expectOneOf(const std::string& option, const std::string& value,
                  const std::vector<std::string>& accepted) {
-  std::string list;
-  for (const auto& a : accepted) {
-    if (a == value)
-      return;
-    list += (list.empty() ? "" : ", ") + a;
+  if (std::find(accepted.begin(), accepted.end(), value) == accepted.end()) {
+    refuse(option + " expects one of " + boost::algorithm::join(accepted, ", ") + ", not '" +
+           value + "'");
   }
-  refuse(option + " expects one of " + list + ", not '" + value + "'");
 }
 
 void RunConfig::validate() const {

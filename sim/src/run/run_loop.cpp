@@ -1,5 +1,6 @@
 #include <krsim/run/run_loop.h>
 
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <thread>
@@ -9,7 +10,10 @@ namespace Sim {
 
 namespace {
 
-volatile std::sig_atomic_t gStopSignal = 0;
+// Written by the signal handler and by request(), read by every thread that plays a run (the
+// seeds run two at a time): a lock-free atomic, which a signal handler may also use.
+std::atomic<int> gStopSignal{0};
+static_assert(std::atomic<int>::is_always_lock_free, "the signal handler needs a lock-free atomic");
 
 extern "C" void onStopSignal(int signal) {
   gStopSignal = signal;

@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include <yaml-cpp/yaml.h>
+#include <boost/algorithm/string/join.hpp>
 
 #include <kr/error.h>
 
@@ -209,10 +210,8 @@ void expectIn(const ScenarioReader& r, const YAML::Node& node, const std::string
               const std::string& value, const std::vector<std::string>& accepted) {
   if (std::find(accepted.begin(), accepted.end(), value) != accepted.end())
     return;
-  std::string list;
-  for (const auto& a : accepted)
-    list += (list.empty() ? "" : ", ") + a;
-  r.fail(node, field, "expects one of " + list + ", not '" + value + "'");
+  r.fail(node, field,
+         "expects one of " + boost::algorithm::join(accepted, ", ") + ", not '" + value + "'");
 }
 
 /// [from, to] intervals [s], each in time order.

@@ -145,18 +145,12 @@ void ScenarioRun::xEvents() {
         fObservations[e.name] = "";
         if (fSim->memory().hasData(e.name)) {
           const KRValue value = fSim->memory().getData(e.name);
-          std::string text = value.toString();
-          std::replace(text.begin(), text.end(), ',', ' ');
           std::lock_guard<std::mutex> lock(fObservationMutex);
-          fObservation = std::move(text);
-          fObservationValue = value;
+          fObservation = value;
         }
         fSim->memory().subscribe(e.name, [this](const std::string&, const KRValue& v) {
-          std::string text = v.toString();
-          std::replace(text.begin(), text.end(), ',', ' ');
           std::lock_guard<std::mutex> lock(fObservationMutex);
-          fObservation = std::move(text);
-          fObservationValue = v;
+          fObservation = v;
         });
       }
       continue;
@@ -199,16 +193,17 @@ void ScenarioRun::xRecord() {
   s.headYaw = fSim->motion().getAngle(head.yaw.name);
   s.headPitch = fSim->motion().getAngle(head.pitch.name);
   s.tracked = fTrackerTracked;
-  KRValue observation;
+  std::optional<KRValue> observation;
   {
     std::lock_guard<std::mutex> lock(fObservationMutex);
-    s.observation = std::move(fObservation);
-    fObservation.clear();
-    observation = std::move(fObservationValue);
-    fObservationValue = KRValue();
+    observation.swap(fObservation);
+  }
+  if (observation) {
+    s.observation = observation->toString();
+    std::replace(s.observation.begin(), s.observation.end(), ',', ' ');
   }
   if (!s.observation.empty())
-    xDetection(s, observation);
+    xDetection(s, *observation);
   if (s.phase >= 0)
     xMeasure(s);
   else if (!fFollowed.empty())

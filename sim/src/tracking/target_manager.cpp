@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include <boost/algorithm/string/join.hpp>
+
 #include <kr/error.h>
 #include <kr/math/math.h>
 #include <kr/target/targets.h>
@@ -22,14 +24,6 @@ const std::vector<std::string>& TargetManager::supportedKinds() {
 }
 
 namespace {
-
-std::string joined(const std::vector<std::string>& names) {
-  std::string out;
-  for (const auto& n : names) {
-    out += (out.empty() ? "" : ", ") + n;
-  }
-  return out;
-}
 
 /// Reserves `preferred`, or the first free id 100, 200... further on.
 int reserveId(int preferred, std::string& eventName) {
@@ -87,7 +81,8 @@ void TargetManager::xExpectSupported(const std::string& name, const char* method
   const auto& kinds = supportedKinds();
   if (std::find(kinds.begin(), kinds.end(), name) == kinds.end()) {
     throw KRError(Tracker::kTargetManagerModule, method,
-                  "Unsupported target: \"" + name + "\". Could be: " + joined(kinds) + ".");
+                  "Unsupported target: \"" + name +
+                      "\". Could be: " + boost::algorithm::join(kinds, ", ") + ".");
   }
 }
 

@@ -1,6 +1,8 @@
 #include <krsim/tracking/tracker_service.h>
 
 #include <exception>
+#include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,22 +18,36 @@ using Tracker::GenericTracker;
 
 namespace {
 
-/// "lookAt" in its two forms: (position, frame, fraction, wholeBody) or (position, frame,
-/// effectorId, fraction, wholeBody).
+/// "lookAt"'s arguments in either form: (position, frame, fraction, wholeBody) or (position,
+/// frame, effectorId, fraction, wholeBody). KRError for another count or an argument that
+/// does not convert ("argument N must be ...").
+struct LookAtArguments {
+  explicit LookAtArguments(const std::vector<KRValue>& a) {
+    if (a.size() != 4 && a.size() != 5)
+      throw KRError(kTrackerServiceModule, "lookAt",
+                    "expects 4 or 5 arguments, got " + std::to_string(a.size()));
+    const bool withEffector = a.size() == 5;
+    position = fromKRValue<std::vector<float>>(a[0], "argument 1");
+    frame = fromKRValue<Math::FRAME>(a[1], "argument 2");
+    if (withEffector)
+      effectorId = fromKRValue<int>(a[2], "argument 3");
+    fraction = fromKRValue<float>(a[a.size() - 2], withEffector ? "argument 4" : "argument 3");
+    wholeBody = fromKRValue<bool>(a.back(), withEffector ? "argument 5" : "argument 4");
+  }
+
+  std::vector<float> position;
+  Math::FRAME frame = Math::FRAME_TORSO;
+  std::optional<int> effectorId;
+  float fraction = 0.0f;
+  bool wholeBody = false;
+};
+
 void lookAt(GenericTracker& t, const std::vector<KRValue>& a) {
-  if (a.size() == 4) {
-    t.lookAt(fromKRValue<std::vector<float>>(a[0], "argument"),
-             fromKRValue<Math::FRAME>(a[1], "argument"), fromKRValue<float>(a[2], "argument"),
-             fromKRValue<bool>(a[3], "argument"));
-  } else if (a.size() == 5) {
-    t.lookAt(fromKRValue<std::vector<float>>(a[0], "argument"),
-             fromKRValue<Math::FRAME>(a[1], "argument"), fromKRValue<int>(a[2], "argument"),
-             fromKRValue<float>(a[3], "argument"), fromKRValue<bool>(a[4], "argument"));
+  const LookAtArguments args(a);
+  if (args.effectorId) {
+    t.lookAt(args.position, args.frame, *args.effectorId, args.fraction, args.wholeBody);
   } else {
-    throw KRError(kTrackerServiceModule, "lookAt",
-                  "expects (position, frame, fraction, wholeBody) or (position, frame, "
-                  "effectorId, fraction, wholeBody), not " +
-                      std::to_string(a.size()) + " arguments");
+    t.lookAt(args.position, args.frame, args.fraction, args.wholeBody);
   }
 }
 
@@ -102,19 +118,6 @@ void bindSpeedsSmootherAndSearcher(KRModule& service, GenericTracker* t) {
   service.bind("isSearchEnabled", &GenericTracker::isSearchEnabled, t);
 }
 
-/// The argument lists "lookAt" accepts, converted as lookAt converts them.
-void checkLookAt(const std::vector<KRValue>& a) {
-  if (a.size() != 4 && a.size() != 5)
-    throw KRError(kTrackerServiceModule, "lookAt",
-                  "expects 4 or 5 arguments, got " + std::to_string(a.size()));
-  (void)fromKRValue<std::vector<float>>(a[0], "argument 1");
-  (void)fromKRValue<int>(a[1], "argument 2");
-  if (a.size() == 5)
-    (void)fromKRValue<int>(a[2], "argument 3");
-  (void)fromKRValue<float>(a[a.size() - 2], a.size() == 5 ? "argument 4" : "argument 3");
-  (void)fromKRValue<bool>(a.back(), a.size() == 5 ? "argument 5" : "argument 4");
-}
-
 void bindLooksAndPoints(KRModule& service, GenericTracker* t) {
   service.bindRaw(
       "lookAt",
@@ -122,31 +125,28 @@ void bindLooksAndPoints(KRModule& service, GenericTracker* t) {
         lookAt(*t, a);
         return KRValue();
       },
-      checkLookAt);
+      [](const std::vector<KRValue>& a) { (void)LookAtArguments(a); });
   service.bind("lookAtAndMove", &GenericTracker::lookAtAndMove, t);
   service.bind("pointAt", &GenericTracker::pointAt, t);
   service.bind("stopLookAt", &GenericTracker::stopLookAt, t);
   service.bind("stopPointAt", &GenericTracker::stopPointAt, t);
 }
 
+/// [[name, value], ...] in name order.
+KRValue configPairs(const std::map<std::string, float>& config) {
+  KRValue::Array pairs;
+  for (const auto& entry : config)
+    pairs.push_back(KRValue{KRValue(entry.first), KRValue(entry.second)});
+  return KRValue(std::move(pairs));
+}
+
 void bindConfiguration(KRModule& service, GenericTracker* t) {
   service.bind("setTrackerConfig", &GenericTracker::setTrackerConfig, t);
-  service.bind("getTrackerConfig", [t]() {
-    KRValue::Array pairs;
-    for (const auto& entry : t->getTrackerConfig()) {
-      pairs.push_back(KRValue{KRValue(entry.first), KRValue(entry.second)});
-    }
-    return KRValue(std::move(pairs));
-  });
+  service.bind("getTrackerConfig", [t]() { return configPairs(t->getTrackerConfig()); });
   service.bind("getTrackerConfigStr", &GenericTracker::getTrackerConfigStr, t);
   // The same pairs without a line on standard error for each value that is not a number: for
   // a process that copies the table after each change rather than shows it.
-  service.bind("_copyTrackerConfig", []() {
-    KRValue::Array pairs;
-    for (const auto& entry : Tracker::configNumbers())
-      pairs.push_back(KRValue{KRValue(entry.first), KRValue(entry.second)});
-    return KRValue(std::move(pairs));
-  });
+  service.bind("_copyTrackerConfig", []() { return configPairs(Tracker::configNumbers()); });
 }
 
 }  // namespace

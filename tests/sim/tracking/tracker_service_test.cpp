@@ -54,7 +54,7 @@ TEST_F(TrackerServiceTest, LookAtTakesItsTwoFormsAndNothingElse) {
     tracker->callValues("lookAt", {KRValue{1.0f, 0.2f, 0.3f}, 0, 0.5f});
   });
   EXPECT_EQ(e.module(), "KRTracker");
-  EXPECT_THAT(e.message(), HasSubstr("not 3 arguments"));
+  EXPECT_THAT(e.message(), HasSubstr("expects 4 or 5 arguments, got 3"));
 }
 
 TEST_F(TrackerServiceTest, TheConfigurationTableTravelsAsNameValuePairs) {

@@ -37,6 +37,10 @@ class RunFrame {
   /// Then what lies over it: the inset's frame, axis, detection boxes and title, the legend,
   /// the caption and the events.
   void drawOverlay(Canvas& canvas, const SceneRenderer& renderer, const PixelRect& r);
+  /// Both, off screen: the scene drawn into the renderer's off-screen buffer and read back
+  /// into `rgb` (3 bytes a pixel, rows bottom-up), the overlay drawn over it in memory. The
+  /// renderer's context must be current.
+  void drawInMemory(SceneRenderer& renderer, const PixelRect& r, Camera camera, unsigned char* rgb);
   /// Where the inset lies in a picture `r`, for a head camera whose picture is
   /// `cameraAspect` times wider than high.
   static PixelRect insetRect(double cameraAspect, const PixelRect& r);

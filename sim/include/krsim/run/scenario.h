@@ -89,10 +89,6 @@ struct ScenarioInfo {
   std::string description;
 };
 
-/// The kinds a scenario's target may have, as the platform names its targets: "RedBall",
-/// "Face", "People", "LandMarks", "Sound".
-const std::vector<std::string>& targetKinds();
-
 /// The built-in scenarios, the default ("ball") first.
 std::vector<ScenarioInfo> listScenarios();
 /// Builds a scenario from a name of listScenarios() or the path of a YAML file; KRError for an

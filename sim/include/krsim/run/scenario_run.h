@@ -21,6 +21,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -99,8 +100,7 @@ class ScenarioRun {
   Scenario fScenario;
   // Written by the observation subscribers; declared before the simulation that calls them.
   mutable std::mutex fObservationMutex;
-  std::string fObservation;   // the last observation received during the current step
-  KRValue fObservationValue;  // the same, as received
+  std::optional<KRValue> fObservation;  // the last observation received during the current step
   std::unique_ptr<Simulation> fSim;
   std::size_t fNextAction = 0;
   Sample fLast;
