@@ -23,7 +23,9 @@ namespace {
 // ---- GLFW, on the X display ------------------------------------------------------------------
 
 std::mutex gGlfwMutex;
-std::string gGlfwError;               // the last error GLFW reported, under gGlfwMutex
+// The last error GLFW reported on this thread: GLFW calls back on the thread whose call failed,
+// also for calls made outside createGlfwWindow's lock.
+thread_local std::string gGlfwError;
 std::atomic<bool> gGlfwReady{false};  // glfwInit succeeded
 
 /// The GLFW context current on this thread, null also before GLFW is initialised.
