@@ -166,9 +166,6 @@ TEST(CommandLineErrors, EachBadOptionIsNamedAndNothingIsWritten) {
        {"either --look-at"}},
       {{"angles", "--robot", "kibo", "--look-at", "1", "0", "0", "--csv", "x"}, {"'--csv'"}},
       // The robot side of a run over DDS: refused before it waits for the tracking service.
-      {{"remote-robot", "dance"},
-       {"=unknown scenario 'dance' (scenarios: ball, face, landmarks, navigate, people, pursuit, "
-        "oneshot, step, search)"}},
       {{"remote-robot", "--physics", "bullet"},
        {"=--physics: unknown physics backend \"bullet\" (accepted: kinematic, mujoco)"}},
       {{"remote-robot", "ball", "step"}, {"=unexpected argument 'step' (see --help)"}},
@@ -526,13 +523,10 @@ TEST(OutputFilesTest, EachRunLeavesCompleteFilesOfItsOwnOrThePreviousOnes) {
        "o-compensation-on-seed4.csv o-compensation-on-seed4.png o.json "},
       // A run that simulates nothing draws no plot: the older run's picture goes with its CSV.
       {"replaced_together", true, "--duration 0.001", "", "", 0, "", "o.csv o.json "},
-      // Refused before anything runs: the first run's files stay as they were.
+      // Refused before anything runs (each fault of a file: scenario_file_test.cpp): the first
+      // run's files stay as they were.
       {"misspelt_call", true, "--duration 2", "call: track", "call: trak", 2,
        ".yaml:18: actions[2].call: KRTracker has no method 'trak'", kept},
-      {"wrong_arguments", true, "--duration 2", "args: [RedBall]}", "args: [RedBall, 2]}", 2,
-       ".yaml:18: actions[2].args: KRTracker.track expects", kept},
-      {"unknown_service", true, "--duration 2", "args: [RedBall]}",
-       "args: [RedBall], service: KRMotor}", 2, ".yaml:18: actions[2].service: expects", kept},
       // A value the tracker itself rejects is only found when the call runs, 1 s in.
       {"failed_run", true, "--duration 2", track,
        track + "\n  - {time: 1, call: setEffector, args: [Leg]}", 1, "Invalid effector name", kept},
