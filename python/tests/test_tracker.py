@@ -18,22 +18,15 @@ def test_the_tracker_class_has_every_method_the_service_serves(sim):
 
 @pytest.mark.parametrize("setter, args, getter, getter_args, expected", [
     ("setMode", ["WholeBody"], "getMode", [], "WholeBody"),
-    ("setEffector", ["LArm"], "getEffector", [], "LArm"),
-    ("addEffector", ["RArm"], "getEffector", [], "RArm"),
     ("setMaximumVelocity", [0.8], "getMaximumVelocity", [], 0.8),
     ("setMaximumAcceleration", [5], "getMaximumAcceleration", [], 5.0),
-    ("setTimeOut", [1500], "getTimeOut", [], 1500),
     ("setExtractorPeriod", ["RedBall", 120], "getExtractorPeriod", ["RedBall"], 120),
-    ("setMaximumDistanceDetection", [2.5], "getMaximumDistanceDetection", [], 2.5),
-    ("setSearcherFractionMaxSpeed", [0.4], "getSearcherFractionMaxSpeed", [], 0.4),
     ("toggleSearch", [True], "isSearchEnabled", [], True),
     ("setRelativePosition", [[0.9, 0.0, 0.0, 0.1, 0.1, 0.3]], "getRelativePosition", [],
      [0.9, 0.0, 0.0, 0.1, 0.1, 0.3]),
-    ("setMoveHysteresis", [[0.05, 0.05, 0.1]], "getMoveHysteresis", [], [0.05, 0.05, 0.1]),
     ("setMoveConfig", [[["MaxVelocityXY", 0.2]]], "getMoveConfig", [], [["MaxVelocityXY", 0.2]]),
     ("setTargetCoordinates", [[[2.2, 0.35, 0.45], [2.2, -0.35, 0.45]]], "getTargetCoordinates",
      [], [[2.2, 0.35, 0.45], [2.2, -0.35, 0.45]]),
-    ("registerTarget", ["Face", 0.1], "getRegisteredTargets", [], ["Face"]),
 ])
 def test_each_setting_reads_back_as_set(sim, setter, args, getter, getter_args, expected):
     tracker = sim.tracker

@@ -40,11 +40,6 @@ TEST_F(MotionTest, CommandsAreClippedToTheJointLimits) {
   run(2.0);
   EXPECT_FLOAT_EQ(motion->getAngle("HeadYaw"), -2.02f);
   EXPECT_FLOAT_EQ(motion->getAngle("HeadPitch"), 0.47f);
-  // A chain name with one angle commands every joint of the chain.
-  proxy->call<void>("setAngles", std::string("Head"), 0.1f, 1.0f);
-  run(1.0);
-  EXPECT_EQ(proxy->call<std::vector<float>>("getAngles", std::string("Head"), true),
-            (std::vector<float>{0.1f, 0.1f}));
 }
 
 TEST_F(MotionTest, MalformedJointCommandsAreRefusedAndMoveNothing) {

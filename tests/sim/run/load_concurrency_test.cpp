@@ -168,70 +168,94 @@ double residentMegabytes() {
   return 0.0;
 }
 
-class LoadConcurrency : public ::testing::TestWithParam<const char*> {};
+// Eight clients calling the tracker of a run of the ball scenario, with the log counted and
+// std::cerr dropped until the load is destroyed.
+struct Load {
+  Load(const char* robot, float noise) {
+    KR::Sim::ScenarioOptions options;
+    options.robot = KR::Sim::RobotDescription::load(robot);
+    KR::Sim::SimulationConfig config;
+    config.physics = "kinematic";
+    config.seed = kSeed;
+    config.noise = noise;
+    config.modules = &KR::Sim::createTrackerModules;
+    run = std::make_unique<KR::Sim::ScenarioRun>(KR::Sim::makeScenario("ball", options), config);
+  }
+  ~Load() {
+    stop = true;
+    for (auto& r : running)
+      r.wait();
+    std::cerr.rdbuf(previousCerr);
+    ko::log::setSink(previousSink);
+  }
+  KR::Sim::Simulation& sim() { return run->simulation(); }
 
-TEST_P(LoadConcurrency, EightClientsCallTheTrackerWhileTheSubModulesRun) {
-  const auto sink = std::make_shared<CountingSink>();
+  void start() {
+    const auto modes = sim().callTracker<std::vector<std::string>>("getAvailableModes");
+    for (int i = 0; i < kClients; ++i) {
+      Client& c = clients[i];
+      c.tracker = sim().broker().getProxy("KRTracker");
+      c.rng.seed(kSeed + static_cast<std::uint32_t>(i));
+      c.modes = modes;
+      running.push_back(std::async(std::launch::async, [&c, this] {
+        while (!stop) {
+          const auto& op =
+              ops[std::uniform_int_distribution<std::size_t>(0, ops.size() - 1)(c.rng)];
+          c.current = &op.first;
+          try {
+            op.second(c);
+          } catch (const std::exception& e) {
+            ADD_FAILURE() << op.first << " threw: " << e.what();
+          }
+          ++c.calls[op.first];
+        }
+      }));
+    }
+  }
+
+  // A call that does not return is a deadlock; nothing can be joined then, so the run is
+  // aborted after saying where the client is.
+  void finish() {
+    stop = true;
+    for (int i = 0; i < kClients; ++i) {
+      if (running[i].wait_for(std::chrono::seconds(30)) != std::future_status::ready) {
+        std::fprintf(stderr, "deadlock: client %d is stuck in %s\n", i,
+                     clients[i].current.load()->c_str());
+        std::abort();
+      }
+    }
+  }
+
+  const std::shared_ptr<CountingSink> sink = std::make_shared<CountingSink>();
   const std::shared_ptr<ko::log::Sink> previousSink = ko::log::setSink(sink);
   NullBuffer nothing;
   std::streambuf* const previousCerr = std::cerr.rdbuf(&nothing);
-
-  KR::Sim::ScenarioOptions options;
-  options.robot = KR::Sim::RobotDescription::load(GetParam());
-  KR::Sim::SimulationConfig config;
-  config.physics = "kinematic";
-  config.seed = kSeed;
-  config.noise = 0.005f;
-  config.modules = &KR::Sim::createTrackerModules;
-  KR::Sim::ScenarioRun run(KR::Sim::makeScenario("ball", options), config);
-  ASSERT_TRUE(run.step());  // the scenario's first calls: register the ball, track it
-  KR::Sim::Simulation& sim = run.simulation();
-  sim.callTracker("registerTarget", std::string(Target::TargetFace), KRValue(0.1f));
-  const auto modes = sim.callTracker<std::vector<std::string>>("getAvailableModes");
-
-  const auto ops = operations();
+  std::unique_ptr<KR::Sim::ScenarioRun> run;
+  const std::vector<std::pair<std::string, Operation>> ops = operations();
   std::array<Client, kClients> clients;
-  std::atomic<bool> stopClients{false};
+  std::atomic<bool> stop{false};
+  std::vector<std::future<void>> running;
+};
+
+class LoadConcurrency : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(LoadConcurrency, EightClientsCallTheTrackerWhileTheSubModulesRun) {
+  Load load(GetParam(), 0.005f);
+  ASSERT_TRUE(load.run->step());  // the scenario's first calls: register the ball, track it
+  KR::Sim::Simulation& sim = load.sim();
+  sim.callTracker("registerTarget", std::string(Target::TargetFace), KRValue(0.1f));
   std::atomic<bool> stopStepping{false};
   std::atomic<long> steps{0};
   std::thread stepper([&] {
     for (; !stopStepping; ++steps)
       sim.step();
   });
-  std::vector<std::future<void>> running;
-  for (int i = 0; i < kClients; ++i) {
-    Client& c = clients[i];
-    c.tracker = sim.broker().getProxy("KRTracker");
-    c.rng.seed(kSeed + static_cast<std::uint32_t>(i));
-    c.modes = modes;
-    running.push_back(std::async(std::launch::async, [&c, &ops, &stopClients] {
-      while (!stopClients) {
-        const auto& op = ops[std::uniform_int_distribution<std::size_t>(0, ops.size() - 1)(c.rng)];
-        c.current = &op.first;
-        try {
-          op.second(c);
-        } catch (const std::exception& e) {
-          ADD_FAILURE() << op.first << " threw: " << e.what();
-        }
-        ++c.calls[op.first];
-      }
-    }));
-  }
-  const auto load = std::chrono::duration<double>(loadSeconds());
-  std::this_thread::sleep_for(load);
-  stopClients = true;
-  // A call that does not return is a deadlock; nothing can be joined then, so the run is
-  // aborted after saying where the client is.
-  for (int i = 0; i < kClients; ++i) {
-    if (running[i].wait_for(std::chrono::seconds(30)) != std::future_status::ready) {
-      std::fprintf(stderr, "deadlock: client %d is stuck in %s\n", i,
-                   clients[i].current.load()->c_str());
-      std::abort();
-    }
-  }
+  load.start();
+  const auto seconds = std::chrono::duration<double>(loadSeconds());
+  std::this_thread::sleep_for(seconds);
+  load.finish();
   stopStepping = true;
   stepper.join();
-  std::cerr.rdbuf(previousCerr);
 
   // After the last stop the tracker is idle, and it still does what it is told.
   sim.callTracker("stop");
@@ -247,11 +271,10 @@ TEST_P(LoadConcurrency, EightClientsCallTheTrackerWhileTheSubModulesRun) {
   sim.runFor(1.0);
   sim.callTracker("stop");
   EXPECT_FALSE(sim.callTracker<bool>("isActive"));
-  ko::log::setSink(previousSink);
 
   std::map<std::string, std::size_t> total;
   std::size_t refused = 0;
-  for (const Client& c : clients) {
+  for (const Client& c : load.clients) {
     for (const auto& entry : c.calls)
       total[entry.first] += entry.second;
     refused += c.refused;
@@ -259,13 +282,13 @@ TEST_P(LoadConcurrency, EightClientsCallTheTrackerWhileTheSubModulesRun) {
   std::printf(
       "%s: %.1f s of load, %ld simulation steps (%.1f s simulated), %zu refused calls, "
       "%zu events, resident memory %.1f MB\n",
-      GetParam(), load.count(), steps.load(), sim.time(), refused, sim.memory().eventTotal(),
+      GetParam(), seconds.count(), steps.load(), sim.time(), refused, sim.memory().eventTotal(),
       residentMegabytes());
-  for (const auto& op : ops) {
+  for (const auto& op : load.ops) {
     std::printf("  %-20s %8zu\n", op.first.c_str(), total[op.first]);
     EXPECT_GT(total[op.first], 0u) << op.first << " was never called";
   }
-  for (const auto& entry : sink->counts)
+  for (const auto& entry : load.sink->counts)
     std::printf("  log %-40s %8zu\n", entry.first.c_str(), entry.second);
 }
 
@@ -276,40 +299,10 @@ INSTANTIATE_TEST_SUITE_P(Robots, LoadConcurrency, ::testing::Values("kibo", "rov
 // while the simulation steps; resident memory is read once the history has been filled and
 // turned over twice, and again after four times as many more events.
 TEST(LoadMemory, ResidentMemoryStaysFlatUnderLoad) {
-  const auto sink = std::make_shared<CountingSink>();
-  const std::shared_ptr<ko::log::Sink> previousSink = ko::log::setSink(sink);
-  NullBuffer nothing;
-  std::streambuf* const previousCerr = std::cerr.rdbuf(&nothing);
-  KR::Sim::ScenarioOptions options;
-  options.robot = KR::Sim::RobotDescription::load("kibo");
-  KR::Sim::SimulationConfig config;
-  config.physics = "kinematic";
-  config.seed = kSeed;
-  config.modules = &KR::Sim::createTrackerModules;
-  KR::Sim::ScenarioRun run(KR::Sim::makeScenario("ball", options), config);
-  ASSERT_TRUE(run.step());
-  KR::Sim::Simulation& sim = run.simulation();
-  const auto modes = sim.callTracker<std::vector<std::string>>("getAvailableModes");
-  const auto ops = operations();
-  std::array<Client, kClients> clients;
-  std::atomic<bool> stopClients{false};
-  std::vector<std::thread> running;
-  for (int i = 0; i < kClients; ++i) {
-    Client& c = clients[i];
-    c.tracker = sim.broker().getProxy("KRTracker");
-    c.rng.seed(kSeed + static_cast<std::uint32_t>(i));
-    c.modes = modes;
-    running.emplace_back([&c, &ops, &stopClients] {
-      while (!stopClients) {
-        const auto& op = ops[std::uniform_int_distribution<std::size_t>(0, ops.size() - 1)(c.rng)];
-        try {
-          op.second(c);
-        } catch (const std::exception& e) {
-          ADD_FAILURE() << op.first << " threw: " << e.what();
-        }
-      }
-    });
-  }
+  Load load("kibo", 0.0f);
+  ASSERT_TRUE(load.run->step());
+  KR::Sim::Simulation& sim = load.sim();
+  load.start();
   constexpr std::size_t kCapacity = KR::Sim::SimMemory::kHistoryCapacity;
   // Steps until `events` have been raised in all; the steps are bounded too, in case the
   // tracker stopped raising anything.
@@ -322,11 +315,7 @@ TEST(LoadMemory, ResidentMemoryStaysFlatUnderLoad) {
   const double filled = residentMegabytes();
   EXPECT_GE(stepUntil(6 * kCapacity), 6 * kCapacity);
   const double after = residentMegabytes();
-  stopClients = true;
-  for (auto& t : running)
-    t.join();
-  std::cerr.rdbuf(previousCerr);
-  ko::log::setSink(previousSink);
+  load.finish();
   EXPECT_EQ(sim.memory().eventHistory().size(), kCapacity);
   std::printf("resident memory %.1f MB with the history full, %.1f MB after %zu more events\n",
               filled, after, 4 * kCapacity);

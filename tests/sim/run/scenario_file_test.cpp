@@ -36,7 +36,7 @@ actions:
   - {time: 4, call: setMode, args: [WholeBody]}
 phases:
   - {name: look, begin: 0, end: 4, target: ball, effector: LArm, settle_s: 1.5}
-  - {name: follow, begin: 4, target: ball, relative_position: [0.9, 0, 0, 0.1, 0.1, 0.3], localisation: true}
+  - {name: follow, begin: 4, target: ball, relative_position: [0.9, 0, 0, 0.1, 0.1, 0.3], localisation: true, on_target_deg: 4}
 )";
 
 std::string write(const std::string& name, const std::string& text) {
@@ -74,6 +74,7 @@ TEST(ScenarioFileReaderTest, EachSectionFillsItsPartOfTheScenario) {
   ASSERT_TRUE(s.phases[1].relativePosition);
   EXPECT_FLOAT_EQ((*s.phases[1].relativePosition)[0], 0.9f);
   EXPECT_TRUE(s.phases[1].measureLocalisation);
+  EXPECT_DOUBLE_EQ(s.phases[1].acquireDegrees, 4.0);
   EXPECT_FALSE(s.phases[0].measureLocalisation);
 }
 
@@ -145,6 +146,23 @@ TEST(ScenarioFileReaderTest, EveryFaultIsRefusedWithItsPlace) {
   const std::string big = ::testing::TempDir() + "/krsim_scenario_big_robot.xml";
   std::ofstream(big) << krtest::readRobotFile("kibo.xml") << std::string(2 << 20, ' ');
   expectRefused({
+      // Fields and values.
+      {"missing_name", edit("name: shelf\n", ""), ":1: name: missing"},
+      {"not_a_number", edit("duration: 10", "duration: soon"), ":3: duration: expects a number"},
+      {"infinite", edit("duration: 10", "duration: .inf"), ":3: duration: expects a number"},
+      {"unknown_field", edit("robot: kibo", "robto: kibo"), ":2: robto: unknown field"},
+      {"misspelt_field", edit("settle_s: 1.5", "settle: 1.5"),
+       ":18: phases[0].settle: unknown field"},
+      {"layout", edit("layout: world", "layout: head"), ":9: targets[0].layout: expects"},
+      {"short_point", edit("fixed: [1.5, 0, 0.3]", "points: [[0, 1, 0, 0], [1, 1, 0]]"),
+       ":10: targets[0].points[1]: expects a list of 4 numbers"},
+      {"keyframes", edit("fixed: [1.5, 0, 0.3]", "points: [[1, 1, 0, 0], [0, 1, 0, 0]]"),
+       ":10: targets[0].points[1]: keyframes go back in time"},
+      {"target", edit("end: 4, target: ball", "end: 4, target: cup"),
+       ":18: phases[0].target: no target is called 'cup'"},
+      {"negative_time", edit("{time: 0, call: setMode", "{time: -1, call: setMode"),
+       ":13: actions[0].time: expects a number from 0"},
+      {"bad_yaml", edit("phases:\n", "phases: [\n"), ":", "bad YAML"},
       // Calls.
       {"misspelt", edit("call: setEffector", "call: setEfector"),
        ":14: actions[1].call: KRTracker has no method 'setEfector' (did you mean 'setEffector'?)"},

@@ -258,15 +258,15 @@ double stampOf(const KRValue& event, const SimClock& clock) {
 
 TEST_F(WorldTest, DetectionsComeAtTheCameraRateLateByTheLatencyStampedWithTheirCapture) {
   struct Case {
-    double rateHz, latencyS, dropout;
+    double rateHz, latencyS;
     std::size_t minCount, maxCount;
   };
-  for (const Case c : {Case{15.0, 0.08, 0.0, 29, 31}, Case{10.0, 0.15, 0.0, 19, 21},
-                       Case{30.0, 0.04, 0.5, 18, 42}, Case{30.0, 0.0, 1.0, 0, 0}}) {
+  // The camera's own rates, latencies and dropouts: camera_test.cpp.
+  for (const Case c : {Case{15.0, 0.08, 29, 31}, Case{10.0, 0.15, 19, 21}}) {
     SCOPED_TRACE(c.rateHz);
     const double start = clock->seconds();
-    const auto seen = observe(5, {c.rateHz, c.latencyS, c.dropout, 0.0f, 0.0f},
-                              ball(Path::fixed(ahead(1.0f))), 200);
+    const auto seen =
+        observe(5, {c.rateHz, c.latencyS, 0.0, 0.0f, 0.0f}, ball(Path::fixed(ahead(1.0f))), 200);
     EXPECT_GE(seen.size(), c.minCount);
     EXPECT_LE(seen.size(), c.maxCount);
     for (std::size_t i = 0; i < seen.size(); ++i) {
@@ -275,7 +275,7 @@ TEST_F(WorldTest, DetectionsComeAtTheCameraRateLateByTheLatencyStampedWithTheirC
       EXPECT_GE(seen[i].first - stamp, c.latencyS - 1e-6);
       EXPECT_LT(seen[i].first - stamp, c.latencyS + 0.01);
       EXPECT_GT(stamp, start);
-      if (i > 0 && c.dropout == 0.0) {
+      if (i > 0) {
         EXPECT_NEAR(stamp - stampOf(seen[i - 1].second, *clock), 1.0 / c.rateHz, 0.0101);
       }
     }
