@@ -41,6 +41,8 @@ def test_a_scripted_experiment_follows_the_ball_and_hears_it_lost():
         assert samples["tracked"][299] == 1.0 and samples["tracked"][-1] == 0.0
         assert samples["perceived"][299] == 1.0 and samples["perceived"][-1] == 0.0
         assert np.all(np.isfinite(samples["line_of_sight_deg"]))
+        # A sample's line of sight is the one asked for at the same moment.
+        assert samples["line_of_sight_deg"][-1] == pytest.approx(sim.line_of_sight(), abs=1e-3)
         assert "TargetLost" in samples["events"][round(when * 100) - 1]
         assert set(samples["phase_index"]) == {-1}  # outside every phase
         assert sim.summary()["phases"] == []
