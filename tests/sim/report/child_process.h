@@ -9,7 +9,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstdlib>
+#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,10 +23,20 @@ extern char** environ;
 
 namespace krtest {
 
-/// A path in the tests' temporary folder of this process alone: the plain run and the Xvfb
-/// run of the same test may run at once.
+/// A path in a temporary folder of this process alone, made by mkdtemp: the plain run and the
+/// Xvfb run of the same test may run at once, and so may two suites that share /tmp. The folder
+/// goes when the process ends, if the tests removed what they put in it.
 inline std::string scratchPath(const std::string& name) {
-  return testing::TempDir() + name + "_" + std::to_string(::getpid());
+  struct Folder {
+    std::string path = testing::TempDir() + "krtracker_test_XXXXXX";
+    Folder() {
+      if (::mkdtemp(path.data()) == nullptr)
+        ADD_FAILURE() << "cannot make a folder like " << path << ": " << std::strerror(errno);
+    }
+    ~Folder() { ::rmdir(path.c_str()); }
+  };
+  static const Folder folder;
+  return folder.path + "/" + name;
 }
 
 class ChildProgram {
