@@ -113,12 +113,15 @@ std::string csvPathFor(const RunFiles& files, StagedOutputs& outputs, TemporaryF
   return temporary.path;
 }
 
+/// The CSV's name in errors: the one the user gave, else the temporary file's path.
+std::string csvShownAs(const RunFiles& files, const std::string& csvPath) {
+  return files.csv.empty() ? csvPath : files.csv;
+}
+
 /// Plays one run of many with its CSV streamed to `csvPath` (none when empty), named
-/// `shownAs` in errors (the path itself when it is a temporary file without a name).
-RunResult playToCsv(ScenarioRun& run, const std::string& csvPath, std::string shownAs,
+/// `shownAs` in errors.
+RunResult playToCsv(ScenarioRun& run, const std::string& csvPath, const std::string& shownAs,
                     std::clock_t cpuStart) {
-  if (shownAs.empty())
-    shownAs = csvPath;
   std::ofstream csv;
   if (!csvPath.empty()) {
     csv.open(csvPath);
@@ -153,7 +156,7 @@ RunResult runOnce(const RunConfig& config, const Scenario& scenario,
   const auto run = buildRun(scenario, simulationConfig(config, modules));
   TemporaryFile temporary;
   const std::string csvPath = csvPathFor(files, outputs, temporary);
-  const RunResult r = playToCsv(*run, csvPath, files.csv, cpuStart);
+  const RunResult r = playToCsv(*run, csvPath, csvShownAs(files, csvPath), cpuStart);
   drawStaged(config, scenario, r, csvPath, files.plot, outputs);
   return r;
 }
@@ -362,8 +365,9 @@ int PreparedRun::play(const RunConfig& config, const Scenario& scenario,
   Parts& p = *fParts;
   printHeader(config, scenario, out);
   TemporaryFile temporary;
-  const std::string csvPath = csvPathFor({config.csv, config.plot}, p.outputs, temporary);
-  const std::string csvName = config.csv.empty() ? csvPath : config.csv;
+  const RunFiles files{config.csv, config.plot};
+  const std::string csvPath = csvPathFor(files, p.outputs, temporary);
+  const std::string csvName = csvShownAs(files, csvPath);
   std::ofstream csv;
   if (!csvPath.empty()) {
     csv.open(csvPath);
